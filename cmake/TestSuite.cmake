@@ -1,0 +1,37 @@
+include(GoogleTest)
+
+# nandsmith_add_test_suite(<target> LABEL <label> SOURCES <file>... [LIBRARIES <target>...])
+#
+# One GoogleTest executable whose tests ctest knows one by one, under the given label. Its sources may use
+#   NANDSMITH_PROGRAM      path of the program
+#   MAKE_SAMPLE_FIRMWARE   path of the maker of sample firmware
+#   NANDSMITH_SOURCE_DIR   top directory of the source tree
+# Without a source there is no executable.
+function(nandsmith_add_test_suite target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "SOURCES;LIBRARIES")
+    if(NOT arg_SOURCES)
+        message(STATUS "Tests: ${target} has no source yet")
+        return()
+    endif()
+
+    add_executable(${target} ${arg_SOURCES})
+    target_link_libraries(
+        ${target} PRIVATE nandsmith_test_support nandsmith_build_options ${arg_LIBRARIES} GTest::gtest_main
+    )
+    if(TARGET GTest::gmock)
+        target_link_libraries(${target} PRIVATE GTest::gmock)
+    endif()
+    target_compile_definitions(
+        ${target}
+        PRIVATE NANDSMITH_PROGRAM="$<TARGET_FILE:nandsmith>"
+                MAKE_SAMPLE_FIRMWARE="$<TARGET_FILE:make_sample_firmware>"
+                NANDSMITH_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+    )
+    add_dependencies(${target} nandsmith make_sample_firmware)
+
+    gtest_discover_tests(
+        ${target}
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 300
+    )
+endfunction()

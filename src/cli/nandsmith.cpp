@@ -1,0 +1,288 @@
+#include "../storage/storage_impl.h"
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <getopt.h>
+#include <memory>
+#include <new>
+#include <string>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/// What main returns; the process ends with the value modulo 256.
+enum ExitCode : int {
+    kSuccess = 0,
+    kUnknownFlashType = -1,
+    kBlockSizeNotANumber = -2,
+    kPageSizeNotANumber = -3,
+    kOobSizeNotANumber = -4,
+    kNoFlashType = -5,
+    kNoBlockSize = -6,
+    kNoPageSize = -7,
+    kNoOobSize = -8,
+    kOutputNotAccessible = -9,
+    kOutputNotADirectory = -10,
+    kFirmwareNotAccessible = -11,
+    kFirmwareNotAFile = -12,
+    kNoStorage = -13,
+    kInitFailed = -14,
+    kCreationFailed = -15,
+    kOutOfMemory = -16,
+};
+
+struct Options {
+    std::string in_firmware;
+    std::string out_dir;
+    ENUM_FLASH_TYPE flash_type = FLASH_NONE;
+    uint32_t block_size = 0;  ///< KB
+    uint32_t page_size = 0;   ///< KB
+    uint32_t oob_size = 0;    ///< bytes
+    bool page_2k_data = false;
+    bool using_page_list = false;
+};
+
+/// Parsing goes on, or the run ends here with the code.
+struct Outcome {
+    bool ends = false;
+    int code = kSuccess;
+};
+
+constexpr Outcome kGoOn{};
+
+constexpr Outcome end_with(int code) {
+    return {true, code};
+}
+
+const option long_options[] = {
+    {"in", required_argument, nullptr, 'i'},
+    {"out", required_argument, nullptr, 'o'},
+    {"flash_type", required_argument, nullptr, 't'},
+    {"block_size", required_argument, nullptr, 'b'},
+    {"page_size", required_argument, nullptr, 'p'},
+    {"oob_size", required_argument, nullptr, 's'},
+    {"2k_data", no_argument, nullptr, '2'},
+    {"page_list", no_argument, nullptr, 'l'},
+    {"version", no_argument, nullptr, 'v'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+// "-" hands arguments that are no options over in their order, ":" keeps the parser silent. The letter l is
+// left out: the page list is switched on by its long option alone.
+const char short_options[] = "-:i:o:t:b:p:s:2vh";
+
+void usage() {
+    std::printf("NAME\n"
+                "\tnandsmith - creating image for programming on flash\n"
+                "SYNOPSIS\n"
+                "\tnandsmith [-iotbpsvh]\n"
+                "DESCRIPTION\n"
+                "\tThis tool aims to convert firmware into image for programming\n"
+                "\tFrom now on,it can support slc nand(qz)|spi nand|nor|emmc.\n"
+                "OPTIONS:\n"
+                "\t  -i\tinput firmware\n"
+                "\t  -o\toutput directory\n"
+                "\t  -t\tstorage type,range in[SLC|SPINAND|SPINOR|EMMC]\n"
+                "\t  -b\tblock size,unit KB\n"
+                "\t  -p\tpage size,unit KB\n"
+                "\t  -s\toob size,unit B\n"
+                "\t  -2\t2k data in one page\n"
+                "\t  -l\tusing page linked list\n"
+                "\t  -v\tshow version\n");
+}
+
+Outcome parse_flash_type(const char* word, ENUM_FLASH_TYPE& type) {
+    std::printf("flash type is '%s'\n", word);
+    if (::strcasecmp(word, "slc") == 0)
+        type = FLASH_SLC_NAND;
+    else if (::strcasecmp(word, "spinand") == 0)
+        type = FLASH_SPI_NAND;
+    else if (::strcasecmp(word, "spinor") == 0)
+        type = FLASH_NOR;
+    else if (::strcasecmp(word, "emmc") == 0)
+        type = FLASH_EMMC;
+    else {
+        std::printf("flash type is not support.\n");
+        return end_with(kUnknownFlashType);
+    }
+    return kGoOn;
+}
+
+Outcome parse_size(const char* what, const char* text, int failure, uint32_t& size) {
+    std::printf("%s size is '%s'\n", what, text);
+    try {
+        size = static_cast<uint32_t>(std::stoi(text));  // a negative number becomes a large one
+    } catch (const std::exception& exception) {
+        std::printf("exception is '%s'\n", exception.what());
+        return end_with(failure);
+    }
+    return kGoOn;
+}
+
+Outcome apply_option(int code, int option_index, Options& options) {
+    switch (code) {
+    case 0:
+        std::printf("long option %s", long_options[option_index].name);
+        if (optarg != nullptr)
+            std::printf(" with arg %s", optarg);
+        std::printf("\n");
+        return kGoOn;
+    case 1:
+        std::printf("regular argument '%s'\n", optarg);
+        return kGoOn;
+    case 'i':
+        std::printf("input firmware is '%s'\n", optarg);
+        options.in_firmware = optarg;
+        return kGoOn;
+    case 'o':
+        std::printf("output directory is '%s'\n", optarg);
+        options.out_dir = optarg;
+        return kGoOn;
+    case 't':
+        return parse_flash_type(optarg, options.flash_type);
+    case 'b':
+        return parse_size("block", optarg, kBlockSizeNotANumber, options.block_size);
+    case 'p':
+        return parse_size("page", optarg, kPageSizeNotANumber, options.page_size);
+    case 's':
+        return parse_size("oob", optarg, kOobSizeNotANumber, options.oob_size);
+    case '2':
+        std::printf("2k data page on.\n");
+        options.page_2k_data = true;
+        return kGoOn;
+    case 'l':
+        std::printf("page linked list on.\n");
+        options.using_page_list = true;
+        return kGoOn;
+    case 'v':
+        std::printf("%s%s\n", "nandsmith ", " v1.0_20210204");
+        return end_with(kSuccess);
+    case 'h':
+        usage();
+        return end_with(kSuccess);
+    case ':':
+        std::printf("Missing option for %c\n", optopt);
+        return kGoOn;
+    case '?':
+        std::printf("Unknown option %c\n", optopt);
+        return kGoOn;
+    default:
+        std::printf("?? getopt returned character code 0%o ??\n", static_cast<unsigned>(code));
+        return kGoOn;
+    }
+}
+
+Outcome parse_options(int argc, char* argv[], Options& options) {
+    for (;;) {
+        int option_index = 0;
+        const int code = ::getopt_long(argc, argv, short_options, long_options, &option_index);
+        if (code == -1)
+            return kGoOn;
+        if (const Outcome outcome = apply_option(code, option_index, options); outcome.ends)
+            return outcome;
+    }
+}
+
+Outcome refuse(const std::string& message, int code) {
+    std::printf("%s\n", message.c_str());
+    return end_with(code);
+}
+
+Outcome check_geometry(const Options& options) {
+    if (options.flash_type == FLASH_NONE)
+        return refuse("flash type is none", kNoFlashType);
+    if (options.block_size == 0)
+        return refuse("block size is zero", kNoBlockSize);
+    if (options.page_size == 0)
+        return refuse("page size is zero", kNoPageSize);
+    if (options.oob_size == 0 && options.flash_type == FLASH_SLC_NAND)
+        return refuse("oob size is zero", kNoOobSize);
+    return kGoOn;
+}
+
+/// Checks the output directory, or takes the current one when none is given.
+Outcome check_output(Options& options) {
+    if (options.out_dir.empty()) {
+        char szProgramDir[256];
+        if (::getcwd(szProgramDir, sizeof(szProgramDir)) == nullptr)
+            return refuse("current directory failed to access", kOutputNotAccessible);
+        options.out_dir = szProgramDir;
+        return kGoOn;
+    }
+    struct stat info {};
+    if (::stat(options.out_dir.c_str(), &info) != 0)
+        return refuse(options.out_dir + " failed to access", kOutputNotAccessible);
+    if (!S_ISDIR(info.st_mode))
+        return refuse(options.out_dir + " is not a directory", kOutputNotADirectory);
+    return kGoOn;
+}
+
+Outcome check_firmware(const Options& options) {
+    struct stat info {};
+    if (::stat(options.in_firmware.c_str(), &info) != 0)
+        return refuse(options.in_firmware + " failed to access", kFirmwareNotAccessible);
+    if (!S_ISREG(info.st_mode))
+        return refuse(options.out_dir + " is not a file",
+                      kFirmwareNotAFile);  // scripts look for this very line
+    return kGoOn;
+}
+
+std::unique_ptr<CStorage> make_storage(const Options& o) {
+    switch (o.flash_type) {
+    case FLASH_EMMC:
+        return std::make_unique<CEmmcStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
+                                              o.page_2k_data);
+    case FLASH_NOR:
+        return std::make_unique<CNorStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
+                                             o.page_2k_data);
+    case FLASH_SPI_NAND:
+        return std::make_unique<CSpiStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
+                                             o.page_2k_data);
+    case FLASH_SLC_NAND:
+        return std::make_unique<CSlcStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
+                                             o.page_2k_data, o.using_page_list);
+    case FLASH_NONE:
+        break;
+    }
+    return nullptr;
+}
+
+int run(int argc, char* argv[]) {
+    Options options;
+    if (const Outcome outcome = parse_options(argc, argv, options); outcome.ends)
+        return outcome.code;
+    if (const Outcome outcome = check_geometry(options); outcome.ends)
+        return outcome.code;
+    if (const Outcome outcome = check_output(options); outcome.ends)
+        return outcome.code;
+    if (const Outcome outcome = check_firmware(options); outcome.ends)
+        return outcome.code;
+
+    // Never destroyed: create_image has closed the output, and the process ends.
+    static CStorage* storage_pointer = nullptr;
+    storage_pointer = make_storage(options).release();
+    if (storage_pointer == nullptr)
+        return refuse("Storage object is NULL.", kNoStorage).code;
+    if (!storage_pointer->storage_init())
+        return kInitFailed;
+    if (!storage_pointer->create_image())
+        return refuse("Failed to create programming image.", kCreationFailed).code;
+    return kSuccess;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    // A file that grows past the limit of the process is a write error like any other, not the end.
+    std::signal(SIGXFSZ, SIG_IGN);
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        std::printf("out of memory\n");
+        return kOutOfMemory;
+    }
+}

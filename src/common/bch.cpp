@@ -1,0 +1,270 @@
+#include "bch.h"
+
+#include "bch_kernels.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+#include <vector>
+
+uint8_t mm = 14;
+uint32_t MaxBitsNum;
+uint32_t CodeBytesNum;
+uint32_t SysBytesNum;
+uint32_t CodeBitsNum;
+uint32_t DubCodeBitsNum;
+uint32_t CodeSysBitsNum;
+uint32_t CodeSysBytesNum;
+uint32_t CodecBitsNum;
+uint32_t CodecBytesNum;
+uint32_t CodecWordsNum;
+uint32_t AllBitsNum;
+uint32_t AllBytesNum;
+uint32_t BCHSpareSize;
+
+int32_t* alpha_to;
+int32_t* index_of;
+uint8_t p[21];
+uint8_t gg[14 * kLargestBchStrength + 1];
+uint32_t rr;
+uint32_t ggx[64];
+
+namespace {
+
+BchKernelTables tables;
+BchRegister correction;  // makes an erased page valid; zero for the strengths without it
+BchPath selected_path = BchPath::portable;
+BchKernel kernel = bch_kernel_portable;
+uint64_t encoded_codewords;
+
+/// Exponents of the terms between x^m and 1 of the primitive polynomial of a degree; 0 ends them.
+struct PrimitivePolynomial {
+    uint8_t degree;
+    uint8_t middle[6];
+};
+
+constexpr PrimitivePolynomial kPrimitivePolynomials[] = {
+    {2, {1}},
+    {3, {1}},
+    {4, {1}},
+    {5, {2}},
+    {6, {1}},
+    {7, {1}},
+    {8, {6, 5, 4}},
+    {9, {4}},
+    {10, {3}},
+    {11, {2}},
+    {12, {7, 4, 3}},
+    {13, {10, 8, 7, 5, 3, 2}},
+    {14, {8, 7, 6, 4, 2}},
+    {15, {1}},
+    {16, {5, 3, 2}},
+    {17, {3}},
+    {18, {7}},
+    {19, {6, 5, 1}},
+    {20, {3}},
+};
+
+void set_primitive_polynomial() {
+    std::fill(std::begin(p), std::end(p), uint8_t{0});
+    for (const PrimitivePolynomial& polynomial : kPrimitivePolynomials) {
+        if (polynomial.degree != mm)
+            continue;
+        p[0] = p[mm] = 1;
+        for (uint8_t exponent : polynomial.middle)
+            p[exponent] = 1;  // the 0 that ends the list is a term as well
+        // x^13 has its x^1 term beyond the six that the table holds.
+        if (mm == 13)
+            p[1] = 1;
+    }
+}
+
+/// Exponents of the roots: the cyclotomic cosets of 1 to 2t, in increasing order.
+std::vector<uint32_t> generator_roots() {
+    std::vector<bool> is_root(DubCodeBitsNum);
+    for (uint32_t i = 1; i <= 2 * MaxBitsNum; ++i) {
+        uint32_t exponent = i % DubCodeBitsNum;
+        for (uint32_t j = 0; j < mm; ++j) {
+            is_root[exponent] = true;
+            exponent = exponent * 2 % DubCodeBitsNum;
+        }
+    }
+    std::vector<uint32_t> roots;
+    for (uint32_t exponent = 0; exponent < DubCodeBitsNum; ++exponent)
+        if (is_root[exponent])
+            roots.push_back(exponent);
+    return roots;
+}
+
+/// factor * alpha^exponent in the field.
+int32_t times_power(int32_t factor, uint32_t exponent) {
+    if (factor == 0)
+        return 0;
+    return alpha_to[(static_cast<uint32_t>(index_of[factor]) + exponent) % DubCodeBitsNum];
+}
+
+void pack_generator() {
+    std::fill(std::begin(ggx), std::end(ggx), 0U);
+    for (uint32_t bit = 0; bit + 1 < rr; ++bit)
+        ggx[bit / 32] |= static_cast<uint32_t>(gg[rr - 1 - bit]) << bit % 32;
+}
+
+void set_configuration(uint16_t t) {
+    mm = 14;
+    MaxBitsNum = t;
+    CodeBytesNum = 1024;
+    SysBytesNum = 4;
+    CodeBitsNum = CodeBytesNum * 8;
+    DubCodeBitsNum = (1U << mm) - 1;
+    CodeSysBytesNum = CodeBytesNum + SysBytesNum;
+    CodeSysBitsNum = CodeSysBytesNum * 8;
+    CodecBitsNum = MaxBitsNum * mm;
+    CodecBytesNum = (CodecBitsNum + 7) / 8;
+    CodecWordsNum = (CodecBytesNum + 3) / 4;
+    AllBitsNum = CodecBitsNum + CodeSysBitsNum;
+    AllBytesNum = CodecBytesNum + CodeSysBytesNum;
+    BCHSpareSize = (CodecBitsNum / 8 + 1) & ~1U;
+}
+
+/// An erased page reads 0xFF everywhere and must be valid: the complement of an all-0xFF codeword's register
+/// is added to every one. Devices know this for these three strengths only.
+void set_correction() {
+    correction = {};
+    if (MaxBitsNum != 16 && MaxBitsNum != 24 && MaxBitsNum != 60)
+        return;
+    const std::vector<uint8_t> erased(kBchCodewordBytes, 0xFF);
+    bch_kernel_portable(tables, erased.data(), 1, kBchCodewordBytes, &correction);
+    for (uint64_t& word : correction.word)
+        word = ~word;
+}
+
+void write_parity(const BchRegister& parity, uint8_t* out) {
+    uint64_t words[kBchRegisterWords];
+    for (std::size_t k = 0; k < kBchRegisterWords; ++k)
+        words[k] = parity.word[k] ^ correction.word[k];
+    std::memcpy(out, words, CodecBytesNum);
+}
+
+void select_fastest_path() {
+    for (BchPath path : {BchPath::carry_less, BchPath::wide_rows, BchPath::portable})
+        if (bch_path_available(path))
+            return bch_select_path(path);
+}
+
+}  // namespace
+
+void generate_gf() {
+    set_primitive_polynomial();
+    const uint32_t order = (1U << mm) - 1;
+    const int32_t top = 1 << (mm - 1);
+    int32_t low_part = 0;  // x^mm reduced
+    for (int i = 0; i < mm; ++i)
+        low_part |= p[i] << i;
+
+    int32_t power = 1;
+    for (uint32_t i = 0; i < order; ++i) {
+        alpha_to[i] = power;
+        index_of[power] = static_cast<int32_t>(i);
+        power = (power & top) != 0 ? low_part ^ (power ^ top) << 1 : power << 1;
+    }
+    index_of[0] = -1;
+}
+
+void gen_poly() {
+    const std::vector<uint32_t> roots = generator_roots();
+    rr = static_cast<uint32_t>(roots.size());
+    std::vector<int32_t> g(rr + 1, 0);
+    g[0] = 1;
+    uint32_t degree = 0;
+    for (uint32_t root : roots) {  // times (x + alpha^root)
+        ++degree;
+        for (uint32_t i = degree; i > 0; --i)
+            g[i] = g[i - 1] ^ times_power(g[i], root);
+        g[0] = times_power(g[0], root);
+    }
+    std::fill(std::begin(gg), std::end(gg), uint8_t{0});
+    for (uint32_t i = 0; i <= rr; ++i)
+        gg[i] = static_cast<uint8_t>(g[i]);  // 0 or 1: the cosets are complete
+    pack_generator();
+}
+
+void bch_init(uint16_t t) {
+    assert(t >= 1 && t <= kLargestBchStrength);
+    set_configuration(t);
+    std::vector<int32_t> powers(std::size_t{1} << mm);
+    std::vector<int32_t> logarithms(std::size_t{1} << mm);
+    alpha_to = powers.data();
+    index_of = logarithms.data();
+    generate_gf();
+    gen_poly();
+    alpha_to = nullptr;
+    index_of = nullptr;
+
+    bch_build_tables(ggx, rr, tables);
+    set_correction();
+    select_fastest_path();
+}
+
+void bch_encode(const uint8_t* input, uint8_t* output) {
+    if (output != input)
+        std::memcpy(output, input, CodeSysBytesNum);
+    bch_encode_units(output, 1, CodeSysBytesNum);
+}
+
+void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride) {
+    BchRegister parity[kBchLanes];
+    encoded_codewords += count;
+    while (count != 0) {
+        const uint32_t group = std::min(count, kBchLanes);
+        kernel(tables, first, group, stride, parity);
+        for (uint32_t i = 0; i < group; ++i)
+            write_parity(parity[i], first + std::size_t{i} * stride + kBchCodewordBytes);
+        first += std::size_t{group} * stride;
+        count -= group;
+    }
+}
+
+void bch_replace_system_bytes(uint8_t* codeword, uint32_t value) {
+    uint8_t* system_bytes = codeword + CodeBytesNum;
+    uint32_t before;
+    std::memcpy(&before, system_bytes, sizeof(before));
+    std::memcpy(system_bytes, &value, sizeof(value));
+
+    BchRegister difference;
+    bch_register_of_word(tables, before ^ value, difference);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(difference.word);
+    for (uint32_t i = 0; i < CodecBytesNum; ++i)
+        codeword[kBchCodewordBytes + i] ^= bytes[i];
+}
+
+uint64_t bch_encoded_codewords() {
+    return encoded_codewords;
+}
+
+bool bch_path_available(BchPath path) {
+    switch (path) {
+    case BchPath::portable:
+        return true;
+    case BchPath::wide_rows:
+        return bch_has_wide_rows();
+    case BchPath::carry_less:
+        return bch_has_carry_less();
+    }
+    return false;
+}
+
+void bch_select_path(BchPath path) {
+    assert(bch_path_available(path));
+    selected_path = path;
+    const bool multiply = path == BchPath::carry_less && rr == 14 * 16;
+    if (multiply)
+        kernel = bch_kernel_carry_less;
+    else if (path != BchPath::portable && bch_has_wide_rows())
+        kernel = bch_kernel_wide_rows;
+    else
+        kernel = bch_kernel_portable;
+}
+
+BchPath bch_selected_path() {
+    return selected_path;
+}

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+
+/// Binary BCH code over GF(2^14) for NAND pages: 1024 data bytes and 4 system bytes to a codeword, t
+/// correctable bits. The code is configured once by bch_init and then used by bch_encode; both work on global
+/// state.
+
+// Configuration, set by bch_init.
+extern uint8_t mm;                ///< degree of the field, 14
+extern uint32_t MaxBitsNum;       ///< t, correctable bits per codeword
+extern uint32_t CodeBytesNum;     ///< data bytes, 1024
+extern uint32_t SysBytesNum;      ///< system bytes protected with the data, 4
+extern uint32_t CodeBitsNum;      ///< data bits
+extern uint32_t DubCodeBitsNum;   ///< 2^14 - 1, the multiplicative order of the field
+extern uint32_t CodeSysBitsNum;   ///< data and system bits
+extern uint32_t CodeSysBytesNum;  ///< bytes that are encoded, 1028
+extern uint32_t CodecBitsNum;     ///< parity bits, 14 t
+extern uint32_t CodecBytesNum;    ///< parity bytes that are written
+extern uint32_t CodecWordsNum;    ///< 32-bit words of the parity register
+extern uint32_t AllBitsNum;       ///< bits of a codeword
+extern uint32_t AllBytesNum;      ///< bytes of a codeword
+extern uint32_t BCHSpareSize;     ///< spare bytes kept for the parity, an even number
+
+constexpr uint32_t kLargestBchStrength = 64;  ///< largest t
+
+// Field and generator tables.
+extern int32_t* alpha_to;  ///< powers of the primitive element; only while bch_init runs, else null
+extern int32_t* index_of;  ///< its logarithms, index_of[0] = -1; only while bch_init runs, else null
+extern uint8_t p[21];      ///< coefficients of the primitive polynomial, from x^0 to x^mm
+extern uint8_t gg[14 * kLargestBchStrength + 1];  ///< coefficients of the generator polynomial, from x^0 on
+extern uint32_t rr;                               ///< degree of the generator polynomial
+extern uint32_t
+    ggx[64];  ///< generator as the encoder's register has it: bit b is the coefficient of x^(rr - 1 - b)
+
+/// Configures the code for t correctable bits, 1 to 64 (asserted). Must precede all encoding; a later call
+/// reconfigures.
+void bch_init(uint16_t t);
+
+/// Steps of bch_init: fill alpha_to and index_of for the degree mm (2 to 20); fill gg, rr and ggx for
+/// MaxBitsNum.
+void generate_gf();
+void gen_poly();
+
+/// Encodes one codeword: takes the 1028 bytes at input, copies them to output unless it is the same place,
+/// and writes CodecBytesNum parity bytes behind them at output + 1028. For t = 16, 24 and 60 an all-0xFF
+/// codeword is valid.
+void bch_encode(const uint8_t* input, uint8_t* output);
+
+/// Encodes count codewords in place, stride bytes from one to the next: what bch_encode does for each, side
+/// by side.
+void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride);
+
+/// Replaces the system bytes of an encoded codeword by value (little-endian) and adds the difference to its
+/// parity; the code is linear, so the data is not looked at.
+void bch_replace_system_bytes(uint8_t* codeword, uint32_t value);
+
+/// Codewords that were encoded from all their bytes since the program started.
+uint64_t bch_encoded_codewords();
+
+/// How codewords are encoded; all ways give the same bytes.
+enum class BchPath {
+    portable,    ///< tables, by what every processor has
+    wide_rows,   ///< the same tables with 256-bit rows (AVX2)
+    carry_less,  ///< carry-less multiplication (PCLMULQDQ); t = 16 only, other strengths take the best table
+                 ///< path
+};
+
+/// True when this processor has what the path needs.
+bool bch_path_available(BchPath path);
+
+/// Uses the path from now on; it must be available (asserted). bch_init starts with the fastest one.
+void bch_select_path(BchPath path);
+BchPath bch_selected_path();

@@ -1,0 +1,163 @@
+#include "common_define.h"
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr uint32_t kBootContainerGenerator = 0x04C10DB7;
+constexpr uint32_t kStandardGenerator = 0x04C11DB7;
+constexpr uint32_t kReflectedGenerator = 0xEDB88320;
+constexpr uint16_t kCrc16Generator = 0x8005;
+constexpr uint16_t kCcittGenerator = 0x1021;
+
+constexpr uint32_t msb_first_entry(uint32_t index, uint32_t generator) {
+    uint32_t remainder = index << 24;
+    for (int bit = 0; bit < 8; ++bit)
+        remainder = (remainder << 1) ^ ((remainder & 0x80000000U) != 0 ? generator : 0U);
+    return remainder;
+}
+
+constexpr uint32_t reflected_entry(uint32_t index, uint32_t generator) {
+    uint32_t remainder = index;
+    for (int bit = 0; bit < 8; ++bit)
+        remainder = (remainder >> 1) ^ ((remainder & 1U) != 0 ? generator : 0U);
+    return remainder;
+}
+
+template <typename Indexes>
+struct Tables;
+
+template <std::size_t... I>
+struct Tables<std::index_sequence<I...>> {
+    static constexpr uint32_t boot_container[256] = {msb_first_entry(I, kBootContainerGenerator)...};
+    static constexpr uint32_t reflected[256] = {reflected_entry(I, kReflectedGenerator)...};
+};
+
+using AllTables = Tables<std::make_index_sequence<256>>;
+
+using Rc4Key = std::array<uint8_t, 16>;
+
+#ifdef NANDSMITH_RC4_KEY
+
+constexpr int hexadecimal_value(char digit) {
+    if (digit >= '0' && digit <= '9')
+        return digit - '0';
+    if (digit >= 'a' && digit <= 'f')
+        return digit - 'a' + 10;
+    if (digit >= 'A' && digit <= 'F')
+        return digit - 'A' + 10;
+    return -1;
+}
+
+constexpr bool is_key_text(std::string_view text) {
+    for (char digit : text)
+        if (hexadecimal_value(digit) < 0)
+            return false;
+    return text.size() == 32;
+}
+
+constexpr std::string_view kKeyText = NANDSMITH_RC4_KEY;
+static_assert(is_key_text(kKeyText), "NANDSMITH_RC4_KEY must be exactly 32 hexadecimal digits");
+
+constexpr Rc4Key make_key() {
+    Rc4Key key{};
+    for (std::size_t i = 0; i < key.size(); ++i)
+        key[i] = static_cast<uint8_t>(hexadecimal_value(kKeyText[2 * i]) * 16 +
+                                      hexadecimal_value(kKeyText[2 * i + 1]));
+    return key;
+}
+
+constexpr Rc4Key kBuildKey = make_key();
+
+#else
+
+// A development key: no device has it. Images for a real device need the key of its boot ROM.
+constexpr Rc4Key kBuildKey = {'n', 'a', 'n', 'd', 's', 'm', 'i', 't', 'h', '-', 'd', 'e', 'v', 'k', 'e', 'y'};
+
+#endif
+
+}  // namespace
+
+constinit const uint32_t (&gCrc32Table)[256] = AllTables::boot_container;
+constinit const uint32_t (&crc32table_le)[256] = AllTables::reflected;
+
+uint32_t crc32(const uint8_t* data, uint32_t len, const uint32_t* init) {
+    uint32_t crc = init != nullptr ? *init : 0;
+    for (uint32_t i = 0; i < len; ++i)
+        crc = (crc << 8) ^ AllTables::boot_container[(crc >> 24) ^ data[i]];
+    return crc;
+}
+
+uint32_t crc32_le(const uint8_t* data, uint32_t len, uint32_t seed) {
+    uint32_t crc = ~seed;
+    for (uint32_t i = 0; i < len; ++i)
+        crc = (crc >> 8) ^ AllTables::reflected[(crc ^ data[i]) & 0xFF];
+    return ~crc;
+}
+
+void make_crc_table(uint32_t* table) {
+    for (uint32_t i = 0; i < 256; ++i)
+        table[i] = msb_first_entry(i, kStandardGenerator);
+}
+
+void BuildCrc16Table(uint16_t poly, uint16_t* table) {
+    for (uint32_t i = 0; i < 256; ++i) {
+        uint32_t remainder = i << 8;
+        for (int bit = 0; bit < 8; ++bit)
+            remainder = (remainder << 1) ^ ((remainder & 0x8000U) != 0 ? poly : 0U);
+        table[i] = static_cast<uint16_t>(remainder);  // the low 16 bits are the remainder
+    }
+}
+
+uint16_t crc16(const uint8_t* data, uint32_t len) {
+    uint16_t table[256];
+    BuildCrc16Table(kCrc16Generator, table);
+    uint32_t crc = 0;
+    for (uint32_t i = 0; i < len; ++i)
+        crc = ((crc << 8) ^ table[(crc >> 8) ^ data[i]]) & 0xFFFF;
+    return static_cast<uint16_t>(crc);
+}
+
+uint16_t crc_calculate(uint16_t crc, uint8_t byte) {
+    uint32_t value = crc;
+    for (int bit = 7; bit >= 0; --bit) {
+        const uint32_t feedback = ((value >> 15) ^ (static_cast<uint32_t>(byte) >> bit)) & 1;
+        value = ((value << 1) & 0xFFFF) ^ (feedback != 0 ? kCcittGenerator : 0U);
+    }
+    return static_cast<uint16_t>(value);
+}
+
+uint16_t crc_ccitt(const uint8_t* data, uint32_t len) {
+    uint16_t crc = 0xFFFF;
+    for (uint32_t i = 0; i < len; ++i)
+        crc = crc_calculate(crc, data[i]);
+    return crc;
+}
+
+void rc4_with_key(uint8_t* buf, uint32_t len, const uint8_t* key, uint32_t key_len) {
+    std::array<uint8_t, 256> state;
+    for (std::size_t k = 0; k < state.size(); ++k)
+        state[k] = static_cast<uint8_t>(k);
+
+    uint8_t j = 0;  // all index sums wrap at 256, as the cipher wants
+    for (std::size_t i = 0; i < state.size(); ++i) {
+        j = static_cast<uint8_t>(j + state[i] + key[i % key_len]);
+        std::swap(state[i], state[j]);
+    }
+
+    uint8_t i = 0;
+    j = 0;
+    for (uint32_t n = 0; n < len; ++n) {
+        i = static_cast<uint8_t>(i + 1);
+        j = static_cast<uint8_t>(j + state[i]);
+        std::swap(state[i], state[j]);
+        buf[n] ^= state[static_cast<uint8_t>(state[i] + state[j])];
+    }
+}
+
+void rc4(uint8_t* buf, uint32_t len) {
+    rc4_with_key(buf, len, kBuildKey.data(), static_cast<uint32_t>(kBuildKey.size()));
+}

@@ -1,0 +1,157 @@
+#pragma once
+
+#include "Property.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+/// Kind of an entry of the boot container; each kind has a table of its own.
+enum ENUM_QZBOOTENTRY : uint32_t {
+    ENTRY471 = 1,
+    ENTRY472 = 2,
+    ENTRYLOADER = 4,
+};
+
+/// Chip-family code; copied through, never interpreted.
+enum ENUM_QZDEVICE_TYPE : uint32_t {
+    QZNONE_DEVICE = 0,
+};
+
+#pragma pack(push, 1)
+
+/// Release time as it lies in image and container heads.
+struct STRUCT_QZTIME {
+    uint16_t usYear;
+    uint8_t ucMonth;
+    uint8_t ucDay;
+    uint8_t ucHour;
+    uint8_t ucMinute;
+    uint8_t ucSecond;
+};
+static_assert(sizeof(STRUCT_QZTIME) == 7);
+
+/// Head of a boot container, at its byte 0. Offsets are in bytes from the container start.
+struct STRUCT_QZBOOT_HEAD {
+    uint32_t uiTag;  ///< "BOOT" or "LDR "
+    uint16_t usSize;
+    uint32_t dwVersion;
+    uint32_t dwMergeVersion;  ///< at most 0x1000000 for "LDR "
+    STRUCT_QZTIME stReleaseTime;
+    ENUM_QZDEVICE_TYPE emSupportChip;
+    uint8_t uc471EntryCount;
+    uint32_t dw471EntryOffset;
+    uint8_t uc471EntrySize;
+    uint8_t uc472EntryCount;
+    uint32_t dw472EntryOffset;
+    uint8_t uc472EntrySize;
+    uint8_t ucLoaderEntryCount;
+    uint32_t dwLoaderEntryOffset;
+    uint8_t ucLoaderEntrySize;
+    uint8_t ucSignFlag;  ///< 'S': the loader is signed
+    uint8_t ucRc4Flag;   ///< non-zero: the loader data is not scrambled (RC4 disabled)
+    uint8_t reserved[57];
+};
+static_assert(sizeof(STRUCT_QZBOOT_HEAD) == 102);
+
+/// One table entry. The stride of a table is the entry size of the head, not ucSize.
+struct STRUCT_QZBOOT_ENTRY {
+    uint8_t ucSize;
+    ENUM_QZBOOTENTRY emType;
+    uint16_t szName[20];  ///< UTF-16LE, padded with NUL
+    uint32_t dwDataOffset;
+    uint32_t dwDataSize;
+    uint32_t dwDataDelay;
+};
+static_assert(sizeof(STRUCT_QZBOOT_ENTRY) == 57);
+
+#pragma pack(pop)
+
+/// The boot-loader container: what the boot ROM loads, in entries of three kinds, with a checksum behind it.
+class CQZBoot {
+public:
+    property<CQZBoot, bool, 1> Rc4DisableFlag;
+    property<CQZBoot, bool, 1> SignFlag;
+    property<CQZBoot, uint32_t, 1> Version;
+    property<CQZBoot, uint32_t, 1> MergeVersion;
+    property<CQZBoot, STRUCT_QZTIME, 1> ReleaseTime;
+    property<CQZBoot, ENUM_QZDEVICE_TYPE, 1> SupportDevice;
+    property<CQZBoot, uint8_t, 1> Entry471Count;
+    property<CQZBoot, uint8_t, 1> Entry472Count;
+    property<CQZBoot, uint8_t, 1> EntryLoaderCount;
+
+    /// Takes ownership of the dwBootSize bytes at lpBootData (made by new[]); null leaves the object without
+    /// data.
+    CQZBoot(uint8_t* lpBootData, uint32_t dwBootSize);
+    CQZBoot(const CQZBoot&) = delete;
+    CQZBoot& operator=(const CQZBoot&) = delete;
+
+    /// Checks the container and decodes its head; the getters are meaningful after success only.
+    /// Returns 0, or -1 no data, -2 wrong CRC (or no room for one), -3 unknown tag (or no room for a head),
+    /// -4 merge version of an "LDR " container above 0x1000000.
+    int ObjectInit();
+
+    /// True when the CRC in the last four bytes is that of the bytes before it.
+    bool CrcCheck();
+
+    /// Index of the first entry of that kind whose name is pName ignoring case (20 characters count), or 0xFF
+    /// when there is none, the kind is unknown or the table leaves the container.
+    char GetIndexByName(ENUM_QZBOOTENTRY type, const char* pName);
+
+    /// Hands out an entry's data size in bytes, its delay and, when pName is not null, its name as 20
+    /// single-byte characters (without a NUL when it has all 20). False for an unknown kind or index or when
+    /// the entry leaves the container; the arguments are then untouched.
+    bool GetEntryProperty(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint32_t& dwSize, uint32_t& dwDelay,
+                          char* pName = nullptr);
+
+    /// Copies the entry's data to lpData, which holds the size that GetEntryProperty told. False, with
+    /// nothing copied, for an unknown kind or index or when entry or data leave the container.
+    bool GetEntryData(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint8_t* lpData);
+
+    /// Writes the entry's data to a new file. False as GetEntryData, and when the file cannot be made or
+    /// written.
+    bool SaveEntryFile(ENUM_QZBOOTENTRY type, uint8_t ucIndex, std::string fileName);
+
+    /// Zeroes len bytes of dst and copies the low byte of each of the first len UTF-16 units of src.
+    static void wchar_To_char(const uint16_t* src, char* dst, int len);
+
+    bool GetRc4DisableFlag() { return m_bRc4Disable; }
+    bool GetSignFlag() { return m_bSignFlag; }
+    uint32_t GetVersion() { return m_version; }
+    uint32_t GetMergeVersion() { return m_mergeVersion; }
+    STRUCT_QZTIME GetReleaseTime() { return m_releaseTime; }
+    ENUM_QZDEVICE_TYPE GetSupportDevice() { return m_supportDevice; }
+    uint8_t GetEntry471Count() { return m_471Count; }
+    uint8_t GetEntry472Count() { return m_472Count; }
+    uint8_t GetEntryLoaderCount() { return m_loaderCount; }
+
+private:
+    struct EntryTable {
+        uint32_t offset;
+        uint8_t entry_size;
+        uint8_t count;
+    };
+    bool select_table(ENUM_QZBOOTENTRY type, EntryTable& table) const;
+    bool read_entry(ENUM_QZBOOTENTRY type, uint8_t index, STRUCT_QZBOOT_ENTRY& entry) const;
+    const uint8_t* entry_data(ENUM_QZBOOTENTRY type, uint8_t index, uint32_t& size) const;
+
+    bool m_bRc4Disable = false;
+    bool m_bSignFlag = false;
+    uint32_t m_version = 0;
+    uint32_t m_mergeVersion = 0;
+    STRUCT_QZTIME m_releaseTime{};
+    ENUM_QZDEVICE_TYPE m_supportDevice = QZNONE_DEVICE;
+    uint32_t m_471Offset = 0;
+    uint8_t m_471Size = 0;
+    uint8_t m_471Count = 0;
+    uint32_t m_472Offset = 0;
+    uint8_t m_472Size = 0;
+    uint8_t m_472Count = 0;
+    uint32_t m_loaderOffset = 0;
+    uint8_t m_loaderSize = 0;
+    uint8_t m_loaderCount = 0;
+    uint8_t m_crc[4] = {};
+    std::unique_ptr<uint8_t[]> m_BootData;
+    uint32_t m_BootSize;
+    uint16_t m_BootHeadSize = 0;
+};

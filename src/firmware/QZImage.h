@@ -1,0 +1,168 @@
+#pragma once
+
+#include "Property.h"
+#include "QZBoot.h"
+#include "block_reader.h"
+#include "file_identity.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+/// Operating system that the firmware is for (bytes 4 to 7 of the image head's reserved area).
+enum ENUM_OS_TYPE : uint32_t {
+    QZ_OS = 0,
+    ANDROID_OS = 1,
+};
+
+#pragma pack(push, 1)
+
+/// Head of a firmware update image, at byte 0 of the file. Offsets are absolute, sizes in bytes.
+struct STRUCT_QZIMAGE_HEAD {
+    uint32_t uiTag;  ///< "QZFW"
+    uint16_t usSize;
+    uint32_t dwVersion;
+    uint32_t dwMergeVersion;
+    STRUCT_QZTIME stReleaseTime;
+    ENUM_QZDEVICE_TYPE emSupportChip;
+    uint32_t dwBootOffset;  ///< boot container
+    uint32_t dwBootSize;
+    uint32_t dwFWOffset;  ///< package (tagQZIMAGE_HDR and the partition images)
+    uint32_t dwFWSize;    ///< low 32 bits; see kPackageSizeMark in QZImage.cpp for the high half
+    uint8_t reserved[61];
+};
+static_assert(sizeof(STRUCT_QZIMAGE_HEAD) == 102);
+
+/// One partition image of the package. name and file are NUL-terminated unless they fill their field.
+struct STRUCT_QZIMAGE_ITEM {
+    char name[32];
+    char file[60];       ///< source file; its last ten bytes may hold the large-item marks (item_data_offset)
+    uint32_t part_size;  ///< in sectors; 0xFFFFFFFF: the partition grows to the end of the device
+    uint32_t offset;     ///< data position in bytes from the package start, low 32 bits
+    uint32_t flash_offset;  ///< start on the storage in sectors; 0xFFFFFFFF: not written to the storage
+    uint32_t usespace;
+    uint32_t size;  ///< data length in bytes, low 32 bits
+};
+static_assert(sizeof(STRUCT_QZIMAGE_ITEM) == 112);
+
+/// Head of the package with the first 16 entries of its item table; a longer table goes on behind them.
+struct tagQZIMAGE_HDR {
+    uint32_t tag;
+    uint32_t size;
+    char machine_model[34];
+    char machine_info[30];
+    char manufacturer[60];  ///< its last four bytes may hold the item-count extension
+    uint32_t dwFWVer;
+    int32_t item_count;
+    STRUCT_QZIMAGE_ITEM item[16];
+};
+static_assert(sizeof(tagQZIMAGE_HDR) == 1932);
+
+#pragma pack(pop)
+
+/// Data position of the item in bytes from the package start, widened by the large-item mark ('H' at item
+/// byte 82).
+uint64_t item_data_offset(const STRUCT_QZIMAGE_ITEM& item);
+
+/// Data length of the item in bytes, widened by the large-item mark ('H' at item byte 87).
+uint64_t item_data_size(const STRUCT_QZIMAGE_ITEM& item);
+
+/// Name of the item; it ends at its NUL or after 32 bytes.
+std::string item_name(const STRUCT_QZIMAGE_ITEM& item);
+
+/// The firmware update image: its head, the boot container in it, and reads from anywhere in the file.
+/// A path with ".bin" anywhere in it (in any case) is a bare boot container instead: single mode.
+class CQZImage {
+public:
+    property<CQZImage, uint32_t, 1> Version;
+    property<CQZImage, uint32_t, 1> MergeVersion;
+    property<CQZImage, STRUCT_QZTIME, 1> ReleaseTime;
+    property<CQZImage, ENUM_QZDEVICE_TYPE, 1> SupportDevice;
+    property<CQZImage, ENUM_OS_TYPE, 1> OsType;
+    property<CQZImage, uint16_t, 1> BackupSize;
+    property<CQZImage, uint32_t, 1> BootOffset;
+    property<CQZImage, uint32_t, 1> BootSize;
+    property<CQZImage, uint32_t, 1> FWOffset;
+    property<CQZImage, uint64_t, 1> FWSize;
+    property<CQZImage, bool, 1> SignFlag;
+    property<CQZImage, bool, 1> SingleFlag;
+
+    CQZImage();
+    ~CQZImage();
+    CQZImage(const CQZImage&) = delete;
+    CQZImage& operator=(const CQZImage&) = delete;
+
+    /// Loads the image; called once. bDoCheck is ignored. Prints nothing, but a path of 256 characters or
+    /// more ends the program with one line. Returns 0, or -1 no status of the file, -2 a directory, -3 not to
+    /// be opened, -4 tag is not "QZFW", -5 the file could not be read, or r * 1000 - 6 for a code r of
+    /// CQZBoot::ObjectInit.
+    int ObjectInit(std::string filename, bool bDoCheck);
+
+    /// Reads dwSize bytes at the absolute file offset dwOffset. False when they do not all lie in the file,
+    /// when the file could not be read, and when none is open (single mode); lpBuffer is then not to be used.
+    bool GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer);
+
+    /// Hands out the head's 61 extension bytes.
+    void GetReservedData(uint8_t*& lpData, uint16_t& usSize);
+
+    /// Hands out the 32 MD5 bytes and the signature of the trailer; returns the size of the signature in
+    /// bytes, at most 256, 0 without one.
+    int GetMd5Data(uint8_t*& lpMd5, uint8_t*& lpSignMd5);
+
+    /// Always true: no digest is computed.
+    bool Md5Check(uint64_t nCheckSize);
+
+    /// Copies the boot container (or the package) to a new file. False when no firmware is open, the file is
+    /// the firmware itself or cannot be made or written, or the firmware ends before the copied part does.
+    bool SaveBootFile(std::string filename);
+    bool SaveFWFile(std::string filename);
+
+    uint32_t GetVersion() { return m_version; }
+    uint32_t GetMergeVersion() { return m_mergeVersion; }
+    STRUCT_QZTIME GetReleaseTime() { return m_releaseTime; }
+    ENUM_QZDEVICE_TYPE GetSupportDevice() { return m_supportDevice; }
+    ENUM_OS_TYPE GetOsType();
+    uint16_t GetBackupSize();
+    uint32_t GetBootOffset() { return m_bootOffset; }
+    uint32_t GetBootSize() { return m_bootSize; }
+    uint32_t GetFWOffset() { return m_fwOffset; }
+    uint64_t GetFWSize() { return m_fwSize; }
+    bool GetSignFlag() { return m_bSignFlag; }
+    bool GetSingleFlag() { return m_bSingleFlag; }
+    uint64_t GetImageSize() { return m_fileSize; }
+
+    /// The boot container; null until ObjectInit reached it. Stays owned by the image.
+    CQZBoot* GetBootObject() { return m_bootObject.get(); }
+
+    /// Which file the firmware is, so that no output is written over it. Unknown before ObjectInit opened it.
+    const FileIdentity& GetIdentity() const { return m_identity; }
+
+private:
+    int open_file(const std::string& filename);
+    int load_head();
+    bool load_trailer(uint64_t package_end);
+    int load_boot_container();
+    void close_file();
+    bool save_range(const std::string& filename, uint64_t offset, uint64_t size);
+
+    std::unique_ptr<CQZBoot> m_bootObject;
+    uint32_t m_version = 0;
+    uint32_t m_mergeVersion = 0;
+    STRUCT_QZTIME m_releaseTime{};
+    ENUM_QZDEVICE_TYPE m_supportDevice = QZNONE_DEVICE;
+    uint32_t m_bootOffset = 0;
+    uint32_t m_bootSize = 0;
+    uint32_t m_fwOffset = 0;
+    uint64_t m_fwSize = 0;
+    uint8_t m_md5[32] = {};
+    uint8_t m_signMd5[256] = {};
+    uint8_t m_reserved[61] = {};
+    bool m_bSignFlag = false;
+    bool m_bSingleFlag = false;
+    int32_t m_signMd5Size = 0;
+    std::FILE* m_pFile = nullptr;
+    uint64_t m_fileSize = 0;
+    BlockReader m_reader;  // reads m_pFile
+    FileIdentity m_identity;
+};

@@ -1,0 +1,163 @@
+#include "storage_impl.h"
+
+#include "../common/byte_reader.h"
+#include "../common/common_define.h"
+#include "console.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr char kFlashData[] = "FlashData";  // first loader stage: sets the memory up
+constexpr char kFlashBoot[] = "FlashBoot";  // second loader stage: the boot loader
+constexpr uint8_t kAbsent = 0xFF;
+
+constexpr uint32_t kHeaderSectors = 4;
+constexpr uint32_t kHeaderTag = 0x0FF0AA55;
+constexpr uint32_t kChipTag = 0x38325A51;  // "QZ28"
+constexpr uint32_t kStageUnitSectors = 4;  // a stage takes whole 2 KB units
+constexpr uint32_t kLargestSectorCount = 0xFFFF;
+
+uint8_t loader_index(CQZBoot& boot, const char* name) {
+    return static_cast<uint8_t>(boot.GetIndexByName(ENTRYLOADER, name));
+}
+
+/// Copies the data of a loader entry of that size into data. 0, or 1 absent, 2 unreadable or of another size,
+/// 3 no memory.
+int read_stage(CQZBoot& boot, const char* name, uint32_t size, ByteBuffer& data) {
+    const uint8_t index = loader_index(boot, name);
+    if (index == kAbsent)
+        return 1;
+    uint32_t real_size = 0;
+    uint32_t delay = 0;
+    if (!boot.GetEntryProperty(ENTRYLOADER, index, real_size, delay) || real_size != size)
+        return 2;
+    if (!data.reset(size))
+        return 3;
+    return boot.GetEntryData(ENTRYLOADER, index, data.data()) ? 0 : 2;
+}
+
+/// Scrambles sector by sector as the boot ROM reads it; a partial last sector gets the first keystream bytes.
+void scramble_sectors(uint8_t* bytes, uint64_t size) {
+    for (uint64_t position = 0; position < size; position += kSectorSize)
+        rc4(bytes + position, static_cast<uint32_t>(std::min<uint64_t>(kSectorSize, size - position)));
+}
+
+}  // namespace
+
+bool CStorage::get_loader_size_from_name(std::string name, uint16_t& sectors, uint32_t& size) {
+    CQZBoot* boot = m_update_image_ptr->GetBootObject();
+    if (boot == nullptr)
+        return false;
+    const uint8_t index = loader_index(*boot, name.c_str());
+    uint32_t delay = 0;
+    if (index == kAbsent || !boot->GetEntryProperty(ENTRYLOADER, index, size, delay))
+        return false;
+
+    uint32_t count = 0;
+    if (size != 0)
+        count = (size - 1) / kSectorSize / kStageUnitSectors * kStageUnitSectors + kStageUnitSectors;
+    if (count > kLargestSectorCount)
+        return false;
+    sectors = static_cast<uint16_t>(count);
+    return true;
+}
+
+void CStorage::make_idb_sector0(uint8_t* sector, uint16_t flash_data_sectors, uint16_t flash_boot_sectors) {
+    CQZBoot* boot = m_update_image_ptr->GetBootObject();
+    IDB_SEC0 header{};
+    header.dwTag = kHeaderTag;
+    header.uiRc4Flag = boot != nullptr && boot->Rc4DisableFlag ? 1 : 0;
+    header.usBootCode1Offset = kHeaderSectors;
+    header.usBootCode2Offset = kHeaderSectors;
+    header.usBootDataSize = flash_data_sectors;
+    header.usBootCodeSize =
+        static_cast<uint16_t>(flash_data_sectors + flash_boot_sectors);  // the field has 16 bits
+    std::memcpy(sector, &header, sizeof(header));
+}
+
+void CStorage::make_idb_sector1(uint8_t* sector) {
+    IDB_SEC1 header{};
+    header.usSysReservedBlock = 12;
+    header.usDisk0Size = 0xFFFF;
+    header.uiChipTag = kChipTag;
+    std::memcpy(sector, &header, sizeof(header));
+}
+
+int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t flash_boot_sectors,
+                             uint32_t flash_data_size, uint32_t flash_boot_size) {
+    constexpr int kNoMemory = -5;
+    CQZBoot* boot = m_update_image_ptr->GetBootObject();
+    if (boot == nullptr)
+        return -1;
+    ByteBuffer flash_boot;
+    if (const int failure = read_stage(*boot, kFlashBoot, flash_boot_size, flash_boot); failure != 0)
+        return failure == 3 ? kNoMemory : -failure;
+    ByteBuffer flash_data;
+    if (const int failure = read_stage(*boot, kFlashData, flash_data_size, flash_data); failure != 0)
+        return failure == 3 ? kNoMemory : -2 - failure;
+
+    make_idb_sector0(buf, flash_data_sectors, flash_boot_sectors);
+    make_idb_sector1(buf + kSectorSize);
+    std::memset(buf + 2 * kSectorSize, 0, sizeof(IDB_SEC2) + sizeof(IDB_SEC3));
+
+    if (little_endian_at<IDB_SEC0>(buf).uiRc4Flag != 0) {
+        scramble_sectors(flash_data.data(), flash_data_size);
+        scramble_sectors(flash_boot.data(), flash_boot_size);
+    }
+    const uint64_t flash_boot_sector = uint64_t{kHeaderSectors} + flash_data_sectors;
+    std::memcpy(buf + kHeaderSectors * kSectorSize, flash_data.data(), flash_data_size);
+    std::memcpy(buf + flash_boot_sector * kSectorSize, flash_boot.data(), flash_boot_size);
+
+    rc4(buf, kSectorSize);  // sector 1 stays plain
+    rc4(buf + 2 * kSectorSize, kSectorSize);
+    rc4(buf + 3 * kSectorSize, kSectorSize);
+    return 0;
+}
+
+uint32_t CStorage::compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors) {
+    return ((kHeaderSectors + flash_data_sectors + flash_boot_sectors - 1) / m_page_size_sector + 1) *
+           m_page_size_sector;
+}
+
+int CStorage::write_idblock() {
+    print_line("writing idblock...");
+    uint16_t boot_sectors = 0;
+    uint32_t boot_size = 0;
+    if (!get_loader_size_from_name(kFlashBoot, boot_sectors, boot_size))
+        return -1;
+    uint16_t data_sectors = 0;
+    uint32_t data_size = 0;
+    if (!get_loader_size_from_name(kFlashData, data_sectors, data_size))
+        return -2;
+
+    m_idb_total_sector = compute_idb_total_sector(data_sectors, boot_sectors);
+    if (!prepare_write_idblock())
+        return -3;
+
+    // Whole pages are written: the last one is filled up with zeros where a block is no multiple of a page.
+    const uint32_t pages = page_count(m_idb_total_sector, m_page_size_sector);
+    const uint64_t needed_sectors = uint64_t{kHeaderSectors} + data_sectors + boot_sectors;
+    const uint64_t size = std::max({uint64_t{m_idb_total_sector} * kSectorSize, uint64_t{pages} * m_page_size,
+                                    needed_sectors * kSectorSize});
+    ByteBuffer block(size);
+    if (!block.has(size))
+        return -5;
+    if (const int result = create_idblock(block.data(), data_sectors, boot_sectors, data_size, boot_size);
+        result != 0) {
+        print_line("Failed to create idblock" + result_suffix(result));
+        return -4;
+    }
+
+    const uint32_t starts[] = {m_idb_start_sector, m_idb_second_start_sector};
+    const int copies = m_idb_copy > 1 ? 2 : 1;  // never more than two, whatever the count says
+    for (int copy = 0; copy < copies; ++copy) {
+        if (!fill_output_file(uint64_t{starts[copy]} * kSectorSize))
+            return -5;
+        for (uint32_t i = 0; i < pages; ++i)
+            write_page(block.data() + uint64_t{i} * m_page_size, m_page_size);
+    }
+    post_write_idblock();
+    return 0;
+}

@@ -1,0 +1,59 @@
+#include "console.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+// Wide enough for a hundred times any size.
+__extension__ using Wide = unsigned __int128;
+
+void print(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+void print_line(const std::string& text) {
+    print(text + "\n");
+}
+
+void print_error_line(const std::string& text) {
+    print("\033[30;41m" + text + "\033[37;40m\n");
+}
+
+void redraw_line(const std::string& text) {
+    print("\033[1A\033[2K" + text + "\n");
+}
+
+std::string error_suffix(int error_number) {
+    return ",err=" + std::to_string(error_number);
+}
+
+std::string result_suffix(int result) {
+    return ",ret=" + std::to_string(result);
+}
+
+uint64_t percent_of(uint64_t done, uint64_t total) {
+    if (total == 0)
+        return 100;
+    if (done <= UINT64_MAX / 100)
+        return done * 100 / total;  // once a page: the wide division is several times slower
+    return static_cast<uint64_t>(Wide{done} * 100 / total);
+}
+
+void Progress::show(uint64_t done, uint64_t total) {
+    const uint64_t percent = percent_of(done, total);
+    if (percent == m_shown)
+        return;
+    m_shown = percent;
+    redraw_line(m_prefix + std::to_string(percent) + "%");
+}
+
+uint64_t Progress::steps_until_change(uint64_t done, uint64_t total) const {
+    if (done >= total || percent_of(done + 1, total) != m_shown)
+        return 1;
+    const Wide next_change = (Wide{m_shown + 1} * total + 99) / 100;
+    return static_cast<uint64_t>(std::min<Wide>(next_change, total)) - done;
+}

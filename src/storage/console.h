@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/// Lines on standard output, the tool's only way to speak. Every line is flushed.
+
+/// Prints text and a newline.
+void print_line(const std::string& text);
+
+/// Prints text between the colour sequences of an error (black on red before, white on black after) and a
+/// newline.
+void print_error_line(const std::string& text);
+
+/// Replaces the line above the cursor by text: cursor up, clear the line, text, newline.
+void redraw_line(const std::string& text);
+
+/// ",err=" and the number, or ",ret=" and the number, as messages end.
+std::string error_suffix(int error_number);
+std::string result_suffix(int result);
+
+/// 100 * done / total rounded down; 100 when total is 0.
+uint64_t percent_of(uint64_t done, uint64_t total);
+
+/// A progress line that is redrawn only when the whole percentage changes.
+class Progress {
+public:
+    /// prefix stands before the percentage; 0 counts as shown already.
+    explicit Progress(std::string prefix) : m_prefix(std::move(prefix)) {}
+
+    /// Changes the text and keeps the percentage that was shown last.
+    void set_prefix(std::string prefix) { m_prefix = std::move(prefix); }
+
+    /// Redraws the line when the percentage of done out of total is not the one shown last.
+    void show(uint64_t done, uint64_t total);
+
+    /// How many more steps can be done, at done out of total and at most until total, before show has to be
+    /// called.
+    uint64_t steps_until_change(uint64_t done, uint64_t total) const;
+
+private:
+    std::string m_prefix;
+    uint64_t m_shown = 0;
+};

@@ -1,0 +1,20 @@
+#include "storage_impl.h"
+
+#include <utility>
+
+CEmmcStorage::CEmmcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                           std::string out_dir, bool page_2k)
+    : CStorage(FLASH_EMMC, block_size, page_size, oob_size, std::move(in_file), std::move(out_dir), page_2k) {
+}
+
+CEmmcStorage::~CEmmcStorage() = default;
+
+bool CEmmcStorage::prepare_write_idblock() {
+    m_idb_total_sector = whole_blocks(m_idb_total_sector);
+    m_idb_copy = 2;
+    m_idb_upper_limit = 8192;
+    m_idb_start_sector = 64;
+    m_idb_second_start_sector =
+        1088;  // fixed: with a large block the second copy lies over the tail of the first
+    return true;
+}

@@ -1,0 +1,29 @@
+#include "storage_impl.h"
+
+#include <utility>
+
+namespace {
+
+constexpr uint32_t kFirstCopySector = 64;
+constexpr uint32_t kCopyAlignment = 128;  // 64 KB in sectors; the boot ROM looks for copies there
+
+}  // namespace
+
+CNorStorage::CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                         std::string out_dir, bool page_2k)
+    : CStorage(FLASH_NOR, block_size, page_size, oob_size, std::move(in_file), std::move(out_dir), page_2k) {}
+
+CNorStorage::~CNorStorage() = default;
+
+bool CNorStorage::prepare_write_idblock() {
+    m_idb_total_sector = whole_blocks(m_idb_total_sector);
+    m_idb_copy = 2;
+    m_idb_upper_limit = 2048;
+    m_idb_start_sector = kFirstCopySector;
+    // The first block boundary behind the first copy, then the next 64 KB boundary; 32-bit sums that may wrap
+    // to 0.
+    const uint32_t end =
+        ((m_idb_total_sector + kFirstCopySector - 1) / m_block_size_sector + 1) * m_block_size_sector;
+    m_idb_second_start_sector = end == 0 ? 0 : (end - 1) / kCopyAlignment * kCopyAlignment + kCopyAlignment;
+    return true;
+}

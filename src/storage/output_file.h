@@ -1,0 +1,112 @@
+#pragma once
+
+#include "../common/byte_buffer.h"
+#include "../firmware/file_identity.h"
+
+#include <cstdint>
+#include <ios>
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+/// The first failure of any output file of a run: which file, and the errno of what failed.
+struct WriteFailure {
+    std::string path;
+    int error = 0;  ///< 0: nothing has failed
+
+    /// Keeps path and error when they are the first.
+    void note(const std::string& failed_path, int failed_error);
+};
+
+/// Below an OutputFile: gathers bytes into blocks, writes each with one call, keeps the first error and knows
+/// position and size itself. Whole blocks of zeros behind the end of a regular file are not written but
+/// become holes.
+class OutputBuffer : public std::streambuf {
+public:
+    explicit OutputBuffer(WriteFailure* failure) : m_failure(failure) {}
+    ~OutputBuffer() override;
+    OutputBuffer(const OutputBuffer&) = delete;
+    OutputBuffer& operator=(const OutputBuffer&) = delete;
+
+    /// Never opens this file (EBUSY).
+    void protect(const FileIdentity& identity) { m_protected = identity; }
+    /// Writes zero bytes out like all others, from the next open on.
+    void keep_zero_bytes() { m_holes_allowed = false; }
+
+    /// Creates or, with truncate, empties the file. False with errno set when it cannot be had.
+    bool open(const std::string& path, bool readable, bool truncate);
+    bool is_open() const { return m_descriptor >= 0; }
+    int descriptor() const { return m_descriptor; }
+    uint64_t position() const { return m_block_offset + m_block_used; }
+    uint64_t size() const { return m_size; }
+
+    /// Writes count bytes of value at the position, without taking them from memory.
+    bool append_fill(uint8_t value, uint64_t count);
+    /// Brings everything into the file and the file to its length. False when any write so far has failed.
+    bool flush();
+    /// flush, then closes. False when any of it failed.
+    bool close();
+    /// Gives the file up with this error.
+    void fail(int error);
+
+protected:
+    int_type overflow(int_type character) override;
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+    pos_type seekoff(off_type offset, std::ios_base::seekdir origin, std::ios_base::openmode which) override;
+    pos_type seekpos(pos_type position, std::ios_base::openmode which) override;
+    int sync() override;
+
+private:
+    bool append(const uint8_t* bytes, uint64_t count);
+    bool move_to(uint64_t position);
+    bool flush_block();
+    bool write_with_holes(uint64_t offset, const uint8_t* bytes, uint64_t count);
+    bool write_all(uint64_t offset, const uint8_t* bytes, uint64_t count);
+    bool reach_length();
+
+    WriteFailure* m_failure;
+    FileIdentity m_protected;
+    bool m_holes_allowed = true;
+
+    std::string m_path;
+    int m_descriptor = -1;
+    int m_error = 0;         // first failure of this file
+    bool m_regular = false;  // a file that can have holes and be written at any position
+    ByteBuffer m_block;      // bytes of [m_block_offset, m_block_offset + m_block_used) not yet written
+    uint64_t m_block_offset = 0;
+    uint64_t m_block_used = 0;
+    uint64_t m_size = 0;         // length with everything that was appended
+    uint64_t m_written_end = 0;  // end of what was really written: zeros behind it need no bytes
+    uint64_t m_sequential = 0;   // where the next write to a file that is not regular goes by itself
+};
+
+/// An output file with the interface of a standard output stream. Its state bits say whether a write has
+/// failed; the shared WriteFailure says which file failed first and why.
+class OutputFile : public std::ostream {
+public:
+    /// record, when given, outlives the file and takes its first error.
+    explicit OutputFile(WriteFailure* record = nullptr) : std::ostream(nullptr), m_buffer(record) {
+        rdbuf(&m_buffer);
+    }
+
+    /// Opens path, creating it when it is not there; binary always. Truncates unless mode has in without
+    /// trunc. Clears the state; a failure sets failbit and errno.
+    void open(const std::string& path, std::ios_base::openmode mode = std::ios_base::out);
+    bool is_open() const { return m_buffer.is_open(); }
+    /// Writes what is gathered and closes; sets failbit when anything failed or no file is open.
+    void close();
+
+    /// Never opens this file: open fails with EBUSY.
+    void protect(const FileIdentity& identity) { m_buffer.protect(identity); }
+    /// Writes zero bytes out like all others, from the next open on.
+    void keep_zero_bytes() { m_buffer.keep_zero_bytes(); }
+    /// Writes count times size bytes of value without taking them from memory; badbit when that fails.
+    void write_fill(uint8_t value, uint64_t count, uint64_t size);
+    /// Gives the file up with this error, as if a write had failed with it: sets badbit.
+    void give_up(int error);
+    /// Of the open file, to read back what was flushed.
+    int descriptor() const { return m_buffer.descriptor(); }
+
+private:
+    OutputBuffer m_buffer;
+};

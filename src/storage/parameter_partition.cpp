@@ -1,0 +1,55 @@
+#include "storage_impl.h"
+
+#include "console.h"
+
+#include <utility>
+
+bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
+    m_uiParamFileSize = entry.size;
+    if (m_uiParamFileSize > m_update_image_ptr->GetImageSize())
+        return false;
+
+    const uint64_t pages = page_count(m_uiParamFileSize, m_page_size);
+    ByteBuffer record(pages * m_page_size_sector * kSectorSize);
+    if (!record.has(m_uiParamFileSize))
+        return false;
+    // The position is a 32-bit sum: the boot loader's packer keeps the parameter in the first 4 GiB, and the
+    // large-item marks do not count here.
+    const uint32_t position = m_update_image_ptr->FWOffset + entry.offset;
+    if (!m_update_image_ptr->GetData(position, m_uiParamFileSize, record.data()))
+        return false;
+
+    m_param_bytes = std::move(record);
+    m_paramBuffer = m_param_bytes.data();
+    return true;
+}
+
+int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
+    const uint32_t pages = page_count(entry.part_size, m_page_size_sector);
+    const uint32_t record_pages = page_count(m_uiParamFileSize, m_page_size);
+    print_line("writing parameter...");
+
+    // The boot loader looks for a whole copy at each eighth of the partition, then at each quarter.
+    uint32_t copies = 8;
+    if (record_pages > pages / copies)
+        copies = 4;
+    const uint32_t slot_pages = pages / copies;
+    if (record_pages > slot_pages) {
+        print_line("partition size is too small");
+        return -1;
+    }
+    ByteBuffer fill_page(m_page_size, m_fill_byte);
+    if (!fill_page.has(m_page_size))
+        return -2;
+
+    for (uint32_t copy = 0; copy < copies; ++copy) {
+        for (uint32_t i = 0; i < record_pages; ++i)
+            write_page(m_paramBuffer + uint64_t{i} * m_page_size, m_page_size);
+        write_fill_pages(fill_page.data(), slot_pages - record_pages, m_page_size);
+    }
+    write_fill_pages(fill_page.data(), pages - copies * slot_pages, m_page_size);
+
+    m_image_fill_page_num = pages;
+    redraw_line("writing parameter...OK");
+    return 0;
+}

@@ -1,0 +1,162 @@
+#include "storage_impl.h"
+
+#include "../common/bch.h"
+#include "console.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+constexpr uint16_t kBchStrength = 16;  // fixed, whatever the size of the spare area
+constexpr uint32_t kUnitData = 1024;
+constexpr uint32_t kUnitSpare = 32;  // 4 system bytes and 28 of parity
+constexpr uint32_t kUnitStride = kUnitData + kUnitSpare;
+constexpr uint32_t kDataPerPage2k = 2048;
+constexpr uint8_t kErased = 0xFF;
+
+bool holds_only(const uint8_t* bytes, uint64_t count, uint8_t value) {
+    return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
+}
+
+}  // namespace
+
+CSlcStorage::CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                         std::string out_dir, bool page_2k, bool page_list)
+    : CStorage(FLASH_SLC_NAND, block_size, page_size, oob_size, std::move(in_file), std::move(out_dir),
+               page_2k),
+      m_bch_size(kUnitSpare), m_bch_list_index(0), m_bch_list_step(page_list ? 1 : 4) {
+    bch_init(kBchStrength);
+}
+
+CSlcStorage::~CSlcStorage() = default;
+
+bool CSlcStorage::prepare_write_idblock() {
+    if (!open_nand_idblock())
+        return false;
+    m_idb_fill_page_num = 0;
+    m_bch_list_index = 0;
+    if (m_idb_total_sector != 0) {
+        const uint64_t page_sectors = m_page_size_sector;
+        const uint64_t factor = flash_pages_per_page();
+        const uint64_t written =
+            (m_idb_total_sector + page_sectors - 1) / page_sectors * page_sectors * factor;
+        if (const uint64_t rest = sectors_to_block_end(written); rest > 0)
+            m_idb_fill_page_num = static_cast<uint32_t>((rest - 1) / page_sectors / factor + 1);
+    }
+    return true;
+}
+
+bool CSlcStorage::post_write_idblock() {
+    write_logical_fill_pages(m_idb_fill_page_num);
+    close_output();
+    m_bch_list_index = 0;
+    return true;
+}
+
+bool CSlcStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
+    m_bch_list_index = 0;
+    m_image_fill_page_num = 0;
+    return open_nand_partition(item);
+}
+
+bool CSlcStorage::post_write_partition() {
+    // Unlike the boot block's, these sectors are not multiplied by the flash pages of a page with 2 KB of
+    // data: the programmer counts the blocks of a partition in pages of data.
+    const uint64_t written = uint64_t{m_image_fill_page_num} * m_page_size_sector;
+    const uint64_t rest = sectors_to_block_end(written);
+    if (rest > 0) {
+        const uint64_t whole_pages = (rest - 1) / m_page_size_sector;
+        write_logical_fill_pages(m_page_2k ? whole_pages / flash_pages_per_page() + 1 : whole_pages + 1);
+    }
+    close_output();
+    m_bch_list_index = 0;
+    m_image_fill_page_num = 0;
+    return true;
+}
+
+uint64_t CSlcStorage::sectors_to_block_end(uint64_t sectors) const {
+    const uint64_t block = m_block_size_sector;
+    return (sectors + block - 1) / block * block - sectors;
+}
+
+uint32_t CSlcStorage::flash_pages_per_page() const {
+    return m_page_2k ? page_count(m_page_size, kDataPerPage2k) : 1;
+}
+
+void CSlcStorage::write_logical_fill_pages(uint64_t count) {
+    if (count == 0)
+        return;
+    ByteBuffer page(m_page_size, m_fill_byte);
+    if (!page.has(m_page_size)) {
+        m_fout.give_up(ENOMEM);
+        return;
+    }
+    for (uint64_t i = 0; i < count && !m_fout.fail(); ++i)
+        write_page(page.data(), m_page_size);
+}
+
+bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
+    if (flash_page_size() < uint64_t{units()} * kUnitStride) {
+        print_error_line("size of oob is not enough");
+        return false;
+    }
+    if (m_fout.fail())
+        return true;  // nothing more reaches the file: no use in encoding it
+    if (!prepare_buffers()) {
+        m_fout.give_up(ENOMEM);
+        return true;
+    }
+    const uint32_t piece_size = m_page_2k ? kDataPerPage2k : m_page_size;
+    for (uint64_t position = 0; position < m_page_size; position += piece_size)
+        write_flash_page(data + position,
+                         static_cast<uint32_t>(std::min<uint64_t>(piece_size, m_page_size - position)));
+    return true;
+}
+
+bool CSlcStorage::prepare_buffers() {
+    const uint64_t size = flash_page_size();
+    if (m_fill_page.made && m_fill_page.fill_byte == m_fill_byte && m_flash_page.size() == size)
+        return true;
+    m_fill_page.made = false;
+    if (!m_flash_page.reset(size) || !m_fill_page.bytes.reset(size))
+        return false;
+
+    uint8_t* page = m_fill_page.bytes.data();
+    std::memset(page, kErased, size);
+    for (uint32_t k = 0; k < units(); ++k)
+        std::memset(page + uint64_t{k} * kUnitStride, m_fill_byte, kUnitData);
+    std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
+    bch_encode_units(page, units(), kUnitStride);
+    m_fill_page.fill_byte = m_fill_byte;
+    m_fill_page.made = true;
+    std::memcpy(m_flash_page.data(), page, size);  // system bytes and the unused tail of all pages
+    return true;
+}
+
+/// Writes size bytes of data, filled up to a page, as the next flash page.
+void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
+    uint8_t* page = m_flash_page.data();
+    if (holds_only(data, size, m_fill_byte)) {
+        page = m_fill_page.bytes.data();
+        bch_replace_system_bytes(page, m_bch_list_index);
+    } else {
+        encode_flash_page(data, size);
+    }
+    m_bch_list_index += m_bch_list_step;
+    m_fout.write(reinterpret_cast<const char*>(page), static_cast<std::streamsize>(flash_page_size()));
+}
+
+void CSlcStorage::encode_flash_page(const uint8_t* data, uint32_t size) {
+    uint8_t* page = m_flash_page.data();
+    std::memcpy(page + kUnitData, &m_bch_list_index, sizeof(m_bch_list_index));
+    const uint32_t data_units = page_count(size, kUnitData);
+    for (uint32_t k = 0; k < data_units; ++k)
+        std::memcpy(page + uint64_t{k} * kUnitStride, data + uint64_t{k} * kUnitData, kUnitData);
+    bch_encode_units(page, data_units, kUnitStride);
+
+    // The units behind the data of a page with 2 KB of it are fill units; they stand in the buffer since it
+    // was made.
+}

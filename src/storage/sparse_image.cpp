@@ -1,0 +1,259 @@
+#include "storage_impl.h"
+
+#include "console.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kSparseMagic = 0xED26FF3A;
+constexpr uint16_t kRawChunk = 0xCAC1;
+constexpr uint16_t kFillChunk = 0xCAC2;
+constexpr uint16_t kDontCareChunk = 0xCAC3;
+constexpr uint16_t kCrcChunk = 0xCAC4;
+constexpr uint32_t kChunkValueSize = 4;  // of a fill value or a CRC-32
+
+// Chunks may expand to more than the header tells. The excess is dropped after the expansion, so only this
+// much of it is expanded at all: a chunk of 2^32 blocks in a small partition must not fill the disk.
+constexpr uint64_t kLargestExcess = 64 * 1024 * 1024;
+
+constexpr int kChunkHeaderUnreadable = -4;
+constexpr int kRawDataUnreadable = -5;
+constexpr int kFillValueUnreadable = -6;
+
+uint64_t expanded_size(const sparse_header_t& header) {
+    return uint64_t{header.blk_sz} * header.total_blks;
+}
+
+uint64_t saturating_sum(uint64_t a, uint64_t b) {
+    return a > std::numeric_limits<uint64_t>::max() - b ? std::numeric_limits<uint64_t>::max() : a + b;
+}
+
+/// The expansion pass: walks the chunks and appends what they stand for to the temporary file, page by page.
+class SparseExpander {
+public:
+    /// Reads size bytes of the sparse image at a position.
+    using Source = std::function<bool(uint64_t position, uint32_t size, uint8_t* out)>;
+
+    SparseExpander(const sparse_header_t& header, Source source, OutputFile& target, ByteBuffer& page,
+                   uint8_t fill_byte, uint64_t output_size, Progress& progress)
+        : m_source(std::move(source)), m_target(target), m_page(page), m_fill_byte(fill_byte),
+          m_chunks(header.total_chunks), m_block_size(header.blk_sz), m_expanded_size(expanded_size(header)),
+          m_limit(saturating_sum(std::max(m_expanded_size, output_size), kLargestExcess)),
+          m_progress(progress) {}
+
+    /// 0, or the code of what could not be read, after its line.
+    int expand();
+
+    /// Bytes that the chunks expanded to.
+    uint64_t written() const { return m_written; }
+
+private:
+    int expand_chunk(const chunk_header_t& chunk);
+    int expand_raw(const chunk_header_t& chunk);
+    int expand_fill(const chunk_header_t& chunk);
+    void expand_pattern(uint64_t length);
+    void append(uint64_t piece);
+
+    Source m_source;
+    OutputFile& m_target;
+    ByteBuffer& m_page;
+    const uint8_t m_fill_byte;
+    const uint32_t m_chunks;
+    const uint64_t m_block_size;
+    const uint64_t m_expanded_size;
+    const uint64_t m_limit;  // nothing is appended beyond
+    Progress& m_progress;
+    uint64_t m_position = sizeof(sparse_header_t);  // of the next chunk header
+    uint64_t m_written = 0;
+};
+
+int SparseExpander::expand() {
+    for (uint32_t i = 0; i < m_chunks; ++i) {
+        chunk_header_t chunk;
+        if (!m_source(m_position, sizeof(chunk), reinterpret_cast<uint8_t*>(&chunk))) {
+            print_line("failed to get sparse chunk");
+            return kChunkHeaderUnreadable;
+        }
+        m_position += sizeof(chunk);
+        if (const int result = expand_chunk(chunk); result != 0)
+            return result;
+    }
+    return 0;
+}
+
+int SparseExpander::expand_chunk(const chunk_header_t& chunk) {
+    switch (chunk.chunk_type) {
+    case kRawChunk:
+        return expand_raw(chunk);
+    case kFillChunk:
+        return expand_fill(chunk);
+    case kDontCareChunk:
+        std::memset(m_page.data(), m_fill_byte, m_page.size());
+        expand_pattern(chunk.chunk_sz * m_block_size);
+        return 0;
+    case kCrcChunk:
+        m_position += kChunkValueSize;  // not verified
+        return 0;
+    default:
+        // The data of an unknown chunk is not skipped: it is read as the next chunk header. Kept, because
+        // images were released that expand this way.
+        return 0;
+    }
+}
+
+int SparseExpander::expand_raw(const chunk_header_t& chunk) {
+    uint64_t left = chunk.total_sz > sizeof(chunk) ? chunk.total_sz - sizeof(chunk) : 0;
+    while (left != 0) {
+        const uint64_t piece = std::min(left, m_page.size());
+        if (!m_source(m_position, static_cast<uint32_t>(piece), m_page.data())) {
+            print_line("failed to get raw chunk data");
+            return kRawDataUnreadable;
+        }
+        append(piece);
+        m_position += piece;
+        left -= piece;
+    }
+    return 0;
+}
+
+int SparseExpander::expand_fill(const chunk_header_t& chunk) {
+    uint8_t value[kChunkValueSize];
+    if (!m_source(m_position, sizeof(value), value)) {
+        print_line("failed to get fill chunk data");
+        return kFillValueUnreadable;
+    }
+    m_position += sizeof(value);
+    for (uint64_t i = 0; i + sizeof(value) <= m_page.size(); i += sizeof(value))
+        std::memcpy(m_page.data() + i, value, sizeof(value));
+    expand_pattern(chunk.chunk_sz * m_block_size);
+    return 0;
+}
+
+/// Appends length bytes of the pattern that fills the page. A last piece that is no multiple of four ends in
+/// fill bytes: only whole fill values are stored.
+void SparseExpander::expand_pattern(uint64_t length) {
+    const uint64_t page_size = m_page.size();
+    while (length >= page_size && saturating_sum(m_written, page_size) <= m_limit) {
+        uint64_t pieces = 1;
+        if (m_target.fail()) {  // nothing more reaches the file: on from one progress line to the next
+            const uint64_t steps = m_progress.steps_until_change(m_written, m_expanded_size);
+            pieces = std::clamp<uint64_t>((steps + page_size - 1) / page_size, 1,
+                                          std::min(length, m_limit - m_written) / page_size);
+            m_written += (pieces - 1) * page_size;
+        }
+        append(page_size);
+        length -= pieces * page_size;
+    }
+    if (length == 0 || length >= page_size)
+        return;  // done, or beyond the limit
+    std::memset(m_page.data() + length / kChunkValueSize * kChunkValueSize, m_fill_byte,
+                length % kChunkValueSize);
+    append(length);
+}
+
+/// Appends the first piece bytes of the page, unless they go beyond the limit.
+void SparseExpander::append(uint64_t piece) {
+    if (saturating_sum(m_written, piece) > m_limit)
+        return;
+    m_target.write(reinterpret_cast<const char*>(m_page.data()), static_cast<std::streamsize>(piece));
+    m_written += piece;
+    m_progress.show(m_written, m_expanded_size);
+}
+
+}  // namespace
+
+bool CStorage::is_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
+    sparse_header_t header;
+    if (!read_item_data(entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+        print_line("failed to get sparse info");
+        return false;
+    }
+    return header.magic == kSparseMagic;
+}
+
+uint64_t CStorage::get_sparse_size(STRUCT_QZIMAGE_ITEM& entry) {
+    sparse_header_t header;
+    if (!read_item_data(entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+        print_line("failed to get sparse info");
+        return std::numeric_limits<uint64_t>::max();
+    }
+    return uint32_t{header.blk_sz * header.total_blks};  // a 32-bit product, as its callers know it
+}
+
+int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
+    const std::string name = item_name(entry);
+    print_line("writing " + name + "...");
+    sparse_header_t header;
+    if (!read_item_data(entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+        print_line("failed to get sparse header");
+        return -1;
+    }
+    uint32_t pages = 0;
+    if (!count_partition_pages(entry, page_count(expanded_size(header), m_page_size), pages)) {
+        print_line("partition size is too small");
+        return -2;
+    }
+
+    const std::string path = path_in_output("unsparse_tmp.bin");
+    OutputFile expanded(&m_write_failure);
+    expanded.protect(m_update_image_ptr->GetIdentity());
+    expanded.keep_zero_bytes();
+    expanded.open(path,
+                  std::ios_base::in | std::ios_base::out | std::ios_base::binary | std::ios_base::trunc);
+    if (!expanded.is_open()) {
+        print_line("failed to create " + path + error_suffix(errno));
+        return -3;
+    }
+    ByteBuffer page(m_page_size);
+    if (!page.has(m_page_size))
+        return -7;
+
+    print_line("extracting " + name + "...");
+    Progress progress("extracting... " + name + "...");
+    const auto source = [&](uint64_t position, uint32_t size, uint8_t* out) {
+        return read_item_data(entry, position, size, out);
+    };
+    SparseExpander expander(header, source, expanded, page, m_fill_byte, uint64_t{pages} * m_page_size,
+                            progress);
+    if (const int result = expander.expand(); result != 0)
+        return result;  // the temporary file stays: it shows how far the expansion came
+
+    const uint32_t expanded_pages = page_count(expander.written(), m_page_size);
+    const uint64_t excess = expander.written() % m_page_size;
+    expanded.write_fill(m_fill_byte, 1, excess != 0 ? m_page_size - excess : 0);
+    expanded.flush();
+    print_line("");
+    progress.set_prefix("writing " + name + "...");
+    copy_expanded_pages(expanded, path, std::min(expanded_pages, pages), pages, page, progress);
+
+    m_image_fill_page_num = pages;
+    redraw_line("writing " + name + "...OK");
+    expanded.close();
+    ::unlink(path.c_str());
+    return 0;
+}
+
+void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path, uint32_t data_pages,
+                                   uint32_t pages, ByteBuffer& page, Progress& progress) {
+    BlockReader reader;
+    reader.attach(expanded.descriptor());
+    uint32_t done = 0;
+    for (; done < data_pages && !expanded.fail() && !m_fout.fail(); ++done) {
+        uint64_t got = 0;
+        const bool read = reader.read(uint64_t{done} * m_page_size, m_page_size, page.data(), got);
+        if (!read || got != m_page_size) {
+            m_write_failure.note(path, read ? EIO : errno);
+            break;
+        }
+        write_page(page.data(), m_page_size);
+        progress.show(done + 1, pages);
+    }
+    // What could not be taken from the temporary file is filled: the run ends in failure anyway.
+    write_partition_rest(page.data(), done, pages, progress);
+}

@@ -1,0 +1,371 @@
+#include "storage_impl.h"
+
+#include "../common/byte_reader.h"
+#include "console.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr uint64_t kTableBufferSize = 65536;  // an item table of up to 583 items
+constexpr uint64_t kTableUnit = 2048;         // the table is read in these units
+constexpr uint64_t kFirstItemPosition = offsetof(tagQZIMAGE_HDR, item);
+constexpr uint32_t kNotOnStorage = 0xFFFFFFFF;
+constexpr char kParameterName[] = "parameter";
+constexpr char kGptName[] = "gpt";
+
+// Partitions of a firmware without a GPT count from 4 MiB into the device.
+constexpr uint32_t kParameterLayoutStart = 8192;
+
+constexpr uint32_t kDataPerPage2k = 2048;
+
+// Padding pages of one stretch that go through write_page one by one. What a firmware asks for beyond that
+// (up to terabytes) is handed to the output file in one piece, so that a wild size costs moments and not
+// hours.
+constexpr uint64_t kSinglePaddingPages = 65536;
+
+bool has_count_extension(const tagQZIMAGE_HDR& header) {
+    return header.manufacturer[56] == 'U' && header.manufacturer[57] == 'f';
+}
+
+int64_t item_count_of(const tagQZIMAGE_HDR& header) {
+    int64_t count = header.item_count;
+    if (has_count_extension(header))
+        count += little_endian_at<uint16_t>(header.manufacturer + 58);
+    return count;
+}
+
+// The length of one step across a gap is kept in 16 bits on purpose: with pages beyond 64 KB and 2 KB of data
+// per page the number of steps decides how many pages the gap gets. A length of 0 would never end and counts
+// as 64 KB.
+uint32_t padding_step(uint64_t length) {
+    const auto step = static_cast<uint16_t>(length);
+    return step != 0 ? step : 65536;
+}
+
+}  // namespace
+
+CStorage::CStorage(ENUM_FLASH_TYPE type, uint32_t block_size, uint32_t page_size, uint32_t oob_size,
+                   std::string in_file, std::string out_dir, bool page_2k)
+    : m_init_ok(false), m_block_size(block_size << 10), m_in_firmware(std::move(in_file)), m_page_2k(page_2k),
+      m_fill_byte(0), m_out_dir(std::move(out_dir)), m_type(type), m_page_size(page_size << 10),
+      m_oob_size(oob_size), m_block_size_sector(block_size * 2), m_page_size_sector(page_size * 2),
+      m_update_image(std::make_unique<CQZImage>()) {
+    m_update_image_ptr = m_update_image.get();
+}
+
+CStorage::~CStorage() {
+    if (m_fin.is_open())
+        m_fin.close();
+    if (m_fout.is_open())
+        m_fout.close();
+}
+
+bool CStorage::prepare_write_idblock() {
+    return true;
+}
+
+bool CStorage::post_write_idblock() {
+    return true;
+}
+
+bool CStorage::post_write_partition() {
+    return true;
+}
+
+bool CStorage::storage_init() {
+    // The sizes wrap at 32 bits; one that wraps to 0 would be divided by.
+    if (m_page_size == 0 || m_page_size_sector == 0) {
+        print_line("page size is out of range");
+        return false;
+    }
+    if (m_block_size == 0 || m_block_size_sector == 0) {
+        print_line("block size is out of range");
+        return false;
+    }
+    if (m_update_image_ptr->ObjectInit(m_in_firmware, false) != 0) {
+        print_line("failed to load firmware" + result_suffix(1));  // the fact, not the reader's code
+        return false;
+    }
+    m_fout.protect(m_update_image_ptr->GetIdentity());
+    if ((m_type == FLASH_EMMC || m_type == FLASH_NOR) && !switch_output("out_image.img"))
+        return false;
+    m_init_ok = true;
+    return true;
+}
+
+bool CStorage::create_image() {
+    const bool created = run_creation();
+    close_output();  // also after a failure: what was written so far stays in the file
+    return created;
+}
+
+bool CStorage::run_creation() {
+    if (const int result = write_idblock(); result != 0) {
+        print_error_line("failed to write idblock" + result_suffix(result));
+        return false;
+    }
+    if (!m_update_image_ptr->SingleFlag) {
+        ItemPlan plan;
+        if (!read_item_table(plan) || !find_parameter(plan))
+            return false;
+        if (!make_param_buffer(plan.items[plan.parameter])) {
+            print_error_line("failed to create param buffer");
+            return false;
+        }
+        m_gpt_flag = get_gpt_flag(plan.items[plan.parameter]);
+        print_line(std::string("start to write partitions...gpt=") + (m_gpt_flag ? "1" : "0"));
+        if (!write_items(plan))
+            return false;
+        align_to_block();
+    }
+    return finish_output();
+}
+
+bool CStorage::read_item_table(ItemPlan& plan) {
+    tagQZIMAGE_HDR header;
+    const uint64_t package = m_update_image_ptr->FWOffset;
+    if (!m_update_image_ptr->GetData(package, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+        print_error_line("failed to get header of firmware");
+        return false;
+    }
+
+    const int64_t count = item_count_of(header);
+    const int64_t table_end = count * static_cast<int64_t>(sizeof(STRUCT_QZIMAGE_ITEM)) + kFirstItemPosition;
+    const int64_t unit = kTableUnit;
+    const int64_t length = (table_end + unit - 1) / unit * unit;  // a table_end below 0 rounds up towards 0
+    std::vector<uint8_t> table(kTableBufferSize);
+    if (length < 0 || length > static_cast<int64_t>(table.size()) ||
+        !m_update_image_ptr->GetData(package, static_cast<uint32_t>(length), table.data())) {
+        print_error_line("failed to get extended info of firmware");
+        return false;
+    }
+    if (count < 1) {
+        print_error_line("not found any of partition items in the firmware");
+        return false;
+    }
+
+    const ByteReader reader(table.data(), static_cast<uint64_t>(length));
+    plan.items.resize(static_cast<std::size_t>(count));
+    uint64_t position = kFirstItemPosition;
+    for (STRUCT_QZIMAGE_ITEM& item : plan.items) {
+        reader.read(position, item);  // inside: the length was made from the count
+        position += sizeof(item);
+    }
+    return true;
+}
+
+bool CStorage::find_parameter(ItemPlan& plan) {
+    bool found = false;
+    for (std::size_t i = 0; i < plan.items.size(); ++i) {
+        STRUCT_QZIMAGE_ITEM& item = plan.items[i];
+        if (item.flash_offset == kNotOnStorage)
+            continue;
+        if (item_name(item) == kParameterName) {
+            plan.parameter = i;  // a later one replaces an earlier one
+            found = true;
+        } else if (is_sparse_image(item)) {
+            plan.sparse_mask |=
+                1U << i % 32;  // items 32 apart share a bit; packages are made with that in mind
+        }
+    }
+    if (!found)
+        print_error_line("not found parameter in the firmware");
+    return found;
+}
+
+bool CStorage::write_items(ItemPlan& plan) {
+    for (std::size_t i = 0; i < plan.items.size(); ++i) {
+        STRUCT_QZIMAGE_ITEM& item = plan.items[i];
+        if (item.flash_offset == kNotOnStorage)
+            continue;
+
+        ENUM_IMAGE_TYPE kind = (plan.sparse_mask >> i % 32 & 1) != 0 ? IMAGE_SPARSE : IMAGE_FILE;
+        if (i == plan.parameter) {
+            kind = m_gpt_flag ? IMAGE_GPT : IMAGE_PARAM;
+            if (m_gpt_flag)
+                std::memcpy(item.name, kGptName, sizeof(kGptName));
+        } else if (item_data_size(item) == 0) {
+            continue;
+        }
+
+        if (!prepare_write_partition(item)) {
+            print_error_line("failed to prepare " + item_name(item));
+            return false;
+        }
+        if (const int result = write_partition(item, kind); result != 0) {
+            print_error_line("failed to write " + item_name(item) + result_suffix(result));
+            return false;
+        }
+        post_write_partition();
+    }
+    return true;
+}
+
+bool CStorage::finish_output() {
+    close_output();
+    if (m_write_failure.error != 0) {
+        print_error_line("failed to write " + m_write_failure.path + error_suffix(m_write_failure.error));
+        return false;
+    }
+    print_line("creating programming image ok.");
+    return true;
+}
+
+int CStorage::write_partition(STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE type) {
+    switch (type) {
+    case IMAGE_GPT:
+        return write_gpt(item);
+    case IMAGE_PARAM:
+        return write_parameter(item);
+    case IMAGE_SPARSE:
+        return write_sparse_image(item);
+    case IMAGE_FILE:
+        return write_image(item);
+    case IMAGE_NONE:
+        break;
+    }
+    print_line("Invalid image type");
+    return -255;
+}
+
+bool CStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
+    const uint32_t start = item.flash_offset + (m_gpt_flag ? 0 : kParameterLayoutStart);  // wraps at 32 bits
+    if (!fill_output_file(uint64_t{start} * kSectorSize))
+        return false;
+    char position[9];
+    std::snprintf(position, sizeof(position), "%08x", static_cast<unsigned>(start));
+    print_line("preparing " + item_name(item) + " at 0x" + position);
+    return true;
+}
+
+bool CStorage::fill_output_file(uint64_t offset) {
+    m_fout.seekp(0, std::ios_base::end);
+    const std::streamoff end = m_fout.tellp();
+    if (end < 0)
+        return true;  // the output has failed already; the verdict will say so
+    const auto size = static_cast<uint64_t>(end);
+    if (size >= offset) {
+        m_fout.seekp(static_cast<std::streamoff>(offset));
+        return true;
+    }
+
+    ByteBuffer page(m_page_size, m_fill_byte);
+    if (!page.has(m_page_size))
+        return false;
+    uint64_t missing = offset - size;
+    if (missing >= m_page_size) {
+        const uint32_t step = padding_step(m_page_size);
+        const uint64_t steps = (missing - m_page_size) / step + 1;
+        write_fill_pages(page.data(), steps, step);
+        missing -= steps * step;
+    }
+    while (missing != 0) {
+        const uint32_t step = padding_step(missing);
+        write_fill_pages(page.data(), 1, step);
+        missing -= step;
+    }
+    return true;
+}
+
+bool CStorage::align_to_block() {
+    if (!m_fout.is_open())
+        return true;
+    m_fout.seekp(0, std::ios_base::end);
+    const std::streamoff end = m_fout.tellp();
+    const uint64_t excess = end < 0 ? 0 : static_cast<uint64_t>(end) % m_block_size;
+    if (excess == 0)
+        return true;
+    ByteBuffer page(m_page_size, m_fill_byte);
+    if (!page.has(m_page_size)) {
+        m_fout.give_up(ENOMEM);
+        return false;
+    }
+    const uint64_t pad = m_block_size - excess;
+    write_fill_pages(page.data(), (pad + m_page_size - 1) / m_page_size, m_page_size);
+    return true;
+}
+
+bool CStorage::write_page(uint8_t* data, uint32_t length) {
+    if (m_page_2k)
+        write_page_per_2k(data);
+    else
+        m_fout.write(reinterpret_cast<const char*>(data), length);
+    return true;
+}
+
+void CStorage::write_page_per_2k(const uint8_t* data) {
+    if (!m_page_2k_buffer.has(m_page_size) && !m_page_2k_buffer.reset(m_page_size)) {
+        m_fout.give_up(ENOMEM);
+        return;
+    }
+    for (uint64_t position = 0; position < m_page_size; position += kDataPerPage2k) {
+        const uint64_t slice = std::min<uint64_t>(kDataPerPage2k, m_page_size - position);
+        std::memset(m_page_2k_buffer.data(), m_fill_byte, m_page_size);
+        std::memcpy(m_page_2k_buffer.data(), data + position, slice);
+        m_fout.write(reinterpret_cast<const char*>(m_page_2k_buffer.data()), m_page_size);
+    }
+}
+
+void CStorage::write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length) {
+    const uint64_t single = std::min(count, kSinglePaddingPages);
+    for (uint64_t i = 0; i < single && !m_fout.fail(); ++i)
+        write_page(fill_page, length);
+
+    const uint64_t slices = (uint64_t{m_page_size} + kDataPerPage2k - 1) / kDataPerPage2k;
+    const uint64_t page_bytes = m_page_2k ? slices * m_page_size : length;
+    if (count != single && !m_fout.fail())
+        m_fout.write_fill(m_fill_byte, count - single, page_bytes);
+}
+
+bool CStorage::count_partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages,
+                                     uint32_t& pages) const {
+    const bool nand =
+        m_type == FLASH_SPI_NAND || m_type == FLASH_SLC_NAND;  // these files carry data pages alone
+    pages = nand || entry.part_size == kGrowingPartition ? data_pages
+                                                         : page_count(entry.part_size, m_page_size_sector);
+    return pages >= data_pages;
+}
+
+bool CStorage::read_item_data(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t size,
+                              uint8_t* out) {
+    const uint64_t package = m_update_image_ptr->FWOffset;
+    return m_update_image_ptr->GetData(package + item_data_offset(entry) + position, size, out);
+}
+
+uint32_t CStorage::whole_blocks(uint32_t sectors) const {
+    if (sectors <= m_block_size_sector)
+        return m_block_size_sector;
+    return ((sectors - 1) / m_block_size_sector + 1) * m_block_size_sector;
+}
+
+std::string CStorage::path_in_output(const std::string& name) const {
+    const bool complete =
+        m_out_dir.empty() || m_out_dir.back() == '/';  // an empty directory is the current one
+    return m_out_dir + (complete ? "" : "/") + name;
+}
+
+bool CStorage::switch_output(const std::string& name) {
+    m_out_file = path_in_output(name);
+    close_output();
+    if (name.find('/') == std::string::npos) {
+        m_fout.open(m_out_file, std::ios_base::out | std::ios_base::binary | std::ios_base::trunc);
+    } else {
+        m_fout.setstate(std::ios_base::failbit);
+        errno = EINVAL;
+    }
+    if (!m_fout.is_open()) {
+        print_line("failed to create " + m_out_file + error_suffix(errno));
+        return false;
+    }
+    return true;
+}
+
+void CStorage::close_output() {
+    if (m_fout.is_open())
+        m_fout.close();  // a failure sets the stream's fail state and is kept for the verdict
+}

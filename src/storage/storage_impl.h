@@ -1,0 +1,460 @@
+#pragma once
+
+#include "../common/byte_buffer.h"
+#include "../firmware/QZImage.h"
+#include "output_file.h"
+
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+class Progress;
+
+/// Storage type of the output; one bit each.
+enum ENUM_FLASH_TYPE : uint32_t {
+    FLASH_NONE = 0,
+    FLASH_EMMC = 1,
+    FLASH_NOR = 2,
+    FLASH_SPI_NAND = 4,
+    FLASH_SLC_NAND = 8,
+};
+
+/// Kind of a partition image, which selects its writer.
+enum ENUM_IMAGE_TYPE : uint32_t {
+    IMAGE_NONE = 0,
+    IMAGE_GPT = 1,
+    IMAGE_PARAM = 2,
+    IMAGE_SPARSE = 4,
+    IMAGE_FILE = 8,
+};
+
+constexpr uint32_t kSectorSize = 512;
+
+/// A partition size that stands for "up to the end of the device", in items and in the parameter text.
+constexpr uint32_t kGrowingPartition = 0xFFFFFFFF;
+
+/// Units of size unit that cover amount, as the 32-bit number in which pages are counted; 0 for an amount of
+/// 0.
+constexpr uint32_t page_count(uint64_t amount, uint32_t unit) {
+    return amount == 0 ? 0 : static_cast<uint32_t>((amount - 1) / unit + 1);
+}
+
+#pragma pack(push, 1)
+
+// The four header sectors of the boot block, as the boot ROM reads them.
+
+struct IDB_SEC0 {
+    uint32_t dwTag;  ///< 0x0FF0AA55
+    uint32_t reserved;
+    uint32_t uiRc4Flag;          ///< 1: the loader stages are scrambled
+    uint16_t usBootCode1Offset;  ///< 4: the stages start behind the header
+    uint16_t usBootCode2Offset;  ///< 4
+    uint8_t reserved1[490];
+    uint16_t usBootDataSize;  ///< "FlashData" in sectors
+    uint16_t usBootCodeSize;  ///< "FlashData" and "FlashBoot" in sectors, a 16-bit sum
+    uint16_t usCrc;           ///< 0: the boot ROM asks for no checksum
+};
+static_assert(sizeof(IDB_SEC0) == kSectorSize);
+
+struct IDB_SEC1 {
+    uint16_t usSysReservedBlock;  ///< 12
+    uint16_t usDisk0Size;         ///< 0xFFFF
+    uint8_t reserved0[6];
+    uint32_t uiChipTag;  ///< "QZ28"
+    uint8_t reserved[498];
+};
+static_assert(sizeof(IDB_SEC1) == kSectorSize);
+
+struct IDB_SEC2 {
+    uint8_t reserved[kSectorSize];
+};
+static_assert(sizeof(IDB_SEC2) == kSectorSize);
+
+struct IDB_SEC3 {
+    uint8_t reserved[kSectorSize];
+};
+static_assert(sizeof(IDB_SEC3) == kSectorSize);
+
+// Protective MBR, header and entries of a GPT (UEFI, chapter 5).
+
+struct efi_guid_t {
+    uint8_t b[16];  ///< in the order in which they lie on the disk
+};
+static_assert(sizeof(efi_guid_t) == 16);
+
+struct mbr_partition {
+    uint8_t boot_ind;
+    uint8_t head;
+    uint8_t sector;
+    uint8_t cyl;
+    uint8_t sys_ind;  ///< 0xEE: protective
+    uint8_t end_head;
+    uint8_t end_sector;
+    uint8_t end_cyl;
+    uint32_t start_sect;
+    uint32_t nr_sects;
+};
+static_assert(sizeof(mbr_partition) == 16);
+
+struct legacy_mbr {
+    uint8_t boot_code[440];
+    uint32_t unique_mbr_signature;
+    uint16_t unknown;
+    mbr_partition partition_record[4];
+    uint16_t signature;  ///< 0xAA55
+};
+static_assert(sizeof(legacy_mbr) == kSectorSize);
+
+struct gpt_header {
+    uint64_t signature;  ///< "EFI PART"
+    uint32_t revision;
+    uint32_t header_size;
+    uint32_t header_crc32;  ///< over the 92 bytes of this record with this field 0
+    uint32_t reserved1;
+    uint64_t my_lba;
+    uint64_t alternate_lba;
+    uint64_t first_usable_lba;
+    uint64_t last_usable_lba;
+    efi_guid_t disk_guid;
+    uint64_t partition_entry_lba;
+    uint32_t num_partition_entries;
+    uint32_t sizeof_partition_entry;
+    uint32_t partition_entry_array_crc32;
+};
+static_assert(sizeof(gpt_header) == 92);
+
+struct gpt_entry_attributes {
+    uint64_t required_to_function : 1;
+    uint64_t no_block_io_protocol : 1;
+    uint64_t legacy_bios_bootable : 1;
+    uint64_t reserved : 45;
+    uint64_t type_guid_specific : 16;
+};
+static_assert(sizeof(gpt_entry_attributes) == 8);
+
+struct gpt_entry {
+    efi_guid_t partition_type_guid;
+    efi_guid_t unique_partition_guid;
+    uint64_t starting_lba;
+    uint64_t ending_lba;  ///< the last sector of the partition
+    gpt_entry_attributes attributes;
+    uint16_t partition_name[36];  ///< UTF-16LE
+};
+static_assert(sizeof(gpt_entry) == 128);
+
+// The Android sparse format, as far as it is read.
+
+struct sparse_header_t {
+    uint32_t magic;  ///< 0xED26FF3A
+    uint16_t major_version;
+    uint16_t minor_version;
+    uint16_t file_hdr_sz;   ///< ignored: always 28
+    uint16_t chunk_hdr_sz;  ///< ignored: always 12
+    uint32_t blk_sz;        ///< in bytes
+    uint32_t total_blks;    ///< of the expanded image
+    uint32_t total_chunks;
+    uint32_t image_checksum;
+};
+static_assert(sizeof(sparse_header_t) == 28);
+
+struct chunk_header_t {
+    uint16_t chunk_type;  ///< 0xCAC1 raw, 0xCAC2 fill, 0xCAC3 don't care, 0xCAC4 CRC-32
+    uint16_t reserved1;
+    uint32_t chunk_sz;  ///< length in blocks; used by fill and don't care
+    uint32_t total_sz;  ///< bytes of header and data; used by raw
+};
+static_assert(sizeof(chunk_header_t) == 12);
+
+#pragma pack(pop)
+
+/// One partition of the parameter text.
+struct STRUCT_PARAM_ITEM {
+    std::string szItemName;     ///< with any suffix after a colon ("userdata:grow")
+    uint32_t uiItemOffset = 0;  ///< start in sectors
+    uint32_t uiItemSize = 0;    ///< in sectors; 0xFFFFFFFF: grows to the end of the storage
+};
+using PARAM_ITEM_VECTOR = std::vector<STRUCT_PARAM_ITEM>;
+
+/// The fixed GUID that the parameter text gives to a partition.
+struct STRUCT_UUID_ITEM {
+    std::string szUUidName;
+    uint8_t szUUid[16] = {};  ///< in the byte order of a GPT
+};
+using UUID_ITEM_VECTOR = std::vector<STRUCT_UUID_ITEM>;
+
+/// A writer of programming images: reads the firmware, lays boot block, partition table and partitions out.
+/// The classes of the storage types change the layout through the virtual operations alone.
+///
+/// Construct, storage_init once, create_image once. All messages go to standard output. A page that cannot be
+/// written stops none of the steps; create_image reports the first such failure at its end instead of
+/// success.
+class CStorage {
+public:
+    /// Sizes of erase block and page in KB, of the spare area in bytes. page_2k: only 2 KB of data per flash
+    /// page. Nothing is read or opened yet.
+    CStorage(ENUM_FLASH_TYPE type, uint32_t block_size, uint32_t page_size, uint32_t oob_size,
+             std::string in_file, std::string out_dir, bool page_2k);
+    CStorage(const CStorage&) = delete;
+    CStorage& operator=(const CStorage&) = delete;
+
+    // The virtual operations, in slot order.
+
+    /// Sectors of a boot block with stages of D and B sectors: header and stages, rounded up to whole pages.
+    virtual uint32_t compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors);
+    /// Sets where and how often the boot block is written, and may enlarge it. False: it cannot be written.
+    virtual bool prepare_write_idblock();
+    /// Ends the boot block. Always true.
+    virtual bool post_write_idblock();
+    /// Brings the output to where the partition starts and announces it. False: it cannot be written there.
+    virtual bool prepare_write_partition(STRUCT_QZIMAGE_ITEM& item);
+    /// Ends the partition. Always true.
+    virtual bool post_write_partition();
+    /// Writes one page at the output position: length bytes of data or, with 2 KB per page, every 2 KB of the
+    /// m_page_size bytes of data in a page of its own. Always true; the output file keeps its first failure.
+    virtual bool write_page(uint8_t* data, uint32_t length);
+    /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after one line that says why
+    /// not.
+    virtual bool storage_init();
+    /// Closes what is open and frees the firmware reader.
+    virtual ~CStorage();
+
+    /// Runs the whole conversion. False after a line that says what failed; the output keeps what was written
+    /// so far.
+    bool create_image();
+
+    /// Writes one partition image with the writer of its kind; 0, the writer's own code, or -255 for another
+    /// kind.
+    int write_partition(STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE type);
+
+    /// Makes the output reach the byte offset with fill pages, or moves the write position back to it when
+    /// the output is longer. False when there is no memory for a page.
+    bool fill_output_file(uint64_t offset);
+
+    /// Fills the output up to a whole erase block, in whole pages: with blocks that are no multiple of the
+    /// page the file ends past the block boundary. False only when there is no memory for a page.
+    bool align_to_block();
+
+    // Boot block.
+
+    /// Builds and writes the boot block. 0, or -1 size of "FlashBoot" unknown, -2 of "FlashData" unknown, -3
+    /// prepare_write_idblock refused, -4 create_idblock failed, -5 no memory.
+    int write_idblock();
+    /// Size of a loader entry in bytes and in sectors of whole 2 KB units. False, with sectors untouched,
+    /// when there is no such entry, it cannot be read or its sectors do not fit 16 bits.
+    bool get_loader_size_from_name(std::string name, uint16_t& sectors, uint32_t& size);
+    /// Fills the 512 bytes of IDB_SEC0 for stages of D and B sectors.
+    void make_idb_sector0(uint8_t* sector, uint16_t flash_data_sectors, uint16_t flash_boot_sectors);
+    /// Fills the 512 bytes of IDB_SEC1.
+    void make_idb_sector1(uint8_t* sector);
+    /// Builds one boot block into buf: zeroed, at least 4 + D + B sectors. Sizes of the entries in sectors
+    /// and bytes. 0, or -1 "FlashBoot" absent, -2 unreadable, -3 "FlashData" absent, -4 unreadable (or not of
+    /// the given size), -5 no memory.
+    int create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t flash_boot_sectors,
+                       uint32_t flash_data_size, uint32_t flash_boot_size);
+
+    // Plain and sparse partition images.
+
+    /// Copies a plain image. 0, or -1 the partition is too small, -2 the firmware could not be read, -3 no
+    /// memory.
+    int write_image(STRUCT_QZIMAGE_ITEM& entry);
+    /// True when the item starts with the magic of a sparse image; a header that cannot be read prints a
+    /// line.
+    bool is_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
+    /// blk_sz * total_blks in bytes, a 32-bit product that wraps; all bits set when the header cannot be
+    /// read.
+    uint64_t get_sparse_size(STRUCT_QZIMAGE_ITEM& entry);
+    /// Expands a sparse image through unsparse_tmp.bin in the output directory. 0, or -1 no header, -2 the
+    /// partition is too small, -3 the temporary file cannot be made, -4 chunk header, -5 raw data, -6 fill
+    /// value not readable, -7 no memory. The temporary file is removed on success only.
+    int write_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
+
+    // Parameter text, parameter partition and GPT.
+
+    /// Appends the partitions of the text's "mtdparts" list; pieces that do not parse are dropped. False when
+    /// no line has the keyword. A null text counts as an empty one.
+    bool parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem);
+    /// Splits "size@offset(name)"; sizes in sectors. False when it is malformed; the results are then
+    /// meaningless.
+    bool parse_partition_info(std::string& strPartInfo, std::string& strName, uint32_t& uiOffset,
+                              uint32_t& uiLen);
+    /// Replaces vecItem by all "uuid:" lines of the text. False when there is none.
+    bool get_uuid_from_parameter(const char* pParameter, UUID_ITEM_VECTOR& vecItem);
+    /// Splits "name=uuid" and removes the dashes of the UUID. False unless 32 characters remain.
+    bool parse_uuid(std::string& strUuidInfo, std::string& strName, std::string& strUUid);
+    /// Turns 32 hexadecimal digits into the 16 bytes of a GPT GUID; another character counts as 0.
+    void string_to_uuid(std::string strUUid, uint8_t* uuid);
+    /// Loads the parameter record into m_paramBuffer, zero-padded to whole pages. False when it cannot be
+    /// read or there is no memory; an earlier buffer then stays.
+    bool make_param_buffer(STRUCT_QZIMAGE_ITEM& entry);
+    /// Writes the parameter partition: 8 copies of the record, or 4 when 8 do not fit. 0, or -1 the partition
+    /// is too small, -2 no memory.
+    int write_parameter(STRUCT_QZIMAGE_ITEM& entry);
+    /// True when the parameter text has a line with "TYPE" and "GPT"; false also when it cannot be read.
+    bool get_gpt_flag(STRUCT_QZIMAGE_ITEM& entry);
+    /// Fills the first 17,408 bytes of gpt: protective MBR, header, 128 entries. The names in vecParts are
+    /// cut at their colon by a NUL; partitions behind the 128th are left out.
+    void create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID_ITEM_VECTOR& vecUuid,
+                           uint64_t diskSectors);
+    /// Writes the GPT made from m_paramBuffer, whose checksum is overwritten. 0, or -2 the text does not
+    /// parse, -3 it has more than 128 partitions, -4 no memory.
+    int write_gpt(STRUCT_QZIMAGE_ITEM& entry);
+    /// Fills 16 bytes with a random version-4 GUID from rand(), never seeded: every run gives the same ones.
+    void gen_rand_uuid(uint8_t* uuid_bin);
+    /// Index of the first GUID whose name is szName ignoring case (both up to their first NUL), or -1.
+    int32_t find_uuid_item(UUID_ITEM_VECTOR& vecItems, std::string szName);
+
+protected:
+    /// What the package's item table says is to be written.
+    struct ItemPlan {
+        std::vector<STRUCT_QZIMAGE_ITEM> items;
+        std::size_t parameter = 0;  ///< index of the parameter item
+        uint32_t sparse_mask = 0;   ///< bit (index mod 32) is set for sparse images
+    };
+
+    // The steps of create_image; each returns false after its error line.
+    bool run_creation();
+    bool read_item_table(ItemPlan& plan);
+    bool find_parameter(ItemPlan& plan);
+    bool write_items(ItemPlan& plan);
+    bool finish_output();
+
+    /// The output directory, a "/" unless it ends in one or is empty, and the name.
+    std::string path_in_output(const std::string& name) const;
+    /// Closes the output and creates the file name in the output directory instead. False after a line that
+    /// says why not; a name with a "/" would leave the directory and fails with EINVAL.
+    bool switch_output(const std::string& name);
+    /// Starts idblock.img with one boot block copy at its start. False as switch_output.
+    bool open_nand_idblock();
+    /// Starts the file of a NAND partition and announces it. False as switch_output.
+    bool open_nand_partition(const STRUCT_QZIMAGE_ITEM& item);
+    /// sectors rounded up to whole erase blocks, at least one; a 32-bit result that wraps.
+    uint32_t whole_blocks(uint32_t sectors) const;
+    /// Brings everything written so far into the output file and closes it; a failure is kept for the
+    /// verdict.
+    void close_output();
+    /// Hands count pages of fill bytes to write_page, length bytes each; fill_page holds m_page_size fill
+    /// bytes.
+    void write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length);
+    /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
+    void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
+    /// Pages of a partition of part_size sectors that holds data_pages pages of data: for NAND and for
+    /// growing partitions the data pages, else all pages of the partition. False when it is too small.
+    bool count_partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages, uint32_t& pages) const;
+    /// Copies data_pages pages of the temporary file at path to the output and fills the partition up to
+    /// pages.
+    void copy_expanded_pages(OutputFile& expanded, const std::string& path, uint32_t data_pages,
+                             uint32_t pages, ByteBuffer& page, Progress& progress);
+    /// Reads size bytes of the item's data from position on.
+    bool read_item_data(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t size, uint8_t* out);
+
+    bool m_init_ok;
+    uint32_t m_block_size;  ///< in bytes; all sizes wrap at 32 bits
+    std::string m_in_firmware;
+    CQZImage* m_update_image_ptr;      ///< owned through m_update_image
+    std::ifstream m_fin;               ///< not opened by the creation sequence
+    uint8_t* m_paramBuffer = nullptr;  ///< parameter record in whole pages; owned through m_param_bytes
+    uint32_t m_uiParamFileSize = 0;    ///< size of the record in bytes
+    bool m_gpt_flag = false;
+    bool m_page_2k;
+    uint32_t m_idb_fill_page_num = 0;
+    uint32_t m_image_fill_page_num = 0;  ///< pages of the image just written
+    uint8_t m_fill_byte;                 ///< of every gap and padding
+    std::string m_out_dir;
+    std::string m_out_file;        ///< path of the output file; empty until one is opened
+    WriteFailure m_write_failure;  ///< first failure of any output file; ends the run in failure
+    OutputFile m_fout{&m_write_failure};
+    ENUM_FLASH_TYPE m_type;
+    uint32_t m_page_size;  ///< in bytes
+    uint32_t m_oob_size;   ///< in bytes
+    uint32_t m_block_size_sector;
+    uint32_t m_page_size_sector;
+    uint8_t m_idb_copy = 0;
+    uint32_t m_idb_upper_limit =
+        0;  ///< sector bound of the boot block area; kept for completeness, read by nobody
+    uint32_t m_idb_start_sector = 0;
+    uint32_t m_idb_second_start_sector = 0;
+    uint32_t m_idb_total_sector = 0;
+
+private:
+    void write_page_per_2k(const uint8_t* data);
+
+    std::unique_ptr<CQZImage> m_update_image;
+    ByteBuffer m_param_bytes;
+    ByteBuffer m_page_2k_buffer;  // the flash page that takes 2 KB of data
+};
+
+/// eMMC: one image of the whole device; the second boot block copy 512 KB behind the first.
+class CEmmcStorage : public CStorage {
+public:
+    CEmmcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                 std::string out_dir, bool page_2k);
+    ~CEmmcStorage() override;
+    bool prepare_write_idblock() override;
+};
+
+/// SPI NOR: one image of the whole device; the second boot block copy on a 64 KB boundary behind the first.
+class CNorStorage : public CStorage {
+public:
+    CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                std::string out_dir, bool page_2k);
+    ~CNorStorage() override;
+    bool prepare_write_idblock() override;
+};
+
+/// SPI NAND: idblock.img and a file for every partition, each padded to whole erase blocks, without spare
+/// areas.
+class CSpiStorage : public CStorage {
+public:
+    CSpiStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                std::string out_dir, bool page_2k);
+    ~CSpiStorage() override;
+    bool prepare_write_idblock() override;
+    bool post_write_idblock() override;
+    bool prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) override;
+    bool post_write_partition() override;
+};
+
+/// SLC NAND: the files of SPI NAND, but every page with its spare area: 1 KB units with BCH parity behind
+/// each, and the list index of the page in the first unit.
+class CSlcStorage : public CStorage {
+public:
+    /// page_list: the list indexes count 0, 1, 2 (page linked list) instead of 0, 4, 8. Sets the BCH code up.
+    CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
+                std::string out_dir, bool page_2k, bool page_list);
+    ~CSlcStorage() override;
+    bool prepare_write_idblock() override;
+    bool post_write_idblock() override;
+    bool prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) override;
+    bool post_write_partition() override;
+    /// Writes the m_page_size bytes of data as one flash page of m_page_size + m_oob_size bytes or, with 2 KB
+    /// per page, as several; length is ignored. False, after a line, when the spare area is too small for the
+    /// parity.
+    bool write_page(uint8_t* data, uint32_t length) override;
+
+protected:
+    uint32_t m_bch_size;        ///< spare bytes of a unit: 4 system bytes and 28 of parity
+    uint32_t m_bch_list_index;  ///< list index of the next page; 0 at the start of every file
+    uint8_t m_bch_list_step;
+
+private:
+    /// A flash page of fill bytes, encoded once: such pages differ in list index and parity alone.
+    struct FillPage {
+        ByteBuffer bytes;
+        uint8_t fill_byte = 0;
+        bool made = false;
+    };
+    bool prepare_buffers();
+    void write_flash_page(const uint8_t* data, uint32_t size);
+    void encode_flash_page(const uint8_t* data, uint32_t size);
+    void write_logical_fill_pages(uint64_t count);
+    uint64_t sectors_to_block_end(uint64_t sectors) const;
+    uint32_t units() const { return m_page_size_sector / 2; }
+    uint64_t flash_page_size() const { return uint64_t{m_page_size} + m_oob_size; }
+    /// Flash pages that a page of data takes: one for each 2 KB with 2 KB per page, else one.
+    uint32_t flash_pages_per_page() const;
+
+    FillPage m_fill_page;
+    ByteBuffer m_flash_page;
+};
