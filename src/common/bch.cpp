@@ -3,6 +3,7 @@
 #include "bch_kernels.h"
 
 #include <algorithm>
+#include <bit>
 #include <cassert>
 #include <cstring>
 #include <vector>
@@ -31,7 +32,7 @@ uint32_t ggx[64];
 
 namespace {
 
-BchKernelTables tables;
+BchTables tables;
 BchRegister correction;  // makes an erased page valid; zero for the strengths without it
 BchPath selected_path = BchPath::portable;
 BchKernel kernel = bch_kernel_portable;
@@ -146,7 +147,7 @@ void write_parity(const BchRegister& parity, uint8_t* out) {
 }
 
 void select_fastest_path() {
-    for (BchPath path : {BchPath::carry_less, BchPath::wide_rows, BchPath::portable})
+    for (BchPath path : {BchPath::carry_less_256, BchPath::carry_less, BchPath::wide_rows, BchPath::portable})
         if (bch_path_available(path))
             return bch_select_path(path);
 }
@@ -212,10 +213,10 @@ void bch_encode(const uint8_t* input, uint8_t* output) {
 }
 
 void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride) {
-    BchRegister parity[kBchLanes];
     encoded_codewords += count;
+    BchRegister parity[kBchLanes] = {};
     while (count != 0) {
-        const uint32_t group = std::min(count, kBchLanes);
+        const uint32_t group = std::bit_floor(std::min(count, kBchLanes));  // the tables work on 8, 4, 2 or 1
         kernel(tables, first, group, stride, parity);
         for (uint32_t i = 0; i < group; ++i)
             write_parity(parity[i], first + std::size_t{i} * stride + kBchCodewordBytes);
@@ -249,6 +250,8 @@ bool bch_path_available(BchPath path) {
         return bch_has_wide_rows();
     case BchPath::carry_less:
         return bch_has_carry_less();
+    case BchPath::carry_less_256:
+        return bch_has_carry_less_256();
     }
     return false;
 }
@@ -256,13 +259,20 @@ bool bch_path_available(BchPath path) {
 void bch_select_path(BchPath path) {
     assert(bch_path_available(path));
     selected_path = path;
-    const bool multiply = path == BchPath::carry_less && rr == 14 * 16;
-    if (multiply)
-        kernel = bch_kernel_carry_less;
-    else if (path != BchPath::portable && bch_has_wide_rows())
-        kernel = bch_kernel_wide_rows;
-    else
+    switch (path) {
+    case BchPath::portable:
         kernel = bch_kernel_portable;
+        break;
+    case BchPath::wide_rows:
+        kernel = bch_kernel_wide_rows;
+        break;
+    case BchPath::carry_less:
+        kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less;
+        break;
+    case BchPath::carry_less_256:
+        kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less_256;
+        break;
+    }
 }
 
 BchPath bch_selected_path() {

@@ -60,15 +60,16 @@ uint64_t bch_encoded_codewords();
 
 /// How codewords are encoded; all ways give the same bytes.
 enum class BchPath {
-    portable,    ///< tables, by what every processor has
-    wide_rows,   ///< the same tables with 256-bit rows (AVX2)
-    carry_less,  ///< carry-less multiplication (PCLMULQDQ); t = 16 only, other strengths take the best table
-                 ///< path
+    portable,        ///< tables, by what every processor has
+    wide_rows,       ///< the same tables with 256-bit rows (AVX2)
+    carry_less,      ///< carry-less multiplication of 128-bit vectors (AVX2, PCLMULQDQ), for t up to 18
+    carry_less_256,  ///< the same of 256-bit vectors (VPCLMULQDQ), for t up to 18
 };
 
 /// True when this processor has what the path needs.
 bool bch_path_available(BchPath path);
 
-/// Uses the path from now on; it must be available (asserted). bch_init starts with the fastest one.
+/// Uses the path from now on; it must be available (asserted). bch_init starts with the fastest one. A
+/// strength that a carry-less path does not reach takes the 256-bit rows.
 void bch_select_path(BchPath path);
 BchPath bch_selected_path();

@@ -12,38 +12,54 @@ constexpr uint32_t kBchCodewordBytes = 1028;  ///< data and system bytes
 /// Parity register: bit b of the little-endian bit string is the coefficient of x^(rr - 1 - b). Bits beyond
 /// the degree are 0.
 constexpr std::size_t kBchRegisterWords = 16;
-struct alignas(64) BchRegister {
+struct BchRegister {
     uint64_t word[kBchRegisterWords];
 };
 
-/// Constants of one code.
-struct BchKernelTables {
-    /// Words per row: the register's 64-bit words rounded up to a multiple of four.
-    uint32_t row_words = 0;
-    /// Row (8 * 256 of them) j * 256 + b: what byte b does to the register when 7 - j more bytes follow.
-    std::vector<uint64_t> rows;
-    /// For degrees up to 256: x^(rr - 1 + 64 k) mod g in the register's bit order, four words for each 64-bit
-    /// word of a codeword, from its first one (k = 128) to the last half word (k = 0).
-    std::vector<uint64_t> powers;
+/// 256 bits of a register, at a place that one vector load can take it from.
+struct alignas(32) BchRow {
+    uint64_t word[4];
 };
 
-/// Builds the tables of the generator ggx of that degree (packed as in bch.h).
-void bch_build_tables(const uint32_t* generator, uint32_t degree, BchKernelTables& tables);
+/// Constants of one code.
+struct BchTables {
+    /// 256-bit rows that hold a register.
+    uint32_t rows_per_register = 0;
+    /// What byte b of a 64-bit input word does to the register, for each of its 8 positions:
+    /// rows_per_register rows from (position * 256 + b) * rows_per_register on.
+    std::vector<BchRow> rows;
+    /// Constants of the carry-less kernels (bch_carry_less.cpp); empty for degrees beyond 256.
+    std::vector<BchRow> multipliers;
+};
+
+/// Builds the tables of the generator of that degree, packed as ggx in bch.h.
+void bch_build_tables(const uint32_t* generator, uint32_t degree, BchTables& tables);
+
+/// Shifts the register one bit towards bit 0, which is the multiplication by x, and reduces it by polynomial:
+/// the generator as the register has it, with its x^0 coefficient.
+void bch_multiply_by_x(BchRegister& value, const BchRegister& polynomial);
+
+/// Fills tables.multipliers for a degree up to 256; polynomial as for bch_multiply_by_x.
+void bch_build_multipliers(const BchRegister& polynomial, BchTables& tables);
 
 /// The register after the 4 bytes of value, from a zero register.
-void bch_register_of_word(const BchKernelTables& tables, uint32_t value, BchRegister& result);
+void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& result);
 
-/// Registers of count codewords (1 to kBchLanes), stride bytes apart.
-constexpr uint32_t kBchLanes = 4;
-using BchKernel = void (*)(const BchKernelTables& tables, const uint8_t* first, uint32_t count,
-                           std::size_t stride, BchRegister* results);
-void bch_kernel_portable(const BchKernelTables& tables, const uint8_t* first, uint32_t count,
-                         std::size_t stride, BchRegister* results);
-void bch_kernel_wide_rows(const BchKernelTables& tables, const uint8_t* first, uint32_t count,
-                          std::size_t stride, BchRegister* results);
-void bch_kernel_carry_less(const BchKernelTables& tables, const uint8_t* first, uint32_t count,
-                           std::size_t stride, BchRegister* results);
+/// Computes the registers of count codewords (1 to kBchLanes), stride bytes apart. Words of results beyond
+/// the code's own rows are left as they are.
+constexpr uint32_t kBchLanes = 8;
+using BchKernel = void (*)(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+                           BchRegister* results);
+void bch_kernel_portable(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+                         BchRegister* results);
+void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+                          BchRegister* results);
+void bch_kernel_carry_less(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+                           BchRegister* results);
+void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* first, uint32_t count,
+                               std::size_t stride, BchRegister* results);
 
-/// What this processor has; always false where the path is not built.
+/// True when this processor, and the compiler that built the program, have what the kernel needs.
 bool bch_has_wide_rows();
 bool bch_has_carry_less();
+bool bch_has_carry_less_256();
