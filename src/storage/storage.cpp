@@ -11,9 +11,10 @@
 
 namespace {
 
-constexpr uint64_t kTableBufferSize = 65536;  // an item table of up to 583 items
-constexpr uint64_t kTableUnit = 2048;         // the table is read in these units
-constexpr uint64_t kFirstItemPosition = offsetof(tagQZIMAGE_HDR, item);
+constexpr int64_t kTableBufferSize = 65536;  // an item table of up to 583 items
+constexpr int64_t kTableUnit = 2048;         // the table is read in these units
+constexpr int64_t kFirstItemPosition = offsetof(tagQZIMAGE_HDR, item);
+constexpr int64_t kItemSize = sizeof(STRUCT_QZIMAGE_ITEM);
 constexpr uint32_t kNotOnStorage = 0xFFFFFFFF;
 constexpr char kParameterName[] = "parameter";
 constexpr char kGptName[] = "gpt";
@@ -135,11 +136,11 @@ bool CStorage::read_item_table(ItemPlan& plan) {
     }
 
     const int64_t count = item_count_of(header);
-    const int64_t table_end = count * static_cast<int64_t>(sizeof(STRUCT_QZIMAGE_ITEM)) + kFirstItemPosition;
-    const int64_t unit = kTableUnit;
-    const int64_t length = (table_end + unit - 1) / unit * unit;  // a table_end below 0 rounds up towards 0
+    const int64_t table_end = count * kItemSize + kFirstItemPosition;
+    // A count below 0 may round up to a table of nothing, which is read without complaint.
+    const int64_t length = (table_end + kTableUnit - 1) / kTableUnit * kTableUnit;
     std::vector<uint8_t> table(kTableBufferSize);
-    if (length < 0 || length > static_cast<int64_t>(table.size()) ||
+    if (length < 0 || length > kTableBufferSize ||
         !m_update_image_ptr->GetData(package, static_cast<uint32_t>(length), table.data())) {
         print_error_line("failed to get extended info of firmware");
         return false;
@@ -150,11 +151,11 @@ bool CStorage::read_item_table(ItemPlan& plan) {
     }
 
     const ByteReader reader(table.data(), static_cast<uint64_t>(length));
-    plan.items.resize(static_cast<std::size_t>(count));
-    uint64_t position = kFirstItemPosition;
-    for (STRUCT_QZIMAGE_ITEM& item : plan.items) {
-        reader.read(position, item);  // inside: the length was made from the count
-        position += sizeof(item);
+    for (int64_t i = 0; i < count; ++i) {
+        STRUCT_QZIMAGE_ITEM item{};
+        reader.read(static_cast<uint64_t>(kFirstItemPosition + i * kItemSize),
+                    item);  // inside: the count made the length
+        plan.items.push_back(item);
     }
     return true;
 }
