@@ -2,7 +2,9 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <getopt.h>
 #include <memory>
 #include <new>
@@ -274,15 +276,34 @@ int run(int argc, char* argv[]) {
     return kSuccess;
 }
 
+/// Makes sure that the standard descriptors are taken: in the place of a closed one an output file would get
+/// the messages.
+void occupy_standard_descriptors() {
+    int descriptor = 0;
+    do
+        descriptor = ::open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor > STDERR_FILENO)
+        ::close(descriptor);
+}
+
+int report_out_of_memory() {
+    std::printf("out of memory\n");
+    std::fflush(stdout);
+    return kOutOfMemory;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    occupy_standard_descriptors();
     // A file that grows past the limit of the process is a write error like any other, not the end.
     std::signal(SIGXFSZ, SIG_IGN);
+    // With too little memory even for an exception the program comes here and not to the handler below.
+    std::set_terminate([] { std::_Exit(report_out_of_memory() & 0xFF); });
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
-        std::printf("out of memory\n");
-        return kOutOfMemory;
+        return report_out_of_memory();
     }
 }

@@ -104,6 +104,25 @@ int32_t times_power(int32_t factor, uint32_t exponent) {
     return alpha_to[(static_cast<uint32_t>(index_of[factor]) + exponent) % DubCodeBitsNum];
 }
 
+/// Room for alpha_to and index_of, as long as the object lives.
+class FieldTables {
+public:
+    FieldTables() {
+        alpha_to = m_powers.data();
+        index_of = m_logarithms.data();
+    }
+    ~FieldTables() {
+        alpha_to = nullptr;
+        index_of = nullptr;
+    }
+    FieldTables(const FieldTables&) = delete;
+    FieldTables& operator=(const FieldTables&) = delete;
+
+private:
+    std::vector<int32_t> m_powers = std::vector<int32_t>(std::size_t{1} << mm);
+    std::vector<int32_t> m_logarithms = std::vector<int32_t>(std::size_t{1} << mm);
+};
+
 void pack_generator() {
     std::fill(std::begin(ggx), std::end(ggx), 0U);
     for (uint32_t bit = 0; bit + 1 < rr; ++bit)
@@ -155,6 +174,7 @@ void select_fastest_path() {
 }  // namespace
 
 void generate_gf() {
+    assert(alpha_to != nullptr && index_of != nullptr);
     set_primitive_polynomial();
     const uint32_t order = (1U << mm) - 1;
     const int32_t top = 1 << (mm - 1);
@@ -172,6 +192,7 @@ void generate_gf() {
 }
 
 void gen_poly() {
+    assert(alpha_to != nullptr && index_of != nullptr);
     const std::vector<uint32_t> roots = generator_roots();
     rr = static_cast<uint32_t>(roots.size());
     std::vector<int32_t> g(rr + 1, 0);
@@ -192,15 +213,11 @@ void gen_poly() {
 void bch_init(uint16_t t) {
     assert(t >= 1 && t <= kLargestBchStrength);
     set_configuration(t);
-    std::vector<int32_t> powers(std::size_t{1} << mm);
-    std::vector<int32_t> logarithms(std::size_t{1} << mm);
-    alpha_to = powers.data();
-    index_of = logarithms.data();
-    generate_gf();
-    gen_poly();
-    alpha_to = nullptr;
-    index_of = nullptr;
-
+    {
+        const FieldTables field;
+        generate_gf();
+        gen_poly();
+    }
     bch_build_tables(ggx, rr, tables);
     set_correction();
     select_fastest_path();

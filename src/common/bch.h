@@ -37,9 +37,12 @@ extern uint32_t
 /// reconfigures.
 void bch_init(uint16_t t);
 
-/// Steps of bch_init: fill alpha_to and index_of for the degree mm (2 to 20); fill gg, rr and ggx for
-/// MaxBitsNum.
+/// A step of bch_init: fills p, alpha_to and index_of for the degree mm (2 to 20). alpha_to and index_of
+/// point to 2^mm entries each (asserted).
 void generate_gf();
+
+/// A step of bch_init: fills gg, rr and ggx for MaxBitsNum roots in the field of order DubCodeBitsNum, which
+/// generate_gf has made (asserted).
 void gen_poly();
 
 /// Encodes one codeword: takes the 1028 bytes at input, copies them to output unless it is the same place,
@@ -72,4 +75,6 @@ bool bch_path_available(BchPath path);
 /// Uses the path from now on; it must be available (asserted). bch_init starts with the fastest one. A
 /// strength that a carry-less path does not reach takes the 256-bit rows.
 void bch_select_path(BchPath path);
+
+/// The path that was selected last, also where the strength makes it take another.
 BchPath bch_selected_path();

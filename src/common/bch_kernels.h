@@ -50,12 +50,17 @@ void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& 
 constexpr uint32_t kBchLanes = 8;
 using BchKernel = void (*)(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
                            BchRegister* results);
+
+/// From tables, by what every processor has.
 void bch_kernel_portable(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
                          BchRegister* results);
+/// From tables with 256-bit vectors; needs bch_has_wide_rows.
 void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
                           BchRegister* results);
+/// By carry-less multiplication of 128-bit vectors; needs bch_has_carry_less and multipliers.
 void bch_kernel_carry_less(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
                            BchRegister* results);
+/// By carry-less multiplication of 256-bit vectors; needs bch_has_carry_less_256 and multipliers.
 void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* first, uint32_t count,
                                std::size_t stride, BchRegister* results);
 

@@ -20,23 +20,16 @@ constexpr uint32_t msb_first_entry(uint32_t index, uint32_t generator) {
     return remainder;
 }
 
-constexpr uint32_t reflected_entry(uint32_t index, uint32_t generator) {
-    uint32_t remainder = index;
-    for (int bit = 0; bit < 8; ++bit)
-        remainder = (remainder >> 1) ^ ((remainder & 1U) != 0 ? generator : 0U);
-    return remainder;
+constexpr uint32_t boot_container_entry(uint32_t index) {
+    return msb_first_entry(index, kBootContainerGenerator);
 }
 
-template <typename Indexes>
-struct Tables;
-
-template <std::size_t... I>
-struct Tables<std::index_sequence<I...>> {
-    static constexpr uint32_t boot_container[256] = {msb_first_entry(I, kBootContainerGenerator)...};
-    static constexpr uint32_t reflected[256] = {reflected_entry(I, kReflectedGenerator)...};
-};
-
-using AllTables = Tables<std::make_index_sequence<256>>;
+constexpr uint32_t reflected_entry(uint32_t index) {
+    uint32_t remainder = index;
+    for (int bit = 0; bit < 8; ++bit)
+        remainder = (remainder >> 1) ^ ((remainder & 1U) != 0 ? kReflectedGenerator : 0U);
+    return remainder;
+}
 
 using Rc4Key = std::array<uint8_t, 16>;
 
@@ -81,20 +74,30 @@ constexpr Rc4Key kBuildKey = {'n', 'a', 'n', 'd', 's', 'm', 'i', 't', 'h', '-', 
 
 }  // namespace
 
-constinit const uint32_t (&gCrc32Table)[256] = AllTables::boot_container;
-constinit const uint32_t (&crc32table_le)[256] = AllTables::reflected;
+// 256 entries each, computed by the compiler.
+#define ENTRIES_4(entry, i) entry(i), entry((i) + 1), entry((i) + 2), entry((i) + 3)
+#define ENTRIES_16(entry, i)                                                                                 \
+    ENTRIES_4(entry, i), ENTRIES_4(entry, (i) + 4), ENTRIES_4(entry, (i) + 8), ENTRIES_4(entry, (i) + 12)
+#define ENTRIES_64(entry, i)                                                                                 \
+    ENTRIES_16(entry, i), ENTRIES_16(entry, (i) + 16), ENTRIES_16(entry, (i) + 32),                          \
+        ENTRIES_16(entry, (i) + 48)
+#define ENTRIES_256(entry)                                                                                   \
+    ENTRIES_64(entry, 0), ENTRIES_64(entry, 64), ENTRIES_64(entry, 128), ENTRIES_64(entry, 192)
+
+constinit const uint32_t gCrc32Table[256] = {ENTRIES_256(boot_container_entry)};
+constinit const uint32_t crc32table_le[256] = {ENTRIES_256(reflected_entry)};
 
 uint32_t crc32(const uint8_t* data, uint32_t len, const uint32_t* init) {
     uint32_t crc = init != nullptr ? *init : 0;
     for (uint32_t i = 0; i < len; ++i)
-        crc = (crc << 8) ^ AllTables::boot_container[(crc >> 24) ^ data[i]];
+        crc = (crc << 8) ^ gCrc32Table[(crc >> 24) ^ data[i]];
     return crc;
 }
 
 uint32_t crc32_le(const uint8_t* data, uint32_t len, uint32_t seed) {
     uint32_t crc = ~seed;
     for (uint32_t i = 0; i < len; ++i)
-        crc = (crc >> 8) ^ AllTables::reflected[(crc ^ data[i]) & 0xFF];
+        crc = (crc >> 8) ^ crc32table_le[(crc ^ data[i]) & 0xFF];
     return ~crc;
 }
 

@@ -8,10 +8,10 @@
 /// MSB-first CRC table of the boot container: entry i is i * x^24 modulo x^32 + 0x04C10DB7.
 /// The generator differs from the usual 0x04C11DB7 in bit 12. Boot containers carry checksums made with
 /// exactly this value, so it must not be corrected.
-extern const uint32_t (&gCrc32Table)[256];
+extern const uint32_t gCrc32Table[256];
 
 /// The ordinary reflected CRC-32 table (IEEE 802.3, generator 0xEDB88320), as GPT headers use it.
-extern const uint32_t (&crc32table_le)[256];
+extern const uint32_t crc32table_le[256];
 
 /// CRC of a boot container: MSB-first over gCrc32Table, no reflection, no final XOR.
 /// Starts from *init, or from 0 when init is null; *init is only read. len in bytes.

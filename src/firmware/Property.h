@@ -29,7 +29,7 @@ public:
     }
 
     /// The owner's current value; without an owner or a getter the program ends with an assertion.
-    operator ValueType() {
+    operator ValueType() const {
         assert(m_cObject != NULL);
         assert(Get != NULL);
         return (m_cObject->*Get)();

@@ -49,7 +49,7 @@ struct STRUCT_QZBOOT_HEAD {
     uint32_t dwLoaderEntryOffset;
     uint8_t ucLoaderEntrySize;
     uint8_t ucSignFlag;  ///< 'S': the loader is signed
-    uint8_t ucRc4Flag;   ///< non-zero: the loader data is not scrambled (RC4 disabled)
+    uint8_t ucRc4Flag;   ///< non-zero: the stages lie plain in here and are scrambled in the boot block
     uint8_t reserved[57];
 };
 static_assert(sizeof(STRUCT_QZBOOT_HEAD) == 102);
@@ -68,8 +68,10 @@ static_assert(sizeof(STRUCT_QZBOOT_ENTRY) == 57);
 #pragma pack(pop)
 
 /// The boot-loader container: what the boot ROM loads, in entries of three kinds, with a checksum behind it.
+/// Before ObjectInit has succeeded all values read 0 or false.
 class CQZBoot {
 public:
+    // Values of the container's head, read like data members.
     property<CQZBoot, bool, 1> Rc4DisableFlag;
     property<CQZBoot, bool, 1> SignFlag;
     property<CQZBoot, uint32_t, 1> Version;
@@ -115,6 +117,7 @@ public:
     /// Zeroes len bytes of dst and copies the low byte of each of the first len UTF-16 units of src.
     static void wchar_To_char(const uint16_t* src, char* dst, int len);
 
+    // Getters of the properties of the same name.
     bool GetRc4DisableFlag() { return m_bRc4Disable; }
     bool GetSignFlag() { return m_bSignFlag; }
     uint32_t GetVersion() { return m_version; }

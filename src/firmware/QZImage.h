@@ -73,20 +73,22 @@ std::string item_name(const STRUCT_QZIMAGE_ITEM& item);
 
 /// The firmware update image: its head, the boot container in it, and reads from anywhere in the file.
 /// A path with ".bin" anywhere in it (in any case) is a bare boot container instead: single mode.
+/// Before ObjectInit has succeeded all values read 0 or false.
 class CQZImage {
 public:
+    // Values of the image head, read like data members.
     property<CQZImage, uint32_t, 1> Version;
     property<CQZImage, uint32_t, 1> MergeVersion;
     property<CQZImage, STRUCT_QZTIME, 1> ReleaseTime;
     property<CQZImage, ENUM_QZDEVICE_TYPE, 1> SupportDevice;
     property<CQZImage, ENUM_OS_TYPE, 1> OsType;
     property<CQZImage, uint16_t, 1> BackupSize;
-    property<CQZImage, uint32_t, 1> BootOffset;
-    property<CQZImage, uint32_t, 1> BootSize;
-    property<CQZImage, uint32_t, 1> FWOffset;
-    property<CQZImage, uint64_t, 1> FWSize;
-    property<CQZImage, bool, 1> SignFlag;
-    property<CQZImage, bool, 1> SingleFlag;
+    property<CQZImage, uint32_t, 1> BootOffset;  ///< of the boot container, absolute, in bytes
+    property<CQZImage, uint32_t, 1> BootSize;    ///< in bytes
+    property<CQZImage, uint32_t, 1> FWOffset;    ///< of the package, absolute, in bytes
+    property<CQZImage, uint64_t, 1> FWSize;      ///< of the package, in bytes
+    property<CQZImage, bool, 1> SignFlag;        ///< the trailer has a signature
+    property<CQZImage, bool, 1> SingleFlag;      ///< the file is a bare boot container
 
     CQZImage();
     ~CQZImage();
@@ -118,6 +120,7 @@ public:
     bool SaveBootFile(std::string filename);
     bool SaveFWFile(std::string filename);
 
+    // Getters of the properties of the same name.
     uint32_t GetVersion() { return m_version; }
     uint32_t GetMergeVersion() { return m_mergeVersion; }
     STRUCT_QZTIME GetReleaseTime() { return m_releaseTime; }
@@ -130,6 +133,7 @@ public:
     uint64_t GetFWSize() { return m_fwSize; }
     bool GetSignFlag() { return m_bSignFlag; }
     bool GetSingleFlag() { return m_bSingleFlag; }
+    /// Size of the firmware file in bytes.
     uint64_t GetImageSize() { return m_fileSize; }
 
     /// The boot container; null until ObjectInit reached it. Stays owned by the image.

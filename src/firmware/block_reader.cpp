@@ -14,6 +14,9 @@ namespace {
 // second-level cache when the pages are taken out.
 constexpr uint64_t kBlockSize = 256 * 1024;
 
+// Blocks start at page boundaries of the file: the kernel copies such bytes faster.
+constexpr uint64_t kAlignment = 4096;
+
 constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
 static_assert(sizeof(off_t) == 8, "firmware files are larger than 4 GiB");
 
@@ -37,13 +40,13 @@ bool BlockReader::read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& g
     while (got < size) {
         const uint64_t position = offset + got;
         if (position < m_block_offset || position >= m_block_offset + m_block_size) {
-            m_block_offset = position;
+            m_block_offset = position - position % kAlignment;
             m_block_size = 0;
-            if (!read_directly(position, kBlockSize, m_block.data(), m_block_size)) {
+            if (!read_directly(m_block_offset, kBlockSize, m_block.data(), m_block_size)) {
                 m_block_size = 0;
                 return false;
             }
-            if (m_block_size == 0)
+            if (position - m_block_offset >= m_block_size)
                 return true;
         }
         const uint64_t piece = std::min(size - got, m_block_offset + m_block_size - position);

@@ -52,8 +52,9 @@ void Progress::show(uint64_t done, uint64_t total) {
 }
 
 uint64_t Progress::steps_until_change(uint64_t done, uint64_t total) const {
-    if (done >= total || percent_of(done + 1, total) != m_shown)
+    if (percent_of(done + 1, total) != m_shown)
         return 1;
-    const Wide next_change = (Wide{m_shown + 1} * total + 99) / 100;
-    return static_cast<uint64_t>(std::min<Wide>(next_change, total)) - done;
+    // The percentage stays until then; with a total of 0 it stays at 100.
+    const Wide next_change = total == 0 ? Wide{UINT64_MAX} : (Wide{m_shown + 1} * total + 99) / 100;
+    return static_cast<uint64_t>(std::min<Wide>(next_change, UINT64_MAX)) - done;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 /// Lines on standard output, the tool's only way to speak. Every line is flushed.
 
@@ -15,8 +16,10 @@ void print_error_line(const std::string& text);
 /// Replaces the line above the cursor by text: cursor up, clear the line, text, newline.
 void redraw_line(const std::string& text);
 
-/// ",err=" and the number, or ",ret=" and the number, as messages end.
+/// ",err=" and the errno in decimal, as messages about files end.
 std::string error_suffix(int error_number);
+
+/// ",ret=" and the result in decimal, as messages about steps end.
 std::string result_suffix(int result);
 
 /// 100 * done / total rounded down; 100 when total is 0.
@@ -34,8 +37,8 @@ public:
     /// Redraws the line when the percentage of done out of total is not the one shown last.
     void show(uint64_t done, uint64_t total);
 
-    /// How many more steps can be done, at done out of total and at most until total, before show has to be
-    /// called.
+    /// The number of steps, at least 1, from done out of total to the next one after which show redraws the
+    /// line.
     uint64_t steps_until_change(uint64_t done, uint64_t total) const;
 
 private:

@@ -19,8 +19,7 @@ constexpr uint32_t kTableSize = kTableSectors * kSectorSize;
 constexpr uint64_t kGptSignature = 0x5452415020494645;  // "EFI PART"
 constexpr std::size_t kNameUnits = std::size(gpt_entry{}.partition_name);
 
-// The real device is not known here: the table describes one of this many sectors, and the device's own tools
-// move the end when they first see it.
+// The real device is not known here: the table always describes one of this many sectors.
 constexpr uint64_t kDiskSectors = 0xFFFFFFFF;
 
 // The record around the parameter text: tag and length before it, a checksum behind it.

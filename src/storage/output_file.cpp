@@ -12,9 +12,9 @@
 
 namespace {
 
-// Large enough that a system call is a small part of its cost, small enough to stay in the second-level
-// cache.
-constexpr uint64_t kBlockSize = 256 * 1024;
+// Measured: the kernel puts larger writes into larger pages of its cache. Twice this no longer stays in the
+// processor's second-level cache.
+constexpr uint64_t kBlockSize = 1024 * 1024;
 
 // The smallest run of zeros that is left out: with less, a file of alternating pages would cost more system
 // calls than bytes saved.
@@ -40,6 +40,11 @@ OutputBuffer::~OutputBuffer() {
     close();
 }
 
+bool OutputBuffer::is_protected(const struct stat& status) const {
+    return std::any_of(m_protected.begin(), m_protected.end(),
+                       [&](const FileIdentity& identity) { return identity.is(status); });
+}
+
 bool OutputBuffer::open(const std::string& path, bool readable, bool truncate) {
     close();
     m_path = path;
@@ -50,9 +55,8 @@ bool OutputBuffer::open(const std::string& path, bool readable, bool truncate) {
         return false;
     }
 
-    // Truncation waits until it is known which file was opened.
     struct stat status {};
-    if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) == 0 && m_protected.is(status)) {
+    if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) == 0 && is_protected(status)) {
         errno = EBUSY;
         return false;
     }
@@ -61,27 +65,34 @@ bool OutputBuffer::open(const std::string& path, bool readable, bool truncate) {
         retry_interrupted([&] { return ::open(path.c_str(), access | O_CREAT | O_CLOEXEC, 0666); });
     if (m_descriptor < 0)
         return false;
-
     int error = 0;
     if (retry_interrupted([&] { return ::fstat(m_descriptor, &status); }) != 0)
         error = errno;
-    else if (m_protected.is(status))
-        error = EBUSY;
-    else {
-        m_regular = S_ISREG(status.st_mode);
-        if (m_regular && truncate && status.st_size != 0 &&
-            retry_interrupted([&] { return ::ftruncate(m_descriptor, 0); }) != 0)
-            error = errno;
-    }
+    else
+        error = take_over(status, readable, truncate);
     if (error != 0) {
         ::close(m_descriptor);
         m_descriptor = -1;
         errno = error;
-        return false;
     }
-    if (m_regular && !truncate)
+    return error == 0;
+}
+
+/// Makes the file that was really opened the output; it is truncated only now that it is known. 0 or an
+/// errno.
+int OutputBuffer::take_over(const struct stat& status, bool readable, bool truncate) {
+    if (is_protected(status))
+        return EBUSY;
+    if (readable && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode)))
+        return ESPIPE;
+    m_regular = S_ISREG(status.st_mode);
+    m_identity = FileIdentity(status);
+    const bool has_content = m_regular && status.st_size != 0;
+    if (has_content && !truncate)
         m_size = m_written_end = static_cast<uint64_t>(status.st_size);
-    return true;
+    if (has_content && truncate && retry_interrupted([&] { return ::ftruncate(m_descriptor, 0); }) != 0)
+        return errno;
+    return 0;
 }
 
 void OutputBuffer::fail(int error) {
@@ -216,6 +227,7 @@ bool OutputBuffer::close() {
     if (::close(m_descriptor) != 0 && errno != EINTR)
         fail(errno);
     m_descriptor = -1;
+    m_identity = FileIdentity();
     return m_error == 0;
 }
 
@@ -263,12 +275,15 @@ int OutputBuffer::sync() {
 }
 
 void OutputFile::open(const std::string& path, std::ios_base::openmode mode) {
-    const bool readable = (mode & std::ios_base::in) != 0;
-    const bool truncate = !readable || (mode & std::ios_base::trunc) != 0;
-    if (m_buffer.open(path, readable, truncate))
-        clear();
-    else
+    const auto has = [mode](std::ios_base::openmode flag) { return (mode & flag) != 0; };
+    const bool keeps_content = has(std::ios_base::in) || has(std::ios_base::app);
+    if (!m_buffer.open(path, has(std::ios_base::in), has(std::ios_base::trunc) || !keeps_content)) {
         setstate(std::ios_base::failbit);
+        return;
+    }
+    clear();
+    if (has(std::ios_base::app) || has(std::ios_base::ate))
+        seekp(0, std::ios_base::end);
 }
 
 void OutputFile::close() {

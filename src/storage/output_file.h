@@ -8,6 +8,7 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 /// The first failure of any output file of a run: which file, and the errno of what failed.
 struct WriteFailure {
@@ -19,8 +20,8 @@ struct WriteFailure {
 };
 
 /// Below an OutputFile: gathers bytes into blocks, writes each with one call, keeps the first error and knows
-/// position and size itself. Whole blocks of zeros behind the end of a regular file are not written but
-/// become holes.
+/// position and size itself. Runs of zeros (of 64 KB at multiples of it, or up to the end of a block) behind
+/// everything that was written to a regular file before are not written but become holes.
 class OutputBuffer : public std::streambuf {
 public:
     explicit OutputBuffer(WriteFailure* failure) : m_failure(failure) {}
@@ -28,17 +29,26 @@ public:
     OutputBuffer(const OutputBuffer&) = delete;
     OutputBuffer& operator=(const OutputBuffer&) = delete;
 
-    /// Never opens this file (EBUSY).
-    void protect(const FileIdentity& identity) { m_protected = identity; }
+    /// Never opens this file (EBUSY), nor those named before.
+    void protect(const FileIdentity& identity) { m_protected.push_back(identity); }
     /// Writes zero bytes out like all others, from the next open on.
     void keep_zero_bytes() { m_holes_allowed = false; }
 
-    /// Creates or, with truncate, empties the file. False with errno set when it cannot be had.
+    /// Creates or, with truncate, empties the file; readable: for reading back too, which a pipe or a socket
+    /// cannot do (ESPIPE). False with errno set when it cannot be had.
     bool open(const std::string& path, bool readable, bool truncate);
+    /// True from a successful open to the next close.
     bool is_open() const { return m_descriptor >= 0; }
+    /// File descriptor, -1 when no file is open.
     int descriptor() const { return m_descriptor; }
+    /// Which file is open; unknown when none is.
+    const FileIdentity& identity() const { return m_identity; }
+    /// Where the next byte goes, in bytes from the start of the file.
     uint64_t position() const { return m_block_offset + m_block_used; }
+    /// Length in bytes with everything that was appended, written or not.
     uint64_t size() const { return m_size; }
+    /// True when a write to the file opened last has failed.
+    bool has_failed() const { return m_error != 0; }
 
     /// Writes count bytes of value at the position, without taking them from memory.
     bool append_fill(uint8_t value, uint64_t count);
@@ -57,6 +67,8 @@ protected:
     int sync() override;
 
 private:
+    bool is_protected(const struct stat& status) const;
+    int take_over(const struct stat& status, bool readable, bool truncate);
     bool append(const uint8_t* bytes, uint64_t count);
     bool move_to(uint64_t position);
     bool flush_block();
@@ -65,10 +77,11 @@ private:
     bool reach_length();
 
     WriteFailure* m_failure;
-    FileIdentity m_protected;
+    std::vector<FileIdentity> m_protected;
     bool m_holes_allowed = true;
 
     std::string m_path;
+    FileIdentity m_identity;
     int m_descriptor = -1;
     int m_error = 0;         // first failure of this file
     bool m_regular = false;  // a file that can have holes and be written at any position
@@ -89,14 +102,21 @@ public:
         rdbuf(&m_buffer);
     }
 
-    /// Opens path, creating it when it is not there; binary always. Truncates unless mode has in without
-    /// trunc. Clears the state; a failure sets failbit and errno.
+    /// Opens path, creating it when it is not there; binary always. Truncates unless mode has in or app
+    /// without trunc; starts at the end with app or ate. Clears the state; a failure sets failbit and errno.
     void open(const std::string& path, std::ios_base::openmode mode = std::ios_base::out);
+    /// True from a successful open to the next close.
     bool is_open() const { return m_buffer.is_open(); }
+    /// True when a write to the file opened last has failed; unlike the state bits it knows of nothing else.
+    bool has_failed() const { return m_buffer.has_failed(); }
+    /// Where the next byte goes, in bytes from the start of the file, whatever the state.
+    uint64_t position() const { return m_buffer.position(); }
+    /// Which file is open; unknown when none is.
+    const FileIdentity& identity() const { return m_buffer.identity(); }
     /// Writes what is gathered and closes; sets failbit when anything failed or no file is open.
     void close();
 
-    /// Never opens this file: open fails with EBUSY.
+    /// Never opens this file, nor those named before: open fails with EBUSY.
     void protect(const FileIdentity& identity) { m_buffer.protect(identity); }
     /// Writes zero bytes out like all others, from the next open on.
     void keep_zero_bytes() { m_buffer.keep_zero_bytes(); }
@@ -104,7 +124,7 @@ public:
     void write_fill(uint8_t value, uint64_t count, uint64_t size);
     /// Gives the file up with this error, as if a write had failed with it: sets badbit.
     void give_up(int error);
-    /// Of the open file, to read back what was flushed.
+    /// File descriptor to read back by what was flushed; -1 when no file is open.
     int descriptor() const { return m_buffer.descriptor(); }
 
 private:

@@ -22,7 +22,7 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
 
     Progress progress(announcement);
     for (uint32_t done = 0; done < data_pages;) {
-        if (m_fout.fail()) {  // nothing more reaches the file: on to the verdict
+        if (m_fout.has_failed()) {  // nothing more reaches the file: on to the verdict
             done += static_cast<uint32_t>(
                 std::min<uint64_t>(progress.steps_until_change(done, pages), data_pages - done));
         } else {
@@ -49,7 +49,8 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
 void CStorage::write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress) {
     std::memset(page, m_fill_byte, m_page_size);
     while (done < pages) {
-        const auto steps = static_cast<uint32_t>(progress.steps_until_change(done, pages));
+        const auto steps =
+            static_cast<uint32_t>(std::min<uint64_t>(progress.steps_until_change(done, pages), pages - done));
         write_fill_pages(page, steps, m_page_size);
         done += steps;
         progress.show(done, pages);

@@ -63,8 +63,8 @@ bool CSlcStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
 }
 
 bool CSlcStorage::post_write_partition() {
-    // Unlike the boot block's, these sectors are not multiplied by the flash pages of a page with 2 KB of
-    // data: the programmer counts the blocks of a partition in pages of data.
+    // Not multiplied by the flash pages of a page with 2 KB of data, unlike the boot block: programmers know
+    // the partition files with just this padding.
     const uint64_t written = uint64_t{m_image_fill_page_num} * m_page_size_sector;
     const uint64_t rest = sectors_to_block_end(written);
     if (rest > 0) {
@@ -94,7 +94,7 @@ void CSlcStorage::write_logical_fill_pages(uint64_t count) {
         m_fout.give_up(ENOMEM);
         return;
     }
-    for (uint64_t i = 0; i < count && !m_fout.fail(); ++i)
+    for (uint64_t i = 0; i < count && !m_fout.has_failed(); ++i)
         write_page(page.data(), m_page_size);
 }
 
@@ -103,11 +103,11 @@ bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
         print_error_line("size of oob is not enough");
         return false;
     }
-    if (m_fout.fail())
+    if (m_fout.has_failed())
         return true;  // nothing more reaches the file: no use in encoding it
     if (!prepare_buffers()) {
         m_fout.give_up(ENOMEM);
-        return true;
+        return false;
     }
     const uint32_t piece_size = m_page_2k ? kDataPerPage2k : m_page_size;
     for (uint64_t position = 0; position < m_page_size; position += piece_size)
@@ -132,7 +132,7 @@ bool CSlcStorage::prepare_buffers() {
     bch_encode_units(page, units(), kUnitStride);
     m_fill_page.fill_byte = m_fill_byte;
     m_fill_page.made = true;
-    std::memcpy(m_flash_page.data(), page, size);  // system bytes and the unused tail of all pages
+    std::memcpy(m_flash_page.data(), page, size);
     return true;
 }
 
@@ -157,6 +157,7 @@ void CSlcStorage::encode_flash_page(const uint8_t* data, uint32_t size) {
         std::memcpy(page + uint64_t{k} * kUnitStride, data + uint64_t{k} * kUnitData, kUnitData);
     bch_encode_units(page, data_units, kUnitStride);
 
-    // The units behind the data of a page with 2 KB of it are fill units; they stand in the buffer since it
-    // was made.
+    // Units behind the data are fill units, ready with their parity. The page before may have had data there.
+    const uint64_t rest = uint64_t{data_units} * kUnitStride;
+    std::memcpy(page + rest, m_fill_page.bytes.data() + rest, flash_page_size() - rest);
 }

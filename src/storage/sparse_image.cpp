@@ -58,6 +58,7 @@ private:
     int expand_raw(const chunk_header_t& chunk);
     int expand_fill(const chunk_header_t& chunk);
     void expand_pattern(uint64_t length);
+    bool takes(uint64_t piece) const;
     void append(uint64_t piece);
 
     Source m_source;
@@ -139,9 +140,9 @@ int SparseExpander::expand_fill(const chunk_header_t& chunk) {
 /// fill bytes: only whole fill values are stored.
 void SparseExpander::expand_pattern(uint64_t length) {
     const uint64_t page_size = m_page.size();
-    while (length >= page_size && saturating_sum(m_written, page_size) <= m_limit) {
+    while (length >= page_size && takes(page_size)) {
         uint64_t pieces = 1;
-        if (m_target.fail()) {  // nothing more reaches the file: on from one progress line to the next
+        if (m_target.has_failed()) {  // nothing more reaches the file: on from one progress line to the next
             const uint64_t steps = m_progress.steps_until_change(m_written, m_expanded_size);
             pieces = std::clamp<uint64_t>((steps + page_size - 1) / page_size, 1,
                                           std::min(length, m_limit - m_written) / page_size);
@@ -157,9 +158,16 @@ void SparseExpander::expand_pattern(uint64_t length) {
     append(length);
 }
 
+/// Whether that many more bytes are still expanded: up to the limit, and in a run that is lost only as far as
+/// they move the progress.
+bool SparseExpander::takes(uint64_t piece) const {
+    return saturating_sum(m_written, piece) <= m_limit &&
+           !(m_target.has_failed() && m_written >= m_expanded_size);
+}
+
 /// Appends the first piece bytes of the page, unless they go beyond the limit.
 void SparseExpander::append(uint64_t piece) {
-    if (saturating_sum(m_written, piece) > m_limit)
+    if (!takes(piece))
         return;
     m_target.write(reinterpret_cast<const char*>(m_page.data()), static_cast<std::streamsize>(piece));
     m_written += piece;
@@ -203,6 +211,7 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     const std::string path = path_in_output("unsparse_tmp.bin");
     OutputFile expanded(&m_write_failure);
     expanded.protect(m_update_image_ptr->GetIdentity());
+    expanded.protect(m_fout.identity());
     expanded.keep_zero_bytes();
     expanded.open(path,
                   std::ios_base::in | std::ios_base::out | std::ios_base::binary | std::ios_base::trunc);
@@ -210,6 +219,8 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
         print_line("failed to create " + path + error_suffix(errno));
         return -3;
     }
+    if (m_fout.has_failed())
+        expanded.give_up(EIO);  // the pages have nowhere to go
     ByteBuffer page(m_page_size);
     if (!page.has(m_page_size))
         return -7;
@@ -244,7 +255,7 @@ void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path
     BlockReader reader;
     reader.attach(expanded.descriptor());
     uint32_t done = 0;
-    for (; done < data_pages && !expanded.fail() && !m_fout.fail(); ++done) {
+    for (; done < data_pages && !expanded.has_failed() && !m_fout.has_failed(); ++done) {
         uint64_t got = 0;
         const bool read = reader.read(uint64_t{done} * m_page_size, m_page_size, page.data(), got);
         if (!read || got != m_page_size) {

@@ -16,7 +16,7 @@ bool CSpiStorage::prepare_write_idblock() {
 }
 
 bool CSpiStorage::post_write_idblock() {
-    return post_write_partition();
+    return CSpiStorage::post_write_partition();
 }
 
 bool CSpiStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {

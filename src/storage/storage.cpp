@@ -24,10 +24,10 @@ constexpr uint32_t kParameterLayoutStart = 8192;
 
 constexpr uint32_t kDataPerPage2k = 2048;
 
-// Padding pages of one stretch that go through write_page one by one. What a firmware asks for beyond that
-// (up to terabytes) is handed to the output file in one piece, so that a wild size costs moments and not
+// Padding of one output file that goes through write_page page by page, in bytes. What a firmware asks for
+// beyond (up to terabytes) is handed to the file in one piece, so that a wild size costs moments and not
 // hours.
-constexpr uint64_t kSinglePaddingPages = 65536;
+constexpr uint64_t kPaddingByPages = 64 * 1024 * 1024;
 
 bool has_count_extension(const tagQZIMAGE_HDR& header) {
     return header.manufacturer[56] == 'U' && header.manufacturer[57] == 'f';
@@ -245,11 +245,10 @@ bool CStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
 }
 
 bool CStorage::fill_output_file(uint64_t offset) {
+    if (!m_fout.is_open() || m_fout.has_failed())
+        return true;  // a failure that was kept; the verdict will say so
     m_fout.seekp(0, std::ios_base::end);
-    const std::streamoff end = m_fout.tellp();
-    if (end < 0)
-        return true;  // the output has failed already; the verdict will say so
-    const auto size = static_cast<uint64_t>(end);
+    const auto size = static_cast<uint64_t>(std::streamoff{m_fout.tellp()});
     if (size >= offset) {
         m_fout.seekp(static_cast<std::streamoff>(offset));
         return true;
@@ -274,11 +273,10 @@ bool CStorage::fill_output_file(uint64_t offset) {
 }
 
 bool CStorage::align_to_block() {
-    if (!m_fout.is_open())
+    if (!m_fout.is_open() || m_fout.has_failed())
         return true;
     m_fout.seekp(0, std::ios_base::end);
-    const std::streamoff end = m_fout.tellp();
-    const uint64_t excess = end < 0 ? 0 : static_cast<uint64_t>(end) % m_block_size;
+    const uint64_t excess = static_cast<uint64_t>(std::streamoff{m_fout.tellp()}) % m_block_size;
     if (excess == 0)
         return true;
     ByteBuffer page(m_page_size, m_fill_byte);
@@ -300,27 +298,27 @@ bool CStorage::write_page(uint8_t* data, uint32_t length) {
 }
 
 void CStorage::write_page_per_2k(const uint8_t* data) {
-    if (!m_page_2k_buffer.has(m_page_size) && !m_page_2k_buffer.reset(m_page_size)) {
-        m_fout.give_up(ENOMEM);
-        return;
-    }
     for (uint64_t position = 0; position < m_page_size; position += kDataPerPage2k) {
         const uint64_t slice = std::min<uint64_t>(kDataPerPage2k, m_page_size - position);
-        std::memset(m_page_2k_buffer.data(), m_fill_byte, m_page_size);
-        std::memcpy(m_page_2k_buffer.data(), data + position, slice);
-        m_fout.write(reinterpret_cast<const char*>(m_page_2k_buffer.data()), m_page_size);
+        m_fout.write(reinterpret_cast<const char*>(data + position), static_cast<std::streamsize>(slice));
+        m_fout.write_fill(m_fill_byte, 1, m_page_size - slice);
     }
 }
 
 void CStorage::write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length) {
-    const uint64_t single = std::min(count, kSinglePaddingPages);
-    for (uint64_t i = 0; i < single && !m_fout.fail(); ++i)
-        write_page(fill_page, length);
-
     const uint64_t slices = (uint64_t{m_page_size} + kDataPerPage2k - 1) / kDataPerPage2k;
     const uint64_t page_bytes = m_page_2k ? slices * m_page_size : length;
-    if (count != single && !m_fout.fail())
-        m_fout.write_fill(m_fill_byte, count - single, page_bytes);
+    for (uint64_t written = 0; written < count && !m_fout.has_failed(); ++written) {
+        if (m_padding_by_pages >= kPaddingByPages) {
+            m_fout.write_fill(m_fill_byte, count - written, page_bytes);
+            return;
+        }
+        const uint64_t before = m_fout.position();
+        write_page(fill_page, length);
+        // A class whose pages are not just their data gets all of them one by one.
+        if (m_fout.position() - before == page_bytes)
+            m_padding_by_pages += page_bytes;
+    }
 }
 
 bool CStorage::count_partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages,
@@ -353,6 +351,7 @@ std::string CStorage::path_in_output(const std::string& name) const {
 bool CStorage::switch_output(const std::string& name) {
     m_out_file = path_in_output(name);
     close_output();
+    m_padding_by_pages = 0;
     if (name.find('/') == std::string::npos) {
         m_fout.open(m_out_file, std::ios_base::out | std::ios_base::binary | std::ios_base::trunc);
     } else {

@@ -35,8 +35,8 @@ constexpr uint32_t kSectorSize = 512;
 /// A partition size that stands for "up to the end of the device", in items and in the parameter text.
 constexpr uint32_t kGrowingPartition = 0xFFFFFFFF;
 
-/// Units of size unit that cover amount, as the 32-bit number in which pages are counted; 0 for an amount of
-/// 0.
+/// Units of size unit (not 0) that cover amount, as the 32-bit number in which pages are counted; 0 for
+/// nothing.
 constexpr uint32_t page_count(uint64_t amount, uint32_t unit) {
     return amount == 0 ? 0 : static_cast<uint32_t>((amount - 1) / unit + 1);
 }
@@ -48,7 +48,7 @@ constexpr uint32_t page_count(uint64_t amount, uint32_t unit) {
 struct IDB_SEC0 {
     uint32_t dwTag;  ///< 0x0FF0AA55
     uint32_t reserved;
-    uint32_t uiRc4Flag;          ///< 1: the loader stages are scrambled
+    uint32_t uiRc4Flag;          ///< 1: the stages in this block are scrambled (the container's flag was set)
     uint16_t usBootCode1Offset;  ///< 4: the stages start behind the header
     uint16_t usBootCode2Offset;  ///< 4
     uint8_t reserved1[490];
@@ -335,7 +335,8 @@ protected:
     /// verdict.
     void close_output();
     /// Hands count pages of fill bytes to write_page, length bytes each; fill_page holds m_page_size fill
-    /// bytes.
+    /// bytes. Padding beyond 64 MiB in one file is handed to the output as a whole where pages are just their
+    /// data.
     void write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length);
     /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
@@ -349,45 +350,47 @@ protected:
     /// Reads size bytes of the item's data from position on.
     bool read_item_data(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t size, uint8_t* out);
 
-    bool m_init_ok;
-    uint32_t m_block_size;  ///< in bytes; all sizes wrap at 32 bits
-    std::string m_in_firmware;
-    CQZImage* m_update_image_ptr;      ///< owned through m_update_image
-    std::ifstream m_fin;               ///< not opened by the creation sequence
-    uint8_t* m_paramBuffer = nullptr;  ///< parameter record in whole pages; owned through m_param_bytes
-    uint32_t m_uiParamFileSize = 0;    ///< size of the record in bytes
-    bool m_gpt_flag = false;
-    bool m_page_2k;
-    uint32_t m_idb_fill_page_num = 0;
+    bool m_init_ok;                      ///< storage_init has succeeded
+    uint32_t m_block_size;               ///< in bytes; all sizes wrap at 32 bits
+    std::string m_in_firmware;           ///< path of the firmware
+    CQZImage* m_update_image_ptr;        ///< owned through m_update_image
+    std::ifstream m_fin;                 ///< not opened by the creation sequence
+    uint8_t* m_paramBuffer = nullptr;    ///< parameter record in whole pages; owned through m_param_bytes
+    uint32_t m_uiParamFileSize = 0;      ///< size of the record in bytes
+    bool m_gpt_flag = false;             ///< the parameter text asks for a GPT; set by create_image
+    bool m_page_2k;                      ///< only 2 KB of data in a flash page
+    uint32_t m_idb_fill_page_num = 0;    ///< SLC NAND: fill pages behind the boot block
     uint32_t m_image_fill_page_num = 0;  ///< pages of the image just written
     uint8_t m_fill_byte;                 ///< of every gap and padding
-    std::string m_out_dir;
-    std::string m_out_file;        ///< path of the output file; empty until one is opened
-    WriteFailure m_write_failure;  ///< first failure of any output file; ends the run in failure
+    std::string m_out_dir;               ///< output directory; empty: the current one
+    std::string m_out_file;              ///< path of the output file; empty until one is opened
+    WriteFailure m_write_failure;        ///< first failure of any output file; ends the run in failure
     OutputFile m_fout{&m_write_failure};
-    ENUM_FLASH_TYPE m_type;
-    uint32_t m_page_size;  ///< in bytes
-    uint32_t m_oob_size;   ///< in bytes
-    uint32_t m_block_size_sector;
-    uint32_t m_page_size_sector;
-    uint8_t m_idb_copy = 0;
+    ENUM_FLASH_TYPE m_type;        ///< storage type
+    uint32_t m_page_size;          ///< in bytes
+    uint32_t m_oob_size;           ///< in bytes
+    uint32_t m_block_size_sector;  ///< erase block in sectors
+    uint32_t m_page_size_sector;   ///< page in sectors
+    uint8_t m_idb_copy = 0;        ///< copies of the boot block; two are written at most
     uint32_t m_idb_upper_limit =
         0;  ///< sector bound of the boot block area; kept for completeness, read by nobody
-    uint32_t m_idb_start_sector = 0;
-    uint32_t m_idb_second_start_sector = 0;
-    uint32_t m_idb_total_sector = 0;
+    uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
+    uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
+    uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
 
 private:
     void write_page_per_2k(const uint8_t* data);
 
     std::unique_ptr<CQZImage> m_update_image;
     ByteBuffer m_param_bytes;
-    ByteBuffer m_page_2k_buffer;  // the flash page that takes 2 KB of data
+    uint64_t m_padding_by_pages = 0;  // bytes of padding that went through write_page in this output file
 };
 
 /// eMMC: one image of the whole device; the second boot block copy 512 KB behind the first.
 class CEmmcStorage : public CStorage {
 public:
+    /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
+    /// page.
     CEmmcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
                  std::string out_dir, bool page_2k);
     ~CEmmcStorage() override;
@@ -397,6 +400,8 @@ public:
 /// SPI NOR: one image of the whole device; the second boot block copy on a 64 KB boundary behind the first.
 class CNorStorage : public CStorage {
 public:
+    /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
+    /// page.
     CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
                 std::string out_dir, bool page_2k);
     ~CNorStorage() override;
@@ -407,6 +412,8 @@ public:
 /// areas.
 class CSpiStorage : public CStorage {
 public:
+    /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
+    /// page.
     CSpiStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
                 std::string out_dir, bool page_2k);
     ~CSpiStorage() override;
@@ -436,7 +443,7 @@ public:
 protected:
     uint32_t m_bch_size;        ///< spare bytes of a unit: 4 system bytes and 28 of parity
     uint32_t m_bch_list_index;  ///< list index of the next page; 0 at the start of every file
-    uint8_t m_bch_list_step;
+    uint8_t m_bch_list_step;    ///< from page to page: 1 for a page linked list, else 4
 
 private:
     /// A flash page of fill bytes, encoded once: such pages differ in list index and parity alone.
