@@ -1,3 +1,4 @@
+#include "../common/retry.h"
 #include "../storage/storage_impl.h"
 
 #include <csignal>
@@ -216,7 +217,7 @@ Outcome check_output(Options& options) {
         return kGoOn;
     }
     struct stat info {};
-    if (::stat(options.out_dir.c_str(), &info) != 0)
+    if (retry_interrupted([&] { return ::stat(options.out_dir.c_str(), &info); }) != 0)
         return refuse(options.out_dir + " failed to access", kOutputNotAccessible);
     if (!S_ISDIR(info.st_mode))
         return refuse(options.out_dir + " is not a directory", kOutputNotADirectory);
@@ -225,7 +226,7 @@ Outcome check_output(Options& options) {
 
 Outcome check_firmware(const Options& options) {
     struct stat info {};
-    if (::stat(options.in_firmware.c_str(), &info) != 0)
+    if (retry_interrupted([&] { return ::stat(options.in_firmware.c_str(), &info); }) != 0)
         return refuse(options.in_firmware + " failed to access", kFirmwareNotAccessible);
     if (!S_ISREG(info.st_mode))
         return refuse(options.out_dir + " is not a file",

@@ -216,7 +216,16 @@ bool CQZImage::GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer) {
     if (m_pFile == nullptr || dwOffset > m_fileSize || dwSize > m_fileSize - dwOffset)
         return false;
     uint64_t got = 0;
-    return m_reader.read(dwOffset, dwSize, lpBuffer, got) && got == dwSize;
+    const bool read = m_reader.read(dwOffset, dwSize, lpBuffer, got);
+    if ((!read || got != dwSize) && m_readError == 0)
+        m_readError = read ? EIO : errno;  // a file that became shorter is damaged as well
+    return read && got == dwSize;
+}
+
+uint8_t* CQZImage::ViewData(uint64_t dwOffset, uint32_t dwSize) {
+    if (m_pFile == nullptr || dwOffset > m_fileSize || dwSize > m_fileSize - dwOffset)
+        return nullptr;
+    return m_reader.view(dwOffset, dwSize);
 }
 
 void CQZImage::GetReservedData(uint8_t*& lpData, uint16_t& usSize) {
@@ -254,7 +263,7 @@ bool CQZImage::save_range(const std::string& filename, uint64_t offset, uint64_t
     if (m_pFile == nullptr)
         return false;
     struct stat status {};
-    if (::stat(filename.c_str(), &status) == 0 && m_identity.is(status)) {
+    if (retry_interrupted([&] { return ::stat(filename.c_str(), &status); }) == 0 && m_identity.is(status)) {
         errno = EBUSY;
         return false;
     }

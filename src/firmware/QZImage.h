@@ -105,6 +105,10 @@ public:
     /// when the file could not be read, and when none is open (single mode); lpBuffer is then not to be used.
     bool GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer);
 
+    /// Shows dwSize bytes at dwOffset without copying them; they stay until the next read and are not to be
+    /// changed. Null where GetData has to be asked: large pieces, and all in which it fails.
+    uint8_t* ViewData(uint64_t dwOffset, uint32_t dwSize);
+
     /// Hands out the head's 61 extension bytes.
     void GetReservedData(uint8_t*& lpData, uint16_t& usSize);
 
@@ -139,6 +143,10 @@ public:
     /// The boot container; null until ObjectInit reached it. Stays owned by the image.
     CQZBoot* GetBootObject() { return m_bootObject.get(); }
 
+    /// errno of the first read of the firmware that failed for another reason than the file's end; 0: none
+    /// has.
+    int GetReadError() const { return m_readError; }
+
     /// Which file the firmware is, so that no output is written over it. Unknown before ObjectInit opened it.
     const FileIdentity& GetIdentity() const { return m_identity; }
 
@@ -169,4 +177,5 @@ private:
     uint64_t m_fileSize = 0;
     BlockReader m_reader;  // reads m_pFile
     FileIdentity m_identity;
+    int m_readError = 0;
 };

@@ -32,21 +32,12 @@ bool BlockReader::read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& g
     got = 0;
     if (size >= kBlockSize)
         return read_directly(offset, size, out, got);
-    if (!m_block.has(kBlockSize) && !m_block.reset(kBlockSize)) {
-        errno = ENOMEM;
-        return false;
-    }
-
     while (got < size) {
         const uint64_t position = offset + got;
         if (position < m_block_offset || position >= m_block_offset + m_block_size) {
-            m_block_offset = position - position % kAlignment;
-            m_block_size = 0;
-            if (!read_directly(m_block_offset, kBlockSize, m_block.data(), m_block_size)) {
-                m_block_size = 0;
+            if (!load_block(position))
                 return false;
-            }
-            if (position - m_block_offset >= m_block_size)
+            if (position >= m_block_offset + m_block_size)
                 return true;
         }
         const uint64_t piece = std::min(size - got, m_block_offset + m_block_size - position);
@@ -54,6 +45,29 @@ bool BlockReader::read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& g
         got += piece;
     }
     return true;
+}
+
+uint8_t* BlockReader::view(uint64_t offset, uint64_t size) {
+    const auto holds_all = [&] {
+        return offset >= m_block_offset && size <= m_block_size &&
+               offset - m_block_offset <= m_block_size - size;
+    };
+    if (!holds_all() && (size > kLargestView || !load_block(offset) || !holds_all()))
+        return nullptr;
+    return m_block.data() + (offset - m_block_offset);
+}
+
+bool BlockReader::load_block(uint64_t position) {
+    m_block_size = 0;
+    if (!m_block.has(kBlockSize) && !m_block.reset(kBlockSize)) {
+        errno = ENOMEM;
+        return false;
+    }
+    m_block_offset = position - position % kAlignment;
+    if (read_directly(m_block_offset, kBlockSize, m_block.data(), m_block_size))
+        return true;
+    m_block_size = 0;
+    return false;
 }
 
 bool BlockReader::read_directly(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got) const {

@@ -17,7 +17,15 @@ public:
     /// then meant.
     bool read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got);
 
+    /// Shows size bytes (up to kLargestView) at the byte offset where they lie in the reader's block, which
+    /// stays as it is until the next call; they are not to be changed. Null when the file ends before or
+    /// cannot be read.
+    uint8_t* view(uint64_t offset, uint64_t size);
+
+    static constexpr uint64_t kLargestView = 128 * 1024;
+
 private:
+    bool load_block(uint64_t position);
     bool read_directly(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got) const;
 
     int m_descriptor = -1;

@@ -1,6 +1,7 @@
 #include "storage_impl.h"
 
 #include "../common/common_define.h"
+#include "../common/text_pieces.h"
 #include "console.h"
 
 #include <algorithm>
@@ -8,7 +9,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
+#include <string_view>
 #include <strings.h>
 
 namespace {
@@ -39,13 +40,11 @@ bool contains(const std::string& text, const char* word) {
     return text.find(word) != std::string::npos;
 }
 
-bool declares_gpt(std::string line) {
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
+bool declares_gpt(std::string_view line) {
     if (line.empty() || line.front() == '#')
         return false;
-    line = with_case(std::move(line), std::toupper);
-    return contains(line, "TYPE") && contains(line, "GPT");
+    const std::string upper = with_case(std::string(line), std::toupper);
+    return contains(upper, "TYPE") && contains(upper, "GPT");
 }
 
 legacy_mbr protective_mbr() {
@@ -104,16 +103,14 @@ bool CStorage::get_gpt_flag(STRUCT_QZIMAGE_ITEM& entry) {
     if (entry.size < around_text || entry.size > m_update_image_ptr->GetImageSize())
         return false;
     const uint32_t text_size = entry.size - around_text;
-    ByteBuffer text(uint64_t{text_size} + 1);  // the last byte stays 0 and ends the text
-    if (!text.has(text_size))
-        return false;
+    std::string record(text_size, '\0');  // a failure to get the memory must not look like a text without GPT
     const uint32_t position = m_update_image_ptr->FWOffset + entry.offset + kRecordHeadSize;  // a 32-bit sum
-    if (!m_update_image_ptr->GetData(position, text_size, text.data()))
+    if (!m_update_image_ptr->GetData(position, text_size, reinterpret_cast<uint8_t*>(record.data())))
         return false;
 
-    std::istringstream lines(reinterpret_cast<const char*>(text.data()));
-    std::string line;
-    while (std::getline(lines, line))
+    std::string_view text(record.c_str());
+    std::string_view line;
+    while (next_line(text, line))
         if (declares_gpt(line))
             return true;
     return false;

@@ -102,6 +102,19 @@ void OutputBuffer::fail(int error) {
         m_failure->note(m_path, error);
 }
 
+uint8_t* OutputBuffer::room(uint64_t& size) {
+    size = 0;
+    if (m_descriptor < 0 || m_error != 0)
+        return nullptr;
+    size = block_capacity() - m_block_used;
+    return m_block.data() + m_block_used;
+}
+
+/// Blocks end at multiples of their size, so that runs of zeros are found at the same places in every run.
+uint64_t OutputBuffer::block_capacity() const {
+    return kBlockSize - m_block_offset % kBlockSize;
+}
+
 bool OutputBuffer::append(const uint8_t* bytes, uint64_t count) {
     if (m_descriptor < 0 || m_error != 0)
         return false;
@@ -110,11 +123,10 @@ bool OutputBuffer::append(const uint8_t* bytes, uint64_t count) {
         return false;
     }
     while (count != 0) {
-        // Blocks end at multiples of their size, so that runs of zeros are found at the same places in every
-        // run.
-        const uint64_t capacity = kBlockSize - m_block_offset % kBlockSize;
+        const uint64_t capacity = block_capacity();
         const uint64_t piece = std::min(count, capacity - m_block_used);
-        std::memcpy(m_block.data() + m_block_used, bytes, piece);
+        if (bytes != m_block.data() + m_block_used)  // else they were put into the room
+            std::memcpy(m_block.data() + m_block_used, bytes, piece);
         m_block_used += piece;
         bytes += piece;
         count -= piece;
@@ -185,7 +197,8 @@ bool OutputBuffer::write_with_holes(uint64_t offset, const uint8_t* bytes, uint6
 
 bool OutputBuffer::write_all(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     if (count != 0 && !m_regular && offset != m_sequential) {
-        if (::lseek(m_descriptor, static_cast<off_t>(offset), SEEK_SET) < 0) {
+        if (retry_interrupted([&] { return ::lseek(m_descriptor, static_cast<off_t>(offset), SEEK_SET); }) <
+            0) {
             fail(errno);
             return false;
         }

@@ -50,6 +50,9 @@ public:
     /// True when a write to the file opened last has failed.
     bool has_failed() const { return m_error != 0; }
 
+    /// Where the next bytes are gathered, and how many fit there: bytes that a caller puts there and then
+    /// appends from there are not copied. Null when no file is open or it has failed.
+    uint8_t* room(uint64_t& size);
     /// Writes count bytes of value at the position, without taking them from memory.
     bool append_fill(uint8_t value, uint64_t count);
     /// Brings everything into the file and the file to its length. False when any write so far has failed.
@@ -69,6 +72,7 @@ protected:
 private:
     bool is_protected(const struct stat& status) const;
     int take_over(const struct stat& status, bool readable, bool truncate);
+    uint64_t block_capacity() const;
     bool append(const uint8_t* bytes, uint64_t count);
     bool move_to(uint64_t position);
     bool flush_block();
@@ -124,6 +128,9 @@ public:
     void write_fill(uint8_t value, uint64_t count, uint64_t size);
     /// Gives the file up with this error, as if a write had failed with it: sets badbit.
     void give_up(int error);
+    /// Where the next bytes are gathered, and how many fit there: bytes that are put there and then written
+    /// from there are not copied. Null when no file is open or it has failed.
+    uint8_t* room(uint64_t& size) { return m_buffer.room(size); }
     /// File descriptor to read back by what was flushed; -1 when no file is open.
     int descriptor() const { return m_buffer.descriptor(); }
 

@@ -1,9 +1,10 @@
+#include "../common/text_pieces.h"
 #include "storage_impl.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
+#include <string_view>
 
 namespace {
 
@@ -11,23 +12,11 @@ constexpr char kPartitionListKeyword[] = "mtdparts";
 constexpr char kUuidKeyword[] = "uuid:";
 constexpr std::size_t kUuidDigits = 32;
 
-/// The next line of the text that is not empty, without its final carriage return; false at the end.
-bool next_line(std::istream& text, std::string& line) {
-    while (std::getline(text, line)) {
-        if (line.empty())
-            continue;
-        if (line.back() == '\r')
-            line.pop_back();
-        return true;
-    }
-    return false;
-}
-
-std::string trimmed(const std::string& text) {
+std::string trimmed(std::string_view text) {
     const std::size_t first = text.find_first_not_of(' ');
-    if (first == std::string::npos)
+    if (first == std::string_view::npos)
         return {};
-    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+    return std::string(text.substr(first, text.find_last_not_of(' ') - first + 1));
 }
 
 bool scan_sectors(const std::string& text, uint32_t& value) {
@@ -51,9 +40,9 @@ uint8_t hexadecimal_value(char digit) {
 }  // namespace
 
 bool CStorage::parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem) {
-    std::istringstream text(pParameter != nullptr ? pParameter : "");
+    std::string_view text(pParameter != nullptr ? pParameter : "");
     bool found = false;
-    std::string line;
+    std::string_view line;
     while (next_line(text, line)) {
         const std::size_t keyword = line.find(kPartitionListKeyword);
         if (keyword == std::string::npos)
@@ -63,11 +52,12 @@ bool CStorage::parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecIte
         if (colon == std::string::npos)
             continue;
 
-        std::istringstream list(line.substr(colon + 1));
-        std::string piece;
-        while (std::getline(list, piece, ',')) {
+        std::string_view list = line.substr(colon + 1);
+        std::string_view piece;
+        while (next_piece(list, ',', piece)) {
+            std::string info(piece);
             STRUCT_PARAM_ITEM item;
-            if (parse_partition_info(piece, item.szItemName, item.uiItemOffset, item.uiItemSize))
+            if (parse_partition_info(info, item.szItemName, item.uiItemOffset, item.uiItemSize))
                 vecItem.push_back(std::move(item));
         }
         break;
@@ -100,13 +90,13 @@ bool CStorage::parse_partition_info(std::string& strPartInfo, std::string& strNa
 
 bool CStorage::get_uuid_from_parameter(const char* pParameter, UUID_ITEM_VECTOR& vecItem) {
     vecItem.clear();
-    std::istringstream text(pParameter != nullptr ? pParameter : "");
-    std::string line;
+    std::string_view text(pParameter != nullptr ? pParameter : "");
+    std::string_view line;
     while (next_line(text, line)) {
         const std::size_t keyword = line.find(kUuidKeyword);
         if (keyword == std::string::npos)
             continue;
-        std::string info = line.substr(keyword + std::strlen(kUuidKeyword));
+        std::string info(line.substr(keyword + std::strlen(kUuidKeyword)));
         STRUCT_UUID_ITEM item;
         std::string uuid;
         if (!parse_uuid(info, item.szUUidName, uuid))

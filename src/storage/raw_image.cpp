@@ -5,6 +5,14 @@
 #include <algorithm>
 #include <cstring>
 
+namespace {
+
+// Pages read with one call straight to where the output gathers them; shorter runs are better off in the
+// reader's block, which reads ahead.
+constexpr uint64_t kSmallestRun = 256 * 1024;
+
+}  // namespace
+
 int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
     const std::string announcement = "writing " + item_name(entry) + "...";
     print_line(announcement);
@@ -22,28 +30,54 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
 
     Progress progress(announcement);
     for (uint32_t done = 0; done < data_pages;) {
+        const uint64_t position = uint64_t{done} * m_page_size;
+        uint8_t* first = nullptr;
+        uint32_t run = 0;           // pages that lie one after another from first on
         if (m_fout.has_failed()) {  // nothing more reaches the file: on to the verdict
-            done += static_cast<uint32_t>(
+            run = static_cast<uint32_t>(
                 std::min<uint64_t>(progress.steps_until_change(done, pages), data_pages - done));
-        } else {
-            const uint64_t position = uint64_t{done} * m_page_size;
-            const auto chunk = static_cast<uint32_t>(std::min<uint64_t>(size - position, m_page_size));
-            if (chunk < m_page_size)
-                std::memset(page.data() + chunk, m_fill_byte, m_page_size - chunk);
-            if (!read_item_data(entry, position, chunk, page.data())) {
+        } else if (run = read_pages_in_place(entry, position, first); run == 0) {
+            run = 1;
+            first = read_page(entry, position, page.data());
+            if (first == nullptr) {
                 print_line("failed to get data from firmware");
                 return -2;
             }
-            write_page(page.data(), m_page_size);
-            ++done;
         }
-        progress.show(done, pages);
+        for (uint32_t i = 0; i < run; ++i) {
+            if (first != nullptr)
+                write_page(first + uint64_t{i} * m_page_size, m_page_size);
+            progress.show(++done, pages);
+        }
     }
     write_partition_rest(page.data(), data_pages, pages, progress);
 
     m_image_fill_page_num = pages;
     redraw_line(announcement + "OK");
     return 0;
+}
+
+uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t*& first) {
+    if (m_page_2k || m_type == FLASH_SLC_NAND)
+        return 0;  // their pages are longer in the output than in the firmware
+    uint64_t room = 0;
+    first = m_fout.room(room);
+    const uint64_t run = std::min(room, item_data_size(entry) - position) / m_page_size;
+    if (run * m_page_size < kSmallestRun)
+        return 0;
+    const auto size = static_cast<uint32_t>(run * m_page_size);
+    return read_item_data(entry, position, size, first) ? static_cast<uint32_t>(run) : 0;
+}
+
+uint8_t* CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page) {
+    const uint64_t source = uint64_t{m_update_image_ptr->FWOffset} + item_data_offset(entry) + position;
+    const auto chunk =
+        static_cast<uint32_t>(std::min<uint64_t>(item_data_size(entry) - position, m_page_size));
+    if (chunk == m_page_size)
+        if (uint8_t* data = m_update_image_ptr->ViewData(source, chunk); data != nullptr)
+            return data;
+    std::memset(page + chunk, m_fill_byte, m_page_size - chunk);
+    return m_update_image_ptr->GetData(source, chunk, page) ? page : nullptr;
 }
 
 void CStorage::write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress) {

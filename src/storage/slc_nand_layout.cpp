@@ -132,32 +132,36 @@ bool CSlcStorage::prepare_buffers() {
     bch_encode_units(page, units(), kUnitStride);
     m_fill_page.fill_byte = m_fill_byte;
     m_fill_page.made = true;
-    std::memcpy(m_flash_page.data(), page, size);
     return true;
 }
 
 /// Writes size bytes of data, filled up to a page, as the next flash page.
 void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
-    uint8_t* page = m_flash_page.data();
+    uint8_t* page = m_fill_page.bytes.data();
     if (holds_only(data, size, m_fill_byte)) {
-        page = m_fill_page.bytes.data();
         bch_replace_system_bytes(page, m_bch_list_index);
     } else {
-        encode_flash_page(data, size);
+        uint64_t room = 0;
+        uint8_t* place = m_fout.room(room);
+        page = room >= flash_page_size() ? place : m_flash_page.data();
+        encode_flash_page(data, size, page);
     }
     m_bch_list_index += m_bch_list_step;
     m_fout.write(reinterpret_cast<const char*>(page), static_cast<std::streamsize>(flash_page_size()));
 }
 
-void CSlcStorage::encode_flash_page(const uint8_t* data, uint32_t size) {
-    uint8_t* page = m_flash_page.data();
-    std::memcpy(page + kUnitData, &m_bch_list_index, sizeof(m_bch_list_index));
+void CSlcStorage::encode_flash_page(const uint8_t* data, uint32_t size, uint8_t* page) {
     const uint32_t data_units = page_count(size, kUnitData);
-    for (uint32_t k = 0; k < data_units; ++k)
-        std::memcpy(page + uint64_t{k} * kUnitStride, data + uint64_t{k} * kUnitData, kUnitData);
+    for (uint32_t k = 0; k < data_units; ++k) {
+        uint8_t* unit = page + uint64_t{k} * kUnitStride;
+        std::memcpy(unit, data + uint64_t{k} * kUnitData, kUnitData);
+        std::memset(unit + kUnitData, kErased, kUnitSpare);
+    }
+    std::memcpy(page + kUnitData, &m_bch_list_index, sizeof(m_bch_list_index));
     bch_encode_units(page, data_units, kUnitStride);
 
-    // Units behind the data are fill units, ready with their parity. The page before may have had data there.
+    // Units behind the data are fill units, ready with their parity; behind all units the spare area is
+    // erased.
     const uint64_t rest = uint64_t{data_units} * kUnitStride;
     std::memcpy(page + rest, m_fill_page.bytes.data() + rest, flash_page_size() - rest);
 }

@@ -1,5 +1,6 @@
 #include "storage_impl.h"
 
+#include "../common/retry.h"
 #include "console.h"
 
 #include <algorithm>
@@ -246,7 +247,7 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     m_image_fill_page_num = pages;
     redraw_line("writing " + name + "...OK");
     expanded.close();
-    ::unlink(path.c_str());
+    retry_interrupted([&] { return ::unlink(path.c_str()); });
     return 0;
 }
 
@@ -256,13 +257,18 @@ void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path
     reader.attach(expanded.descriptor());
     uint32_t done = 0;
     for (; done < data_pages && !expanded.has_failed() && !m_fout.has_failed(); ++done) {
-        uint64_t got = 0;
-        const bool read = reader.read(uint64_t{done} * m_page_size, m_page_size, page.data(), got);
-        if (!read || got != m_page_size) {
-            m_write_failure.note(path, read ? EIO : errno);
-            break;
+        const uint64_t position = uint64_t{done} * m_page_size;
+        uint8_t* data = reader.view(position, m_page_size);
+        if (data == nullptr) {
+            uint64_t got = 0;
+            const bool read = reader.read(position, m_page_size, page.data(), got);
+            if (!read || got != m_page_size) {
+                m_write_failure.note(path, read ? EIO : errno);
+                break;
+            }
+            data = page.data();
         }
-        write_page(page.data(), m_page_size);
+        write_page(data, m_page_size);
         progress.show(done + 1, pages);
     }
     // What could not be taken from the temporary file is filled: the run ends in failure anyway.

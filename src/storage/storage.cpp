@@ -209,6 +209,11 @@ bool CStorage::write_items(ItemPlan& plan) {
 
 bool CStorage::finish_output() {
     close_output();
+    // Not every step fails with a read of the firmware, but none may take its absence for data.
+    if (const int error = m_update_image_ptr->GetReadError(); error != 0) {
+        print_error_line("failed to read " + m_in_firmware + error_suffix(error));
+        return false;
+    }
     if (m_write_failure.error != 0) {
         print_error_line("failed to write " + m_write_failure.path + error_suffix(m_write_failure.error));
         return false;

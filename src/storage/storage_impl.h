@@ -338,6 +338,13 @@ protected:
     /// bytes. Padding beyond 64 MiB in one file is handed to the output as a whole where pages are just their
     /// data.
     void write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length);
+    /// Reads as many whole pages of item data from position on as are worth it to where the output gathers
+    /// its bytes, sets first and returns their count. 0 when there are too few or they cannot be read at
+    /// once.
+    uint32_t read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t*& first);
+    /// The page of item data at position: in place where the reader has it, else read into page, the last one
+    /// filled up. Null when it cannot be read.
+    uint8_t* read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page);
     /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
     /// Pages of a partition of part_size sectors that holds data_pages pages of data: for NAND and for
@@ -454,7 +461,7 @@ private:
     };
     bool prepare_buffers();
     void write_flash_page(const uint8_t* data, uint32_t size);
-    void encode_flash_page(const uint8_t* data, uint32_t size);
+    void encode_flash_page(const uint8_t* data, uint32_t size, uint8_t* page);
     void write_logical_fill_pages(uint64_t count);
     uint64_t sectors_to_block_end(uint64_t sectors) const;
     uint32_t units() const { return m_page_size_sector / 2; }
