@@ -72,9 +72,9 @@ bool BlockReader::load_block(uint64_t position) {
 
 bool BlockReader::read_directly(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got) const {
     got = 0;
+    if (offset > kLargestOffset || size > kLargestOffset - offset)
+        return true;  // the kernel refuses such a request; no file is that long
     while (got < size) {
-        if (offset + got > kLargestOffset)
-            return true;
         const ssize_t count = retry_interrupted(
             [&] { return ::pread(m_descriptor, out + got, size - got, static_cast<off_t>(offset + got)); });
         if (count < 0)

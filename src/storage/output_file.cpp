@@ -12,14 +12,6 @@
 
 namespace {
 
-// Measured: the kernel puts larger writes into larger pages of its cache. Twice this no longer stays in the
-// processor's second-level cache.
-constexpr uint64_t kBlockSize = 1024 * 1024;
-
-// The smallest run of zeros that is left out: with less, a file of alternating pages would cost more system
-// calls than bytes saved.
-constexpr uint64_t kHoleSize = 64 * 1024;
-
 constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
 static_assert(sizeof(off_t) == 8, "images are larger than 4 GiB");
 

@@ -19,11 +19,23 @@ struct WriteFailure {
     void note(const std::string& failed_path, int failed_error);
 };
 
+/// Bytes from which on it pays to read straight into the room of an output file; less is better off in a
+/// reader's block, which reads ahead.
+constexpr uint64_t kSmallestRunInPlace = 256 * 1024;
+
 /// Below an OutputFile: gathers bytes into blocks, writes each with one call, keeps the first error and knows
 /// position and size itself. Runs of zeros (of 64 KB at multiples of it, or up to the end of a block) behind
 /// everything that was written to a regular file before are not written but become holes.
 class OutputBuffer : public std::streambuf {
 public:
+    /// Bytes of a block. Measured: the kernel puts larger writes into larger pages of its cache; twice this
+    /// no longer stays in the processor's second-level cache.
+    static constexpr uint64_t kBlockSize = 1024 * 1024;
+
+    /// The smallest run of zeros inside a block that is left out: with less, a file of alternating pages
+    /// would cost more system calls than bytes saved.
+    static constexpr uint64_t kHoleSize = 64 * 1024;
+
     explicit OutputBuffer(WriteFailure* failure) : m_failure(failure) {}
     ~OutputBuffer() override;
     OutputBuffer(const OutputBuffer&) = delete;

@@ -5,14 +5,6 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
-
-// Pages read with one call straight to where the output gathers them; shorter runs are better off in the
-// reader's block, which reads ahead.
-constexpr uint64_t kSmallestRun = 256 * 1024;
-
-}  // namespace
-
 int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
     const std::string announcement = "writing " + item_name(entry) + "...";
     print_line(announcement);
@@ -57,16 +49,21 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
     return 0;
 }
 
-uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t*& first) {
+uint32_t CStorage::room_for_pages(uint8_t*& first) {
     if (m_page_2k || m_type == FLASH_SLC_NAND)
         return 0;  // their pages are longer in the output than in the firmware
     uint64_t room = 0;
     first = m_fout.room(room);
-    const uint64_t run = std::min(room, item_data_size(entry) - position) / m_page_size;
-    if (run * m_page_size < kSmallestRun)
+    return static_cast<uint32_t>(room / m_page_size);
+}
+
+uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t*& first) {
+    const uint64_t left = (item_data_size(entry) - position) / m_page_size;
+    const auto run = static_cast<uint32_t>(std::min<uint64_t>(room_for_pages(first), left));
+    const uint64_t size = uint64_t{run} * m_page_size;
+    if (size < kSmallestRunInPlace || !read_item_data(entry, position, static_cast<uint32_t>(size), first))
         return 0;
-    const auto size = static_cast<uint32_t>(run * m_page_size);
-    return read_item_data(entry, position, size, first) ? static_cast<uint32_t>(run) : 0;
+    return run;
 }
 
 uint8_t* CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page) {

@@ -60,7 +60,8 @@ private:
     int expand_fill(const chunk_header_t& chunk);
     void expand_pattern(uint64_t length);
     bool takes(uint64_t piece) const;
-    void append(uint64_t piece);
+    void append(const uint8_t* bytes, uint64_t piece);
+    void read_raw_in_place(uint64_t left, uint64_t& run, uint8_t*& bytes);
 
     Source m_source;
     OutputFile& m_target;
@@ -112,16 +113,32 @@ int SparseExpander::expand_chunk(const chunk_header_t& chunk) {
 int SparseExpander::expand_raw(const chunk_header_t& chunk) {
     uint64_t left = chunk.total_sz > sizeof(chunk) ? chunk.total_sz - sizeof(chunk) : 0;
     while (left != 0) {
-        const uint64_t piece = std::min(left, m_page.size());
-        if (!m_source(m_position, static_cast<uint32_t>(piece), m_page.data())) {
+        uint64_t run = std::min(left, m_page.size());
+        uint8_t* bytes = m_page.data();
+        read_raw_in_place(left, run, bytes);
+        if (bytes == m_page.data() && !m_source(m_position, static_cast<uint32_t>(run), bytes)) {
             print_line("failed to get raw chunk data");
             return kRawDataUnreadable;
         }
-        append(piece);
-        m_position += piece;
-        left -= piece;
+        for (uint64_t done = 0; done < run; done += std::min(run - done, m_page.size()))
+            append(bytes + done, std::min(run - done, m_page.size()));
+        m_position += run;
+        left -= run;
     }
     return 0;
+}
+
+/// Reads many pages of raw data at once to where the temporary file gathers its bytes and sets run and bytes
+/// to them; leaves both as they are where that is not worth it or not possible.
+void SparseExpander::read_raw_in_place(uint64_t left, uint64_t& run, uint8_t*& bytes) {
+    uint64_t room = 0;
+    uint8_t* place = m_target.room(room);
+    const uint64_t size = std::min(left, room) / m_page.size() * m_page.size();
+    if (size < kSmallestRunInPlace || !takes(size) ||
+        !m_source(m_position, static_cast<uint32_t>(size), place))
+        return;
+    run = size;
+    bytes = place;
 }
 
 int SparseExpander::expand_fill(const chunk_header_t& chunk) {
@@ -149,28 +166,29 @@ void SparseExpander::expand_pattern(uint64_t length) {
                                           std::min(length, m_limit - m_written) / page_size);
             m_written += (pieces - 1) * page_size;
         }
-        append(page_size);
+        append(m_page.data(), page_size);
         length -= pieces * page_size;
     }
     if (length == 0 || length >= page_size)
         return;  // done, or beyond the limit
     std::memset(m_page.data() + length / kChunkValueSize * kChunkValueSize, m_fill_byte,
                 length % kChunkValueSize);
-    append(length);
+    append(m_page.data(), length);
 }
 
-/// Whether that many more bytes are still expanded: up to the limit, and in a run that is lost only as far as
-/// they move the progress.
+/// Whether that many more bytes are still expanded: up to the limit, and in a run that is lost no further
+/// behind the announced size than any small partition lets it go.
 bool SparseExpander::takes(uint64_t piece) const {
-    return saturating_sum(m_written, piece) <= m_limit &&
-           !(m_target.has_failed() && m_written >= m_expanded_size);
+    const uint64_t end = saturating_sum(m_written, piece);
+    return end <= m_limit &&
+           !(m_target.has_failed() && end > saturating_sum(m_expanded_size, kLargestExcess));
 }
 
-/// Appends the first piece bytes of the page, unless they go beyond the limit.
-void SparseExpander::append(uint64_t piece) {
+/// Appends the next piece, unless they go beyond the limit.
+void SparseExpander::append(const uint8_t* bytes, uint64_t piece) {
     if (!takes(piece))
         return;
-    m_target.write(reinterpret_cast<const char*>(m_page.data()), static_cast<std::streamsize>(piece));
+    m_target.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(piece));
     m_written += piece;
     m_progress.show(m_written, m_expanded_size);
 }
@@ -256,20 +274,24 @@ void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path
     BlockReader reader;
     reader.attach(expanded.descriptor());
     uint32_t done = 0;
-    for (; done < data_pages && !expanded.has_failed() && !m_fout.has_failed(); ++done) {
-        const uint64_t position = uint64_t{done} * m_page_size;
-        uint8_t* data = reader.view(position, m_page_size);
-        if (data == nullptr) {
-            uint64_t got = 0;
-            const bool read = reader.read(position, m_page_size, page.data(), got);
-            if (!read || got != m_page_size) {
-                m_write_failure.note(path, read ? EIO : errno);
-                break;
-            }
-            data = page.data();
+    while (done < data_pages && !expanded.has_failed() && !m_fout.has_failed()) {
+        uint8_t* first = nullptr;
+        uint32_t run = std::min(room_for_pages(first), data_pages - done);
+        if (uint64_t{run} * m_page_size < kSmallestRunInPlace) {
+            run = 1;
+            first = page.data();
         }
-        write_page(data, m_page_size);
-        progress.show(done + 1, pages);
+        const uint64_t size = uint64_t{run} * m_page_size;
+        uint64_t got = 0;
+        const bool read = reader.read(uint64_t{done} * m_page_size, size, first, got);
+        if (!read || got != size) {
+            m_write_failure.note(path, read ? EIO : errno);
+            break;
+        }
+        for (uint32_t i = 0; i < run; ++i) {
+            write_page(first + uint64_t{i} * m_page_size, m_page_size);
+            progress.show(++done, pages);
+        }
     }
     // What could not be taken from the temporary file is filled: the run ends in failure anyway.
     write_partition_rest(page.data(), done, pages, progress);

@@ -338,6 +338,9 @@ protected:
     /// bytes. Padding beyond 64 MiB in one file is handed to the output as a whole where pages are just their
     /// data.
     void write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length);
+    /// Pages that can be put to first, where the output gathers its bytes, and written from there without a
+    /// copy; 0 when the class's pages are not just their data, or the output has failed.
+    uint32_t room_for_pages(uint8_t*& first);
     /// Reads as many whole pages of item data from position on as are worth it to where the output gathers
     /// its bytes, sets first and returns their count. 0 when there are too few or they cannot be read at
     /// once.
