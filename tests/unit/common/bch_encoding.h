@@ -1,0 +1,79 @@
+#pragma once
+
+// What the tests of the BCH encoder share.
+
+#include "common/bch.h"
+#include "support/bch_judge.h"
+#include "support/bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bch_tests {
+
+using test_support::Bytes;
+
+// The encoder is global: whatever a test made of it, the next one finds the strength that the program uses.
+class BchTest : public ::testing::Test {
+protected:
+    ~BchTest() override { bch_init(16); }
+};
+
+// Every way of encoding that this processor offers.
+inline std::vector<BchPath> available_paths() {
+    constexpr int more_than_there_are = 16;
+    std::vector<BchPath> paths;
+    for (int i = 0; i < more_than_there_are; ++i) {
+        if (bch_path_available(static_cast<BchPath>(i))) {
+            paths.push_back(static_cast<BchPath>(i));
+        }
+    }
+    return paths;
+}
+
+inline std::string path_name(BchPath path) {
+    switch (path) {
+    case BchPath::portable:
+        return "portable";
+    case BchPath::wide_rows:
+        return "wide_rows";
+    case BchPath::carry_less:
+        return "carry_less";
+    case BchPath::carry_less_256:
+        return "carry_less_256";
+    default:
+        return "path" + std::to_string(static_cast<int>(path));
+    }
+}
+
+// Buffers of exactly the codeword's size, so that a sanitizer sees any access beside them.
+inline Bytes encoded(const Bytes& message) {
+    Bytes codeword(AllBytesNum, 0xA5);
+    bch_encode(message.data(), codeword.data());
+    return codeword;
+}
+
+inline Bytes parity_of(const Bytes& message) {
+    return test_support::slice(encoded(message), CodeSysBytesNum, CodecBytesNum);
+}
+
+inline Bytes random_message(uint32_t seed) {
+    return test_support::patterned(test_support::bch_message_bytes, seed);
+}
+
+inline Bytes exclusive_or(Bytes a, const Bytes& b) {
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        a[i] = static_cast<uint8_t>(a[i] ^ b.at(i));
+    }
+    return a;
+}
+
+inline void flip_bit(Bytes& bytes, std::size_t bit) {
+    bytes.at(bit / 8) = static_cast<uint8_t>(bytes[bit / 8] ^ (1U << bit % 8));
+}
+
+}  // namespace bch_tests

@@ -1,0 +1,107 @@
+#include "common/byte_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ALLOCATIONS_ARE_WATCHED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ALLOCATIONS_ARE_WATCHED 1
+#endif
+#endif
+
+namespace {
+
+// More than any machine has. Volatile, so that the compiler does not refuse it on sight.
+const volatile uint64_t kBeyondMemory = uint64_t{1} << 62;
+const volatile uint64_t kLargestSize = UINT64_MAX;
+
+bool all_bytes_are(const ByteBuffer& buffer, uint8_t value) {
+    return std::all_of(buffer.data(), buffer.data() + buffer.size(),
+                       [value](uint8_t byte) { return byte == value; });
+}
+
+TEST(ByteBuffer, HoldsNothingAtFirst) {
+    ByteBuffer buffer;
+    EXPECT_EQ(buffer.data(), nullptr);
+    EXPECT_EQ(buffer.size(), 0U);
+    EXPECT_FALSE(buffer.has(0));
+    EXPECT_FALSE(buffer.has(1));
+}
+
+TEST(ByteBuffer, StartsWithZeros) {
+    const ByteBuffer buffer(5000);
+    ASSERT_TRUE(buffer.has(5000));
+    EXPECT_EQ(buffer.size(), 5000U);
+    EXPECT_TRUE(all_bytes_are(buffer, 0));
+}
+
+TEST(ByteBuffer, StartsWithTheFillValue) {
+    for (const int value : {0x00, 0x01, 0xFF}) {
+        const ByteBuffer buffer(4097, static_cast<uint8_t>(value));
+        ASSERT_TRUE(buffer.has(4097));
+        EXPECT_TRUE(all_bytes_are(buffer, static_cast<uint8_t>(value))) << value;
+    }
+}
+
+TEST(ByteBuffer, HasItsSizeAndNoByteMore) {
+    const ByteBuffer buffer(16);
+    EXPECT_TRUE(buffer.has(0));
+    EXPECT_TRUE(buffer.has(16));
+    EXPECT_FALSE(buffer.has(17));
+}
+
+TEST(ByteBuffer, OfSizeZeroIsThere) {
+    const ByteBuffer buffer(0, 0xFF);
+    EXPECT_TRUE(buffer.has(0));
+    EXPECT_FALSE(buffer.has(1));
+    EXPECT_EQ(buffer.size(), 0U);
+}
+
+TEST(ByteBuffer, ResetDropsTheContent) {
+    ByteBuffer buffer(100, 0xEE);
+    ASSERT_TRUE(buffer.reset(100));
+    EXPECT_TRUE(all_bytes_are(buffer, 0));
+    ASSERT_TRUE(buffer.reset(10));
+    EXPECT_TRUE(buffer.has(10));
+    EXPECT_FALSE(buffer.has(11));
+}
+
+TEST(ByteBuffer, MovesItsBytes) {
+    ByteBuffer first(64, 0x5A);
+    const uint8_t* bytes = first.data();
+    const ByteBuffer second(std::move(first));
+    EXPECT_EQ(second.data(), bytes);
+    EXPECT_TRUE(second.has(64));
+    EXPECT_TRUE(all_bytes_are(second, 0x5A));
+}
+
+TEST(ByteBuffer, WithoutMemoryIsEmptyInsteadOfThrowing) {
+#ifdef ALLOCATIONS_ARE_WATCHED
+    GTEST_SKIP() << "AddressSanitizer ends the program at such an allocation";
+#endif
+    for (const uint64_t size : {uint64_t{kBeyondMemory}, uint64_t{kLargestSize}}) {
+        ByteBuffer buffer(size, 0xFF);
+        EXPECT_FALSE(buffer.has(0)) << size;
+        EXPECT_EQ(buffer.data(), nullptr);
+        EXPECT_EQ(buffer.size(), 0U);
+    }
+}
+
+TEST(ByteBuffer, LosesItsContentInAResetThatFails) {
+#ifdef ALLOCATIONS_ARE_WATCHED
+    GTEST_SKIP() << "AddressSanitizer ends the program at such an allocation";
+#endif
+    ByteBuffer buffer(100, 0xEE);
+    EXPECT_FALSE(buffer.reset(kLargestSize));
+    EXPECT_FALSE(buffer.has(0));
+    EXPECT_EQ(buffer.size(), 0U);
+    EXPECT_TRUE(buffer.reset(3));
+    EXPECT_TRUE(buffer.has(3));
+}
+
+}  // namespace

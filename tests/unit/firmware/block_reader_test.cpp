@@ -1,0 +1,266 @@
+#include "firmware/block_reader.h"
+
+#include "support/bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+using test_support::Bytes;
+using test_support::patterned;
+using test_support::slice;
+
+constexpr uint64_t kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
+
+class OpenFile {
+public:
+    explicit OpenFile(const std::filesystem::path& path) : descriptor_(::open(path.c_str(), O_RDONLY)) {}
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    ~OpenFile() { close(); }
+
+    int descriptor() const { return descriptor_; }
+    void close() {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
+        descriptor_ = -1;
+    }
+
+private:
+    int descriptor_;
+};
+
+class BlockReaderTest : public ::testing::Test {
+protected:
+    BlockReaderTest() : content(patterned(1000003, 1)) {
+        test_support::write_file(directory / "file", content);
+        file = std::make_unique<OpenFile>(directory / "file");
+        reader.attach(file->descriptor());
+    }
+
+    // The bytes that a read of `size` at `offset` gives; the ones behind them stay as they are.
+    Bytes read(uint64_t offset, std::size_t size) {
+        Bytes out(size, 0xEE);
+        uint64_t got = 12345;
+        EXPECT_TRUE(reader.read(offset, size, out.data(), got)) << offset;
+        EXPECT_LE(got, size);
+        for (std::size_t i = got; i < size; ++i) {
+            if (size < 262144) {  // a large read goes straight into the caller's memory
+                EXPECT_EQ(out[i], 0xEE);
+            }
+        }
+        out.resize(got);
+        return out;
+    }
+
+    Bytes expected(uint64_t offset, std::size_t size) const {
+        if (offset >= content.size()) {
+            return {};
+        }
+        return slice(content, offset, std::min<std::size_t>(size, content.size() - offset));
+    }
+
+    test_support::TemporaryDirectory directory;
+    Bytes content;
+    std::unique_ptr<OpenFile> file;
+    BlockReader reader;
+};
+
+TEST_F(BlockReaderTest, ReadsPiecesOfAnySizeFromAnywhere) {
+    for (const std::size_t size : {1U, 2U, 511U, 2048U, 4097U, 65536U, 262143U, 262144U, 262145U, 700000U}) {
+        for (const uint64_t offset : {0U, 1U, 4095U, 4096U, 4097U, 262143U, 262144U, 300001U, 524287U}) {
+            ASSERT_EQ(read(offset, size), expected(offset, size)) << size << " bytes at " << offset;
+        }
+    }
+}
+
+TEST_F(BlockReaderTest, ReadsAFilePageByPage) {
+    for (const std::size_t page : {1000U, 2048U, 4096U, 100000U}) {
+        Bytes all;
+        for (uint64_t offset = 0; offset < content.size(); offset += page) {
+            test_support::put_bytes(all, read(offset, page));
+        }
+        ASSERT_TRUE(all == content) << page;
+    }
+}
+
+TEST_F(BlockReaderTest, ReadsBackwards) {
+    for (uint64_t offset = content.size(); offset >= 50000; offset -= 50000) {
+        ASSERT_EQ(read(offset - 100, 300), expected(offset - 100, 300)) << offset;
+    }
+}
+
+TEST_F(BlockReaderTest, GivesFewerBytesOnlyAtTheEndOfTheFile) {
+    const uint64_t end = content.size();
+    EXPECT_EQ(read(end - 1, 1), expected(end - 1, 1));
+    EXPECT_EQ(read(end - 1, 2).size(), 1U);
+    EXPECT_EQ(read(end - 1, 400000).size(), 1U);
+    EXPECT_EQ(read(end, 1).size(), 0U);
+    EXPECT_EQ(read(end, 400000).size(), 0U);
+    EXPECT_EQ(read(end + 1, 10).size(), 0U);
+    EXPECT_EQ(read(end + 100000000, 10).size(), 0U);
+}
+
+TEST_F(BlockReaderTest, ReadsNothingWhenAskedForNothing) {
+    uint64_t got = 12345;
+    EXPECT_TRUE(reader.read(0, 0, nullptr, got));
+    EXPECT_EQ(got, 0U);
+    EXPECT_TRUE(reader.read(content.size() + 5, 0, nullptr, got));
+    EXPECT_EQ(got, 0U);
+}
+
+TEST_F(BlockReaderTest, FindsNoByteAtOffsetsThatNoFileHas) {
+    for (const uint64_t offset :
+         {uint64_t{1} << 40, kLargestOffset - 300000, kLargestOffset - 4096, kLargestOffset - 1,
+          kLargestOffset, kLargestOffset + 1, std::numeric_limits<uint64_t>::max() - 1,
+          std::numeric_limits<uint64_t>::max()}) {
+        for (const std::size_t size : {1U, 32U, 300000U}) {
+            EXPECT_EQ(read(offset, size).size(), 0U) << size << " bytes at " << offset;
+        }
+    }
+}
+
+TEST_F(BlockReaderTest, TakesFollowingPiecesOutOfItsBlock) {
+    ASSERT_EQ(read(0, 100), expected(0, 100));
+    file->close();  // no system call can succeed any more
+    EXPECT_EQ(read(100, 100), expected(100, 100));
+    EXPECT_EQ(read(200000, 2048), expected(200000, 2048));
+    EXPECT_EQ(read(0, 100), expected(0, 100));
+}
+
+TEST_F(BlockReaderTest, ForgetsItsBlockWhenItIsAttachedAnew) {
+    ASSERT_EQ(read(0, 100), expected(0, 100));
+    const Bytes other = patterned(5000, 2);
+    test_support::write_file(directory / "other", other);
+    const OpenFile other_file(directory / "other");
+    reader.attach(other_file.descriptor());
+    EXPECT_EQ(read(0, 5001), other);
+}
+
+TEST_F(BlockReaderTest, ReadsBytesBeyond4GiB) {
+    const uint64_t far = (uint64_t{1} << 32) + 12345;
+    std::filesystem::resize_file(directory / "file", far);
+    Bytes tail = patterned(100, 3);
+    {
+        std::ofstream out(directory / "file", std::ios::binary | std::ios::app);
+        out.write(reinterpret_cast<const char*>(tail.data()), 100);
+    }
+    EXPECT_EQ(read(far, 200), tail);
+    tail.insert(tail.begin(), 50, uint8_t{0});
+    EXPECT_EQ(read(far - 50, 200), tail);
+    EXPECT_EQ(read(12345, 200), expected(12345, 200));
+}
+
+// ---- view ----
+
+// The bytes that a view shows, or "null" as one byte 0x21.
+Bytes shown(const uint8_t* view, std::size_t size) {
+    return view == nullptr ? Bytes{0x21} : Bytes(view, view + size);
+}
+
+TEST_F(BlockReaderTest, ShowsPiecesFromAnywhere) {
+    for (const std::size_t size : {1U, 511U, 2048U, 4097U, 131071U, 131072U}) {
+        for (const uint64_t offset : {0U, 1U, 4095U, 4096U, 131073U, 262143U, 262144U, 300001U, 868931U}) {
+            ASSERT_EQ(shown(reader.view(offset, size), size), expected(offset, size))
+                << size << " bytes at " << offset;
+        }
+    }
+    static_assert(BlockReader::kLargestView == 131072);
+}
+
+TEST_F(BlockReaderTest, ShowsPiecesUpToTheEndOfTheFileAndNotBeyond) {
+    const uint64_t end = content.size();
+    EXPECT_EQ(shown(reader.view(end - 1, 1), 1), expected(end - 1, 1));
+    EXPECT_EQ(reader.view(end - 1, 2), nullptr);
+    EXPECT_EQ(reader.view(end, 1), nullptr);
+    EXPECT_EQ(reader.view(end + 1, 1), nullptr);
+    EXPECT_EQ(reader.view(end - 131071, 131072), nullptr);
+    EXPECT_EQ(reader.view(std::numeric_limits<uint64_t>::max(), 1), nullptr);
+    EXPECT_EQ(reader.view(std::numeric_limits<uint64_t>::max() - 1, 100), nullptr);
+    EXPECT_EQ(shown(reader.view(end - 131072, 131072), 131072), expected(end - 131072, 131072));
+}
+
+TEST_F(BlockReaderTest, ShowsNoPieceThatIsLargerThanItsBlock) {
+    EXPECT_EQ(reader.view(0, 262145), nullptr);
+    EXPECT_EQ(reader.view(0, std::numeric_limits<uint64_t>::max()), nullptr);
+    EXPECT_EQ(shown(reader.view(0, 100), 100), expected(0, 100));
+    EXPECT_EQ(reader.view(1, std::numeric_limits<uint64_t>::max()), nullptr);
+}
+
+TEST_F(BlockReaderTest, ShowsAndReadsByTurns) {
+    for (uint64_t offset = 0; offset + 6000 < content.size(); offset += 6000) {
+        ASSERT_EQ(shown(reader.view(offset, 3000), 3000), expected(offset, 3000)) << offset;
+        ASSERT_EQ(read(offset + 3000, 3000), expected(offset + 3000, 3000)) << offset;
+    }
+}
+
+TEST_F(BlockReaderTest, ShowsNothingOfAFileThatCannotBeRead) {
+    ASSERT_EQ(read(0, 100), expected(0, 100));
+    file->close();
+    EXPECT_EQ(shown(reader.view(100, 100), 100), expected(100, 100));
+    EXPECT_EQ(reader.view(600000, 100), nullptr);
+    EXPECT_EQ(reader.view(0, 100), nullptr);
+}
+
+// ---- failures ----
+
+TEST_F(BlockReaderTest, FailsWithTheErrorOfTheSystem) {
+    reader.attach(-1);
+    Bytes out(400000);
+    for (const uint64_t size : {uint64_t{1}, uint64_t{400000}}) {
+        uint64_t got = 12345;
+        errno = 0;
+        EXPECT_FALSE(reader.read(0, size, out.data(), got));
+        EXPECT_EQ(errno, EBADF);
+    }
+}
+
+TEST_F(BlockReaderTest, FailsWhereADirectoryIsRead) {
+    const OpenFile opened(directory.path());
+    reader.attach(opened.descriptor());
+    uint8_t byte = 0;
+    uint64_t got = 0;
+    errno = 0;
+    EXPECT_FALSE(reader.read(0, 1, &byte, got));
+    EXPECT_EQ(errno, EISDIR);
+}
+
+TEST_F(BlockReaderTest, KeepsNoBlockOfAReadThatFailed) {
+    ASSERT_EQ(read(0, 100), expected(0, 100));
+    file->close();
+    Bytes out(100);
+    uint64_t got = 0;
+    EXPECT_FALSE(reader.read(600000, 100, out.data(), got));  // not in the block
+    EXPECT_FALSE(reader.read(0, 100, out.data(), got));       // was, but is not any more
+    EXPECT_FALSE(reader.read(600000, 100, out.data(), got));
+}
+
+TEST_F(BlockReaderTest, FailsWhereOnlyTheFirstPartOfAPieceIsInItsBlock) {
+    ASSERT_EQ(read(0, 1), expected(0, 1));
+    file->close();
+    Bytes out(1000);
+    uint64_t got = 0;
+    EXPECT_FALSE(reader.read(262144 - 500, 1000, out.data(), got));
+}
+
+TEST(BlockReader, WithoutAFileFails) {
+    BlockReader reader;
+    uint8_t byte = 0;
+    uint64_t got = 0;
+    EXPECT_FALSE(reader.read(0, 1, &byte, got));
+    EXPECT_EQ(reader.view(0, 1), nullptr);
+}
+
+}  // namespace

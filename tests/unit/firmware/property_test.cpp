@@ -1,0 +1,110 @@
+#include "firmware/Property.h"
+
+#include "firmware/QZBoot.h"
+#include "firmware/QZImage.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+namespace {
+
+class Thermometer {
+public:
+    property<Thermometer, int, 1> Degrees;
+    property<Thermometer, std::string, 1> Place;
+
+    int get_degrees() { return degrees; }
+    int get_twice_the_degrees() { return 2 * degrees; }
+    void set_degrees(int value) { degrees = value; }
+    std::string get_place() { return "roof"; }
+
+    int degrees = 0;
+};
+
+TEST(Property, ReadsThroughTheGetterOfItsOwner) {
+    Thermometer owner;
+    owner.Degrees.setContainer(&owner);
+    owner.Degrees.getter(&Thermometer::get_degrees);
+    owner.degrees = 21;
+    EXPECT_EQ(static_cast<int>(owner.Degrees), 21);
+    owner.degrees = -4;
+    const int degrees = owner.Degrees;
+    EXPECT_EQ(degrees, -4);
+}
+
+TEST(Property, CarriesValuesOfAnyType) {
+    Thermometer owner;
+    owner.Place.setContainer(&owner);
+    owner.Place.getter(&Thermometer::get_place);
+    const std::string place = owner.Place;
+    EXPECT_EQ(place, "roof");
+}
+
+TEST(Property, FollowsTheLastOwnerAndGetter) {
+    Thermometer first;
+    Thermometer second;
+    first.degrees = 1;
+    second.degrees = 2;
+    property<Thermometer, int, 1> view;
+    view.setContainer(&first);
+    view.getter(&Thermometer::get_degrees);
+    EXPECT_EQ(static_cast<int>(view), 1);
+    view.setContainer(&second);
+    EXPECT_EQ(static_cast<int>(view), 2);
+    view.getter(&Thermometer::get_twice_the_degrees);
+    EXPECT_EQ(static_cast<int>(view), 4);
+}
+
+TEST(Property, HandsAnAssignedValueToTheSetter) {
+    Thermometer owner;
+    owner.Degrees.setContainer(&owner);
+    owner.Degrees.setter(&Thermometer::set_degrees);
+    EXPECT_EQ((owner.Degrees = 37), 37);
+    EXPECT_EQ(owner.degrees, 37);
+}
+
+TEST(Property, IsReadThroughAConstOwner) {
+    Thermometer owner;
+    owner.Degrees.setContainer(&owner);
+    owner.Degrees.getter(&Thermometer::get_degrees);
+    owner.degrees = 8;
+    const Thermometer& read_only = owner;
+    EXPECT_EQ(static_cast<int>(read_only.Degrees), 8);
+}
+
+// ---- what is missing ends the program, and the message says where ----
+
+TEST(PropertyDeathTest, ReadingNeedsAnOwner) {
+    property<Thermometer, int, 1> view;
+    EXPECT_DEATH(static_cast<void>(static_cast<int>(view)), "Property.*`m_cObject != NULL' failed");
+    view.getter(&Thermometer::get_degrees);
+    EXPECT_DEATH(static_cast<void>(static_cast<int>(view)), "Property.*`m_cObject != NULL' failed");
+}
+
+TEST(PropertyDeathTest, ReadingNeedsAGetter) {
+    Thermometer owner;
+    owner.Degrees.setContainer(&owner);
+    owner.Degrees.setter(&Thermometer::set_degrees);
+    EXPECT_DEATH(static_cast<void>(static_cast<int>(owner.Degrees)), "Property.*`Get != NULL' failed");
+}
+
+TEST(PropertyDeathTest, AssigningNeedsAnOwnerAndASetter) {
+    Thermometer owner;
+    EXPECT_DEATH(owner.Degrees = 1, "Property.*`m_cObject != NULL' failed");
+    owner.Degrees.setContainer(&owner);
+    owner.Degrees.getter(&Thermometer::get_degrees);
+    EXPECT_DEATH(owner.Degrees = 1, "Property.*`Set != NULL' failed");
+}
+
+TEST(PropertyDeathTest, FirmwareClassesPublishReadOnlyViews) {
+    CQZBoot boot(nullptr, 0);
+    EXPECT_DEATH(boot.Version = 1U, "`Set != NULL' failed");
+    EXPECT_DEATH(boot.EntryLoaderCount = uint8_t{1}, "`Set != NULL' failed");
+    CQZImage image;
+    EXPECT_DEATH(image.FWOffset = 1U, "`Set != NULL' failed");
+    EXPECT_DEATH(image.SingleFlag = true, "`Set != NULL' failed");
+}
+
+}  // namespace

@@ -1,0 +1,230 @@
+// The files of SLC NAND: how many fill pages end a block, where list indexes restart, and whole runs.
+
+#include "common/bch.h"
+#include "nand_fixture.h"
+#include "slc_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace storage_test {
+namespace {
+
+using test_support::get32;
+using test_support::patterned;
+using test_support::read_slc_file;
+
+class SlcNand : public NandTest {
+protected:
+    template <typename Storage = SlcStorage>
+    std::unique_ptr<Storage> make_slc(const SlcCase& chip) const {
+        return make<Storage>(chip.geometry(), chip.page_list);
+    }
+};
+
+// ---- the boot block's fill pages ----
+
+struct BootBlockCase {
+    SlcCase chip;
+    uint32_t sectors;
+    uint32_t fill_pages;
+};
+
+SlcCase chip_of(uint32_t block_kb, uint32_t page_kb, bool page_2k = false) {
+    return {.page_kb = page_kb, .spare = 32 * page_kb, .page_2k = page_2k, .block_kb = block_kb};
+}
+
+TEST_F(SlcNand, BootBlockIsFilledUpToWholeBlocks) {
+    const std::vector<BootBlockCase> cases{
+        {chip_of(128, 2), 24, 58},  // 256 - 24 sectors
+        {chip_of(128, 2), 16, 60},
+        {chip_of(128, 2), 1, 63},
+        {chip_of(128, 2), 0, 0},
+        {chip_of(128, 2), 252, 1},
+        {chip_of(128, 2), 253, 0},  // rounded up to 256
+        {chip_of(128, 2), 256, 0},
+        {chip_of(128, 2), 257, 63},
+        {chip_of(128, 1), 17, 119},
+        {chip_of(128, 4), 16, 30},
+        {chip_of(128, 3), 16, 40},  // 18 sectors leave 238: 39 pages and a part of one
+        {chip_of(128, 8), 16, 15},
+        {chip_of(2, 4), 8, 0},
+        {chip_of(4, 3), 6, 1},  // 6 of 8 sectors: a whole page for the last two
+        {chip_of(128, 1, true), 17, 119},
+        {chip_of(128, 2, true), 24, 58},
+        {chip_of(128, 4, true), 16, 14},  // 32 sectors of flash leave 224: 28 flash pages
+        {chip_of(128, 4, true), 8, 15},
+        {chip_of(128, 4, true), 128, 0},
+        {chip_of(128, 4, true), 129, 15},  // 272 sectors of flash leave 240
+        {chip_of(128, 3, true), 16, 19},   // 36 sectors leave 220
+        {chip_of(128, 5, true), 10, 8},    // three flash pages of 10 sectors leave 226
+        {chip_of(128, 8, true), 16, 3},    // 64 sectors leave 192
+        {chip_of(128, 8, true), 33, 1},    // 192 sectors leave 64, which is one page of data
+    };
+    for (const BootBlockCase& c : cases) {
+        const auto storage = make_slc<SlcRecorder>(c.chip);
+        storage->m_idb_total_sector = c.sectors;
+        storage->m_idb_fill_page_num = 4711;
+        EXPECT_TRUE(storage->prepare_write_idblock());
+        const std::string what = c.chip.name() + ", " + std::to_string(c.sectors) + " sectors";
+        EXPECT_EQ(storage->m_idb_fill_page_num, c.fill_pages) << what;
+        EXPECT_TRUE(storage->post_write_idblock());
+        EXPECT_EQ(storage->pages.size(), c.fill_pages) << what;
+        for (const RecordedPage& page : storage->pages)
+            ASSERT_EQ(page.bytes, Bytes(c.chip.page_size(), 0));
+    }
+}
+
+TEST_F(SlcNand, PreparingTheBootBlockSetsItsPlace) {
+    const auto storage = make_slc({});
+    storage->m_idb_copy = 9;
+    storage->m_idb_start_sector = 64;
+    storage->m_idb_second_start_sector = 1088;
+    storage->m_idb_upper_limit = 1;
+    storage->m_idb_total_sector = 23;
+    storage->m_bch_list_index = 99;
+    EXPECT_EQ(output_of([&] { EXPECT_TRUE(storage->prepare_write_idblock()); }), "");
+    EXPECT_EQ(storage->m_idb_copy, 1);
+    EXPECT_EQ(storage->m_idb_start_sector, 0U);
+    EXPECT_EQ(storage->m_idb_second_start_sector, 0U);
+    EXPECT_EQ(storage->m_idb_upper_limit, 2048U);
+    EXPECT_EQ(storage->m_idb_total_sector, 23U);
+    EXPECT_EQ(storage->m_bch_list_index, 0U);
+    EXPECT_EQ(storage->m_out_file, out_path("idblock.img").string());
+    EXPECT_TRUE(storage->m_fout.is_open());
+}
+
+TEST_F(SlcNand, EndingTheBootBlockClosesAndRestartsTheListIndex) {
+    const auto storage = make_slc({});
+    EXPECT_TRUE(storage->prepare_write_idblock());
+    storage->m_idb_fill_page_num = 3;
+    EXPECT_EQ(output_of([&] { EXPECT_TRUE(storage->post_write_idblock()); }), "");
+    EXPECT_FALSE(storage->m_fout.is_open());
+    EXPECT_EQ(storage->m_bch_list_index, 0U);
+    EXPECT_TRUE(same_bytes(out_file("idblock.img"), slow_flash_pages(Bytes(3 * 2048, 0), {})));
+}
+
+TEST_F(SlcNand, FillPagesOfABlockCostOnePageOfEncoding) {
+    const SlcCase chip{.page_kb = 4, .spare = 128, .block_kb = 4096};
+    const auto storage = make_slc(chip);
+    storage->m_idb_total_sector = 8;
+    EXPECT_TRUE(storage->prepare_write_idblock());
+    const uint64_t before = bch_encoded_codewords();
+    EXPECT_TRUE(storage->post_write_idblock());
+    EXPECT_EQ(bch_encoded_codewords() - before, 4U);
+    const auto contents = read_slc_file(out_file("idblock.img"), chip.reader());
+    EXPECT_EQ(contents.error_text(), "");
+    EXPECT_EQ(contents.physical_pages, 1023U);
+}
+
+// ---- a partition's fill pages ----
+
+struct PartitionCase {
+    SlcCase chip;
+    uint32_t pages;
+    uint32_t fill_pages;
+};
+
+TEST_F(SlcNand, PartitionIsFilledUpToWholeBlocksOfDataPages) {
+    const std::vector<PartitionCase> cases{
+        {chip_of(128, 2), 0, 0},
+        {chip_of(128, 2), 1, 63},
+        {chip_of(128, 2), 3, 61},
+        {chip_of(128, 2), 63, 1},
+        {chip_of(128, 2), 64, 0},
+        {chip_of(128, 2), 65, 63},
+        {chip_of(128, 3), 1, 42},   // 6 sectors leave 250: 41 pages and a part of one
+        {chip_of(128, 3), 43, 43},  // 258 sectors leave 254
+        {chip_of(2, 4), 1, 0},
+        {chip_of(4, 3), 1, 1},
+        {chip_of(128, 1, true), 5, 123},
+        {chip_of(128, 2, true), 3, 61},
+        // The sectors of data count, not the flash pages that they take; the rest is counted in flash pages.
+        {chip_of(128, 4, true), 2, 15},
+        {chip_of(128, 4, true), 16, 8},
+        {chip_of(128, 4, true), 32, 0},
+        {chip_of(128, 3, true), 7, 18},
+        {chip_of(128, 5, true), 1, 9},  // 246 sectors are 24 pages and a part, eight times three and one
+        {chip_of(128, 8, true), 1, 4},
+        {chip_of(128, 8, true), 15, 1},
+    };
+    for (const PartitionCase& c : cases) {
+        const auto storage = make_slc<SlcRecorder>(c.chip);
+        STRUCT_QZIMAGE_ITEM item = named("part");
+        output_of([&] { EXPECT_TRUE(storage->prepare_write_partition(item)); });
+        storage->m_image_fill_page_num = c.pages;
+        EXPECT_TRUE(storage->post_write_partition());
+        const std::string what = c.chip.name() + ", " + std::to_string(c.pages) + " pages";
+        EXPECT_EQ(storage->pages.size(), c.fill_pages) << what;
+        for (const RecordedPage& page : storage->pages)
+            ASSERT_EQ(page.bytes, Bytes(c.chip.page_size(), 0));
+    }
+}
+
+TEST_F(SlcNand, PreparingAPartitionStartsAfresh) {
+    const auto storage = make_slc({});
+    storage->m_bch_list_index = 99;
+    storage->m_image_fill_page_num = 99;
+    STRUCT_QZIMAGE_ITEM item = named("boot");
+    item.flash_offset = 0x12345678;
+    EXPECT_EQ(output_of([&] { EXPECT_TRUE(storage->prepare_write_partition(item)); }),
+              line("preparing boot saving at " + out_path("boot.img").string()));
+    EXPECT_EQ(storage->m_bch_list_index, 0U);
+    EXPECT_EQ(storage->m_image_fill_page_num, 0U);
+    EXPECT_EQ(storage->m_out_file, out_path("boot.img").string());
+    EXPECT_TRUE(storage->m_fout.is_open());
+}
+
+TEST_F(SlcNand, PreparingAPartitionStartsAfreshAlsoWhenItFails) {
+    std::filesystem::create_directory(out_path("boot.img"));
+    const auto storage = make_slc({});
+    storage->m_bch_list_index = 99;
+    storage->m_image_fill_page_num = 99;
+    STRUCT_QZIMAGE_ITEM item = named("boot");
+    EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->prepare_write_partition(item)); }),
+              line("failed to create " + out_path("boot.img").string() + ",err=" + std::to_string(EISDIR)));
+    EXPECT_EQ(storage->m_bch_list_index, 0U);
+    EXPECT_EQ(storage->m_image_fill_page_num, 0U);
+}
+
+TEST_F(SlcNand, EndingAPartitionClosesAndStartsAfresh) {
+    const SlcCase chip{.block_kb = 8};
+    const auto storage = make_slc(chip);
+    STRUCT_QZIMAGE_ITEM item = named("part");
+    Bytes page = patterned(2048, 1);
+    output_of([&] {
+        EXPECT_TRUE(storage->prepare_write_partition(item));
+        EXPECT_TRUE(storage->write_page(page.data(), 2048));
+        storage->m_image_fill_page_num = 1;
+        EXPECT_TRUE(storage->post_write_partition());
+    });
+    EXPECT_FALSE(storage->m_fout.is_open());
+    EXPECT_EQ(storage->m_bch_list_index, 0U);
+    EXPECT_EQ(storage->m_image_fill_page_num, 0U);
+    EXPECT_TRUE(same_bytes(out_file("part.img"), slow_flash_pages(padded(page, 8192), chip)));
+}
+
+// A parameter partition of over a gigabyte has more fill pages in one stretch than are padded page by page
+// elsewhere. The file is /dev/null: its size is what counts.
+TEST_F(SlcNand, EveryFillPageOfAHugePartitionIsAFlashPage) {
+    const SlcCase chip{.page_kb = 1, .spare = 32};
+    constexpr uint32_t pages = 8 * (65536 + 2);
+    const auto firmware =
+        firmware_with({{.name = "parameter", .part_size = 2 * pages, .data = patterned(100, 1)}});
+    const auto storage = make_slc(chip);
+    load(*storage, firmware);
+    std::filesystem::create_symlink("/dev/null", out_path("parameter.img"));
+    STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
+    output_of([&] {
+        ASSERT_TRUE(storage->make_param_buffer(item));
+        ASSERT_TRUE(storage->prepare_write_partition(item));
+        EXPECT_EQ(storage->write_parameter(item), 0);
+    });
+    EXPECT_EQ(storage->m_image_fill_page_num, pages);
+    EXPECT_EQ(static_cast<uint64_t>(std::streamoff(storage->m_fout.tellp())), uint64_t{pages} * 1056);
+    EXPECT_EQ(storage->m_bch_list_index, 4 * pages);
+}
+
+}  // namespace
+}  // namespace storage_test
