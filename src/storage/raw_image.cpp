@@ -22,23 +22,25 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
 
     Progress progress(announcement);
     for (uint32_t done = 0; done < data_pages;) {
+        if (m_fout.has_failed()) {  // nothing more reaches the file: on to the verdict
+            const uint64_t steps = progress.steps_until_change(done, pages);
+            done += static_cast<uint32_t>(std::min<uint64_t>(steps, data_pages - done));
+            progress.show(done, pages);
+            continue;
+        }
         const uint64_t position = uint64_t{done} * m_page_size;
         uint8_t* first = nullptr;
-        uint32_t run = 0;           // pages that lie one after another from first on
-        if (m_fout.has_failed()) {  // nothing more reaches the file: on to the verdict
-            run = static_cast<uint32_t>(
-                std::min<uint64_t>(progress.steps_until_change(done, pages), data_pages - done));
-        } else if (run = read_pages_in_place(entry, position, first); run == 0) {
+        uint32_t run = read_pages_in_place(entry, position, first);
+        if (run == 0) {
             run = 1;
             first = read_page(entry, position, page.data());
-            if (first == nullptr) {
-                print_line("failed to get data from firmware");
-                return -2;
-            }
+        }
+        if (first == nullptr) {
+            print_line("failed to get data from firmware");
+            return -2;
         }
         for (uint32_t i = 0; i < run; ++i) {
-            if (first != nullptr)
-                write_page(first + uint64_t{i} * m_page_size, m_page_size);
+            write_page(first + uint64_t{i} * m_page_size, m_page_size);
             progress.show(++done, pages);
         }
     }
