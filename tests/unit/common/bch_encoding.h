@@ -23,6 +23,12 @@ protected:
     ~BchTest() override { bch_init(16); }
 };
 
+// Names of parameterised tests: a prefix and a number.
+inline std::string numbered(std::string prefix, int number) {
+    prefix += std::to_string(number);
+    return prefix;
+}
+
 // Every way of encoding that this processor offers.
 inline std::vector<BchPath> available_paths() {
     constexpr int more_than_there_are = 16;
@@ -46,7 +52,7 @@ inline std::string path_name(BchPath path) {
     case BchPath::carry_less_256:
         return "carry_less_256";
     default:
-        return "path" + std::to_string(static_cast<int>(path));
+        return numbered("path", static_cast<int>(path));
     }
 }
 

@@ -126,7 +126,7 @@ TEST_P(BchPaths, EqualTheBitSerialEncoderOnEverySingleBit) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Strengths, BchPaths, ::testing::Values(4, 8, 16, 24, 40, 60),
-                         [](const auto& test) { return "t" + std::to_string(test.param); });
+                         [](const auto& test) { return numbered("t", test.param); });
 
 // Register sizes, and parities whose last byte is not full.
 TEST_F(BchTest, EncodesAlikeOnEveryPathForEveryStrength) {
@@ -218,7 +218,7 @@ std::vector<PageCase> page_cases() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, BchUnits, ::testing::ValuesIn(page_cases()), [](const auto& test) {
-    return path_name(test.param.path) + "_t" + std::to_string(test.param.t);
+    return numbered(path_name(test.param.path) + "_t", test.param.t);
 });
 
 }  // namespace

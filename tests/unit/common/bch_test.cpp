@@ -45,7 +45,7 @@ INSTANTIATE_TEST_SUITE_P(Strengths, BchConfiguration,
                                            Configuration{40, 560, 70, 18, 8784, 1098, 70},
                                            Configuration{60, 840, 105, 27, 9064, 1133, 106},
                                            Configuration{64, 896, 112, 28, 9120, 1140, 112}),
-                         [](const auto& test) { return "t" + std::to_string(test.param.t); });
+                         [](const auto& test) { return numbered("t", test.param.t); });
 
 TEST_F(BchTest, ConfiguresTheSameCodewordForEveryStrength) {
     for (uint16_t t = 1; t <= kStrongest; ++t) {
@@ -166,7 +166,7 @@ TEST_P(BchStrength, ReplacesSystemBytesAsIfEncodedAnew) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Strengths, BchStrength, ::testing::Values(1, 3, 4, 5, 8, 16, 18, 24, 40, 55, 60, 64),
-                         [](const auto& test) { return "t" + std::to_string(test.param); });
+                         [](const auto& test) { return numbered("t", test.param); });
 
 TEST_F(BchTest, CountsCodewordsThatAreEncodedFromAllTheirBytes) {
     bch_init(16);

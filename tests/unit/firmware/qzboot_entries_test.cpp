@@ -209,15 +209,17 @@ TEST(QZBootEntries, HaveNamesMadeOfTheLowByteOfEachUnit) {
 
 // ---- tables ----
 
-TEST(QZBootTables, StepByTheRecordSizeOfTheHead) {
-    for (const int record_size : {57, 58, 64, 100, 255}) {
+TEST(QZBootTables, StepByTheirOwnRecordSizeOfTheHead) {
+    for (const int record_size : {57, 58, 64, 100, 253}) {
         BootContainer container = sample_container();
-        container.loader.record_size = static_cast<uint8_t>(record_size);
+        container.entries_471.record_size = static_cast<uint8_t>(record_size);
+        container.entries_472.record_size = static_cast<uint8_t>(record_size + 1);
+        container.loader.record_size = static_cast<uint8_t>(record_size + 2);
         const auto boot = loaded(container);
-        EXPECT_EQ(data_of(*boot, ENTRYLOADER, 0), container.loader.entries[0].data) << record_size;
+        EXPECT_EQ(data_of(*boot, ENTRY471, 1), container.entries_471.entries[1].data) << record_size;
+        EXPECT_EQ(data_of(*boot, ENTRY472, 1), container.entries_472.entries[1].data) << record_size;
         EXPECT_EQ(data_of(*boot, ENTRYLOADER, 1), container.loader.entries[1].data) << record_size;
         EXPECT_EQ(index_of(*boot, ENTRYLOADER, "FlashBoot"), 1) << record_size;
-        EXPECT_EQ(data_of(*boot, ENTRY472, 1), container.entries_472.entries[1].data) << record_size;
     }
 }
 

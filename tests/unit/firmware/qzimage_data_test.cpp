@@ -245,6 +245,7 @@ TEST_F(QZImageGetData, DoesNotWrapAtTheEndOf64Bits) {
     EXPECT_EQ(data(largest - 15, 16), Bytes{0x21});
     EXPECT_EQ(data(largest - 7, 100), Bytes{0x21});
     EXPECT_EQ(data(uint64_t{1} << 63, 1), Bytes{0x21});
+    EXPECT_EQ(image.GetReadError(), 0);  // nothing was read at all
 }
 
 TEST_F(QZImageGetData, FailsForBytesThatTheFileHasLostSince) {

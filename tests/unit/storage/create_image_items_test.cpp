@@ -103,6 +103,16 @@ TEST_F(CreateImageTest, NameThatFillsItsFieldIsAnnouncedWithItsWholeLength) {
 
 // ---- how many items ----
 
+TEST_F(CreateImageTest, ItemBehindTheCountIsNotLookedAt) {
+    Firmware firmware = bare_firmware();
+    firmware.items.push_back({.name = "boot", .part_size = 4, .flash_offset = 64, .data = patterned(7, 1)});
+    firmware.item_count = 1;
+    EXPECT_EQ(run_emmc(firmware), start_lines + parameter_lines("00002000") + success_line);
+    firmware.item_count = 2;
+    EXPECT_EQ(run_emmc(firmware), start_lines + parameter_lines("00002000") +
+                                      partition_lines("boot", "00002040", 1) + success_line);
+}
+
 // `count` items: the parameter, items that are not placed, and a partition at the end.
 Firmware firmware_of(std::size_t count) {
     Firmware firmware = bare_firmware();

@@ -2,7 +2,6 @@
 
 #include "create_image_fixture.h"
 #include "support/boot_rom.h"
-#include "support/sparse_builder.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +17,19 @@ using namespace test_support;
 
 // ---- the sample ----
 
+// The partitions of the sample without a GPT, behind what the image holds already, and the padding at its
+// end.
+void place_sample_partitions(ExpectedImage& image, const Firmware& firmware, const Geometry& geometry) {
+    const uint32_t page = geometry.page_kb * 1024;
+    const auto parameter_page_count = static_cast<std::size_t>(round_up(0x100 * 512, page) / page);
+    image.place(0x2000 * 512, parameter_pages(firmware.items[0].data, page, parameter_page_count, 8,
+                                              parameter_page_count / 8));
+    for (std::size_t i = 1; i < 4; ++i)
+        image.place((0x2000 + firmware.items[i].flash_offset) * 512,
+                    partition_bytes(firmware.items[i], page));
+    image.align(geometry.block_kb * 1024, page);
+}
+
 TEST_F(CreateImageTest, SampleForEmmcHasEveryPieceAtItsPlace) {
     for (const bool scrambled : {false, true}) {
         const Firmware firmware = sample_firmware({.scramble_stages = scrambled});
@@ -27,11 +39,7 @@ TEST_F(CreateImageTest, SampleForEmmcHasEveryPieceAtItsPlace) {
                                           partition_lines("rootfs", "000021c0", 10) + success_line);
         ExpectedImage expected;
         place_emmc_boot_blocks(expected, firmware, {});
-        expected.place(0x2000 * 512, parameter_pages(firmware.items[0].data, 2048, 64, 8, 8));
-        expected.place(0x2100 * 512, partition_bytes(firmware.items[1], 2048));
-        expected.place(0x2180 * 512, partition_bytes(firmware.items[2], 2048));
-        expected.place(0x21C0 * 512, partition_bytes(firmware.items[3], 2048));
-        expected.align(524288, 2048);
+        place_sample_partitions(expected, firmware, {});
         EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
     }
 }
@@ -47,11 +55,7 @@ TEST_F(CreateImageTest, SampleForNorHasItsSecondBootBlockOnA64KBBoundary) {
     ExpectedImage expected;
     expected.place(64 * 512, boot_block(firmware));
     expected.place(256 * 512, boot_block(firmware));
-    expected.place(0x2000 * 512, parameter_pages(firmware.items[0].data, 1024, 128, 8, 16));
-    for (std::size_t i = 1; i < 4; ++i)
-        expected.place((0x2000 + firmware.items[i].flash_offset) * 512,
-                       partition_bytes(firmware.items[i], 1024));
-    expected.align(65536, 1024);
+    place_sample_partitions(expected, firmware, {.block_kb = 64, .page_kb = 1});
     EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
 }
 
@@ -66,11 +70,7 @@ TEST_F(CreateImageTest, PageThatDividesNothingOverlapsTheNeighbours) {
                   success_line);
     ExpectedImage expected;
     place_emmc_boot_blocks(expected, firmware, geometry);
-    expected.place(0x2000 * 512, parameter_pages(firmware.items[0].data, 3072, 43, 8, 5));
-    for (std::size_t i = 1; i < 4; ++i)
-        expected.place((0x2000 + firmware.items[i].flash_offset) * 512,
-                       partition_bytes(firmware.items[i], 3072));
-    expected.align(524288, 3072);
+    place_sample_partitions(expected, firmware, geometry);
     EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
 }
 

@@ -46,36 +46,23 @@ TEST_F(EmmcLayoutTest, PreparingLeavesTheOutputAsItIs) {
 }
 
 TEST_F(EmmcLayoutTest, CopiesOfOneEraseBlockOf512KBAreAdjacent) {
-    const Firmware firmware = sample_firmware({.scramble_stages = true});
     const auto storage = make<Emmc>({.block_kb = 512});
-    ExpectedImage expected;
-    const Bytes block = zero_padded(boot_block(firmware), 524288);
-    expected.place(64 * 512, block);
-    expected.place((64 + 1024) * 512, block);
-    EXPECT_TRUE(same_bytes(boot_area(*storage, firmware), expected.bytes()));
+    expect_copies(*storage, sample_firmware({.scramble_stages = true}), 1088, 524288);
+    EXPECT_EQ(64 * 512 + storage->m_idb_total_sector * 512, 1088U * 512);
+    EXPECT_EQ(out_image().size(), 1088U * 512 + 524288);
 }
 
 TEST_F(EmmcLayoutTest, GapBetweenSmallCopiesIsFilled) {
-    const Firmware firmware = sample_firmware();
     const auto storage = make<Emmc>({.block_kb = 1, .page_kb = 1});
-    ExpectedImage expected;
-    expected.place(64 * 512, boot_block(firmware));
-    expected.place(1088 * 512, boot_block(firmware));
-    EXPECT_TRUE(same_bytes(boot_area(*storage, firmware), expected.bytes()));
-    EXPECT_EQ(expected.bytes().size(), 1088U * 512 + 16 * 512);
+    expect_copies(*storage, sample_firmware(), 1088, 8192);
+    EXPECT_EQ(storage->m_idb_total_sector, 16U);
 }
 
 TEST_F(EmmcLayoutTest, SecondCopyLiesOverTheTailOfAFirstOf4MB) {
-    const Firmware firmware = sample_firmware();
     const auto storage = make<Emmc>({.block_kb = 4096});
-    const Bytes image = boot_area(*storage, firmware);
+    expect_copies(*storage, sample_firmware(), 1088, 4194304);
     EXPECT_EQ(storage->m_idb_total_sector, 8192U);
-    ExpectedImage expected;
-    const Bytes block = zero_padded(boot_block(firmware), 4194304);
-    expected.place(64 * 512, block);
-    expected.place(1088 * 512, block);
-    EXPECT_TRUE(same_bytes(image, expected.bytes()));
-    EXPECT_EQ(image.size(), (1088U + 8192) * 512);
+    EXPECT_EQ(out_image().size(), (1088U + 8192) * 512);
 }
 
 // The stages reach past sector 1024 of the block, so that the second copy overwrites bytes of the first.
@@ -93,25 +80,15 @@ TEST_F(EmmcLayoutTest, SecondCopyOverwritesStagesOfALongFirst) {
 
 // 1024 sectors are not whole pages of 6: a copy is 171 pages, and its last two sectors lie under the second.
 TEST_F(EmmcLayoutTest, CopyThatEndsInsideAPageReachesIntoTheSecond) {
-    const Firmware firmware = sample_firmware();
     const auto storage = make<Emmc>({.block_kb = 512, .page_kb = 3});
-    const Bytes image = boot_area(*storage, firmware);
+    expect_copies(*storage, sample_firmware(), 1088, 171 * 3072);
     EXPECT_EQ(storage->m_idb_total_sector, 1024U);
-    ExpectedImage expected;
-    expected.place(64 * 512, boot_block(firmware));
-    expected.place(1088 * 512, zero_padded(boot_block(firmware), 171 * 3072));
-    EXPECT_TRUE(same_bytes(image, expected.bytes()));
 }
 
 TEST_F(EmmcLayoutTest, EraseBlockSmallerThanAPageIsWrittenAsAPage) {
-    const Firmware firmware = sample_firmware();
     const auto storage = make<Emmc>({.block_kb = 1, .page_kb = 64});
-    const Bytes image = boot_area(*storage, firmware);
+    expect_copies(*storage, sample_firmware(), 1088, 65536);
     EXPECT_EQ(storage->m_idb_total_sector, 128U);
-    ExpectedImage expected;
-    expected.place(64 * 512, boot_block(firmware));
-    expected.place(1088 * 512, zero_padded(boot_block(firmware), 65536));
-    EXPECT_TRUE(same_bytes(image, expected.bytes()));
 }
 
 }  // namespace

@@ -295,6 +295,17 @@ TEST_F(GptPartition, Refuses129PartitionsBeforeAnythingIsWritten) {
     expect_nothing_written();
 }
 
+TEST_F(GptPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
+    if (!memory_can_be_limited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    load_text("mtdparts=x:0x1@0x2(a)");
+    m_storage->m_page_size = huge_page_kb * 1024;
+    m_storage->m_page_size_sector = huge_page_kb * 2;
+    const MemoryLimit limit(256 * 1024 * 1024);
+    EXPECT_EQ(write(), std::pair(-4, gpt_opening));
+    expect_nothing_written();
+}
+
 TEST_F(GptPartition, PageThatCannotBeWrittenChangesNothing) {
     load_text("mtdparts=x:0x1@0x2(a)");
     auto storage = make<Refusing<Recorder>>();

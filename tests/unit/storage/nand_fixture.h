@@ -3,8 +3,8 @@
 // What the tests of the two NAND types share: a firmware with every kind of partition image, and what a run
 // over it prints and puts into the files before the page format of the type.
 
+#include "expected_image.h"
 #include "sparse_fixture.h"
-#include "support/boot_rom.h"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,6 @@ inline test_support::Firmware nand_firmware(bool gpt = false) {
     return firmware;
 }
 
-inline constexpr std::size_t nand_idblock_sectors = 16;
 inline const std::set<std::string> nand_files{"idblock.img", "parameter.img", "boot.img", "misc.img",
                                               "rootfs.img"};
 
@@ -62,21 +61,6 @@ inline std::string nand_lines(const test_support::Firmware& original, const std:
            writing_lines("misc", pages("misc.img")) + preparing("rootfs") +
            sparse_lines("rootfs", firmware.item("rootfs").data, page_size, pages("rootfs.img")) +
            line("creating programming image ok.");
-}
-
-// The boot block with both stages, then zeros up to the given size.
-inline void expect_boot_block(const Bytes& data, const test_support::Firmware& firmware, std::size_t size) {
-    ASSERT_EQ(data.size(), size);
-    const auto block = test_support::read_boot_block(data, 0);
-    EXPECT_TRUE(block.found);
-    EXPECT_EQ(block.errors, std::vector<std::string>{});
-    EXPECT_TRUE(block.reserved_zero);
-    const Bytes first = padded(firmware.boot.loader.entries.at(0).data, 2048);
-    const Bytes second = padded(firmware.boot.loader.entries.at(1).data, 2048);
-    EXPECT_TRUE(same_bytes(block.stage1, first));
-    EXPECT_TRUE(same_bytes(block.stage2, second));
-    const std::size_t used = 2048 + first.size() + second.size();
-    EXPECT_TRUE(test_support::all_bytes_are(data, 0, used, size - used));
 }
 
 class NandTest : public StorageTest {

@@ -59,35 +59,22 @@ TEST_F(NorLayoutTest, PreparingLeavesTheOutputAsItIs) {
 }
 
 TEST_F(NorLayoutTest, CopiesInWholeEraseBlocksOf4KB) {
-    const Firmware firmware = sample_firmware({.scramble_stages = true});
     const auto storage = make<Nor>({.block_kb = 4, .page_kb = 1});
-    ExpectedImage expected;
-    expected.place(64 * 512, boot_block(firmware));
-    expected.place(128 * 512, boot_block(firmware));
-    EXPECT_TRUE(same_bytes(boot_area(*storage, firmware), expected.bytes()));
+    expect_copies(*storage, sample_firmware({.scramble_stages = true}), 128, 8192);
+    EXPECT_EQ(storage->m_idb_total_sector, 16U);
 }
 
 TEST_F(NorLayoutTest, EachCopyIsPaddedWithZerosToItsEraseBlock) {
-    const Firmware firmware = sample_firmware();
     const auto storage = make<Nor>({.block_kb = 64, .page_kb = 2});
-    const Bytes block = zero_padded(boot_block(firmware), 65536);
-    ExpectedImage expected;
-    expected.place(64 * 512, block);
-    expected.place(256 * 512, block);
-    EXPECT_TRUE(same_bytes(boot_area(*storage, firmware), expected.bytes()));
-    EXPECT_EQ(expected.bytes().size(), 256U * 512 + 65536);
+    expect_copies(*storage, sample_firmware(), 256, 65536);
+    EXPECT_EQ(out_image().size(), 256U * 512 + 65536);
 }
 
 // A copy of 128 sectors is 22 pages of 6 sectors: four sectors of zeros behind it, still before the second.
 TEST_F(NorLayoutTest, PageThatIsNoDivisorOfTheEraseBlockWritesItsZerosToo) {
-    const Firmware firmware = sample_firmware();
     const auto storage = make<Nor>({.block_kb = 64, .page_kb = 3});
-    const Bytes image = boot_area(*storage, firmware);
+    expect_copies(*storage, sample_firmware(), 256, 22 * 3072);
     EXPECT_EQ(storage->m_idb_total_sector, 128U);
-    ExpectedImage expected;
-    expected.place(64 * 512, boot_block(firmware));
-    expected.place(256 * 512, zero_padded(boot_block(firmware), 22 * 3072));
-    EXPECT_TRUE(same_bytes(image, expected.bytes()));
 }
 
 // Two blocks of 128 sectors with pages of 192 sectors: the last page of the first copy reaches sector 448,
@@ -96,13 +83,8 @@ TEST_F(NorLayoutTest, SecondCopyOverwritesTheZerosOfAPageThatReachesTooFar) {
     Firmware firmware = sample_firmware();
     firmware.boot.loader.entries[1].data = patterned(90000, 5);
     const auto storage = make<Nor>({.block_kb = 64, .page_kb = 96});
-    const Bytes image = boot_area(*storage, firmware);
+    expect_copies(*storage, firmware, 384, 2 * 98304);
     EXPECT_EQ(storage->m_idb_total_sector, 256U);
-    EXPECT_EQ(storage->m_idb_second_start_sector, 384U);
-    ExpectedImage expected;
-    expected.place(64 * 512, boot_block(firmware));
-    expected.place(384 * 512, zero_padded(boot_block(firmware), 2 * 98304));
-    EXPECT_TRUE(same_bytes(image, expected.bytes()));
 }
 
 }  // namespace

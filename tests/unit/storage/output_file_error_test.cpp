@@ -62,6 +62,9 @@ TEST_F(OutputFileTest, ErrorIsSticky) {
     m_file.write("ghi", 3);
     EXPECT_TRUE(m_file.bad());
     m_file.clear();
+    m_file.put('x');
+    EXPECT_TRUE(m_file.bad());
+    m_file.clear();
     m_file.write_fill(0, 1, 1);
     EXPECT_TRUE(m_file.bad());
     m_file.clear();
@@ -163,6 +166,9 @@ TEST_F(OutputFileTest, GivenUpFileTakesNothingMore) {
     m_file.give_up(ENOMEM);
     EXPECT_TRUE(m_file.bad());
     m_file.write_fill(1, 5, 5);
+    m_file.clear();
+    m_file.seekp(0);  // writes what is gathered, otherwise
+    EXPECT_TRUE(m_file.fail());
     m_file.close();
     EXPECT_EQ(to_text(read_file(path())), "abc");
     EXPECT_EQ(m_failure.path, path());

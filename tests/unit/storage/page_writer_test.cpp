@@ -154,17 +154,28 @@ TEST_F(PageWriterTest, GapWithTwoKBPerPageTakesWholePagesForEveryStep) {
     }
 }
 
-TEST_F(PageWriterTest, GapOfManyPagesHasItsExactLength) {
+// Beyond tens of megabytes the rest goes to the output in one piece: a gap of terabytes must not take hours.
+TEST_F(PageWriterTest, GapOfManyPagesHasItsExactLengthAndGoesNotPageByPage) {
     use({.page_kb = 1}, 3);
     const uint64_t offset = 70000ULL * 1024 + 5;
     EXPECT_TRUE(m_storage->fill_output_file(offset));
+    EXPECT_LT(m_storage->pages.size(), 70000U);
     EXPECT_EQ(position(), offset);
     write('y', 1);
     EXPECT_EQ(written_size(), offset + 1);
 
     use({.page_kb = 3, .page_2k = true});
     EXPECT_TRUE(m_storage->fill_output_file(66000ULL * 3072 + 1));
+    EXPECT_LT(m_storage->pages.size(), 66000U);
     EXPECT_EQ(written_size(), 66001ULL * 6144);
+}
+
+TEST_F(PageWriterTest, GapOfTerabytesTakesMoments) {
+    use({.page_kb = 1});
+    EXPECT_TRUE(m_storage->fill_output_file(uint64_t{1} << 41));
+    EXPECT_EQ(position(), uint64_t{1} << 41);
+    EXPECT_LT(m_storage->pages.size(), 100000U);
+    m_storage->m_fout.give_up(ECANCELED);  // no file of terabytes is left behind
 }
 
 TEST_F(PageWriterTest, GapOfManyPagesKeepsItsFillByte) {

@@ -116,6 +116,21 @@ TEST_F(ParameterRecord, LargeItemMarksDoNotCount) {
     EXPECT_TRUE(same_bytes(buffer_of(*storage, 1), padded(record, 2048)));
 }
 
+TEST_F(ParameterRecord, PageThatNoMemoryHoldsLeavesTheEarlierRecord) {
+    if (!memory_can_be_limited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    const Firmware firmware = firmware_with({{.name = "parameter", .data = Bytes(100, 1)}});
+    auto storage = make<Recorder>();
+    load(*storage, firmware);
+    const STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
+    ASSERT_TRUE(load_record(*storage, item));
+    storage->m_page_size = huge_page_kb * 1024;
+    storage->m_page_size_sector = huge_page_kb * 2;
+    const MemoryLimit limit(256 * 1024 * 1024);
+    EXPECT_FALSE(load_record(*storage, item));
+    EXPECT_EQ(Bytes(storage->m_paramBuffer, storage->m_paramBuffer + 100), Bytes(100, 1));
+}
+
 // ---- the partition ----
 
 class ParameterPartition : public ParameterRecord {
@@ -276,6 +291,18 @@ TEST_F(ParameterPartition, TwoKilobytesPerPageDoubleTheOutput) {
             test_support::put_bytes(expected, padded(slice(pages, i, 2048), 4096));
     }
     EXPECT_TRUE(same_bytes(out_image(), expected));
+}
+
+TEST_F(ParameterPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
+    if (!memory_can_be_limited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    auto storage = make<Recorder>({.page_kb = huge_page_kb});
+    STRUCT_QZIMAGE_ITEM item{};
+    item.part_size = 0xFFFFFFFF;
+    const MemoryLimit limit(256 * 1024 * 1024);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), -2); }), opening);
+    EXPECT_TRUE(storage->pages.empty());
+    EXPECT_EQ(storage->m_image_fill_page_num, 0U);
 }
 
 TEST_F(ParameterPartition, PageThatCannotBeWrittenChangesNothing) {

@@ -2,6 +2,7 @@
 
 // What the tests of the partition writers share beyond storage_fixture.h.
 
+#include "process_state.h"
 #include "storage_fixture.h"
 
 #include <filesystem>
@@ -12,6 +13,9 @@
 #include <vector>
 
 namespace storage_test {
+
+// Pages of 1 GB, for tests in which no memory can be had for one.
+inline constexpr uint32_t huge_page_kb = 1024 * 1024;
 
 // A recorder whose page writer says that it failed.
 template <typename Recorder>

@@ -92,6 +92,25 @@ TEST_F(RawImageTest, LongImageIsTheSameThroughTheOutput) {
     }
 }
 
+// What lies behind the item in the firmware is not read in with its last pages.
+TEST_F(RawImageTest, LongImageEndsWhereTheNextBegins) {
+    const Bytes data = patterned(1536 * 1024 + 700, 1);
+    Firmware firmware = sample_firmware();
+    firmware.item_alignment = 1;
+    firmware.items = {{.name = "boot", .part_size = 4096, .data = data},
+                      {.name = "next", .part_size = 16384, .data = patterned(4 << 20, 2)}};
+    for (const ENUM_FLASH_TYPE type : {FLASH_SPI_NAND, FLASH_EMMC}) {
+        use(type, {}, firmware);
+        m_storage->forward = true;
+        m_storage->m_fout.open(out_path("boot.img").string());
+        const uint32_t pages = type == FLASH_EMMC ? 1024 : 769;
+        expect_written(writing_lines("boot", pages));
+        expect_pages(data, pages);
+        m_storage->close_output();
+        EXPECT_TRUE(same_bytes(read_file(out_path("boot.img")), zero_padded(data, pages * 2048)));
+    }
+}
+
 TEST_F(RawImageTest, LongImageWithTwoKBPerPageIsSpread) {
     const Bytes data = patterned(1024 * 1024 + 12345, 1);
     use(FLASH_EMMC, {.page_kb = 4, .page_2k = true}, data);

@@ -205,6 +205,18 @@ TEST_F(SlcNand, EndingAPartitionClosesAndStartsAfresh) {
     EXPECT_TRUE(same_bytes(out_file("part.img"), slow_flash_pages(padded(page, 8192), chip)));
 }
 
+TEST_F(SlcNand, FillPageThatNoMemoryHoldsFailsTheFile) {
+    if (!memory_can_be_limited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    const auto storage = make_slc({.page_kb = huge_page_kb, .spare = 32 * huge_page_kb});
+    EXPECT_TRUE(storage->prepare_write_idblock());
+    storage->m_idb_fill_page_num = 1;
+    const MemoryLimit limit(256 * 1024 * 1024);
+    EXPECT_TRUE(storage->post_write_idblock());
+    EXPECT_EQ(storage->m_write_failure.path, out_path("idblock.img").string());
+    EXPECT_EQ(storage->m_write_failure.error, ENOMEM);
+}
+
 // A parameter partition of over a gigabyte has more fill pages in one stretch than are padded page by page
 // elsewhere. The file is /dev/null: its size is what counts.
 TEST_F(SlcNand, EveryFillPageOfAHugePartitionIsAFlashPage) {

@@ -76,7 +76,8 @@ TEST_F(SlcNandRun, BootBlockIsReadBackFromWholeBlocks) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.chip.name());
         EXPECT_TRUE(create(*make_slc(c.chip)));
-        expect_boot_block(contents_of("idblock.img", c.chip), firmware, c.data_pages * c.chip.page_size());
+        EXPECT_TRUE(same_bytes(contents_of("idblock.img", c.chip),
+                               zero_padded(boot_block(firmware), c.data_pages * c.chip.page_size())));
         EXPECT_EQ(out_file("idblock.img").size(), c.data_pages * c.chip.factor() * c.chip.flash_page_size());
     }
 }

@@ -258,6 +258,18 @@ TEST_F(SlcPage, SpareAreaIsCheckedAtEveryCall) {
     EXPECT_TRUE(same_bytes(test_support::read_file(file()), slow_flash_pages(data + data, chip)));
 }
 
+TEST_F(SlcPage, ThatNoMemoryHoldsFailsTheFile) {
+    if (!memory_can_be_limited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    const auto storage = open({.page_kb = huge_page_kb, .spare = 32 * huge_page_kb});
+    uint8_t byte = 0;
+    const MemoryLimit limit(256 * 1024 * 1024);
+    EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->write_page(&byte, 1)); }), "");
+    EXPECT_EQ(storage->m_write_failure.path, file().string());
+    EXPECT_EQ(storage->m_write_failure.error, ENOMEM);
+    EXPECT_EQ(storage->m_bch_list_index, 0U);
+}
+
 // ---- cost, counted and not timed ----
 
 class SlcPageCost : public SlcPage {

@@ -129,6 +129,20 @@ TEST_F(SparseFailure, WildNumberOfChunksEndsBehindTheLast) {
     expect_cut(image.build(), {});
 }
 
+TEST_F(SparseFailure, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
+    if (!memory_can_be_limited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    const auto firmware = firmware_with({{.name = "root", .data = image_of_all_kinds().build()}});
+    m_storage = make_base<SparseRecorder>(FLASH_SPI_NAND, {.page_kb = huge_page_kb});
+    load(*m_storage, firmware);
+    m_item = item_in(firmware, 0);
+    m_storage->m_image_fill_page_num = untouched;
+    const MemoryLimit limit(256 * 1024 * 1024);
+    write_item();
+    expect_refused(-7, line("writing root..."));
+    EXPECT_EQ(temporary_file(), Bytes());
+}
+
 // ---- the temporary file cannot be created ----
 
 class SparseTemporaryFile : public SparseTest {

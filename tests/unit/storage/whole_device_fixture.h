@@ -2,8 +2,11 @@
 
 // What eMMC and NOR have in common: one image of the whole device.
 
+#include "expected_image.h"
+#include "partition_fixture.h"
 #include "storage_fixture.h"
 
+#include <cstdint>
 #include <string>
 
 namespace storage_test {
@@ -18,6 +21,18 @@ protected:
         EXPECT_EQ(output_of([&] { EXPECT_EQ(storage.write_idblock(), 0); }), "writing idblock...\n");
         storage.close_output();
         return out_image();
+    }
+
+    // The boot block of the firmware, each copy filled up with zeros to `copy_size` bytes, at sector 64 and
+    // then at `second_sector`.
+    template <typename Storage>
+    void expect_copies(Storage& storage, const test_support::Firmware& firmware, uint64_t second_sector,
+                       uint64_t copy_size) {
+        const Bytes copy = zero_padded(boot_block(firmware), copy_size);
+        ExpectedImage expected;
+        expected.place(64 * 512, copy);
+        expected.place(second_sector * 512, copy);
+        EXPECT_TRUE(same_bytes(boot_area(storage, firmware), expected.bytes()));
     }
 
     template <typename Storage>

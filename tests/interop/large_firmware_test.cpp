@@ -1,0 +1,124 @@
+// Firmware beyond 4 GiB: the large-item marks carry offsets and sizes of more than 32 bits. The files are
+// mostly holes.
+
+#include "cli/sample_runs.h"
+#include "cli/workbench.h"
+#include "support/sparse_builder.h"
+
+namespace {
+
+using namespace cli_test;
+using namespace test_support;
+
+constexpr uint64_t gib = uint64_t{1} << 30;
+
+Bytes read_at(const fs::path& path, uint64_t offset, std::size_t size) {
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(offset));
+    Bytes bytes(size);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
+    EXPECT_EQ(file.gcount(), static_cast<std::streamsize>(size));
+    return bytes;
+}
+
+// The parameter item of the sample, and one item "far" whose data starts at `offset` of the package.
+Firmware with_far_item(uint64_t offset, Bytes data) {
+    Firmware firmware = sample_firmware();
+    firmware.items.resize(1);
+    firmware.items.push_back({.name = "far",
+                              .part_size = grows_to_end,
+                              .flash_offset = 0x200,
+                              .data = std::move(data),
+                              .offset = offset});
+    return firmware;
+}
+
+void expect_far_item(const Firmware& firmware, const Bytes& partition) {
+    const Workbench bench(firmware);
+    for (const std::string type : {"emmc", "spinor"}) {
+        SCOPED_TRACE(type);
+        const auto result = bench.convert({type, "64", "2"});
+        ASSERT_EQ(result.exit_status, 0) << result.out;
+        expect_same_bytes(read_at(bench.out("out_image.img"), 0x2200 * sector_size, partition.size()),
+                          partition, "partition");
+    }
+    const auto result = bench.convert({"spinand", "64", "2"});
+    ASSERT_EQ(result.exit_status, 0) << result.out;
+    expect_same_bytes(read_at(bench.out("far.img"), 0, partition.size()), partition, "far.img");
+}
+
+TEST(LargeFirmware, HoldsAnItemBeyond4Gigabytes) {
+    const Bytes data = patterned(300001, 1);
+    const Firmware firmware = with_far_item(5 * gib + 2048, data);
+    ASSERT_GT(firmware.layout().package_size, 4 * gib);
+    expect_far_item(firmware, data);
+}
+
+TEST(LargeFirmware, HoldsAnItemAcrossTheEdgeOf4Gigabytes) {
+    const Firmware near = with_far_item(0, {});
+    const uint64_t package = near.layout().package_offset;
+    const Bytes data = patterned(300001, 2);
+    expect_far_item(with_far_item(4 * gib - 150000, data), data);
+    expect_far_item(with_far_item(4 * gib - package - 1, data), data);  // across that of the file
+    expect_far_item(with_far_item(4 * gib - package, data), data);
+}
+
+TEST(LargeFirmware, HoldsASparseItemBeyond4Gigabytes) {
+    SparseImage image;
+    image.chunks = {SparseChunk::raw(patterned(100000, 1)), SparseChunk::dont_care(7),
+                    SparseChunk::fill(0x11223344, 5)};
+    const Bytes sparse = image.build();
+    expect_far_item(with_far_item(6 * gib, sparse), expected_sparse_partition(sparse, 2048));
+}
+
+TEST(LargeFirmware, MayMarkItemsThatAreNotLarge) {
+    Firmware firmware = with_far_item(70000, patterned(5000, 1));
+    firmware.items[1].force_large_marks = true;
+    firmware.force_large_package_mark = true;
+    expect_far_item(firmware, firmware.items[1].data);
+}
+
+// Of an item of 8193 pages the file holds 100: that they are a percent of it shows how large it is taken for.
+TEST(LargeFirmware, HoldsAnItemLargerThan4Gigabytes) {
+    const std::size_t page_size = 512 * kib;
+    Firmware firmware = with_far_item(70000, patterned(5000, 1));
+    firmware.items[0].part_size = 0x4000;
+    firmware.items[1].size = 4 * gib + 1;
+    firmware.items[1].islands = {{.at = 100 * page_size - 100, .bytes = patterned(100, 2)}};
+    firmware.md5.clear();
+    const Workbench bench(firmware);
+    fs::resize_file(bench.firmware(), firmware.layout().item_data[1] + 101 * page_size - 1);
+
+    const Conversion nand{"spinand", "1024", "512"};
+    Transcript expected = bench.echo(nand);
+    expected.start_of_nand_run(bench.out_dir())
+        .line("preparing far saving at " + bench.out("far.img").string())
+        .line("writing far...")
+        .redraw("writing far...1%")  // page 82
+        .line("failed to get data from firmware")
+        .error("failed to write far,ret=-2");
+    expect_run(bench.convert(nand), creation_failed, expected.failure());
+    Bytes partition = firmware.items[1].data;
+    partition.resize(100 * page_size, 0);
+    put_bytes_at(partition, 100 * page_size - 100, firmware.items[1].islands[0].bytes);
+    expect_same_bytes(bench.output("far.img"), partition, "far.img");
+}
+
+// The parameter item lies in the first 4 GiB by agreement; its marks are not looked at.
+TEST(LargeFirmware, ReadsTheParameterItemWithoutItsMarks) {
+    for (const bool gpt : {false, true}) {
+        const Firmware firmware = sample_firmware({.gpt = gpt});
+        const Workbench bench;
+        Bytes bytes = firmware.build();
+        const std::size_t record = firmware.layout().item_records[0];
+        put8_at(bytes, record + item_field::offset_mark, 'H');
+        put32_at(bytes, record + item_field::offset_high, 1);
+        put8_at(bytes, record + item_field::size_mark, 'H');
+        put32_at(bytes, record + item_field::size_high, 1);
+        write_file(bench.firmware(), bytes);
+        const Conversion emmc;
+        expect_run(bench.convert(emmc), 0, bench.echo(emmc).then(sample_raw_run(gpt, 2 * kib)));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,153 @@
+#pragma once
+
+// The sample firmware of real parts, made once for each kind of it and shared by the tests of the program,
+// and what a test needs to know of it. It is read from the firmware file itself.
+
+#include "cli/workbench.h"
+#include "support/boot_rom.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+// Skips a test whose judge is not installed.
+#define REQUIRE_TOOL(name)                                                                                   \
+    if (test_support::find_program(name).empty()) {                                                          \
+        GTEST_SKIP() << "missing tool: " << (name);                                                          \
+    }                                                                                                        \
+    static_assert(true)
+
+// Skips a test when the sample cannot be made here.
+#define REQUIRE_SAMPLE_TOOLS()                                                                               \
+    REQUIRE_TOOL("mke2fs");                                                                                  \
+    REQUIRE_TOOL("debugfs");                                                                                 \
+    REQUIRE_TOOL("img2simg");                                                                                \
+    REQUIRE_TOOL("e2fsck")
+
+namespace interop_test {
+
+namespace fs = std::filesystem;
+using namespace test_support;
+
+struct PackedItem {
+    std::string name{};
+    uint32_t part_size = 0;     // sectors
+    uint32_t flash_offset = 0;  // sectors
+    Bytes data{};
+};
+
+inline std::string text_up_to_nul(const Bytes& bytes) {
+    const std::string text = to_text(bytes);
+    return text.substr(0, text.find('\0'));
+}
+
+class Sample {
+public:
+    Sample(bool gpt, bool sparse) : gpt_(gpt) {
+        Arguments arguments{"--out", firmware(), "--work", directory_.path(), "--rootfs-mb", "4"};
+        if (gpt) {
+            arguments.emplace_back("--gpt");
+        }
+        if (!sparse) {
+            arguments.emplace_back("--no-sparse");
+        }
+        const RunResult made = run_program(MAKE_SAMPLE_FIRMWARE, arguments);
+        if (!made.succeeded()) {
+            throw std::runtime_error(made.err);
+        }
+        root_file_system_ = read_file(root_file_system_path());
+        take_parts(read_file(firmware()));
+    }
+
+    fs::path firmware() const { return directory_ / "sample.img"; }
+    bool gpt() const { return gpt_; }
+    const std::vector<PackedItem>& items() const { return items_; }  // those that are placed
+    const Bytes& first_stage() const { return first_stage_; }
+    const Bytes& second_stage() const { return second_stage_; }
+
+    // The ext4 file system that the item "rootfs" holds, plain or sparse.
+    const Bytes& root_file_system() const { return root_file_system_; }
+    fs::path root_file_system_path() const { return directory_ / "rootfs.ext4"; }
+    // The bytes that the partition starts with.
+    const Bytes& contents(const PackedItem& item) const {
+        return item.name == "rootfs" ? root_file_system_ : item.data;
+    }
+
+private:
+    using Arguments = cli_test::Arguments;
+
+    void take_parts(const Bytes& firmware_bytes) {
+        const std::size_t package = get32(firmware_bytes, head_field::package_offset);
+        const uint32_t count = get32(firmware_bytes, package + package_field::item_count);
+        for (std::size_t i = 0; i < count; ++i) {
+            const Bytes record =
+                slice(firmware_bytes, package + package_field::items + i * item_field::record_bytes,
+                      item_field::record_bytes);
+            if (get32(record, item_field::flash_offset) != not_placed) {
+                items_.push_back({.name = text_up_to_nul(slice(record, 0, item_field::name_bytes)),
+                                  .part_size = get32(record, item_field::part_size),
+                                  .flash_offset = get32(record, item_field::flash_offset),
+                                  .data = slice(firmware_bytes, package + get32(record, item_field::offset),
+                                                get32(record, item_field::size))});
+            }
+        }
+        const Bytes boot = slice(firmware_bytes, get32(firmware_bytes, head_field::boot_offset),
+                                 get32(firmware_bytes, head_field::boot_size));
+        first_stage_ = loader_entry(boot, 0);
+        second_stage_ = loader_entry(boot, 1);
+    }
+
+    static Bytes loader_entry(const Bytes& boot, std::size_t index) {
+        const std::size_t record =
+            get32(boot, boot_field::offset_loader) + index * boot.at(boot_field::size_loader);
+        return slice(boot, get32(boot, record + boot_entry_field::data_offset),
+                     get32(boot, record + boot_entry_field::data_size));
+    }
+
+    TemporaryDirectory directory_{};
+    bool gpt_;
+    std::vector<PackedItem> items_{};
+    Bytes first_stage_{};
+    Bytes second_stage_{};
+    Bytes root_file_system_{};
+};
+
+inline const Sample& sample(bool gpt, bool sparse) {
+    static std::map<std::pair<bool, bool>, Sample> made;
+    return made.try_emplace({gpt, sparse}, gpt, sparse).first->second;
+}
+
+// Converts the sample into `out`; an empty directory to begin with.
+inline void convert(const Sample& firmware, const cli_test::Conversion& conversion, const fs::path& out) {
+    fs::remove_all(out);
+    fs::create_directory(out);
+    const RunResult result = cli_test::run(conversion.arguments(firmware.firmware(), out));
+    ASSERT_EQ(result.exit_status, 0) << result.out;
+    ASSERT_EQ(result.err, "");
+}
+
+// The file system check finds nothing to mend.
+inline void expect_clean_ext4(const Bytes& image) {
+    const TemporaryDirectory scratch;
+    const fs::path file = scratch / "fs.ext4";
+    write_file(file, image);
+    const RunResult result = run_program(find_program("e2fsck"), {"-f", "-n", file});
+    EXPECT_EQ(result.exit_status, 0) << result.out << result.err;
+}
+
+// The boot ROM finds a block there and takes both stages out of it.
+inline void expect_boot_block(const Bytes& image, uint64_t sector, const Sample& firmware) {
+    const BootBlock block = read_boot_block(image, sector);
+    ASSERT_TRUE(block.found) << (block.errors.empty() ? "" : block.errors.front());
+    EXPECT_TRUE(block.reserved_zero);
+    EXPECT_EQ(block.chip_tag, "QZ28");
+    EXPECT_TRUE(slice(block.stage1, 0, firmware.first_stage().size()) == firmware.first_stage());
+    EXPECT_TRUE(slice(block.stage2, 0, firmware.second_stage().size()) == firmware.second_stage());
+}
+
+}  // namespace interop_test
