@@ -136,7 +136,7 @@ bool OutputBuffer::append_fill(uint8_t value, uint64_t count) {
         fail(EFBIG);
         return false;
     }
-    if (value == 0 && m_holes_allowed && m_regular && count >= kBlockSize) {
+    if (value == 0 && m_holes_allowed && m_regular && count >= kHoleSize) {
         if (!flush_block())
             return false;
         if (m_block_offset >= m_written_end) {

@@ -180,6 +180,9 @@ TEST(StepsUntilChange, HoldForTheLargestSizes) {
     // 51 percent of it are 9407839477591871323.65.
     EXPECT_EQ(progress.steps_until_change(largest / 2 + 1, largest),
               9407839477591871324U - (largest / 2 + 1));
+    // The next percentage lies behind the last number.
+    output_of([&] { progress.show(largest, largest); });
+    EXPECT_EQ(progress.steps_until_change(largest - 1, largest), 1U);
 }
 
 }  // namespace

@@ -1,0 +1,54 @@
+// Parity of SLC NAND pages on every path that this processor has, beside a plain copy of the same bytes. The
+// speed counts data alone, without system bytes and parity.
+
+#include "bch_paths.h"
+#include "support/bytes.h"
+
+#include <benchmark/benchmark.h>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr uint16_t strength = 16;  // what SLC NAND pages are encoded with
+constexpr uint32_t unit_data = 1024;
+constexpr uint32_t unit_stride = unit_data + 32;  // data, system bytes and parity
+constexpr uint32_t units_in_set = 256;            // 256 KiB of data
+
+void encode_pages(benchmark::State& state, BchPath path) {
+    const auto units_per_page = static_cast<uint32_t>(state.range(0));
+    test_support::Bytes pages = test_support::patterned(units_in_set * unit_stride, 1);
+    bch_init(strength);
+    bch_select_path(path);
+    for (auto _ : state) {
+        for (uint32_t unit = 0; unit < units_in_set; unit += units_per_page) {
+            bch_encode_units(pages.data() + unit * unit_stride, units_per_page, unit_stride);
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * units_in_set * unit_data);
+}
+
+void copy_pages(benchmark::State& state) {
+    const test_support::Bytes pages = test_support::patterned(units_in_set * unit_stride, 1);
+    test_support::Bytes copy(pages.size());
+    for (auto _ : state) {
+        std::memcpy(copy.data(), pages.data(), pages.size());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * units_in_set * unit_data);
+}
+
+[[maybe_unused]] const bool registered = [] {
+    benchmark::RegisterBenchmark("memcpy", copy_pages);
+    for (const NamedBchPath& named : bch_paths) {
+        if (bch_path_available(named.path)) {
+            const std::string name = "bch_encode_units/" + std::string(named.name) + "/units_per_page";
+            benchmark::RegisterBenchmark(name.c_str(), encode_pages, named.path)->Arg(2)->Arg(4)->Arg(8);
+        }
+    }
+    return true;
+}();
+
+}  // namespace

@@ -1,0 +1,176 @@
+#include "compare_rows.h"
+
+#include "bch_paths.h"
+
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+constexpr double copy_limit = 1.0;
+constexpr double gaps_limit = 0.5;
+constexpr double sparse_limit = 1.6;
+constexpr double carry_less_limit = 1.5;
+constexpr double table_limit = 2.6;
+
+Words program_words(const Programs& programs, const Words& options) {
+    Words words{programs.nandsmith.string(), "-i", "@firmware", "-o", "@output"};
+    words.insert(words.end(), options.begin(), options.end());
+    return words;
+}
+
+struct SlcGeometry {
+    std::string name{};
+    std::string block_kib{};
+    std::string page_kib{};
+    std::string spare_bytes{};
+    bool two_kilobytes_data = false;
+};
+
+const SlcGeometry slc_geometries[] = {{"slc-2k", "128", "2", "64", false},
+                                      {"slc-2k-2", "128", "2", "64", true},
+                                      {"slc-4k", "256", "4", "128", false},
+                                      {"slc-4k-2", "256", "4", "128", true}};
+
+void add_flag(Words& words, const SlcGeometry& geometry) {
+    if (geometry.two_kilobytes_data) {
+        words.push_back("-2");
+    }
+}
+
+// The program as it is, with the fastest path of this processor.
+Row slc_row(const Programs& programs, const SlcGeometry& geometry) {
+    Row row{.name = geometry.name,
+            .limit = bch_path_available(BchPath::carry_less) ? carry_less_limit : table_limit,
+            .words = program_words(programs, {"-t", "slc", "-b", geometry.block_kib, "-p", geometry.page_kib,
+                                              "-s", geometry.spare_bytes}),
+            .at_largest_size = geometry.name == "slc-2k"};
+    add_flag(row.words, geometry);
+    return row;
+}
+
+Row slc_row_with_path(const Programs& programs, const SlcGeometry& geometry, const NamedBchPath& path,
+                      double limit) {
+    Row row{.name = geometry.name + "/" + std::string(path.name),
+            .limit = limit,
+            .words = {programs.convert_with_path.string(), std::string(path.name), "@firmware", "@output",
+                      geometry.block_kib, geometry.page_kib, geometry.spare_bytes}};
+    add_flag(row.words, geometry);
+    return row;
+}
+
+void add_slc_rows(const Programs& programs, std::vector<Row>& rows) {
+    for (const SlcGeometry& geometry : slc_geometries) {
+        rows.push_back(slc_row(programs, geometry));
+        for (const NamedBchPath& named : bch_paths) {
+            if (named.path == BchPath::portable) {
+                rows.push_back(slc_row_with_path(programs, geometry, named, table_limit));
+            } else if (named.path == BchPath::carry_less && bch_path_available(named.path)) {
+                rows.push_back(slc_row_with_path(programs, geometry, named, carry_less_limit));
+            }
+        }
+    }
+}
+
+void write_genimage_config(const fs::path& path, const Input& input, uint64_t mib) {
+    std::ofstream config(path);
+    config << "image out_image.img {\n"
+           << "    hdimage {\n        partition-table-type = \"gpt\"\n    }\n"
+           << "    partition rootfs {\n        image = \"" << input.payload.filename().string() << "\"\n"
+           << "        offset = 8M\n        size = " << mib << "M\n    }\n}\n";
+    if (!config.flush()) {
+        throw std::runtime_error("cannot write " + path.string());
+    }
+}
+
+Command genimage_command(const Input& input, uint64_t mib, const WorkDirectory& work) {
+    const fs::path config = work.scratch("genimage.cfg");
+    write_genimage_config(config, input, mib);
+    const fs::path root = work.scratch("empty_root");
+    fs::create_directories(root);
+    return {{"genimage", "--config", config.string(), "--rootpath", root.string(), "--tmppath",
+             (work.copy() / "tmp").string(), "--inputpath", work.inputs().string(), "--outputpath",
+             (work.copy() / "images").string()},
+            {}};
+}
+
+}  // namespace
+
+std::vector<Row> comparison_rows(const Programs& programs) {
+    std::vector<Row> rows{
+        {.name = "emmc-dense",
+         .limit = copy_limit,
+         .words = program_words(programs, {"-t", "emmc", "-b", "512", "-p", "2"}),
+         .others = {OtherTool::cat, OtherTool::genimage},
+         .at_largest_size = true},
+        {.name = "nor-dense",
+         .limit = copy_limit,
+         .words = program_words(programs, {"-t", "spinor", "-b", "64", "-p", "2"})},
+        {.name = "spinand-dense",
+         .limit = copy_limit,
+         .words = program_words(programs, {"-t", "spinand", "-b", "128", "-p", "2"})},
+        {.name = "emmc-gaps",
+         .input = InputKind::gaps,
+         .limit = gaps_limit,
+         .words = program_words(programs, {"-t", "emmc", "-b", "512", "-p", "2"})},
+        {.name = "emmc-sparse",
+         .input = InputKind::sparse,
+         .limit = sparse_limit,
+         .words = program_words(programs, {"-t", "emmc", "-b", "512", "-p", "2"}),
+         .others = {OtherTool::cat, OtherTool::simg2img}},
+    };
+    add_slc_rows(programs, rows);
+    return rows;
+}
+
+Command command_of(const Row& row, const Input& input, const WorkDirectory& work) {
+    Command command{row.words, {}};
+    for (std::string& word : command.words) {
+        if (word == "@firmware") {
+            word = input.firmware.string();
+        } else if (word == "@output") {
+            word = work.output().string();
+        }
+    }
+    return command;
+}
+
+Command copy_command(const WorkDirectory& work) {
+    Command command{{"cp", "--sparse=never", "--reflink=never"}, {}};
+    for (const fs::path& file : files_in(work.output())) {
+        command.words.push_back(file.string());
+    }
+    command.words.push_back(work.copy().string());
+    return command;
+}
+
+std::string name_of(OtherTool tool) {
+    switch (tool) {
+    case OtherTool::cat:
+        return "cat";
+    case OtherTool::simg2img:
+        return "simg2img";
+    case OtherTool::genimage:
+        break;
+    }
+    return "genimage";
+}
+
+Command other_command(OtherTool tool, const Input& input, uint64_t mib, const WorkDirectory& work) {
+    if (tool == OtherTool::genimage) {
+        return genimage_command(input, mib, work);
+    }
+    if (tool == OtherTool::simg2img) {
+        return {{"simg2img", input.payload.string(), (work.copy() / "rootfs.img").string()}, {}};
+    }
+    Command command{{"cat"}, work.copy() / "all"};
+    for (const fs::path& file : files_in(work.output())) {
+        command.words.push_back(file.string());
+    }
+    return command;
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+// The rows of the comparison: what runs, on which input, and what it may cost.
+
+#include "compare_inputs.h"
+#include "measured_process.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// Programs that do a part of the same work, for a sense of proportion.
+enum class OtherTool { cat, simg2img, genimage };
+
+struct Row {
+    std::string name{};
+    InputKind input = InputKind::dense;
+    double limit = 0;  // of the ratio to cp
+    // "@firmware" and "@output" stand for the input and the output directory.
+    std::vector<std::string> words{};
+    std::vector<OtherTool> others{};
+    bool at_largest_size = false;  // also runs alone with a firmware that is too large for pairs
+};
+
+// The rows that this processor can run. programs: the directory of the conversion programs by name.
+struct Programs {
+    std::filesystem::path nandsmith{};
+    std::filesystem::path convert_with_path{};
+};
+std::vector<Row> comparison_rows(const Programs& programs);
+
+Command command_of(const Row& row, const Input& input, const WorkDirectory& work);
+
+// The copy of everything in the output directory that the row is measured against.
+Command copy_command(const WorkDirectory& work);
+
+std::string name_of(OtherTool tool);
+// Writes to the copy directory, which is empty, what the tool makes of the same contents. mib: size of the
+// root file system.
+Command other_command(OtherTool tool, const Input& input, uint64_t mib, const WorkDirectory& work);

@@ -1,0 +1,196 @@
+// Times whole runs of the program against a copy of what they wrote, pair by pair, and prints a table.
+// bench/compare builds it and calls it.
+
+#include "compare_inputs.h"
+#include "compare_rows.h"
+#include "compare_table.h"
+#include "encoder_speed.h"
+#include "measured_process.h"
+#include "work_directory.h"
+
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint64_t largest_mib = 8192;
+constexpr int runs_at_largest = 3;
+
+struct Arguments {
+    fs::path data{};      // directory for the big files; emptied first, removed at the end
+    fs::path programs{};  // top of the build tree
+    bool quick = false;
+    std::regex rows{".*"};
+
+    int pairs() const { return quick ? 3 : 7; }
+    std::vector<uint64_t> sizes_mib() const {
+        return quick ? std::vector<uint64_t>{512} : std::vector<uint64_t>{512, 2048};
+    }
+};
+
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+Arguments parse_arguments(const std::vector<std::string>& words) {
+    Arguments arguments;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (words[i] == "--quick") {
+            arguments.quick = true;
+        } else if (i + 1 == words.size()) {
+            throw UsageError("unknown option, or one without its value: " + words[i]);
+        } else if (words[i] == "--data") {
+            arguments.data = words[++i];
+        } else if (words[i] == "--programs") {
+            arguments.programs = words[++i];
+        } else if (words[i] == "--rows") {
+            arguments.rows = std::regex(words[++i]);
+        } else {
+            throw UsageError("unknown option " + words[i]);
+        }
+    }
+    if (arguments.data.empty() || arguments.programs.empty()) {
+        throw UsageError("usage: compare_runs --data DIR --programs DIR [--quick] [--rows REGEX]");
+    }
+    return arguments;
+}
+
+class Comparison {
+public:
+    explicit Comparison(const Arguments& arguments) : arguments_(arguments), work_(arguments.data) {}
+
+    // Number of rows over their limits.
+    int run() {
+        const std::vector<Row> rows = selected_rows();
+        for (const uint64_t mib : arguments_.sizes_mib()) {
+            for (const Row& row : rows) {
+                table_.print_row(run_pairs(row, mib));
+            }
+            work_.empty_inputs();
+        }
+        if (!arguments_.quick) {
+            for (const Row& row : rows) {
+                if (row.at_largest_size) {
+                    table_.print_row(run_alone(row, largest_mib));
+                }
+            }
+        }
+        table_.print_others();
+        if (is_selected("encoder")) {
+            table_.print_encoder(measure_encoder(arguments_.programs / "bench/bch_benchmark",
+                                                 arguments_.pairs(), work_.scratch("encoder.csv")));
+        }
+        return table_.rows_over();
+    }
+
+private:
+    bool is_selected(const std::string& name) const { return std::regex_search(name, arguments_.rows); }
+
+    std::vector<Row> selected_rows() const {
+        std::vector<Row> rows =
+            comparison_rows({.nandsmith = arguments_.programs / "nandsmith",
+                             .convert_with_path = arguments_.programs / "bench/convert_with_path"});
+        std::erase_if(rows, [this](const Row& row) { return !is_selected(row.name); });
+        return rows;
+    }
+
+    Input input_of(const Row& row, uint64_t mib, bool with_payload) const {
+        return prepare_input(work_, arguments_.programs / "bench/make_bench_firmware", row.input, mib,
+                             with_payload);
+    }
+
+    RowResult run_pairs(const Row& row, uint64_t mib) {
+        const Input input = input_of(row, mib, !row.others.empty());
+        const Command program = command_of(row, input, work_);
+        RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
+        for (const OtherTool tool : row.others) {
+            if (have_tool(name_of(tool))) {
+                result.others.push_back({.tool = name_of(tool), .timing = {}});
+            }
+        }
+        for (int pair = 0; pair <= arguments_.pairs(); ++pair) {
+            RowResult discarded = result;
+            run_pair(row, input, program, pair == 0 ? discarded : result);  // the first one warms up
+        }
+        result.calls_per_mib = calls_per_mib(program);
+        clear();
+        return result;
+    }
+
+    void run_pair(const Row& row, const Input& input, const Command& program, RowResult& result) {
+        clear();
+        const Measurement converted = run_measured(program);
+        work_.empty_copy();
+        const Measurement copied = run_measured(copy_command(work_));
+        result.program.add(converted);
+        result.program.ratios.push_back(converted.seconds / copied.seconds);
+        result.copy.add(copied);
+
+        std::size_t next = 0;
+        for (const OtherTool tool : row.others) {
+            if (have_tool(name_of(tool))) {
+                work_.empty_copy();
+                const Measurement other = run_measured(other_command(tool, input, result.mib, work_));
+                Timing& timing = result.others[next++].timing;
+                timing.add(other);
+                timing.ratios.push_back(other.seconds / copied.seconds);
+            }
+        }
+    }
+
+    // Input, output and copy of the largest size would not fit the page cache together, so there is no pair.
+    RowResult run_alone(const Row& row, uint64_t mib) {
+        const Input input = input_of(row, mib, false);
+        const Command program = command_of(row, input, work_);
+        RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
+        for (int run = 0; run < runs_at_largest; ++run) {
+            clear();
+            result.program.add(run_measured(program));
+        }
+        result.calls_per_mib = calls_per_mib(program);
+        clear();
+        return result;
+    }
+
+    std::optional<double> calls_per_mib(const Command& program) {
+        clear();
+        const std::optional<uint64_t> calls = count_system_calls(program, work_.scratch("strace.txt"));
+        if (!calls) {
+            return std::nullopt;
+        }
+        return static_cast<double>(*calls) * (1 << 20) / static_cast<double>(bytes_in(work_.output()));
+    }
+
+    void clear() const {
+        work_.empty_copy();
+        work_.empty_output();
+    }
+
+    Arguments arguments_;
+    WorkDirectory work_;
+    ComparisonTable table_{};
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const Arguments arguments = parse_arguments(std::vector<std::string>(argv + 1, argv + argc));
+        const int over = Comparison(arguments).run();
+        std::printf("\n%s\n", over == 0 ? "Every row is within its figure." : "Some rows are over.");
+        return over == 0 ? 0 : 1;
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 2;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "compare_runs: %s\n", error.what());
+        return 3;
+    }
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+// The files of the comparison. All of them lie in one directory that is removed at the end.
+
+#include <cstdint>
+#include <filesystem>
+#include <vector>
+
+class WorkDirectory {
+public:
+    // Empties the directory, or creates it.
+    explicit WorkDirectory(std::filesystem::path path);
+    WorkDirectory(const WorkDirectory&) = delete;
+    WorkDirectory& operator=(const WorkDirectory&) = delete;
+    ~WorkDirectory();
+
+    std::filesystem::path inputs() const { return path_ / "inputs"; }
+    std::filesystem::path output() const { return path_ / "output"; }  // what is measured writes here
+    std::filesystem::path copy() const { return path_ / "copy"; }      // what it is measured against
+    std::filesystem::path scratch(const char* name) const { return path_ / name; }
+
+    // Everything in output() or copy() goes, and nothing that was written before is still on its way to the
+    // disk: it would slow down what comes next.
+    void empty_output() const;
+    void empty_copy() const;
+    void empty_inputs() const;
+
+private:
+    void empty(const std::filesystem::path& directory) const;
+    void settle() const;
+
+    std::filesystem::path path_;
+};
+
+// Files in a directory, sorted by name.
+std::vector<std::filesystem::path> files_in(const std::filesystem::path& directory);
+// Sum of their lengths, holes included.
+uint64_t bytes_in(const std::filesystem::path& directory);
+// Reads a file from one end to the other, so that it is in the page cache.
+void read_once(const std::filesystem::path& file);

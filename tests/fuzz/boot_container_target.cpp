@@ -1,0 +1,85 @@
+// The boot container by itself: whatever its tables say, no access leaves its bytes, and what is handed out
+// is what stands there.
+
+#include "firmware/QZBoot.h"
+#include "fuzz_target.h"
+#include "scratch_directory.h"
+#include "support/firmware_builder.h"
+
+#include <cstring>
+#include <memory>
+#include <strings.h>
+
+namespace robustness {
+
+using namespace test_support;
+
+namespace {
+
+constexpr int name_bytes = 20;
+constexpr int largest_index = 255;
+
+void check_entry(CQZBoot& boot, ENUM_QZBOOTENTRY type, uint8_t index, const Bytes& input) {
+    uint32_t size = 0;
+    uint32_t delay = 0;
+    const auto name = std::make_unique<char[]>(name_bytes);  // of exactly the size that may be written
+    if (!boot.GetEntryProperty(type, index, size, delay, name.get()))
+        return;
+    require(boot.GetEntryProperty(type, index, size, delay), "an entry is there only once");
+    if (size > input.size())
+        return;  // a caller's buffer would be bounded by what the firmware holds
+    Bytes data(size);
+    if (boot.GetEntryData(type, index, data.data()))
+        require(size == 0 || ::memmem(input.data(), input.size(), data.data(), size) != nullptr,
+                "the data of an entry is not in the container");
+}
+
+void check_names(CQZBoot& boot, ENUM_QZBOOTENTRY type) {
+    for (const char* wanted :
+         {"FlashData", "flashboot", "FlashHead", "", "a name of twenty and more letters"}) {
+        const auto index = static_cast<uint8_t>(boot.GetIndexByName(type, wanted));
+        if (index == largest_index)
+            continue;
+        uint32_t size = 0;
+        uint32_t delay = 0;
+        char name[name_bytes];
+        require(boot.GetEntryProperty(type, index, size, delay, name), "a named entry is not there");
+        require(::strncasecmp(name, wanted, name_bytes) == 0, "an entry of another name was found");
+    }
+}
+
+void check_saving(CQZBoot& boot, ENUM_QZBOOTENTRY type, const Bytes& input) {
+    static const ScratchDirectory scratch;
+    const std::string path = scratch / "entry.bin";
+    if (boot.SaveEntryFile(type, 0, path))
+        require(std::filesystem::file_size(path) <= input.size(),
+                "a saved entry is larger than the container");
+}
+
+}  // namespace
+
+void run_boot_container(const Bytes& input) {
+    // Bytes of their own, so that a sanitizer sees any access beside them.
+    auto bytes = std::make_unique<uint8_t[]>(input.size());
+    std::copy(input.begin(), input.end(), bytes.get());
+    CQZBoot boot(bytes.release(), static_cast<uint32_t>(input.size()));
+    const int code = boot.ObjectInit();
+    require(code <= 0 && code >= -4, "unknown result of loading a container");
+    if (code != 0)
+        return;
+    require(uint32_t{boot.MergeVersion} == boot.GetMergeVersion(), "a property is not its getter");
+    const int counts[] = {boot.GetEntry471Count(), boot.GetEntry472Count(), boot.GetEntryLoaderCount()};
+    const ENUM_QZBOOTENTRY types[] = {ENTRY471, ENTRY472, ENTRYLOADER};
+    for (int i = 0; i < 3; ++i) {
+        for (int index = 0; index <= std::min(counts[i] + 1, largest_index); ++index)
+            check_entry(boot, types[i], static_cast<uint8_t>(index), input);
+        check_entry(boot, types[i], largest_index, input);
+        check_names(boot, types[i]);
+        check_saving(boot, types[i], input);
+    }
+    uint32_t size = 0;
+    uint32_t delay = 0;
+    require(!boot.GetEntryProperty(static_cast<ENUM_QZBOOTENTRY>(8), 0, size, delay), "an entry of no kind");
+}
+
+}  // namespace robustness

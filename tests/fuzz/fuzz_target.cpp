@@ -1,0 +1,48 @@
+#include "fuzz_target.h"
+
+#include "seeds.h"
+
+#include <algorithm>
+
+namespace robustness {
+
+using test_support::Bytes;
+
+namespace {
+
+Structure nothing_to_bend(const Bytes&) {
+    return {};
+}
+
+Structure conversion_structure(const Bytes& input) {
+    const ControlBytes bent(input, conversion_controls);
+    return bent.flag(0, 7) ? container_structure(bent.body()) : image_structure(bent.body());
+}
+
+Structure expansion_structure(const Bytes& input) {
+    return sparse_structure(ControlBytes(input, sparse_controls).body());
+}
+
+}  // namespace
+
+const std::array<FuzzTarget, 5>& fuzz_targets() {
+    static const std::array<FuzzTarget, 5> targets = {{
+        {"boot_container", run_boot_container, container_structure, boot_container_seeds},
+        {"update_image", run_update_image, image_structure, update_image_seeds},
+        {"parameter_text", run_parameter_text, nothing_to_bend, parameter_text_seeds},
+        {"sparse_expansion", run_sparse_expansion, expansion_structure, sparse_expansion_seeds},
+        {"conversion", run_conversion, conversion_structure, conversion_seeds},
+    }};
+    return targets;
+}
+
+const FuzzTarget& fuzz_target(std::string_view name) {
+    const auto& targets = fuzz_targets();
+    const auto found = std::find_if(targets.begin(), targets.end(),
+                                    [&](const FuzzTarget& target) { return target.name == name; });
+    if (found == targets.end())
+        throw std::out_of_range("no such target");
+    return *found;
+}
+
+}  // namespace robustness

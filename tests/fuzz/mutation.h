@@ -1,0 +1,38 @@
+#pragma once
+
+// Bends inputs where it counts: numbers of the format get numbers that are wild, or fit each other almost.
+// Behind a checksum that does not fit nothing would be reached, so it is repaired nearly always.
+
+#include "fuzz_target.h"
+#include "support/bytes.h"
+
+#include <cstddef>
+#include <functional>
+#include <random>
+
+namespace robustness {
+
+// Changes bytes without knowing what they are, and leaves at most `largest` of them.
+using BlindMutation = std::function<void(test_support::Bytes& bytes, std::size_t largest)>;
+
+class Mutation {
+public:
+    Mutation(const FuzzTarget& target, unsigned seed, BlindMutation blind)
+        : target_(target), random_(seed), blind_(std::move(blind)) {}
+
+    void apply(test_support::Bytes& input, std::size_t largest);
+
+private:
+    bool one_in(unsigned count) { return random_() % count == 0; }
+    std::size_t below(std::size_t count) { return random_() % count; }
+    void bend_numbers(test_support::Bytes& input, const Structure& structure);
+    uint64_t number_for(const test_support::Bytes& input, const Field& field, const std::vector<Field>& all);
+    void change_region(test_support::Bytes& input, const Structure& structure);
+    void insert_word(test_support::Bytes& input);
+
+    const FuzzTarget& target_;
+    std::minstd_rand random_;
+    BlindMutation blind_;
+};
+
+}  // namespace robustness

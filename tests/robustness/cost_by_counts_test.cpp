@@ -1,0 +1,178 @@
+// What a run costs, by counts that are the same on every machine: a change that costs an order of magnitude
+// goes red here.
+
+#include "program_run.h"
+#include "support/sparse_builder.h"
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sstream>
+
+namespace robustness {
+namespace {
+
+using namespace test_support;
+
+constexpr uint64_t mib = uint64_t{1} << 20;
+constexpr uint64_t gib = uint64_t{1} << 30;
+constexpr Geometry usual{.block_kb = 128, .page_kb = 2, .oob_bytes = 64};
+
+// A GPT, and one plain image of so many bytes.
+Firmware firmware_with_data(std::size_t size) {
+    Firmware firmware = sample_firmware({.gpt = true});
+    firmware.item("rootfs").data = patterned(size, 1);
+    return firmware;
+}
+
+// The last line of `strace -c`: "100.00    0.012345           4      2814         3 total".
+long total_calls(const std::string& table) {
+    std::istringstream lines(table);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        double percent = 0;
+        double seconds = 0;
+        long per_call = 0;
+        long calls = 0;
+        if (line.ends_with(" total") && words >> percent >> seconds >> per_call >> calls)
+            return calls;
+    }
+    return -1;
+}
+
+class SystemCalls : public testing::TestWithParam<ENUM_FLASH_TYPE> {
+protected:
+    void SetUp() override {
+        if (sanitized)
+            GTEST_SKIP() << "a sanitizer makes calls of its own, and does not like to be traced";
+        strace_ = find_program("strace");
+        if (strace_.empty())
+            GTEST_SKIP() << "strace is not installed";
+        if (!run_program(strace_, {"-f", "-c", "-o", counts(), "true"}).succeeded())
+            GTEST_SKIP() << "strace may not trace here";
+    }
+
+    // System calls of a conversion, its output removed before.
+    long calls_of(const Workplace& place) {
+        place.empty_output();
+        std::vector<std::string> arguments = {"-f", "-c", "-o", counts(), NANDSMITH_PROGRAM};
+        const std::vector<std::string> more =
+            program_arguments(GetParam(), usual, place.firmware(), place.output());
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const RunResult run = run_program(strace_, arguments);
+        EXPECT_TRUE(run.succeeded()) << run.out << run.err;
+        return total_calls(to_text(read_file(counts())));
+    }
+
+    // Between two firmwares, so that what a run costs in any case falls out.
+    void expect_at_most_one_for_64_kib(const Firmware& small, const Firmware& large, uint64_t moved) {
+        const long base = calls_of(Workplace(small));
+        const long calls = calls_of(Workplace(large));
+        ASSERT_GT(base, 0);
+        EXPECT_LE(calls - base, static_cast<long>(moved / (64 * 1024)));
+        EXPECT_LE(base, 400);
+    }
+
+    std::string counts() const { return files_ / "counts"; }
+
+    std::filesystem::path strace_;
+    ScratchDirectory files_;
+};
+
+TEST_P(SystemCalls, AreAtMostOneFor64KibOfData) {
+    constexpr uint64_t size = 32 * mib;
+    expect_at_most_one_for_64_kib(firmware_with_data(4096), firmware_with_data(size), size);
+}
+
+TEST_P(SystemCalls, AreAtMostOneFor64KibOfASparseImage) {
+    SparseImage image;
+    image.chunks = {SparseChunk::raw(patterned(4096, 1))};
+    Firmware small = firmware_with_data(0);
+    small.item("rootfs").data = image.build();
+    for (int i = 0; i < 16; ++i) {
+        image.chunks.push_back(SparseChunk::raw(patterned(mib, 2)));
+        image.chunks.push_back(SparseChunk::dont_care(256));
+    }
+    Firmware large = small;
+    large.item("rootfs").data = image.build();
+    // The temporary file and the output hold every byte.
+    expect_at_most_one_for_64_kib(small, large, 2 * 32 * mib);
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, SystemCalls, testing::ValuesIn(storage_types),
+                         [](const auto& tested) { return std::string(type_name(tested.param)); });
+
+// ---- encoder ----
+
+uint64_t codewords_of(const Firmware& firmware, const Geometry& geometry) {
+    const Workplace place(firmware);
+    const uint64_t before = bch_encoded_codewords();
+    testing::internal::CaptureStdout();
+    const int status = convert(FLASH_SLC_NAND, geometry, place.firmware(), place.output());
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(status, status_success) << out;
+    return bch_encoded_codewords() - before;
+}
+
+// Every file is filled up to a whole block, of 256 pages in one run and of 4096 in the other.
+TEST(EncoderCalls, DoNotGrowWithFillPages) {
+    for (const bool page_2k : {false, true}) {
+        SCOPED_TRACE(page_2k);
+        Geometry geometry{.block_kb = 1024, .page_kb = 4, .oob_bytes = 128, .page_2k = page_2k};
+        Firmware firmware = sample_firmware({.gpt = true});
+        firmware.items.resize(2);  // parameter and boot
+        const uint64_t few = codewords_of(firmware, geometry);
+        geometry.block_kb = 16 * 1024;
+        const uint64_t many = codewords_of(firmware, geometry);
+        EXPECT_LE(many, few + 16);
+        EXPECT_LE(few, 400U);
+    }
+}
+
+TEST(EncoderCalls, AreOneForAKilobyteOfData) {
+    constexpr std::size_t size = 4 * mib;
+    for (const BchPath path : available_bch_paths()) {
+        Geometry geometry = usual;
+        geometry.bch_path = path;
+        const uint64_t base = codewords_of(firmware_with_data(2048), geometry);
+        const uint64_t calls = codewords_of(firmware_with_data(2048 + size), geometry);
+        EXPECT_EQ(calls - base, size / 1024);
+    }
+}
+
+// ---- memory ----
+
+class PeakMemory : public testing::TestWithParam<ENUM_FLASH_TYPE> {
+protected:
+    void SetUp() override {
+        if (sanitized)
+            GTEST_SKIP() << "a sanitizer takes memory of its own";
+#ifdef __GLIBC__
+        ::malloc_trim(0);  // what this process holds counts in until it has become the program
+#endif
+    }
+};
+
+// The firmware is nearly all holes, and its image goes where it takes no room.
+TEST_P(PeakMemory, IsAtMost16MibForAFirmwareOf1Gib) {
+    Firmware firmware = firmware_with_data(4096);
+    Item& rootfs = firmware.item("rootfs");
+    rootfs.size = gib;
+    rootfs.reserve_size = true;
+    const ScratchDirectory top;
+    const std::filesystem::path output = top / "out";
+    std::filesystem::create_directory(output);
+    firmware.write(top / "firmware.img");
+    for (const char* name : {"out_image.img", "rootfs.img"})
+        std::filesystem::create_symlink("/dev/null", output / name);
+
+    const RunResult run =
+        run_program(NANDSMITH_PROGRAM, program_arguments(GetParam(), usual, top / "firmware.img", output));
+    ASSERT_TRUE(run.succeeded()) << run.out;
+    EXPECT_LE(run.max_rss_kb, 16 * 1024);
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, PeakMemory, testing::ValuesIn(storage_types),
+                         [](const auto& tested) { return std::string(type_name(tested.param)); });
+
+}  // namespace
+}  // namespace robustness

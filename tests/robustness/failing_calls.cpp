@@ -1,0 +1,358 @@
+// A library for LD_PRELOAD that lets one system call or allocation of a program fail: the Nth of its class,
+// once or from then on. The environment says which and how:
+//
+//   FAILING_CALLS_CLASS    open, read, seek, write, close, stat, truncate, unlink or alloc
+//   FAILING_CALLS_AT       N, from 1; 0 lets nothing fail
+//   FAILING_CALLS_HOW      EIO, ENOSPC, EINTR, or short: half of the bytes are read or written
+//   FAILING_CALLS_ALWAYS   set: all later calls of the class fail too
+//   FAILING_CALLS_REPORT   file that gets the number of calls of the class and of failures, as two numbers
+//
+// Only what main() calls counts, not the loader, and no call on the standard streams.
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace {
+
+enum class CallClass { none, open, read, seek, write, close, stat, truncate, unlink, alloc };
+
+constexpr const char* class_names[] = {"none",  "open", "read",     "seek",   "write",
+                                       "close", "stat", "truncate", "unlink", "alloc"};
+
+struct Plan {
+    bool armed = false;
+    CallClass call_class = CallClass::none;
+    long at = 0;
+    int error = EIO;
+    bool short_count = false;
+    bool always = false;
+    long calls = 0;
+    long failures = 0;
+};
+
+Plan plan;
+
+// The functions behind this library's own. All are looked up before the plan is armed, because looking up
+// allocates.
+struct Next {
+    template <typename Function>
+    static void find(Function*& function, const char* name) {
+        function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+    }
+
+    Next() {
+        find(open, "open");
+        find(openat, "openat");
+        find(fopen, "fopen");
+        find(read, "read");
+        find(pread, "pread");
+        find(fread, "fread");
+        find(lseek, "lseek");
+        find(fseeko, "fseeko");
+        find(write, "write");
+        find(pwrite, "pwrite");
+        find(fwrite, "fwrite");
+        find(close, "close");
+        find(fclose, "fclose");
+        find(stat, "stat");
+        find(lstat, "lstat");
+        find(fstat, "fstat");
+        find(ftruncate, "ftruncate");
+        find(unlink, "unlink");
+    }
+
+    int (*open)(const char*, int, ...);
+    int (*openat)(int, const char*, int, ...);
+    FILE* (*fopen)(const char*, const char*);
+    ssize_t (*read)(int, void*, size_t);
+    ssize_t (*pread)(int, void*, size_t, off_t);
+    size_t (*fread)(void*, size_t, size_t, FILE*);
+    off_t (*lseek)(int, off_t, int);
+    int (*fseeko)(FILE*, off_t, int);
+    ssize_t (*write)(int, const void*, size_t);
+    ssize_t (*pwrite)(int, const void*, size_t, off_t);
+    size_t (*fwrite)(const void*, size_t, size_t, FILE*);
+    int (*close)(int);
+    int (*fclose)(FILE*);
+    int (*stat)(const char*, struct stat*);
+    int (*lstat)(const char*, struct stat*);
+    int (*fstat)(int, struct stat*);
+    int (*ftruncate)(int, off_t);
+    int (*unlink)(const char*);
+};
+
+const Next& next() {
+    static const Next functions;
+    return functions;
+}
+
+bool is_standard(int descriptor) {
+    return descriptor >= 0 && descriptor <= 2;
+}
+
+bool is_standard(FILE* file) {
+    return file == stdin || file == stdout || file == stderr;
+}
+
+/// True when this call is to fail; errno is then set.
+bool fails(CallClass call_class) {
+    if (!plan.armed || plan.call_class != call_class)
+        return false;
+    ++plan.calls;
+    if (plan.at == 0 || plan.calls < plan.at || (plan.calls > plan.at && !plan.always))
+        return false;
+    ++plan.failures;
+    errno = plan.error;
+    return true;
+}
+
+/// Runs the transfer of count bytes, or lets it fail, or hands it half of the bytes.
+template <typename Transfer>
+ssize_t transfer(CallClass call_class, int descriptor, size_t count, Transfer run) {
+    if (is_standard(descriptor) || !fails(call_class))
+        return run(count);
+    return plan.short_count ? run((count + 1) / 2) : -1;
+}
+
+mode_t mode_argument(int flags, va_list arguments) {
+    return (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+}
+
+const char* variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+void read_plan() {
+    const char* name = variable("FAILING_CALLS_CLASS");
+    for (int i = 0; i < static_cast<int>(sizeof(class_names) / sizeof(class_names[0])); ++i)
+        if (std::strcmp(name, class_names[i]) == 0)
+            plan.call_class = static_cast<CallClass>(i);
+    plan.at = std::atol(variable("FAILING_CALLS_AT"));
+    plan.always = *variable("FAILING_CALLS_ALWAYS") != '\0';
+
+    const char* how = variable("FAILING_CALLS_HOW");
+    plan.short_count = std::strcmp(how, "short") == 0;
+    if (std::strcmp(how, "ENOSPC") == 0)
+        plan.error = ENOSPC;
+    else if (std::strcmp(how, "EINTR") == 0)
+        plan.error = EINTR;
+    if (plan.call_class == CallClass::alloc)
+        plan.error = ENOMEM;
+}
+
+void write_report() {
+    const char* path = variable("FAILING_CALLS_REPORT");
+    if (*path == '\0')
+        return;
+    const int descriptor = next().open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (descriptor < 0)
+        return;
+    char line[64];
+    const int length = std::snprintf(line, sizeof(line), "%ld %ld\n", plan.calls, plan.failures);
+    if (next().write(descriptor, line, static_cast<size_t>(length)) != length)
+        std::abort();
+    next().close(descriptor);
+}
+
+using Main = int (*)(int, char**, char**);
+Main program_main = nullptr;
+
+int main_with_failures(int argc, char** argv, char** environment) {
+    next();
+    read_plan();
+    plan.armed = true;
+    const int result = program_main(argc, argv, environment);
+    plan.armed = false;
+    write_report();
+    return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+// What a program's start code calls with its main.
+int __libc_start_main(Main main, int argc, char** argv, void (*init)(), void (*fini)(), void (*loader_fini)(),
+                      void* stack_end) {
+    using Start = int (*)(Main, int, char**, void (*)(), void (*)(), void (*)(), void*);
+    program_main = main;
+    const auto start = reinterpret_cast<Start>(::dlsym(RTLD_NEXT, "__libc_start_main"));
+    return start(main_with_failures, argc, argv, init, fini, loader_fini, stack_end);
+}
+
+// ---- open ----
+
+int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_argument(flags, arguments);
+    va_end(arguments);
+    return fails(CallClass::open) ? -1 : next().open(path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_argument(flags, arguments);
+    va_end(arguments);
+    return fails(CallClass::open) ? -1 : next().openat(directory, path, flags, mode);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+    return fails(CallClass::open) ? nullptr : next().fopen(path, mode);
+}
+
+// ---- read ----
+
+ssize_t read(int descriptor, void* bytes, size_t count) {
+    return transfer(CallClass::read, descriptor, count,
+                    [&](size_t allowed) { return next().read(descriptor, bytes, allowed); });
+}
+
+ssize_t pread(int descriptor, void* bytes, size_t count, off_t offset) {
+    return transfer(CallClass::read, descriptor, count,
+                    [&](size_t allowed) { return next().pread(descriptor, bytes, allowed, offset); });
+}
+
+size_t fread(void* bytes, size_t size, size_t count, FILE* file) {
+    return !is_standard(file) && fails(CallClass::read) ? 0 : next().fread(bytes, size, count, file);
+}
+
+// ---- seek ----
+
+off_t lseek(int descriptor, off_t offset, int origin) noexcept {
+    return !is_standard(descriptor) && fails(CallClass::seek) ? -1 : next().lseek(descriptor, offset, origin);
+}
+
+int fseeko(FILE* file, off_t offset, int origin) {
+    return !is_standard(file) && fails(CallClass::seek) ? -1 : next().fseeko(file, offset, origin);
+}
+
+int fseek(FILE* file, long offset, int origin) {
+    return fseeko(file, offset, origin);
+}
+
+// ---- write ----
+
+ssize_t write(int descriptor, const void* bytes, size_t count) {
+    return transfer(CallClass::write, descriptor, count,
+                    [&](size_t allowed) { return next().write(descriptor, bytes, allowed); });
+}
+
+ssize_t pwrite(int descriptor, const void* bytes, size_t count, off_t offset) {
+    return transfer(CallClass::write, descriptor, count,
+                    [&](size_t allowed) { return next().pwrite(descriptor, bytes, allowed, offset); });
+}
+
+size_t fwrite(const void* bytes, size_t size, size_t count, FILE* file) {
+    return !is_standard(file) && fails(CallClass::write) ? 0 : next().fwrite(bytes, size, count, file);
+}
+
+// ---- close: the file is closed all the same, as the kernel does it ----
+
+int close(int descriptor) {
+    const bool failing = !is_standard(descriptor) && fails(CallClass::close);
+    const int result = next().close(descriptor);
+    if (!failing)
+        return result;
+    errno = plan.error;
+    return -1;
+}
+
+int fclose(FILE* file) {
+    const bool failing = !is_standard(file) && fails(CallClass::close);
+    const int result = next().fclose(file);
+    if (!failing)
+        return result;
+    errno = plan.error;
+    return EOF;
+}
+
+// ---- stat, truncate, unlink ----
+
+int stat(const char* path, struct stat* status) noexcept {
+    return fails(CallClass::stat) ? -1 : next().stat(path, status);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+    return fails(CallClass::stat) ? -1 : next().lstat(path, status);
+}
+
+int fstat(int descriptor, struct stat* status) noexcept {
+    return !is_standard(descriptor) && fails(CallClass::stat) ? -1 : next().fstat(descriptor, status);
+}
+
+int ftruncate(int descriptor, off_t length) noexcept {
+    return fails(CallClass::truncate) ? -1 : next().ftruncate(descriptor, length);
+}
+
+int unlink(const char* path) noexcept {
+    return fails(CallClass::unlink) ? -1 : next().unlink(path);
+}
+
+// ---- the same calls under their names for 64-bit offsets ----
+
+static_assert(sizeof(off_t) == 8, "the two families are one on the machines this is for");
+
+int open64(const char*, int, ...) __attribute__((alias("open")));
+int openat64(int, const char*, int, ...) __attribute__((alias("openat")));
+FILE* fopen64(const char*, const char*) __attribute__((alias("fopen")));
+ssize_t pread64(int, void*, size_t, off_t) __attribute__((alias("pread")));
+off_t lseek64(int, off_t, int) noexcept __attribute__((alias("lseek")));
+int fseeko64(FILE*, off_t, int) __attribute__((alias("fseeko")));
+ssize_t pwrite64(int, const void*, size_t, off_t) __attribute__((alias("pwrite")));
+int ftruncate64(int, off_t) noexcept __attribute__((alias("ftruncate")));
+int stat64(const char* path, struct stat64* status) noexcept {
+    return stat(path, reinterpret_cast<struct stat*>(status));
+}
+int lstat64(const char* path, struct stat64* status) noexcept {
+    return lstat(path, reinterpret_cast<struct stat*>(status));
+}
+int fstat64(int descriptor, struct stat64* status) noexcept {
+    return fstat(descriptor, reinterpret_cast<struct stat*>(status));
+}
+
+// ---- allocations; a sanitizer brings its own and would not see these ----
+
+#ifdef FAILING_CALLS_ALLOCATIONS
+
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+
+void* malloc(size_t size) noexcept {
+    return fails(CallClass::alloc) ? nullptr : __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) noexcept {
+    return fails(CallClass::alloc) ? nullptr : __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, size_t size) noexcept {
+    return fails(CallClass::alloc) ? nullptr : __libc_realloc(memory, size);
+}
+
+void* aligned_alloc(size_t alignment, size_t size) noexcept {
+    return fails(CallClass::alloc) ? nullptr : __libc_memalign(alignment, size);
+}
+
+int posix_memalign(void** memory, size_t alignment, size_t size) noexcept {
+    if (fails(CallClass::alloc))
+        return ENOMEM;
+    *memory = __libc_memalign(alignment, size);
+    return *memory != nullptr ? 0 : ENOMEM;
+}
+
+#endif
+
+}  // extern "C"
