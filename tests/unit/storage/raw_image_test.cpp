@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <string>
 #include <utility>
 
@@ -195,6 +196,20 @@ TEST_F(RawImageTest, SizeBeyond4GiBTakesItsHighHalfFromTheMark) {
     m_item.part_size = 4;
     expect_written(writing_lines("boot", 1));
     expect_pages(slice(patterned(100, 1), 0, 1), 1);
+}
+
+TEST_F(RawImageTest, TerabytesBehindAFailedWriteCostAStepForEachPercent) {
+    Firmware firmware = sample_firmware();
+    firmware.items = {{.name = "boot",
+                       .part_size = grows_to_end,
+                       .data = patterned(10, 1),
+                       .size = (uint64_t{1} << 42) - 1024}};
+    use(FLASH_EMMC, {.page_kb = 1}, firmware);
+    m_storage->m_fout.open(out_path("boot.img").string());
+    m_storage->m_fout.give_up(EIO);
+    const std::clock_t before = std::clock();
+    expect_written(writing_lines("boot", 100));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC) << "4,294,967,295 steps would take most of a minute";
 }
 
 TEST_F(RawImageTest, OffsetBeyond4GiBTakesItsHighHalfFromTheMark) {

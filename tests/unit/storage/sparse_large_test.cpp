@@ -22,19 +22,20 @@ constexpr std::size_t mib = 1024 * kib;
 // Long stretches of raw data between other chunks; the odd ones leave every later byte at an odd position.
 SparseImage large_image(uint32_t seed) {
     std::mt19937 random(seed);
+    const auto below = [&random](uint32_t bound) { return static_cast<uint32_t>(random() % bound); };
     SparseImage image{.block_size = 1000, .chunks = {}};
     const auto raw = [&](std::size_t size) {
         image.chunks.push_back(SparseChunk::raw(patterned(size, seed), 1000));
     };
-    raw(random() % (2 * mib));
-    image.chunks.push_back(SparseChunk::fill(static_cast<uint32_t>(random()), random() % 700));
-    raw(3 * mib + random() % 5000);
-    image.chunks.push_back(SparseChunk::dont_care(random() % 2000));
-    raw(random() % 5000);
+    raw(below(2 * mib));
+    image.chunks.push_back(SparseChunk::fill(below(0xFFFFFFFF), below(700)));
+    raw(3 * mib + below(5000));
+    image.chunks.push_back(SparseChunk::dont_care(below(2000)));
+    raw(below(5000));
     image.chunks.push_back(SparseChunk::crc(0));
-    raw(256 * kib + random() % 3 - 1);
+    raw(256 * kib + below(3) - 1);
     raw(mib);
-    image.chunks.push_back(SparseChunk::fill(0x5A5A5A5A, 1 + random() % 300));
+    image.chunks.push_back(SparseChunk::fill(0x5A5A5A5A, 1 + below(300)));
     return image;
 }
 
