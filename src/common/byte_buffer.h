@@ -37,7 +37,7 @@ public:
     }
 
     /// True when memory was had and it holds at least size bytes.
-    bool has(uint64_t size) const { return m_data != nullptr && m_size >= size; }
+    bool has(uint64_t size) const { return m_memory != nullptr && m_size >= size; }
 
     uint8_t* data() { return m_data; }
     const uint8_t* data() const { return m_data; }

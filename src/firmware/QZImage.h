@@ -73,7 +73,7 @@ std::string item_name(const STRUCT_QZIMAGE_ITEM& item);
 
 /// The firmware update image: its head, the boot container in it, and reads from anywhere in the file.
 /// A path with ".bin" anywhere in it (in any case) is a bare boot container instead: single mode.
-/// Before ObjectInit has succeeded all values read 0 or false.
+/// All values read 0 or false until ObjectInit has read the head.
 class CQZImage {
 public:
     // Values of the image head, read like data members.
