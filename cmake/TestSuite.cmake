@@ -37,6 +37,7 @@ function(nandsmith_add_test_suite target)
     gtest_discover_tests(
         ${target}
         DISCOVERY_TIMEOUT 60
+        NO_PRETTY_VALUES
         PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 300
     )
 endfunction()

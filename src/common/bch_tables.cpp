@@ -7,8 +7,10 @@ namespace {
 constexpr uint32_t kInputWords =
     kBchCodewordBytes / 8;  // 64-bit words of a codeword before its last half word
 
-/// A row in a vector register; the compiler splits it where the processor has none of 256 bits.
-using Vector = uint64_t __attribute__((vector_size(sizeof(BchRow))));
+/// Rows as the processor takes them: whole where it has vectors of 256 bits, else in halves, which every
+/// x86-64 has.
+using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));
+using HalfRow = uint64_t __attribute__((vector_size(sizeof(BchRow) / 2)));
 
 template <typename Word>
 [[gnu::always_inline]] inline Word load(const uint8_t* bytes) {
@@ -17,84 +19,94 @@ template <typename Word>
     return word;
 }
 
+/// Moves part on by a 64-bit word; the first one of next follows.
+[[gnu::always_inline]] inline void shift_in(WholeRow& part, const WholeRow& next) {
+    part = __builtin_shufflevector(part, next, 1, 2, 3, 4);
+}
+[[gnu::always_inline]] inline void shift_in(HalfRow& part, const HalfRow& next) {
+    part = __builtin_shufflevector(part, next, 1, 2);
+}
+
 /// A register of Rows rows, and the step that both table paths are made of.
-template <uint32_t Rows>
+template <typename Vector, uint32_t Rows>
 struct VectorRegister {
-    Vector row[Rows] = {};
+    static constexpr uint32_t kVectors = Rows * sizeof(BchRow) / sizeof(Vector);
+    Vector part[kVectors] = {};
 
     /// Feeds a 64-bit word of input. The register moves on by one word; what its first word and the input add
     /// up to comes back in through the generator, byte by byte out of the tables.
     [[gnu::always_inline]] inline void feed(const Vector* table, uint64_t input) {
-        const uint64_t index = row[0][0] ^ input;
-        for (uint32_t r = 0; r < Rows; ++r) {
-            const Vector next = r + 1 < Rows ? row[r + 1 < Rows ? r + 1 : r] : Vector{};
-            row[r] = __builtin_shufflevector(row[r], next, 1, 2, 3, 4);
-        }
-        for (uint32_t r = 0; r < Rows; ++r) {
-            const auto at = [&](uint32_t position) -> const Vector& {
-                return table[(position * 256 + (index >> 8 * position & 0xFF)) * Rows + r];
-            };
-            row[r] ^= ((at(0) ^ at(1)) ^ (at(2) ^ at(3))) ^ ((at(4) ^ at(5)) ^ (at(6) ^ at(7)));
+        const uint64_t index = part[0][0] ^ input;
+        for (uint32_t v = 0; v + 1 < kVectors; ++v)
+            shift_in(part[v], part[v + 1]);
+        shift_in(part[kVectors - 1], Vector{});
+        for (uint32_t position = 0; position < 8; ++position) {
+            const Vector* entry = table + (position * 256 + (index >> 8 * position & 0xFF)) * kVectors;
+            for (uint32_t v = 0; v < kVectors; ++v)
+                part[v] ^= entry[v];
         }
     }
 
     /// Feeds the last 32 bits of a codeword and hands the register out.
-    [[gnu::always_inline]] inline void finish(const Vector* table, uint32_t input,
+    [[gnu::always_inline]] inline void finish(const BchRow* table, uint32_t input,
                                               BchRegister& result) const {
         uint64_t word[Rows * 4 + 1] = {};
-        std::memcpy(word, row, sizeof(row));
+        std::memcpy(word, part, sizeof(part));
         const uint64_t index = word[0] ^ input;
         for (uint32_t k = 0; k < Rows * 4; ++k) {
             word[k] = word[k] >> 32 | word[k + 1] << 32;
-            for (uint32_t position = 4; position < 8; ++position)
-                word[k] ^=
-                    table[(position * 256 + (index >> 8 * (position - 4) & 0xFF)) * Rows + k / 4][k % 4];
+            for (uint32_t position = 4; position < 8; ++position) {
+                const uint32_t entry = position * 256 + (index >> 8 * (position - 4) & 0xFF);
+                word[k] ^= table[entry * Rows + k / 4].word[k % 4];
+            }
         }
-        std::memcpy(result.word, word, sizeof(row));
+        std::memcpy(result.word, word, sizeof(part));
     }
 };
 
 /// Encodes Lanes codewords side by side: while the rows of one are loaded, the others go on.
-template <uint32_t Rows, uint32_t Lanes>
+template <typename Vector, uint32_t Rows, uint32_t Lanes>
 [[gnu::always_inline]] inline void encode_lanes(const BchTables& tables, const uint8_t* first,
                                                 std::size_t stride, BchRegister* results) {
     const auto* table = reinterpret_cast<const Vector*>(tables.rows.data());
-    VectorRegister<Rows> lanes[Lanes];
+    VectorRegister<Vector, Rows> lanes[Lanes];
     for (uint32_t i = 0; i < kInputWords; ++i)
         for (uint32_t lane = 0; lane < Lanes; ++lane)
             lanes[lane].feed(table, load<uint64_t>(first + lane * stride + i * 8));
     for (uint32_t lane = 0; lane < Lanes; ++lane)
-        lanes[lane].finish(table, load<uint32_t>(first + lane * stride + kInputWords * 8), results[lane]);
+        lanes[lane].finish(tables.rows.data(), load<uint32_t>(first + lane * stride + kInputWords * 8),
+                           results[lane]);
 }
 
-template <uint32_t Rows>
+template <typename Vector, uint32_t Rows>
 [[gnu::always_inline]] inline void encode_rows(const BchTables& tables, const uint8_t* first, uint32_t count,
                                                std::size_t stride, BchRegister* results) {
     switch (count) {
     case 8:
-        return encode_lanes<Rows, 8>(tables, first, stride, results);
+        return encode_lanes<Vector, Rows, 8>(tables, first, stride, results);
     case 4:
-        return encode_lanes<Rows, 4>(tables, first, stride, results);
+        return encode_lanes<Vector, Rows, 4>(tables, first, stride, results);
     case 2:
-        return encode_lanes<Rows, 2>(tables, first, stride, results);
+        return encode_lanes<Vector, Rows, 2>(tables, first, stride, results);
     default:
         for (uint32_t i = 0; i < count; ++i)
-            encode_lanes<Rows, 1>(tables, first + i * stride, stride, results + i);
+            encode_lanes<Vector, Rows, 1>(tables, first + i * stride, stride, results + i);
     }
 }
 
 /// Always inlined into a function that says which instructions there are.
+template <typename Vector>
 [[gnu::always_inline]] inline void encode(const BchTables& tables, const uint8_t* first, uint32_t count,
                                           std::size_t stride, BchRegister* results) {
     switch (tables.rows_per_register) {
     case 1:
-        return encode_rows<1>(tables, first, count, stride, results);
+        return encode_rows<Vector, 1>(tables, first, count, stride, results);
     case 2:
-        return encode_rows<2>(tables, first, count, stride, results);
+        return encode_rows<Vector, 2>(tables, first, count, stride, results);
     case 3:
-        return encode_rows<3>(tables, first, count, stride, results);
+        return encode_rows<Vector, 3>(tables, first, count, stride, results);
     default:
-        return encode_rows<4>(tables, first, count, stride, results);
+        return encode_rows<Vector, 4>(tables, first, count, stride, results);
     }
 }
 
@@ -160,7 +172,7 @@ void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& 
 
 void bch_kernel_portable(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
                          BchRegister* results) {
-    encode(tables, first, count, stride, results);
+    encode<HalfRow>(tables, first, count, stride, results);
 }
 
 #if defined(__x86_64__)
@@ -171,7 +183,7 @@ bool bch_has_wide_rows() {
 
 [[gnu::target("avx2")]] void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* first,
                                                   uint32_t count, std::size_t stride, BchRegister* results) {
-    encode(tables, first, count, stride, results);
+    encode<WholeRow>(tables, first, count, stride, results);
 }
 
 #else

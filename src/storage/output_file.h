@@ -89,6 +89,7 @@ private:
     bool move_to(uint64_t position);
     bool flush_block();
     bool write_with_holes(uint64_t offset, const uint8_t* bytes, uint64_t count);
+    void reserve(uint64_t offset, uint64_t count);
     bool write_all(uint64_t offset, const uint8_t* bytes, uint64_t count);
     bool reach_length();
 
@@ -101,6 +102,7 @@ private:
     int m_descriptor = -1;
     int m_error = 0;         // first failure of this file
     bool m_regular = false;  // a file that can have holes and be written at any position
+    bool m_reserves = true;  // its file system can be asked for room ahead of a write
     ByteBuffer m_block;      // bytes of [m_block_offset, m_block_offset + m_block_used) not yet written
     uint64_t m_block_offset = 0;
     uint64_t m_block_used = 0;

@@ -24,6 +24,13 @@ ENUM_FLASH_TYPE type_of(const ControlBytes& input) {
     return storage_types[input[0] % storage_types.size()];
 }
 
+// NAND has a file for each of up to hundreds of items, so its files are kept small; an image without a GPT
+// begins its partitions at 4 MiB and has to have room behind that.
+uint64_t largest_file_of(ENUM_FLASH_TYPE type) {
+    const bool has_many = type == FLASH_SPI_NAND || type == FLASH_SLC_NAND;
+    return has_many ? 1024 * 1024 : largest_fuzzed_file;
+}
+
 Geometry geometry_of(const ControlBytes& input) {
     return {.block_kb = input.choice(1, {8U, 16U, 128U, 64U, 1U, 3U}),
             .page_kb = input.choice(2, {2U, 4U, 1U, 8U, 3U, 64U}),
@@ -75,13 +82,13 @@ void run_on_every_path(Geometry geometry, const std::filesystem::path& firmware,
 }  // namespace
 
 void run_conversion(const Bytes& input) {
-    const FileSizeLimit limit(largest_fuzzed_file);
     const ControlBytes bent(input, conversion_controls);
     // A name with ".bin" in it makes the file a bare boot container.
     const std::filesystem::path firmware =
         bent.flag(0, 7) ? scratch().top / "loader.bin" : scratch().firmware;
     write_file(firmware, bent.body());
     const ENUM_FLASH_TYPE type = type_of(bent);
+    const FileSizeLimit limit(largest_file_of(type));
     if (type == FLASH_SLC_NAND)
         run_on_every_path(geometry_of(bent), firmware, bent.body());
     else

@@ -37,9 +37,10 @@ void find_container(const Bytes& bytes, const Span& span, Structure& structure) 
     structure.container_tables_end = span.offset + std::min(tables_end, span.size - crc_bytes);
 }
 
-void find_chunks(const Bytes& bytes, Structure& structure) {
-    std::size_t at = *structure.sparse + sparse_field::header_bytes;
-    while (lies_inside(bytes, at, sparse_field::chunk_header_bytes) &&
+void find_chunks(const Bytes& bytes, const Span& image, Structure& structure) {
+    const std::size_t end = image.offset + image.size;
+    std::size_t at = image.offset + sparse_field::header_bytes;
+    while (at <= end && end - at >= sparse_field::chunk_header_bytes &&
            structure.chunks.size() < most_chunks) {
         structure.chunks.push_back(at);
         const uint32_t total = get32(bytes, at + sparse_field::chunk_total_size);
@@ -52,7 +53,7 @@ void find_sparse(const Bytes& bytes, const Span& span, Structure& structure) {
         get32(bytes, span.offset) != sparse_magic)
         return;
     structure.sparse = span.offset;
-    find_chunks(bytes, structure);
+    find_chunks(bytes, span, structure);
 }
 
 void find_items(const Bytes& bytes, Structure& structure) {
