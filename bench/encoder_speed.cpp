@@ -19,8 +19,7 @@ std::optional<double> limit_of(const std::string& name) {
     if (name.find("/portable") != std::string::npos) {
         return 0.75;
     }
-    // Two codewords are too few to hide the dependent loads of the table rows.
-    if (name.find("/wide_rows") != std::string::npos && !name.ends_with("/2")) {
+    if (name.find("/wide_rows") != std::string::npos) {
         return 2.5;
     }
     return std::nullopt;

@@ -3,7 +3,6 @@
 #include "bch_kernels.h"
 
 #include <algorithm>
-#include <bit>
 #include <cassert>
 #include <cstring>
 #include <vector>
@@ -233,7 +232,7 @@ void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride) {
     encoded_codewords += count;
     BchRegister parity[kBchLanes] = {};
     while (count != 0) {
-        const uint32_t group = std::bit_floor(std::min(count, kBchLanes));  // the tables work on 8, 4, 2 or 1
+        const uint32_t group = std::min(count, kBchLanes);
         kernel(tables, first, group, stride, parity);
         for (uint32_t i = 0; i < group; ++i)
             write_parity(parity[i], first + std::size_t{i} * stride + kBchCodewordBytes);

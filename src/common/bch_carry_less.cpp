@@ -1,4 +1,4 @@
-#include "bch_kernels.h"
+#include "bch_table_register.h"
 
 #include <cstring>
 
@@ -9,7 +9,7 @@
 //
 // Bit 0 of a block is its highest power, as in the register, so that plain little-endian integers are
 // multiplied. The first 256 bits of the sum have powers beyond the degree. They are reduced as if they were
-// input: three words by multiplication, the last one out of the tables.
+// input, out of the tables.
 
 namespace {
 
@@ -28,7 +28,6 @@ struct Multipliers {
     alignas(32) Pair sum[kBlocks];     // c0 + c2, c1 + c3
     alignas(32) Pair folded[kBlocks];  // c0 + c1, c2 + c3
     alignas(32) Pair all[kBlocks];     // c0 + c1 + c2 + c3, 0
-    alignas(32) Pair beyond[6];        // for the words 0, 1, 2 beyond the degree: c0, c1 and c2, c3
 };
 static_assert(sizeof(Multipliers) % sizeof(BchRow) == 0);
 
@@ -37,19 +36,10 @@ static_assert(sizeof(Multipliers) % sizeof(BchRow) == 0);
 void bch_build_multipliers(const BchRegister& polynomial, BchTables& tables) {
     Multipliers m{};
     BchRegister power{{1}};  // x^(degree - 1)
-    const auto move_on = [&](uint32_t bits) {
+    for (uint32_t i = kBlocks; i-- > 0;) {
+        const uint32_t bits = i + 1 == kBlocks ? 32 : 8 * kBlockBytes;  // 32 bits follow the last block
         for (uint32_t bit = 0; bit < bits; ++bit)
             bch_multiply_by_x(power, polynomial);
-    };
-    for (uint32_t k = 3; k-- > 0;) {  // the last word beyond the degree needs no multiplication
-        move_on(64);
-        m.beyond[2 * k] = {power.word[0], power.word[1]};
-        m.beyond[2 * k + 1] = {power.word[2], power.word[3]};
-    }
-
-    power = {{1}};
-    for (uint32_t i = kBlocks; i-- > 0;) {
-        move_on(i + 1 == kBlocks ? 32 : 8 * kBlockBytes);  // 32 bits follow the last block
         const uint64_t* c = power.word;
         m.low[i] = {c[0], c[1]};
         m.high[i] = {c[2], c[3]};
@@ -162,30 +152,16 @@ template <typename Vector>
 }
 
 /// The register of a codeword from the sum of its blocks: reduces the four words beyond the degree.
-[[CARRY_LESS]] inline void reduce(const BchTables& tables, const Multipliers& m, const uint64_t (&sum)[8],
-                                  uint32_t tail, BchRegister& result) {
-    __m128i product[4] = {};
-    for (uint32_t k = 0; k < 3; ++k) {
-        const __m128i word = _mm_cvtsi64_si128(static_cast<long long>(sum[k]));
-        const __m128i low = *reinterpret_cast<const __m128i*>(&m.beyond[2 * k]);
-        const __m128i high = *reinterpret_cast<const __m128i*>(&m.beyond[2 * k + 1]);
-        product[0] ^= _mm_clmulepi64_si128(word, low, 0x00);
-        product[1] ^= _mm_clmulepi64_si128(word, low, 0x10);
-        product[2] ^= _mm_clmulepi64_si128(word, high, 0x00);
-        product[3] ^= _mm_clmulepi64_si128(word, high, 0x10);
-    }
-    uint64_t p[4][2];
-    std::memcpy(p, product, sizeof(p));
+[[CARRY_LESS]] inline void reduce(const BchTables& tables, const uint64_t (&sum)[8], uint32_t tail,
+                                  BchRegister& result) {
+    const auto* rows = reinterpret_cast<const WholeRow*>(tables.rows.data());
+    BchTableRegister<WholeRow, 1> beyond;
+    for (uint32_t k = 0; k < 3; ++k)
+        beyond.feed(rows, sum[k]);
     // The last 4 bytes of the codeword are the last bits of input, where the last word beyond the degree is.
-    const uint64_t last = sum[3] ^ p[0][0] ^ static_cast<uint64_t>(tail) << 32;
-    const auto* rows = reinterpret_cast<const __m256i*>(tables.rows.data());
-    __m256i value = _mm256_set_epi64x(static_cast<long long>(sum[7] ^ p[3][1]),
-                                      static_cast<long long>(sum[6] ^ p[2][1] ^ p[3][0]),
-                                      static_cast<long long>(sum[5] ^ p[1][1] ^ p[2][0]),
-                                      static_cast<long long>(sum[4] ^ p[0][1] ^ p[1][0]));
-    for (uint32_t j = 0; j < 8; ++j)
-        value ^= rows[j * 256 + (last >> 8 * j & 0xFF)];
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(result.word), value);
+    beyond.feed(rows, sum[3] ^ static_cast<uint64_t>(tail) << 32);
+    const WholeRow value = beyond.part[0] ^ WholeRow { sum[4], sum[5], sum[6], sum[7] };
+    std::memcpy(result.word, &value, sizeof(value));
 }
 
 template <typename Vector>
@@ -198,7 +174,7 @@ template <typename Vector>
         multiply_blocks<Vector>(m, codeword, sum);
         uint32_t tail;
         std::memcpy(&tail, codeword + kTailPosition, sizeof(tail));
-        reduce(tables, m, sum, tail, results[i]);
+        reduce(tables, sum, tail, results[i]);
     }
 }
 

@@ -28,6 +28,9 @@ struct BchTables {
     /// What byte b of a 64-bit input word does to the register, for each of its 8 positions:
     /// rows_per_register rows from (position * 256 + b) * rows_per_register on.
     std::vector<BchRow> rows;
+    /// What the first half of a codeword's register becomes while the second half is fed, for each of its 64
+    /// groups of 4 bits: a register from group * 16 + value on; empty for registers of several rows.
+    std::vector<BchRow> half_way_rows;
     /// Constants of the carry-less kernels (bch_carry_less.cpp); empty for degrees beyond 256.
     std::vector<BchRow> multipliers;
 };

@@ -1,4 +1,4 @@
-#include "bch_kernels.h"
+#include "bch_table_register.h"
 
 #include <cstring>
 
@@ -6,91 +6,74 @@ namespace {
 
 constexpr uint32_t kInputWords =
     kBchCodewordBytes / 8;  // 64-bit words of a codeword before its last half word
+static_assert(kInputWords % 2 == 0, "a codeword has two halves");
+constexpr uint32_t kRowGroups = 64;  // of 4 bits each
 
-/// Rows as the processor takes them: whole where it has vectors of 256 bits, else in halves, which every
-/// x86-64 has.
-using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));
-using HalfRow = uint64_t __attribute__((vector_size(sizeof(BchRow) / 2)));
+/// How many registers are fed side by side at most: more of them than this in half rows do not fit the vector
+/// registers.
+template <typename Vector>
+constexpr uint32_t kLanes = sizeof(Vector) == sizeof(WholeRow) ? 8 : 4;
 
-template <typename Word>
-[[gnu::always_inline]] inline Word load(const uint8_t* bytes) {
-    Word word;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
+/// Adds to a register what is left of the one before after half a codeword of zeros.
+template <typename Vector>
+[[gnu::always_inline]] inline void add_half_way(const BchTables& tables,
+                                                const BchTableRegister<Vector, 1>& before,
+                                                BchTableRegister<Vector, 1>& sum) {
+    constexpr uint32_t vectors = BchTableRegister<Vector, 1>::kVectors;
+    const auto* entry = reinterpret_cast<const Vector*>(tables.half_way_rows.data());
+    uint64_t words[4];
+    std::memcpy(words, before.part, sizeof(words));
+    for (const uint64_t word : words)
+#pragma GCC unroll 16
+        for (uint32_t group = 0; group < 16; ++group, entry += 16 * vectors)
+            for (uint32_t v = 0; v < vectors; ++v)
+                sum.part[v] ^= entry[(word >> 4 * group & 0xF) * vectors + v];
 }
 
-/// Moves part on by a 64-bit word; the first one of next follows.
-[[gnu::always_inline]] inline void shift_in(WholeRow& part, const WholeRow& next) {
-    part = __builtin_shufflevector(part, next, 1, 2, 3, 4);
-}
-[[gnu::always_inline]] inline void shift_in(HalfRow& part, const HalfRow& next) {
-    part = __builtin_shufflevector(part, next, 1, 2);
-}
-
-/// A register of Rows rows, and the step that both table paths are made of.
-template <typename Vector, uint32_t Rows>
-struct VectorRegister {
-    static constexpr uint32_t kVectors = Rows * sizeof(BchRow) / sizeof(Vector);
-    Vector part[kVectors] = {};
-
-    /// Feeds a 64-bit word of input. The register moves on by one word; what its first word and the input add
-    /// up to comes back in through the generator, byte by byte out of the tables.
-    [[gnu::always_inline]] inline void feed(const Vector* table, uint64_t input) {
-        const uint64_t index = part[0][0] ^ input;
-        for (uint32_t v = 0; v + 1 < kVectors; ++v)
-            shift_in(part[v], part[v + 1]);
-        shift_in(part[kVectors - 1], Vector{});
-        for (uint32_t position = 0; position < 8; ++position) {
-            const Vector* entry = table + (position * 256 + (index >> 8 * position & 0xFF)) * kVectors;
-            for (uint32_t v = 0; v < kVectors; ++v)
-                part[v] ^= entry[v];
-        }
-    }
-
-    /// Feeds the last 32 bits of a codeword and hands the register out.
-    [[gnu::always_inline]] inline void finish(const BchRow* table, uint32_t input,
-                                              BchRegister& result) const {
-        uint64_t word[Rows * 4 + 1] = {};
-        std::memcpy(word, part, sizeof(part));
-        const uint64_t index = word[0] ^ input;
-        for (uint32_t k = 0; k < Rows * 4; ++k) {
-            word[k] = word[k] >> 32 | word[k + 1] << 32;
-            for (uint32_t position = 4; position < 8; ++position) {
-                const uint32_t entry = position * 256 + (index >> 8 * (position - 4) & 0xFF);
-                word[k] ^= table[entry * Rows + k / 4].word[k % 4];
-            }
-        }
-        std::memcpy(result.word, word, sizeof(part));
-    }
-};
-
-/// Encodes Lanes codewords side by side: while the rows of one are loaded, the others go on.
-template <typename Vector, uint32_t Rows, uint32_t Lanes>
-[[gnu::always_inline]] inline void encode_lanes(const BchTables& tables, const uint8_t* first,
+/// Encodes Units codewords side by side, each in Parts (1 or 2): while the rows of one register are loaded,
+/// the others go on.
+template <typename Vector, uint32_t Rows, uint32_t Units, uint32_t Parts>
+[[gnu::always_inline]] inline void encode_units(const BchTables& tables, const uint8_t* first,
                                                 std::size_t stride, BchRegister* results) {
+    constexpr uint32_t part_words = kInputWords / Parts;
     const auto* table = reinterpret_cast<const Vector*>(tables.rows.data());
-    VectorRegister<Vector, Rows> lanes[Lanes];
-    for (uint32_t i = 0; i < kInputWords; ++i)
-        for (uint32_t lane = 0; lane < Lanes; ++lane)
-            lanes[lane].feed(table, load<uint64_t>(first + lane * stride + i * 8));
-    for (uint32_t lane = 0; lane < Lanes; ++lane)
-        lanes[lane].finish(tables.rows.data(), load<uint32_t>(first + lane * stride + kInputWords * 8),
-                           results[lane]);
+    BchTableRegister<Vector, Rows> lanes[Units * Parts];
+    for (uint32_t i = 0; i < part_words; ++i)
+#pragma GCC unroll 8
+        for (uint32_t lane = 0; lane < Units * Parts; ++lane)
+            lanes[lane].feed(table, bch_load<uint64_t>(first + lane / Parts * stride +
+                                                       (lane % Parts * part_words + i) * 8));
+    for (uint32_t unit = 0; unit < Units; ++unit) {
+        if constexpr (Parts == 2)
+            add_half_way(tables, lanes[unit * 2], lanes[unit * 2 + 1]);
+        lanes[unit * Parts + Parts - 1].finish(
+            tables.rows.data(), bch_load<uint32_t>(first + unit * stride + kInputWords * 8), results[unit]);
+    }
 }
 
+/// As many units at a time as there are lanes; fewer are cut in halves, so that there is work for all lanes.
 template <typename Vector, uint32_t Rows>
 [[gnu::always_inline]] inline void encode_rows(const BchTables& tables, const uint8_t* first, uint32_t count,
                                                std::size_t stride, BchRegister* results) {
-    switch (count) {
-    case 8:
-        return encode_lanes<Vector, Rows, 8>(tables, first, stride, results);
-    case 4:
-        return encode_lanes<Vector, Rows, 4>(tables, first, stride, results);
-    case 2:
-        return encode_lanes<Vector, Rows, 2>(tables, first, stride, results);
-    default:
-        for (uint32_t i = 0; i < count; ++i)
-            encode_lanes<Vector, Rows, 1>(tables, first + i * stride, stride, results + i);
+    constexpr uint32_t lanes = kLanes<Vector>;
+    constexpr uint32_t parts = Rows == 1 ? 2 : 1;
+    while (count != 0) {
+        uint32_t units = 1;
+        if (count >= lanes) {
+            units = lanes;
+            encode_units<Vector, Rows, lanes, 1>(tables, first, stride, results);
+        } else if (count >= lanes / 2) {
+            units = lanes / 2;
+            encode_units<Vector, Rows, lanes / 2, parts>(tables, first, stride, results);
+        } else if (lanes > 4 && count >= lanes / 4) {
+            units = lanes / 4;
+            encode_units<Vector, Rows, lanes / 4, parts>(tables, first, stride, results);
+        } else {
+            encode_units<Vector, Rows, 1, parts>(tables, first, stride, results);
+        }
+        first += units * stride;
+        results += units;
+        count -= units;
     }
 }
 
@@ -135,6 +118,29 @@ void build_byte_rows(BchRegister& power, const BchRegister& polynomial, uint32_t
     }
 }
 
+/// Half a codeword of zeros behind every value of every group, by way of the groups' single bits.
+void build_half_way_rows(BchTables& tables) {
+    const auto* table = reinterpret_cast<const HalfRow*>(tables.rows.data());
+    tables.half_way_rows.assign(std::size_t{kRowGroups} * 16, BchRow{});
+    for (uint32_t group = 0; group < kRowGroups; ++group) {
+        BchRow* entry = tables.half_way_rows.data() + std::size_t{group} * 16;
+        for (uint32_t bit = 0; bit < 4; ++bit) {
+            BchRow start{};
+            start.word[group / 16] = uint64_t{1} << (group % 16 * 4 + bit);
+            BchTableRegister<HalfRow, 1> value;
+            std::memcpy(value.part, &start, sizeof(start));
+            for (uint32_t i = 0; i < kInputWords / 2; ++i)
+                value.feed(table, 0);
+            std::memcpy(entry + (1U << bit), value.part, sizeof(BchRow));
+        }
+        for (uint32_t number = 1; number < 16; ++number) {
+            const uint32_t lowest = number & (0 - number);
+            for (uint32_t k = 0; number != lowest && k < 4; ++k)
+                entry[number].word[k] = entry[lowest].word[k] ^ entry[number ^ lowest].word[k];
+        }
+    }
+}
+
 }  // namespace
 
 void bch_multiply_by_x(BchRegister& value, const BchRegister& polynomial) {
@@ -155,9 +161,12 @@ void bch_build_tables(const uint32_t* generator, uint32_t degree, BchTables& tab
     for (uint32_t position = 8; position-- > 0;)
         build_byte_rows(power, polynomial, rows, tables.rows.data() + std::size_t{position} * 256 * rows);
 
+    tables.half_way_rows.clear();
     tables.multipliers.clear();
-    if (degree <= 256)
+    if (rows == 1) {
+        build_half_way_rows(tables);
         bch_build_multipliers(polynomial, tables);
+    }
 }
 
 void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& result) {

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "bch_kernels.h"
+
+#include <cstring>
+
+/// The parity register while it is fed from tables: the step that the table kernels are made of, and with
+/// which the carry-less kernels end. All of it is inlined, into functions that say which instructions there
+/// are.
+
+/// Rows as the processor takes them: whole where it has vectors of 256 bits, else in halves, which every
+/// x86-64 has.
+using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));
+using HalfRow = uint64_t __attribute__((vector_size(sizeof(BchRow) / 2)));
+
+template <typename Word>
+[[gnu::always_inline]] inline Word bch_load(const uint8_t* bytes) {
+    Word word;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+}
+
+/// Moves part on by a 64-bit word; the first one of next follows.
+[[gnu::always_inline]] inline void bch_shift_in(WholeRow& part, const WholeRow& next) {
+    part = __builtin_shufflevector(part, next, 1, 2, 3, 4);
+}
+[[gnu::always_inline]] inline void bch_shift_in(HalfRow& part, const HalfRow& next) {
+    part = __builtin_shufflevector(part, next, 1, 2);
+}
+
+/// A register of Rows rows.
+template <typename Vector, uint32_t Rows>
+struct BchTableRegister {
+    static constexpr uint32_t kVectors = Rows * sizeof(BchRow) / sizeof(Vector);
+    Vector part[kVectors] = {};
+
+    /// Feeds a 64-bit word of input. The register moves on by one word; what its first word and the input add
+    /// up to comes back in through the generator, byte by byte out of the tables.
+    [[gnu::always_inline]] inline void feed(const Vector* table, uint64_t input) {
+        const uint64_t index = part[0][0] ^ input;
+        for (uint32_t v = 0; v + 1 < kVectors; ++v)
+            bch_shift_in(part[v], part[v + 1]);
+        bch_shift_in(part[kVectors - 1], Vector{});
+#pragma GCC unroll 8
+        for (uint32_t position = 0; position < 8; ++position) {
+            const Vector* entry = table + (position * 256 + (index >> 8 * position & 0xFF)) * kVectors;
+            for (uint32_t v = 0; v < kVectors; ++v)
+                part[v] ^= entry[v];
+        }
+    }
+
+    /// Feeds the last 32 bits of a codeword and hands the register out.
+    [[gnu::always_inline]] inline void finish(const BchRow* table, uint32_t input,
+                                              BchRegister& result) const {
+        uint64_t word[Rows * 4 + 1] = {};
+        std::memcpy(word, part, sizeof(part));
+        const uint64_t index = word[0] ^ input;
+        for (uint32_t k = 0; k < Rows * 4; ++k) {
+            word[k] = word[k] >> 32 | word[k + 1] << 32;
+            for (uint32_t position = 4; position < 8; ++position) {
+                const uint32_t entry = position * 256 + (index >> 8 * (position - 4) & 0xFF);
+                word[k] ^= table[entry * Rows + k / 4].word[k % 4];
+            }
+        }
+        std::memcpy(result.word, word, sizeof(part));
+    }
+};
