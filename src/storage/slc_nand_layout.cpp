@@ -94,8 +94,7 @@ void CSlcStorage::write_logical_fill_pages(uint64_t count) {
         m_fout.give_up(ENOMEM);
         return;
     }
-    for (uint64_t i = 0; i < count && !m_fout.has_failed(); ++i)
-        write_page(page.data(), m_page_size);
+    write_fill_pages(page.data(), count, m_page_size);
 }
 
 bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {

@@ -26,7 +26,8 @@ constexpr uint32_t kDataPerPage2k = 2048;
 
 // Padding of one output file that goes through write_page page by page, in bytes. What a firmware asks for
 // beyond (up to terabytes) is handed to the file in one piece, so that a wild size costs moments and not
-// hours.
+// hours. Of pages that a class refuses, each with a line, this many are tried in a run and the rest is left
+// out.
 constexpr uint64_t kPaddingByPages = 64 * 1024 * 1024;
 
 bool has_count_extension(const tagQZIMAGE_HDR& header) {
@@ -318,10 +319,13 @@ void CStorage::write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t len
             m_fout.write_fill(m_fill_byte, count - written, page_bytes);
             return;
         }
+        if (m_dropped_padding >= kPaddingByPages)
+            return;
         const uint64_t before = m_fout.position();
-        write_page(fill_page, length);
         // A class whose pages are not just their data gets all of them one by one.
-        if (m_fout.position() - before == page_bytes)
+        if (!write_page(fill_page, length))
+            m_dropped_padding += page_bytes;
+        else if (m_fout.position() - before == page_bytes)
             m_padding_by_pages += page_bytes;
     }
 }

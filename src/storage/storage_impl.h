@@ -336,7 +336,7 @@ protected:
     void close_output();
     /// Hands count pages of fill bytes to write_page, length bytes each; fill_page holds m_page_size fill
     /// bytes. Padding beyond 64 MiB in one file is handed to the output as a whole where pages are just their
-    /// data.
+    /// data. Where write_page refuses them, pages for 64 MiB are tried in a run and the rest is left out.
     void write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length);
     /// Pages that can be put to first, where the output gathers its bytes, and written from there without a
     /// copy; 0 when the class's pages are not just their data, or the output has failed.
@@ -394,6 +394,7 @@ private:
     std::unique_ptr<CQZImage> m_update_image;
     ByteBuffer m_param_bytes;
     uint64_t m_padding_by_pages = 0;  // bytes of padding that went through write_page in this output file
+    uint64_t m_dropped_padding = 0;   // bytes of padding that write_page refused in this run
 };
 
 /// eMMC: one image of the whole device; the second boot block copy 512 KB behind the first.

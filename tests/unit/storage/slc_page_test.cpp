@@ -258,6 +258,31 @@ TEST_F(SlcPage, SpareAreaIsCheckedAtEveryCall) {
     EXPECT_TRUE(same_bytes(test_support::read_file(file()), slow_flash_pages(data + data, chip)));
 }
 
+TEST_F(SlcPage, OfPaddingIsTriedFor64MiBInARunWhenTheSpareAreaIsTooSmall) {
+    for (const uint32_t page_kb : {1U, 3U}) {
+        const SlcCase chip{.page_kb = page_kb, .spare = 31};
+        const auto storage = open(chip);
+        Bytes fill(chip.page_size(), 0);
+        const uint32_t pages = (65536 + page_kb - 1) / page_kb;
+        const std::string refusal = error_line("size of oob is not enough");
+        std::string refusals;
+        for (uint32_t i = 0; i < pages; ++i)
+            refusals += refusal;
+        const auto pad = [&](uint64_t count) {
+            return output_of([&] { storage->write_fill_pages(fill.data(), count, chip.page_size()); });
+        };
+        EXPECT_EQ(pad(2), refusal + refusal);
+        EXPECT_EQ(refusal + refusal + pad(uint64_t{1} << 32), refusals) << "billions of lines";
+        EXPECT_EQ(pad(1), "");
+        storage->switch_output("next.img");
+        EXPECT_EQ(pad(1), "") << "in the same run";
+        EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->write_page(fill.data(), 0)); }), refusal) << "data";
+        storage->close_output();
+        EXPECT_EQ(test_support::read_file(file()), Bytes{});
+        EXPECT_EQ(storage->m_write_failure.error, 0);
+    }
+}
+
 TEST_F(SlcPage, ThatNoMemoryHoldsFailsTheFile) {
     if (!memory_can_be_limited)
         GTEST_SKIP() << "needs a build without sanitizers";

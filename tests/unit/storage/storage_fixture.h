@@ -57,6 +57,8 @@ public:
     using Storage::m_uiParamFileSize;
     using Storage::m_update_image_ptr;
     using Storage::m_write_failure;
+    using Storage::switch_output;
+    using Storage::write_fill_pages;
 };
 
 // One call of write_page: `bytes` are the `length` bytes that were handed over.
