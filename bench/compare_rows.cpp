@@ -1,6 +1,6 @@
 #include "compare_rows.h"
 
-#include "bch_paths.h"
+#include "common/bch.h"
 
 #include <fstream>
 #include <stdexcept>
@@ -54,11 +54,11 @@ Row slc_row(const Programs& programs, const SlcGeometry& geometry) {
     return row;
 }
 
-Row slc_row_with_path(const Programs& programs, const SlcGeometry& geometry, const NamedBchPath& path,
-                      double limit) {
-    Row row{.name = geometry.name + "/" + std::string(path.name),
-            .limit = limit,
-            .words = {programs.convert_with_path.string(), std::string(path.name), "@firmware", "@output",
+// What a processor without anything special makes of it; the program has no option for the path.
+Row portable_slc_row(const Programs& programs, const SlcGeometry& geometry) {
+    Row row{.name = geometry.name + "/portable",
+            .limit = table_limit,
+            .words = {programs.convert_with_path.string(), "portable", "@firmware", "@output",
                       geometry.block_kib, geometry.page_kib, geometry.spare_bytes}};
     add_flag(row.words, geometry);
     return row;
@@ -67,13 +67,7 @@ Row slc_row_with_path(const Programs& programs, const SlcGeometry& geometry, con
 void add_slc_rows(const Programs& programs, std::vector<Row>& rows) {
     for (const SlcGeometry& geometry : slc_geometries) {
         rows.push_back(slc_row(programs, geometry));
-        for (const NamedBchPath& named : bch_paths) {
-            if (named.path == BchPath::portable) {
-                rows.push_back(slc_row_with_path(programs, geometry, named, table_limit));
-            } else if (named.path == BchPath::carry_less && bch_path_available(named.path)) {
-                rows.push_back(slc_row_with_path(programs, geometry, named, carry_less_limit));
-            }
-        }
+        rows.push_back(portable_slc_row(programs, geometry));
     }
 }
 

@@ -71,6 +71,7 @@ public:
     int run() {
         const std::vector<Row> rows = selected_rows();
         for (const uint64_t mib : arguments_.sizes_mib()) {
+            const FreeMemoryKept kept;
             for (const Row& row : rows) {
                 table_.print_row(run_pairs(row, mib));
             }
@@ -111,7 +112,6 @@ private:
         const Input input = input_of(row, mib, !row.others.empty());
         const Command program = command_of(row, input, work_);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
-        output_bytes_ = mib << 20;
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
                 result.others.push_back({.tool = name_of(tool), .timing = {}});
@@ -128,11 +128,9 @@ private:
 
     void run_pair(const Row& row, const Input& input, const Command& program, RowResult& result) {
         clear();
-        // Sparse images are expanded into a temporary file first.
-        const Measurement converted = run_ready(program, row.input == InputKind::sparse ? 2 : 1);
-        output_bytes_ = bytes_in(work_.output());
+        const Measurement converted = run_measured(program);
         work_.empty_copy();
-        const Measurement copied = run_ready(copy_command(work_), 1);
+        const Measurement copied = run_measured(copy_command(work_));
         result.program.add(converted);
         result.program.ratios.push_back(converted.seconds / copied.seconds);
         result.copy.add(copied);
@@ -141,18 +139,12 @@ private:
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
                 work_.empty_copy();
-                const Measurement other = run_ready(other_command(tool, input, result.mib, work_), 1);
+                const Measurement other = run_measured(other_command(tool, input, result.mib, work_));
                 Timing& timing = result.others[next++].timing;
                 timing.add(other);
                 timing.ratios.push_back(other.seconds / copied.seconds);
             }
         }
-    }
-
-    // With memory for that many times the output, and half as much again to spare.
-    Measurement run_ready(const Command& command, uint64_t outputs) const {
-        make_memory_ready(output_bytes_ * outputs * 3 / 2);
-        return run_measured(command);
     }
 
     // Input, output and copy of the largest size would not fit the page cache together, so there is no pair.
@@ -185,7 +177,6 @@ private:
 
     Arguments arguments_;
     WorkDirectory work_;
-    uint64_t output_bytes_ = 0;  // of the last run, before the first of a row what it should be
     ComparisonTable table_{};
 };
 

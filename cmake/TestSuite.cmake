@@ -6,6 +6,7 @@ include(GoogleTest)
 #   NANDSMITH_PROGRAM      path of the program
 #   MAKE_SAMPLE_FIRMWARE   path of the maker of sample firmware
 #   NANDSMITH_SOURCE_DIR   top directory of the source tree
+#   NANDSMITH_COVERAGE     defined in a coverage build
 # Without a source there is no executable.
 function(nandsmith_add_test_suite target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "SOURCES;LIBRARIES")
@@ -31,6 +32,7 @@ function(nandsmith_add_test_suite target)
         PRIVATE NANDSMITH_PROGRAM="$<TARGET_FILE:nandsmith>"
                 MAKE_SAMPLE_FIRMWARE="$<TARGET_FILE:make_sample_firmware>"
                 NANDSMITH_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+                $<$<BOOL:${NANDSMITH_COVERAGE}>:NANDSMITH_COVERAGE>
     )
     add_dependencies(${target} nandsmith make_sample_firmware)
 
