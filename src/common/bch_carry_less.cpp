@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr uint32_t kBlockBytes = 32;
+constexpr uint32_t kLaneBytes = 16;  // of a vector: two 64-bit words
+constexpr uint32_t kBlockBytes = 2 * kLaneBytes;
 constexpr uint32_t kBlocks = (kBchCodewordBytes - 4) / kBlockBytes;
 constexpr uint32_t kTailPosition = kBlocks * kBlockBytes;  // the last 4 bytes
 
@@ -118,7 +119,7 @@ struct ProductSum {
 template <typename Vector>
 [[CARRY_LESS]] inline void multiply_blocks(const Multipliers& m, const uint8_t* codeword,
                                            uint64_t (&sum)[8]) {
-    constexpr uint32_t blocks_per_vector = sizeof(Vector) / sizeof(__m128i);
+    constexpr uint32_t blocks_per_vector = sizeof(Vector) / kLaneBytes;
     const auto at = [](const Multipliers::Pair& pair) -> const Vector& {
         return *reinterpret_cast<const Vector*>(&pair);
     };

@@ -83,7 +83,7 @@ uint64_t CSlcStorage::sectors_to_block_end(uint64_t sectors) const {
 }
 
 uint32_t CSlcStorage::flash_pages_per_page() const {
-    return m_page_2k ? page_count(m_page_size, kDataPerPage2k) : 1;
+    return m_page_2k ? std::max(page_count(m_page_size, kDataPerPage2k), 1U) : 1;
 }
 
 void CSlcStorage::write_logical_fill_pages(uint64_t count) {

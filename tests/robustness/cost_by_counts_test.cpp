@@ -69,10 +69,14 @@ protected:
         const long calls = calls_of(Workplace(large));
         ASSERT_GT(base, 0);
         EXPECT_LE(calls - base, static_cast<long>(moved / (64 * 1024)));
+#ifndef NANDSMITH_COVERAGE  // which makes calls of its own
         EXPECT_LE(base, 400);
+#endif
     }
 
-    std::string counts() const { return files_ / "counts"; }
+    std::string counts() const {
+        return files_ / "counts";
+    }
 
     std::filesystem::path strace_;
     ScratchDirectory files_;
