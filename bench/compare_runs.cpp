@@ -23,6 +23,7 @@ namespace {
 
 constexpr uint64_t largest_mib = 8192;
 constexpr int runs_at_largest = 3;
+constexpr uint64_t spare_memory = uint64_t{3} << 29;
 
 struct Arguments {
     fs::path data{};      // directory for the big files; emptied first, removed at the end
@@ -71,7 +72,6 @@ public:
     int run() {
         const std::vector<Row> rows = selected_rows();
         for (const uint64_t mib : arguments_.sizes_mib()) {
-            const FreeMemoryKept kept;
             for (const Row& row : rows) {
                 table_.print_row(run_pairs(row, mib));
             }
@@ -112,6 +112,7 @@ private:
         const Input input = input_of(row, mib, !row.others.empty());
         const Command program = command_of(row, input, work_);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
+        output_bytes_ = mib << 20;
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
                 result.others.push_back({.tool = name_of(tool), .timing = {}});
@@ -128,9 +129,11 @@ private:
 
     void run_pair(const Row& row, const Input& input, const Command& program, RowResult& result) {
         clear();
-        const Measurement converted = run_measured(program);
+        // Sparse images are expanded into a temporary file first.
+        const Measurement converted = run_ready(program, row.input == InputKind::sparse ? 2 : 1);
+        output_bytes_ = bytes_in(work_.output());
         work_.empty_copy();
-        const Measurement copied = run_measured(copy_command(work_));
+        const Measurement copied = run_ready(copy_command(work_), 1);
         result.program.add(converted);
         result.program.ratios.push_back(converted.seconds / copied.seconds);
         result.copy.add(copied);
@@ -139,12 +142,18 @@ private:
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
                 work_.empty_copy();
-                const Measurement other = run_measured(other_command(tool, input, result.mib, work_));
+                const Measurement other = run_ready(other_command(tool, input, result.mib, work_), 1);
                 Timing& timing = result.others[next++].timing;
                 timing.add(other);
                 timing.ratios.push_back(other.seconds / copied.seconds);
             }
         }
+    }
+
+    // With memory for that many times the output, and enough to spare that the run gets what was touched.
+    Measurement run_ready(const Command& command, uint64_t outputs) const {
+        make_memory_ready(output_bytes_ * outputs + spare_memory);
+        return run_measured(command);
     }
 
     // Input, output and copy of the largest size would not fit the page cache together, so there is no pair.
@@ -177,6 +186,7 @@ private:
 
     Arguments arguments_;
     WorkDirectory work_;
+    uint64_t output_bytes_ = 0;  // of the last run, before the first of a row what it should be
     ComparisonTable table_{};
 };
 
