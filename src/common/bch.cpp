@@ -159,7 +159,7 @@ void set_correction() {
 
 void write_parity(const BchRegister& parity, uint8_t* out) {
     uint64_t words[kBchRegisterWords];
-    for (std::size_t k = 0; k < kBchRegisterWords; ++k)
+    for (std::size_t k = 0; k * sizeof(words[0]) < CodecBytesNum; ++k)
         words[k] = parity.word[k] ^ correction.word[k];
     std::memcpy(out, words, CodecBytesNum);
 }
@@ -230,7 +230,7 @@ void bch_encode(const uint8_t* input, uint8_t* output) {
 
 void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride) {
     encoded_codewords += count;
-    BchRegister parity[kBchLanes] = {};
+    BchRegister parity[kBchLanes];
     while (count != 0) {
         const uint32_t group = std::min(count, kBchLanes);
         kernel(tables, first, group, stride, parity);
