@@ -5,7 +5,6 @@
 #include "compare_rows.h"
 #include "compare_table.h"
 #include "encoder_speed.h"
-#include "free_memory.h"
 #include "measured_process.h"
 #include "work_directory.h"
 
@@ -23,7 +22,6 @@ namespace {
 
 constexpr uint64_t largest_mib = 8192;
 constexpr int runs_at_largest = 3;
-constexpr uint64_t spare_memory = uint64_t{3} << 29;
 
 struct Arguments {
     fs::path data{};      // directory for the big files; emptied first, removed at the end
@@ -75,7 +73,7 @@ public:
             for (const Row& row : rows) {
                 table_.print_row(run_pairs(row, mib));
             }
-            work_.empty_inputs();
+            work_.empty(work_.inputs());
         }
         if (!arguments_.quick) {
             for (const Row& row : rows) {
@@ -112,7 +110,6 @@ private:
         const Input input = input_of(row, mib, !row.others.empty());
         const Command program = command_of(row, input, work_);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
-        output_bytes_ = mib << 20;
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
                 result.others.push_back({.tool = name_of(tool), .timing = {}});
@@ -128,12 +125,9 @@ private:
     }
 
     void run_pair(const Row& row, const Input& input, const Command& program, RowResult& result) {
-        clear();
-        // Sparse images are expanded into a temporary file first.
-        const Measurement converted = run_ready(program, row.input == InputKind::sparse ? 2 : 1);
-        output_bytes_ = bytes_in(work_.output());
-        work_.empty_copy();
-        const Measurement copied = run_ready(copy_command(work_), 1);
+        work_.empty(work_.copy());
+        const Measurement converted = run_again(program, work_.output());
+        const Measurement copied = run_again(copy_command(work_), work_.copy());
         result.program.add(converted);
         result.program.ratios.push_back(converted.seconds / copied.seconds);
         result.copy.add(copied);
@@ -141,8 +135,8 @@ private:
         std::size_t next = 0;
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
-                work_.empty_copy();
-                const Measurement other = run_ready(other_command(tool, input, result.mib, work_), 1);
+                const Measurement other =
+                    run_again(other_command(tool, input, result.mib, work_), work_.copy());
                 Timing& timing = result.others[next++].timing;
                 timing.add(other);
                 timing.ratios.push_back(other.seconds / copied.seconds);
@@ -150,9 +144,14 @@ private:
         }
     }
 
-    // With memory for that many times the output, and enough to spare that the run gets what was touched.
-    Measurement run_ready(const Command& command, uint64_t outputs) const {
-        make_memory_ready(output_bytes_ * outputs + spare_memory);
+    // Measures a command that writes into the directory, after a run that is not measured and whose files are
+    // gone. A virtual machine gives memory that nobody uses back to its host and waits long to get it back;
+    // so the run finds memory that files of the same kind had a moment ago.
+    Measurement run_again(const Command& command, const fs::path& directory) const {
+        work_.empty(directory);
+        work_.settle();
+        run_measured(command);
+        work_.empty(directory);
         return run_measured(command);
     }
 
@@ -180,13 +179,13 @@ private:
     }
 
     void clear() const {
-        work_.empty_copy();
-        work_.empty_output();
+        work_.empty(work_.copy());
+        work_.empty(work_.output());
+        work_.settle();
     }
 
     Arguments arguments_;
     WorkDirectory work_;
-    uint64_t output_bytes_ = 0;  // of the last run, before the first of a row what it should be
     ComparisonTable table_{};
 };
 

@@ -21,23 +21,10 @@ WorkDirectory::~WorkDirectory() {
     fs::remove_all(path_, ignored);
 }
 
-void WorkDirectory::empty_output() const {
-    empty(output());
-}
-
-void WorkDirectory::empty_copy() const {
-    empty(copy());
-}
-
-void WorkDirectory::empty_inputs() const {
-    empty(inputs());
-}
-
 void WorkDirectory::empty(const fs::path& directory) const {
     for (const auto& entry : fs::directory_iterator(directory)) {
         fs::remove_all(entry);
     }
-    settle();
 }
 
 void WorkDirectory::settle() const {

@@ -19,16 +19,13 @@ public:
     std::filesystem::path copy() const { return path_ / "copy"; }      // what it is measured against
     std::filesystem::path scratch(const char* name) const { return path_ / name; }
 
-    // Everything in output() or copy() goes, and nothing that was written before is still on its way to the
-    // disk: it would slow down what comes next.
-    void empty_output() const;
-    void empty_copy() const;
-    void empty_inputs() const;
-
-private:
+    // Removes everything in one of the directories above.
     void empty(const std::filesystem::path& directory) const;
+    // Waits until nothing that was written before is still on its way to the disk: it would slow down what
+    // comes next.
     void settle() const;
 
+private:
     std::filesystem::path path_;
 };
 
