@@ -12,7 +12,8 @@ struct NamedBchPath {
     BchPath path;
 };
 
-inline constexpr std::array<NamedBchPath, 4> bch_paths{{{"portable", BchPath::portable},
+inline constexpr std::array<NamedBchPath, 5> bch_paths{{{"portable", BchPath::portable},
                                                         {"wide_rows", BchPath::wide_rows},
                                                         {"carry_less", BchPath::carry_less},
-                                                        {"carry_less_256", BchPath::carry_less_256}}};
+                                                        {"carry_less_256", BchPath::carry_less_256},
+                                                        {"carry_less_512", BchPath::carry_less_512}}};

@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
         if (!job) {
             std::fprintf(stderr, "usage: convert_with_path PATH FIRMWARE DIRECTORY BLOCK_KB PAGE_KB "
                                  "SPARE_BYTES [-2]\n"
-                                 "PATH: portable, wide_rows, carry_less or carry_less_256\n");
+                                 "PATH: portable, wide_rows, carry_less, carry_less_256 or carry_less_512\n");
             return 2;
         }
         if (!bch_path_available(job->path)) {

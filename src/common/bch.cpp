@@ -165,7 +165,8 @@ void write_parity(const BchRegister& parity, uint8_t* out) {
 }
 
 void select_fastest_path() {
-    for (BchPath path : {BchPath::carry_less_256, BchPath::carry_less, BchPath::wide_rows, BchPath::portable})
+    for (BchPath path : {BchPath::carry_less_512, BchPath::carry_less_256, BchPath::carry_less,
+                         BchPath::wide_rows, BchPath::portable})
         if (bch_path_available(path))
             return bch_select_path(path);
 }
@@ -268,6 +269,8 @@ bool bch_path_available(BchPath path) {
         return bch_has_carry_less();
     case BchPath::carry_less_256:
         return bch_has_carry_less_256();
+    case BchPath::carry_less_512:
+        return bch_has_carry_less_512();
     }
     return false;
 }
@@ -287,6 +290,9 @@ void bch_select_path(BchPath path) {
         break;
     case BchPath::carry_less_256:
         kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less_256;
+        break;
+    case BchPath::carry_less_512:
+        kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less_512;
         break;
     }
 }

@@ -67,6 +67,7 @@ enum class BchPath {
     wide_rows,       ///< the same tables with 256-bit rows (AVX2)
     carry_less,      ///< carry-less multiplication of 128-bit vectors (AVX2, PCLMULQDQ), for t up to 18
     carry_less_256,  ///< the same of 256-bit vectors (VPCLMULQDQ), for t up to 18
+    carry_less_512,  ///< the same of 512-bit vectors (VPCLMULQDQ, AVX512F), for t up to 18
 };
 
 /// True when this processor has what the path needs.

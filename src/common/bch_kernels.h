@@ -31,7 +31,8 @@ struct BchTables {
     /// What the first half of a codeword's register becomes while the second half is fed, for each of its 64
     /// groups of 4 bits: a register from group * 16 + value on; empty for registers of several rows.
     std::vector<BchRow> half_way_rows;
-    /// Constants of the carry-less kernels (bch_carry_less.cpp); empty for degrees beyond 256.
+    /// Constants of the carry-less kernels (BchMultipliers in bch_carry_less.h); empty for degrees beyond
+    /// 256.
     std::vector<BchRow> multipliers;
 };
 
@@ -66,8 +67,12 @@ void bch_kernel_carry_less(const BchTables& tables, const uint8_t* first, uint32
 /// By carry-less multiplication of 256-bit vectors; needs bch_has_carry_less_256 and multipliers.
 void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* first, uint32_t count,
                                std::size_t stride, BchRegister* results);
+/// By carry-less multiplication of 512-bit vectors; needs bch_has_carry_less_512 and multipliers.
+void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* first, uint32_t count,
+                               std::size_t stride, BchRegister* results);
 
 /// True when this processor, and the compiler that built the program, have what the kernel needs.
 bool bch_has_wide_rows();
 bool bch_has_carry_less();
 bool bch_has_carry_less_256();
+bool bch_has_carry_less_512();

@@ -25,8 +25,8 @@ const char* type_name(ENUM_FLASH_TYPE type) {
 
 std::vector<BchPath> available_bch_paths() {
     std::vector<BchPath> paths;
-    for (const BchPath path :
-         {BchPath::portable, BchPath::wide_rows, BchPath::carry_less, BchPath::carry_less_256})
+    for (const BchPath path : {BchPath::portable, BchPath::wide_rows, BchPath::carry_less,
+                               BchPath::carry_less_256, BchPath::carry_less_512})
         if (bch_path_available(path))
             paths.push_back(path);
     return paths;

@@ -51,6 +51,8 @@ inline std::string path_name(BchPath path) {
         return "carry_less";
     case BchPath::carry_less_256:
         return "carry_less_256";
+    case BchPath::carry_less_512:
+        return "carry_less_512";
     default:
         return numbered("path", static_cast<int>(path));
     }

@@ -1,0 +1,63 @@
+#if defined(__x86_64__)
+// In a source of its own: nothing of it runs where AVX-512 is not, not even a copy of a few bytes.
+#define BCH_CARRY_LESS_TARGET "avx2,pclmul,vpclmulqdq,avx512f"
+#endif
+
+#include "bch_carry_less.h"
+
+#if defined(__x86_64__)
+
+namespace {
+
+/// Without intrinsics where the compiler's own shuffles do: gcc 12 takes those for uninitialised values.
+struct Lanes512 {
+    using Vector = __m512i;
+
+    [[BCH_CARRY_LESS]] static inline Vector low_products(Vector a, Vector b) {
+        return _mm512_clmulepi64_epi128(a, b, 0x00);
+    }
+    [[BCH_CARRY_LESS]] static inline Vector high_products(Vector a, Vector b) {
+        return _mm512_clmulepi64_epi128(a, b, 0x11);
+    }
+    [[BCH_CARRY_LESS]] static inline Vector fold(Vector a, Vector b) {
+        return __builtin_shufflevector(a, b, 0, 8, 2, 10, 4, 12, 6, 14) ^
+               __builtin_shufflevector(a, b, 1, 9, 3, 11, 5, 13, 7, 15);
+    }
+    [[BCH_CARRY_LESS]] static inline __m128i joined(Vector a) {
+        return __builtin_shufflevector(a, a, 0, 1) ^ __builtin_shufflevector(a, a, 2, 3) ^
+               __builtin_shufflevector(a, a, 4, 5) ^ __builtin_shufflevector(a, a, 6, 7);
+    }
+    [[BCH_CARRY_LESS]] static inline void load_blocks(const uint8_t* blocks, Vector& low, Vector& high) {
+        Vector first, second;
+        std::memcpy(&first, blocks, sizeof(first));
+        std::memcpy(&second, blocks + sizeof(first), sizeof(second));
+        low = __builtin_shufflevector(first, second, 0, 1, 4, 5, 8, 9, 12, 13);
+        high = __builtin_shufflevector(first, second, 2, 3, 6, 7, 10, 11, 14, 15);
+    }
+};
+
+}  // namespace
+
+bool bch_has_carry_less_512() {
+    return bch_has_carry_less_256() && __builtin_cpu_supports("avx512f");
+}
+
+[[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less_512(const BchTables& tables,
+                                                                      const uint8_t* first, uint32_t count,
+                                                                      std::size_t stride,
+                                                                      BchRegister* results) {
+    encode_all<Lanes512>(tables, first, count, stride, results);
+}
+
+#else
+
+bool bch_has_carry_less_512() {
+    return false;
+}
+
+void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* first, uint32_t count,
+                               std::size_t stride, BchRegister* results) {
+    bch_kernel_portable(tables, first, count, stride, results);
+}
+
+#endif
