@@ -15,6 +15,9 @@ namespace {
 // Less is not worth a call of its own.
 [[maybe_unused]] constexpr uint64_t kSmallestReserve = 256 * 1024;
 
+// Large enough that the calls do not count, small enough that what is released is soon needed again.
+[[maybe_unused]] constexpr uint64_t kReleaseStep = 16 * 1024 * 1024;
+
 constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
 static_assert(sizeof(off_t) == 8, "images are larger than 4 GiB");
 
@@ -44,8 +47,8 @@ bool OutputBuffer::open(const std::string& path, bool readable, bool truncate) {
     close();
     m_path = path;
     m_error = 0;
-    m_reserves = true;
-    m_block_offset = m_block_used = m_size = m_written_end = m_sequential = 0;
+    m_reserves = m_releases = true;
+    m_block_offset = m_block_used = m_size = m_written_end = m_sequential = m_released = 0;
     if (!m_block.has(kBlockSize) && !m_block.reset(kBlockSize)) {
         errno = ENOMEM;
         return false;
@@ -201,6 +204,19 @@ void OutputBuffer::reserve(uint64_t offset, uint64_t count) {
 #else
     static_cast<void>(offset);
     static_cast<void>(count);
+#endif
+}
+
+void OutputBuffer::release_before(uint64_t offset) {
+#if defined(__linux__)
+    const uint64_t end = offset - offset % kReleaseStep;
+    if (!m_releases || !m_regular || m_descriptor < 0 || end <= m_released)
+        return;
+    m_releases = ::fallocate(m_descriptor, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                             static_cast<off_t>(m_released), static_cast<off_t>(end - m_released)) == 0;
+    m_released = end;
+#else
+    static_cast<void>(offset);
 #endif
 }
 

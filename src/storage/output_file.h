@@ -71,6 +71,9 @@ public:
     bool flush();
     /// flush, then closes. False when any of it failed.
     bool close();
+    /// Hands the room of the bytes before offset back to the file system, in large steps and where it can:
+    /// what is written next can use it. Those bytes are not to be read again.
+    void release_before(uint64_t offset);
     /// Gives the file up with this error.
     void fail(int error);
 
@@ -103,12 +106,14 @@ private:
     int m_error = 0;         // first failure of this file
     bool m_regular = false;  // a file that can have holes and be written at any position
     bool m_reserves = true;  // its file system can be asked for room ahead of a write
+    bool m_releases = true;  // its file system takes room back
     ByteBuffer m_block;      // bytes of [m_block_offset, m_block_offset + m_block_used) not yet written
     uint64_t m_block_offset = 0;
     uint64_t m_block_used = 0;
     uint64_t m_size = 0;         // length with everything that was appended
     uint64_t m_written_end = 0;  // end of what was really written: zeros behind it need no bytes
     uint64_t m_sequential = 0;   // where the next write to a file that is not regular goes by itself
+    uint64_t m_released = 0;     // what is before was handed back
 };
 
 /// An output file with the interface of a standard output stream. Its state bits say whether a write has
@@ -145,6 +150,9 @@ public:
     /// Where the next bytes are gathered, and how many fit there: bytes that are put there and then written
     /// from there are not copied. Null when no file is open or it has failed.
     uint8_t* room(uint64_t& size) { return m_buffer.room(size); }
+    /// Hands the room of the bytes before offset back to the file system, in large steps and where it can.
+    /// Those bytes are not to be read again.
+    void release_before(uint64_t offset) { m_buffer.release_before(offset); }
     /// File descriptor to read back by what was flushed; -1 when no file is open.
     int descriptor() const { return m_buffer.descriptor(); }
 

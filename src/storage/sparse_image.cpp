@@ -292,6 +292,7 @@ void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path
             write_page(first + uint64_t{i} * m_page_size, m_page_size);
             progress.show(++done, pages);
         }
+        expanded.release_before(uint64_t{done} * m_page_size);
     }
     // What could not be taken from the temporary file is filled: the run ends in failure anyway.
     write_partition_rest(page.data(), done, pages, progress);

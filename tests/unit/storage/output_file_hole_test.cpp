@@ -151,4 +151,35 @@ TEST_F(OutputFileTest, FlushedHoleMayBeWrittenInto) {
     EXPECT_TRUE(same_bytes(read_file(path()), expected));
 }
 
+TEST_F(OutputFileTest, ReleasedBytesTakeNoRoomAndTheRestStays) {
+    if (!holes_cost_nothing())
+        GTEST_SKIP() << "the file system has no holes";
+    constexpr std::size_t step = 16 << 20;
+    const Bytes data = patterned(2 * step + 5000, 1);
+    m_file.open(path());
+    put(m_file, data);
+    m_file.flush();
+    m_file.release_before(step - 1);  // only whole steps go
+    EXPECT_TRUE(same_bytes(read_file(path()), data));
+    EXPECT_GE(allocated(), data.size());
+    m_file.release_before(2 * step + 4096);
+    EXPECT_LE(allocated(), uint64_t{65536});
+    m_file.release_before(step);  // gone before
+    m_file.write("tail", 4);
+    m_file.close();
+    Bytes expected(2 * step, 0);
+    put_bytes(expected, slice(data, 2 * step, 5000));
+    put_bytes(expected, to_bytes("tail"));
+    EXPECT_TRUE(same_bytes(read_file(path()), expected));
+}
+
+TEST_F(OutputFileTest, ReleaseOfAnotherKindOfFileIsNothing) {
+    m_file.open("/dev/null");
+    m_file.release_before(uint64_t{1} << 40);
+    EXPECT_FALSE(m_file.has_failed());
+    m_file.close();
+    m_file.release_before(uint64_t{1} << 40);
+    EXPECT_EQ(m_failure.error, 0);
+}
+
 }  // namespace

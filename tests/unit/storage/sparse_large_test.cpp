@@ -86,9 +86,10 @@ TEST_F(LargeSparse, RawDataBeyondTheBoundIsDropped) {
 class LargeSparseOutput : public NandTest {
 protected:
     // The lines and the file of one SPI NAND partition.
-    Bytes spi_file(const Bytes& image, uint32_t page_kb) {
+    Bytes spi_file(const Bytes& image, uint32_t page_kb, bool page_2k = false) {
         const auto firmware = firmware_with({{.name = "root", .data = image}});
-        const auto storage = make<Exposed<CSpiStorage>>({.block_kb = page_kb, .page_kb = page_kb});
+        const auto storage =
+            make<Exposed<CSpiStorage>>({.block_kb = page_kb, .page_kb = page_kb, .page_2k = page_2k});
         load(*storage, firmware);
         STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
         output_of([&] { EXPECT_TRUE(storage->prepare_write_partition(item)); });
@@ -109,6 +110,16 @@ TEST_F(LargeSparseOutput, HoldsTheExpandedPages) {
         EXPECT_TRUE(same_bytes(spi_file(image, page_kb), expected));
         EXPECT_EQ(m_output, sparse_lines("root", image, page_size, expected.size() / page_size));
     }
+}
+
+TEST_F(LargeSparseOutput, HoldsAllPagesWhileTheTemporaryFileIsGivenBack) {
+    // Room is given back in steps of 16 MiB, some of them within a page of 3 KB or a block that is read
+    // ahead.
+    const Bytes data = patterned(50 * mib, 1);
+    const Bytes image = SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(data, 1024)}}.build();
+    EXPECT_TRUE(same_bytes(spi_file(image, 2), data));
+    EXPECT_TRUE(same_bytes(spi_file(image, 2, true), data));  // page by page
+    EXPECT_TRUE(same_bytes(slice(spi_file(image, 3), 0, data.size()), data));
 }
 
 TEST_F(LargeSparseOutput, IsFilledUpToThePartitionOnEmmc) {
