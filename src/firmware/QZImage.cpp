@@ -222,10 +222,11 @@ bool CQZImage::GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer) {
     return read && got == dwSize;
 }
 
-uint8_t* CQZImage::ViewData(uint64_t dwOffset, uint32_t dwSize) {
+uint8_t* CQZImage::ViewData(uint64_t dwOffset, uint32_t dwSize, uint64_t& held) {
+    held = 0;
     if (m_pFile == nullptr || dwOffset > m_fileSize || dwSize > m_fileSize - dwOffset)
         return nullptr;
-    return m_reader.view(dwOffset, dwSize);
+    return m_reader.view(dwOffset, dwSize, held);
 }
 
 void CQZImage::GetReservedData(uint8_t*& lpData, uint16_t& usSize) {

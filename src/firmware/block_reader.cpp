@@ -47,13 +47,15 @@ bool BlockReader::read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& g
     return true;
 }
 
-uint8_t* BlockReader::view(uint64_t offset, uint64_t size) {
+uint8_t* BlockReader::view(uint64_t offset, uint64_t size, uint64_t& held) {
+    held = 0;
     const auto holds_all = [&] {
         return offset >= m_block_offset && size <= m_block_size &&
                offset - m_block_offset <= m_block_size - size;
     };
     if (!holds_all() && (size > kLargestView || !load_block(offset) || !holds_all()))
         return nullptr;
+    held = m_block_size - (offset - m_block_offset);
     return m_block.data() + (offset - m_block_offset);
 }
 

@@ -18,9 +18,9 @@ public:
     bool read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got);
 
     /// Shows size bytes (up to kLargestView) at the byte offset where they lie in the reader's block, which
-    /// stays as it is until the next call; they are not to be changed. Null when the file ends before or
-    /// cannot be read.
-    uint8_t* view(uint64_t offset, uint64_t size);
+    /// stays as it is until the next call, and sets held to all bytes that lie there from the offset on; they
+    /// are not to be changed. Null, with held 0, when the file ends before or cannot be read.
+    uint8_t* view(uint64_t offset, uint64_t size, uint64_t& held);
 
     static constexpr uint64_t kLargestView = 128 * 1024;
 

@@ -28,27 +28,33 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
             progress.show(done, pages);
             continue;
         }
-        const uint64_t position = uint64_t{done} * m_page_size;
         uint8_t* first = nullptr;
-        uint32_t run = read_pages_in_place(entry, position, first);
+        const uint32_t run = read_pages(entry, done, data_pages, page.data(), first);
         if (run == 0) {
-            run = 1;
-            first = read_page(entry, position, page.data());
-        }
-        if (first == nullptr) {
             print_line("failed to get data from firmware");
             return -2;
         }
-        for (uint32_t i = 0; i < run; ++i) {
-            write_page(first + uint64_t{i} * m_page_size, m_page_size);
-            progress.show(++done, pages);
-        }
+        write_pages(first, run, done, pages, progress);
     }
     write_partition_rest(page.data(), data_pages, pages, progress);
 
     m_image_fill_page_num = pages;
     redraw_line(announcement + "OK");
     return 0;
+}
+
+uint32_t CStorage::read_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t done, uint32_t data_pages,
+                              uint8_t* page, uint8_t*& first) {
+    const uint64_t position = uint64_t{done} * m_page_size;
+    // The count of pages has 32 bits and may have wrapped, the size has not.
+    const auto whole = static_cast<uint32_t>(
+        std::min<uint64_t>((item_data_size(entry) - position) / m_page_size, data_pages - done));
+    if (const uint32_t run = read_pages_in_place(entry, position, whole, first); run != 0)
+        return run;
+    if (const uint32_t run = view_pages(entry, position, whole, first); run != 0)
+        return run;
+    first = page;
+    return read_page(entry, position, page) ? 1 : 0;
 }
 
 uint32_t CStorage::room_for_pages(uint8_t*& first) {
@@ -59,24 +65,38 @@ uint32_t CStorage::room_for_pages(uint8_t*& first) {
     return static_cast<uint32_t>(room / m_page_size);
 }
 
-uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t*& first) {
-    const uint64_t left = (item_data_size(entry) - position) / m_page_size;
-    const auto run = static_cast<uint32_t>(std::min<uint64_t>(room_for_pages(first), left));
+uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most,
+                                       uint8_t*& first) {
+    const uint32_t run = std::min(room_for_pages(first), most);
     const uint64_t size = uint64_t{run} * m_page_size;
     if (size < kSmallestRunInPlace || !read_item_data(entry, position, static_cast<uint32_t>(size), first))
         return 0;
     return run;
 }
 
-uint8_t* CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page) {
+uint32_t CStorage::view_pages(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most,
+                              uint8_t*& first) {
+    if (most == 0)
+        return 0;
     const uint64_t source = uint64_t{m_update_image_ptr->FWOffset} + item_data_offset(entry) + position;
+    uint64_t held = 0;
+    first = m_update_image_ptr->ViewData(source, m_page_size, held);
+    return static_cast<uint32_t>(std::min<uint64_t>(held / m_page_size, most));
+}
+
+bool CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page) {
     const auto chunk =
         static_cast<uint32_t>(std::min<uint64_t>(item_data_size(entry) - position, m_page_size));
-    if (chunk == m_page_size)
-        if (uint8_t* data = m_update_image_ptr->ViewData(source, chunk); data != nullptr)
-            return data;
     std::memset(page + chunk, m_fill_byte, m_page_size - chunk);
-    return m_update_image_ptr->GetData(source, chunk, page) ? page : nullptr;
+    return read_item_data(entry, position, chunk, page);
+}
+
+void CStorage::write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages,
+                           Progress& progress) {
+    for (uint32_t i = 0; i < count; ++i) {
+        write_page(first + uint64_t{i} * m_page_size, m_page_size);
+        progress.show(++done, pages);
+    }
 }
 
 void CStorage::write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress) {

@@ -288,10 +288,7 @@ void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path
             m_write_failure.note(path, read ? EIO : errno);
             break;
         }
-        for (uint32_t i = 0; i < run; ++i) {
-            write_page(first + uint64_t{i} * m_page_size, m_page_size);
-            progress.show(++done, pages);
-        }
+        write_pages(first, run, done, pages, progress);
         expanded.release_before(uint64_t{done} * m_page_size);
     }
     // What could not be taken from the temporary file is filled: the run ends in failure anyway.

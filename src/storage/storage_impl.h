@@ -341,13 +341,24 @@ protected:
     /// Pages that can be put to first, where the output gathers its bytes, and written from there without a
     /// copy; 0 when the class's pages are not just their data, or the output has failed.
     uint32_t room_for_pages(uint8_t*& first);
-    /// Reads as many whole pages of item data from position on as are worth it to where the output gathers
-    /// its bytes, sets first and returns their count. 0 when there are too few or they cannot be read at
-    /// once.
-    uint32_t read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t*& first);
-    /// The page of item data at position: in place where the reader has it, else read into page, the last one
-    /// filled up. Null when it cannot be read.
-    uint8_t* read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page);
+    /// Brings pages of item data from number done on up to data_pages into memory, the cheapest way: several
+    /// at once, or one in page. Sets first and returns their count; 0 when they cannot be read.
+    uint32_t read_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t done, uint32_t data_pages, uint8_t* page,
+                        uint8_t*& first);
+    /// Reads up to most whole pages of item data from position on, if that is worth it, to where the output
+    /// gathers its bytes, sets first and returns their count. 0 when there are too few or they cannot be read
+    /// at once.
+    uint32_t read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most,
+                                 uint8_t*& first);
+    /// Finds up to most whole pages of item data from position on where the reader has them, sets first and
+    /// returns their count. 0 when there are none or they cannot be read at once.
+    uint32_t view_pages(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most, uint8_t*& first);
+    /// Reads the page of item data at position into page, the last one filled up. False when it cannot be
+    /// read.
+    bool read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page);
+    /// Hands count pages, one behind the other from first on, to write_page and counts them in done; shows
+    /// progress out of pages.
+    void write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages, Progress& progress);
     /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
     /// Pages of a partition of part_size sectors that holds data_pages pages of data: for NAND and for

@@ -165,53 +165,80 @@ TEST_F(BlockReaderTest, ReadsBytesBeyond4GiB) {
 
 // ---- view ----
 
-// The bytes that a view shows, or "null" as one byte 0x21.
-Bytes shown(const uint8_t* view, std::size_t size) {
-    return view == nullptr ? Bytes{0x21} : Bytes(view, view + size);
-}
+// What a view shows, or "null" as one byte 0x21; everything it holds is compared with the file.
+class BlockReaderView : public BlockReaderTest {
+protected:
+    Bytes view(uint64_t offset, uint64_t size) {
+        const uint8_t* bytes = reader.view(offset, size, held);
+        if (bytes == nullptr) {
+            EXPECT_EQ(held, 0U);
+            return Bytes{0x21};
+        }
+        EXPECT_GE(held, size);
+        EXPECT_EQ(Bytes(bytes, bytes + held), expected(offset, held)) << offset;
+        return Bytes(bytes, bytes + size);
+    }
 
-TEST_F(BlockReaderTest, ShowsPiecesFromAnywhere) {
+    const Bytes null{0x21};
+    uint64_t held = 77;
+};
+
+TEST_F(BlockReaderView, ShowsPiecesFromAnywhere) {
     for (const std::size_t size : {1U, 511U, 2048U, 4097U, 131071U, 131072U}) {
         for (const uint64_t offset : {0U, 1U, 4095U, 4096U, 131073U, 262143U, 262144U, 300001U, 868931U}) {
-            ASSERT_EQ(shown(reader.view(offset, size), size), expected(offset, size))
-                << size << " bytes at " << offset;
+            ASSERT_EQ(view(offset, size), expected(offset, size)) << size << " bytes at " << offset;
         }
     }
     static_assert(BlockReader::kLargestView == 131072);
 }
 
-TEST_F(BlockReaderTest, ShowsPiecesUpToTheEndOfTheFileAndNotBeyond) {
+TEST_F(BlockReaderView, ShowsPiecesUpToTheEndOfTheFileAndNotBeyond) {
     const uint64_t end = content.size();
-    EXPECT_EQ(shown(reader.view(end - 1, 1), 1), expected(end - 1, 1));
-    EXPECT_EQ(reader.view(end - 1, 2), nullptr);
-    EXPECT_EQ(reader.view(end, 1), nullptr);
-    EXPECT_EQ(reader.view(end + 1, 1), nullptr);
-    EXPECT_EQ(reader.view(end - 131071, 131072), nullptr);
-    EXPECT_EQ(reader.view(std::numeric_limits<uint64_t>::max(), 1), nullptr);
-    EXPECT_EQ(reader.view(std::numeric_limits<uint64_t>::max() - 1, 100), nullptr);
-    EXPECT_EQ(shown(reader.view(end - 131072, 131072), 131072), expected(end - 131072, 131072));
+    EXPECT_EQ(view(end - 1, 1), expected(end - 1, 1));
+    EXPECT_EQ(view(end - 1, 2), null);
+    EXPECT_EQ(view(end, 1), null);
+    EXPECT_EQ(view(end + 1, 1), null);
+    EXPECT_EQ(view(end - 131071, 131072), null);
+    EXPECT_EQ(view(std::numeric_limits<uint64_t>::max(), 1), null);
+    EXPECT_EQ(view(std::numeric_limits<uint64_t>::max() - 1, 100), null);
+    EXPECT_EQ(view(end - 131072, 131072), expected(end - 131072, 131072));
 }
 
-TEST_F(BlockReaderTest, ShowsNoPieceThatIsLargerThanItsBlock) {
-    EXPECT_EQ(reader.view(0, 262145), nullptr);
-    EXPECT_EQ(reader.view(0, std::numeric_limits<uint64_t>::max()), nullptr);
-    EXPECT_EQ(shown(reader.view(0, 100), 100), expected(0, 100));
-    EXPECT_EQ(reader.view(1, std::numeric_limits<uint64_t>::max()), nullptr);
+TEST_F(BlockReaderView, ShowsNoPieceThatIsLargerThanItsBlock) {
+    EXPECT_EQ(view(0, 262145), null);
+    EXPECT_EQ(view(0, std::numeric_limits<uint64_t>::max()), null);
+    EXPECT_EQ(view(0, 100), expected(0, 100));
+    EXPECT_EQ(view(1, std::numeric_limits<uint64_t>::max()), null);
 }
 
-TEST_F(BlockReaderTest, ShowsAndReadsByTurns) {
+TEST_F(BlockReaderView, TellsHowMuchItHolds) {
+    view(0, 1);
+    EXPECT_EQ(held, 262144U);
+    view(4097, 100);
+    EXPECT_EQ(held, 262144U - 4097);
+    view(262143, 1);
+    EXPECT_EQ(held, 1U);
+    view(262143, 2);  // a new block from the page boundary below
+    EXPECT_EQ(held, 262144U - 4095);
+    view(content.size() - 10, 3);
+    EXPECT_EQ(held, 10U);
+    view(content.size(), 0);
+    EXPECT_EQ(held, 0U);
+}
+
+TEST_F(BlockReaderView, ShowsAndReadsByTurns) {
     for (uint64_t offset = 0; offset + 6000 < content.size(); offset += 6000) {
-        ASSERT_EQ(shown(reader.view(offset, 3000), 3000), expected(offset, 3000)) << offset;
+        ASSERT_EQ(view(offset, 3000), expected(offset, 3000)) << offset;
         ASSERT_EQ(read(offset + 3000, 3000), expected(offset + 3000, 3000)) << offset;
     }
 }
 
-TEST_F(BlockReaderTest, ShowsNothingOfAFileThatCannotBeRead) {
+TEST_F(BlockReaderView, ShowsNothingOfAFileThatCannotBeRead) {
     ASSERT_EQ(read(0, 100), expected(0, 100));
     file->close();
-    EXPECT_EQ(shown(reader.view(100, 100), 100), expected(100, 100));
-    EXPECT_EQ(reader.view(600000, 100), nullptr);
-    EXPECT_EQ(reader.view(0, 100), nullptr);
+    EXPECT_EQ(view(100, 100), expected(100, 100));
+    EXPECT_EQ(view(600000, 100), null);
+    EXPECT_EQ(view(0, 100), null);
 }
 
 // ---- failures ----
@@ -260,7 +287,7 @@ TEST(BlockReader, WithoutAFileFails) {
     uint8_t byte = 0;
     uint64_t got = 0;
     EXPECT_FALSE(reader.read(0, 1, &byte, got));
-    EXPECT_EQ(reader.view(0, 1), nullptr);
+    EXPECT_EQ(reader.view(0, 1, got), nullptr);
 }
 
 }  // namespace

@@ -297,9 +297,11 @@ class QZImageViewData : public QZImageTest {
 protected:
     // What ViewData shows, or "null" as one byte 0x21.
     Bytes view(uint64_t offset, uint32_t size) {
-        const uint8_t* bytes = image.ViewData(offset, size);
+        const uint8_t* bytes = image.ViewData(offset, size, held);
         return bytes == nullptr ? Bytes{0x21} : Bytes(bytes, bytes + size);
     }
+
+    uint64_t held = 77;
 };
 
 TEST_F(QZImageViewData, ShowsWhatGetDataReads) {
@@ -309,24 +311,26 @@ TEST_F(QZImageViewData, ShowsWhatGetDataReads) {
     EXPECT_EQ(view(where.item_data[3], 20001), firmware.items[3].data);
     EXPECT_EQ(view(0, 102), data(0, 102));
     EXPECT_EQ(view(where.file_size - 1, 1), data(where.file_size - 1, 1));
+    EXPECT_EQ(held, 1U);
 }
 
 TEST_F(QZImageViewData, IsNullWhereGetDataFails) {
-    EXPECT_EQ(image.ViewData(0, 1), nullptr);
+    EXPECT_EQ(image.ViewData(0, 1, held), nullptr);
     ASSERT_EQ(init(small_firmware()), 0);
     const uint64_t size = image.GetImageSize();
-    EXPECT_EQ(image.ViewData(size, 1), nullptr);
-    EXPECT_EQ(image.ViewData(size - 1, 2), nullptr);
-    EXPECT_EQ(image.ViewData(size + 1, 0), nullptr);
-    EXPECT_EQ(image.ViewData(std::numeric_limits<uint64_t>::max(), 2), nullptr);
-    EXPECT_EQ(image.ViewData(0, 0xFFFFFFFF), nullptr);
+    EXPECT_EQ(image.ViewData(size, 1, held), nullptr);
+    EXPECT_EQ(image.ViewData(size - 1, 2, held), nullptr);
+    EXPECT_EQ(image.ViewData(size + 1, 0, held), nullptr);
+    EXPECT_EQ(image.ViewData(std::numeric_limits<uint64_t>::max(), 2, held), nullptr);
+    EXPECT_EQ(image.ViewData(0, 0xFFFFFFFF, held), nullptr);
+    EXPECT_EQ(held, 0U);
     EXPECT_EQ(image.GetReadError(), 0);
 }
 
 TEST_F(QZImageViewData, IsNullInSingleMode) {
     write_file(directory / "loader.bin", sample_container().build());
     ASSERT_EQ(init(directory / "loader.bin"), 0);
-    EXPECT_EQ(image.ViewData(0, 1), nullptr);
+    EXPECT_EQ(image.ViewData(0, 1, held), nullptr);
 }
 
 // ---- the open file ----

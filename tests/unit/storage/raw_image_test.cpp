@@ -245,14 +245,19 @@ TEST_F(RawImageTest, MarksAreIndependentOfEachOther) {
 }
 
 TEST_F(RawImageTest, PageCountHas32Bits) {
-    // 2^43 + 1 bytes are 2^32 + 1 pages of 2 KB, of which 32 bits leave one.
-    use(FLASH_EMMC, {}, patterned(4096, 1));
-    m_item.size = 1;
-    m_item.file[55] = 'H';
-    m_item.file[57] = 8;
-    ASSERT_EQ(item_data_size(m_item), (uint64_t{1} << 43) + 1);
-    expect_written(writing_lines("boot", 1));
-    expect_pages(slice(patterned(4096, 1), 0, 2048), 1);
+    // 2^43 + 1 bytes are 2^32 + 1 pages of 2 KB, of which 32 bits leave one. Neither pages that the reader
+    // holds already nor those that could be read at once may follow it.
+    for (const std::size_t there : {4096U, 1048576U}) {
+        const Bytes data = patterned(there, 1);
+        use(FLASH_EMMC, {}, data);
+        m_storage->m_fout.open(out_path("boot.img").string());
+        m_item.size = 1;
+        m_item.file[55] = 'H';
+        m_item.file[57] = 8;
+        ASSERT_EQ(item_data_size(m_item), (uint64_t{1} << 43) + 1);
+        expect_written(writing_lines("boot", 1));
+        expect_pages(slice(data, 0, 2048), 1);
+    }
 }
 
 }  // namespace
