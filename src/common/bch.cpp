@@ -152,7 +152,8 @@ void set_correction() {
     if (MaxBitsNum != 16 && MaxBitsNum != 24 && MaxBitsNum != 60)
         return;
     const std::vector<uint8_t> erased(kBchCodewordBytes, 0xFF);
-    bch_kernel_portable(tables, erased.data(), 1, kBchCodewordBytes, &correction);
+    const uint8_t* const codeword = erased.data();
+    bch_kernel_portable(tables, &codeword, 1, &correction);
     for (uint64_t& word : correction.word)
         word = ~word;
 }
@@ -226,18 +227,18 @@ void bch_init(uint16_t t) {
 void bch_encode(const uint8_t* input, uint8_t* output) {
     if (output != input)
         std::memcpy(output, input, CodeSysBytesNum);
-    bch_encode_units(output, 1, CodeSysBytesNum);
+    bch_encode_units(&output, 1);
 }
 
-void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride) {
+void bch_encode_units(uint8_t* const* units, uint32_t count) {
     encoded_codewords += count;
-    BchRegister parity[kBchLanes];
+    BchRegister parity[kBchUnitsTogether];
     while (count != 0) {
-        const uint32_t group = std::min(count, kBchLanes);
-        kernel(tables, first, group, stride, parity);
+        const uint32_t group = std::min(count, kBchUnitsTogether);
+        kernel(tables, units, group, parity);
         for (uint32_t i = 0; i < group; ++i)
-            write_parity(parity[i], first + std::size_t{i} * stride + kBchCodewordBytes);
-        first += std::size_t{group} * stride;
+            write_parity(parity[i], units[i] + kBchCodewordBytes);
+        units += group;
         count -= group;
     }
 }

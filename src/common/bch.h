@@ -23,6 +23,7 @@ extern uint32_t AllBytesNum;      ///< bytes of a codeword
 extern uint32_t BCHSpareSize;     ///< spare bytes kept for the parity, an even number
 
 constexpr uint32_t kLargestBchStrength = 64;  ///< largest t
+constexpr uint32_t kBchUnitsTogether = 8;     ///< codewords that are encoded side by side
 
 // Field and generator tables.
 extern int32_t* alpha_to;  ///< powers of the primitive element; only while bch_init runs, else null
@@ -50,9 +51,9 @@ void gen_poly();
 /// codeword is valid.
 void bch_encode(const uint8_t* input, uint8_t* output);
 
-/// Encodes count codewords in place, stride bytes from one to the next: what bch_encode does for each, side
-/// by side.
-void bch_encode_units(uint8_t* first, uint32_t count, uint32_t stride);
+/// Encodes count codewords in place, wherever each lies: what bch_encode does for each, kBchUnitsTogether of
+/// them side by side. Fewer at a time take longer.
+void bch_encode_units(uint8_t* const* units, uint32_t count);
 
 /// Replaces the system bytes of an encoded codeword by value (little-endian) and adds the difference to its
 /// parity; the code is linear, so the data is not looked at.

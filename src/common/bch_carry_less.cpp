@@ -81,16 +81,15 @@ bool bch_has_carry_less_256() {
 }
 
 [[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less(const BchTables& tables,
-                                                                  const uint8_t* first, uint32_t count,
-                                                                  std::size_t stride, BchRegister* results) {
-    encode_all<Lanes128>(tables, first, count, stride, results);
+                                                                  const uint8_t* const* codewords,
+                                                                  uint32_t count, BchRegister* results) {
+    encode_all<Lanes128>(tables, codewords, count, results);
 }
 
 [[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less_256(const BchTables& tables,
-                                                                      const uint8_t* first, uint32_t count,
-                                                                      std::size_t stride,
-                                                                      BchRegister* results) {
-    encode_all<Lanes256>(tables, first, count, stride, results);
+                                                                      const uint8_t* const* codewords,
+                                                                      uint32_t count, BchRegister* results) {
+    encode_all<Lanes256>(tables, codewords, count, results);
 }
 
 #else
@@ -103,14 +102,14 @@ bool bch_has_carry_less_256() {
     return false;
 }
 
-void bch_kernel_carry_less(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+void bch_kernel_carry_less(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                            BchRegister* results) {
-    bch_kernel_portable(tables, first, count, stride, results);
+    bch_kernel_portable(tables, codewords, count, results);
 }
 
-void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* first, uint32_t count,
-                               std::size_t stride, BchRegister* results) {
-    bch_kernel_portable(tables, first, count, stride, results);
+void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
+                               BchRegister* results) {
+    bch_kernel_portable(tables, codewords, count, results);
 }
 
 #endif

@@ -117,14 +117,13 @@ template <typename Lanes>
 }
 
 template <typename Lanes>
-[[BCH_CARRY_LESS]] inline void encode_all(const BchTables& tables, const uint8_t* first, uint32_t count,
-                                          std::size_t stride, BchRegister* results) {
+[[BCH_CARRY_LESS]] inline void encode_all(const BchTables& tables, const uint8_t* const* codewords,
+                                          uint32_t count, BchRegister* results) {
     const auto& m = *reinterpret_cast<const BchMultipliers*>(tables.multipliers.data());
     for (uint32_t i = 0; i < count; ++i) {
-        const uint8_t* codeword = first + i * stride;
         uint64_t sum[8];
-        multiply_blocks<Lanes>(m, codeword, sum);
-        reduce(tables, sum, bch_load<uint32_t>(codeword + kBchBlocks * kBchBlockBytes), results[i]);
+        multiply_blocks<Lanes>(m, codewords[i], sum);
+        reduce(tables, sum, bch_load<uint32_t>(codewords[i] + kBchBlocks * kBchBlockBytes), results[i]);
     }
 }
 

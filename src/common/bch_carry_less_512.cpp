@@ -43,10 +43,9 @@ bool bch_has_carry_less_512() {
 }
 
 [[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less_512(const BchTables& tables,
-                                                                      const uint8_t* first, uint32_t count,
-                                                                      std::size_t stride,
-                                                                      BchRegister* results) {
-    encode_all<Lanes512>(tables, first, count, stride, results);
+                                                                      const uint8_t* const* codewords,
+                                                                      uint32_t count, BchRegister* results) {
+    encode_all<Lanes512>(tables, codewords, count, results);
 }
 
 #else
@@ -55,9 +54,9 @@ bool bch_has_carry_less_512() {
     return false;
 }
 
-void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* first, uint32_t count,
-                               std::size_t stride, BchRegister* results) {
-    bch_kernel_portable(tables, first, count, stride, results);
+void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
+                               BchRegister* results) {
+    bch_kernel_portable(tables, codewords, count, results);
 }
 
 #endif

@@ -49,27 +49,26 @@ void bch_build_multipliers(const BchRegister& polynomial, BchTables& tables);
 /// The register after the 4 bytes of value, from a zero register.
 void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& result);
 
-/// Computes the registers of count codewords (1 to kBchLanes), stride bytes apart. Words of results beyond
-/// the code's own rows are left as they are.
-constexpr uint32_t kBchLanes = 8;
-using BchKernel = void (*)(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+/// Computes the registers of count codewords (1 to kBchUnitsTogether). Words of results beyond the code's own
+/// rows are left as they are.
+using BchKernel = void (*)(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                            BchRegister* results);
 
 /// From tables, by what every processor has.
-void bch_kernel_portable(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+void bch_kernel_portable(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                          BchRegister* results);
 /// From tables with 256-bit vectors; needs bch_has_wide_rows.
-void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                           BchRegister* results);
 /// By carry-less multiplication of 128-bit vectors; needs bch_has_carry_less and multipliers.
-void bch_kernel_carry_less(const BchTables& tables, const uint8_t* first, uint32_t count, std::size_t stride,
+void bch_kernel_carry_less(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                            BchRegister* results);
 /// By carry-less multiplication of 256-bit vectors; needs bch_has_carry_less_256 and multipliers.
-void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* first, uint32_t count,
-                               std::size_t stride, BchRegister* results);
+void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
+                               BchRegister* results);
 /// By carry-less multiplication of 512-bit vectors; needs bch_has_carry_less_512 and multipliers.
-void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* first, uint32_t count,
-                               std::size_t stride, BchRegister* results);
+void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
+                               BchRegister* results);
 
 /// True when this processor, and the compiler that built the program, have what the kernel needs.
 bool bch_has_wide_rows();

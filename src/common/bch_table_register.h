@@ -61,17 +61,9 @@ struct BchTableRegister {
         }
     }
 
-    /// Feeds the last 32 bits of a codeword and hands the register out.
-    [[gnu::always_inline]] inline void finish(const BchRow* table, uint32_t input,
-                                              BchRegister& result) const {
-        uint64_t word[Rows * 4 + 1] = {};
-        std::memcpy(word, part, sizeof(part));
-        const uint64_t index = (word[0] ^ input) << 32;
-        for (uint32_t k = 0; k < Rows * 4; ++k) {
-            word[k] = word[k] >> 32 | word[k + 1] << 32;
-            for (uint32_t position = 4; position < 8; ++position)
-                word[k] ^= bch_entry<Rows>(table, position, index)[k / 4].word[k % 4];
-        }
-        std::memcpy(result.word, word, sizeof(part));
+    /// Hands the register out, part by part: copied as a whole it would be kept in memory all the time.
+    [[gnu::always_inline]] inline void store(BchRegister& result) const {
+        for (uint32_t v = 0; v < kVectors; ++v)
+            std::memcpy(result.word + v * (sizeof(Vector) / sizeof(uint64_t)), &part[v], sizeof(Vector));
     }
 };

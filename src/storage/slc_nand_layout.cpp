@@ -21,6 +21,24 @@ bool holds_only(const uint8_t* bytes, uint64_t count, uint8_t value) {
     return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
 
+/// Units that wait for their parity; as many as the encoder takes together are encoded at a time.
+class UnitGroup {
+public:
+    void add(uint8_t* unit) {
+        m_units[m_count++] = unit;
+        if (m_count == kBchUnitsTogether)
+            encode();
+    }
+    void encode() {
+        bch_encode_units(m_units, m_count);
+        m_count = 0;
+    }
+
+private:
+    uint8_t* m_units[kBchUnitsTogether];
+    uint32_t m_count = 0;
+};
+
 }  // namespace
 
 CSlcStorage::CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
@@ -86,6 +104,10 @@ uint32_t CSlcStorage::flash_pages_per_page() const {
     return m_page_2k ? std::max(page_count(m_page_size, kDataPerPage2k), 1U) : 1;
 }
 
+uint32_t CSlcStorage::data_per_flash_page() const {
+    return m_page_2k ? kDataPerPage2k : m_page_size;
+}
+
 void CSlcStorage::write_logical_fill_pages(uint64_t count) {
     if (count == 0)
         return;
@@ -108,10 +130,9 @@ bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
         m_fout.give_up(ENOMEM);
         return false;
     }
-    const uint32_t piece_size = m_page_2k ? kDataPerPage2k : m_page_size;
-    for (uint64_t position = 0; position < m_page_size; position += piece_size)
-        write_flash_page(data + position,
-                         static_cast<uint32_t>(std::min<uint64_t>(piece_size, m_page_size - position)));
+    for (uint64_t position = 0; position < m_page_size; position += data_per_flash_page())
+        write_flash_page(data + position, static_cast<uint32_t>(std::min<uint64_t>(data_per_flash_page(),
+                                                                                   m_page_size - position)));
     return true;
 }
 
@@ -125,10 +146,14 @@ bool CSlcStorage::prepare_buffers() {
 
     uint8_t* page = m_fill_page.bytes.data();
     std::memset(page, kErased, size);
-    for (uint32_t k = 0; k < units(); ++k)
+    UnitGroup group;
+    for (uint32_t k = 0; k < units(); ++k) {
         std::memset(page + uint64_t{k} * kUnitStride, m_fill_byte, kUnitData);
-    std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
-    bch_encode_units(page, units(), kUnitStride);
+        if (k == 0)
+            std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
+        group.add(page + uint64_t{k} * kUnitStride);
+    }
+    group.encode();
     m_fill_page.fill_byte = m_fill_byte;
     m_fill_page.made = true;
     return true;
@@ -136,28 +161,75 @@ bool CSlcStorage::prepare_buffers() {
 
 /// Writes size bytes of data, filled up to a page, as the next flash page.
 void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
-    uint8_t* page = m_fill_page.bytes.data();
-    if (holds_only(data, size, m_fill_byte)) {
-        bch_replace_system_bytes(page, m_bch_list_index);
-    } else {
-        uint64_t room = 0;
-        uint8_t* place = m_fout.room(room);
-        page = room >= flash_page_size() ? place : m_flash_page.data();
-        encode_flash_page(data, size, page);
-    }
+    const uint8_t* page = m_fill_page.bytes.data();
+    if (m_ahead.has(data, m_bch_list_index) || !holds_only(data, size, m_fill_byte))
+        page = encoded_flash_page(data, size);
+    else
+        bch_replace_system_bytes(m_fill_page.bytes.data(), m_bch_list_index);
     m_bch_list_index += m_bch_list_step;
     m_fout.write(reinterpret_cast<const char*>(page), static_cast<std::streamsize>(flash_page_size()));
 }
 
-void CSlcStorage::encode_flash_page(const uint8_t* data, uint32_t size, uint8_t* page) {
+/// The flash page of size bytes of data: where the output gathers its bytes, with those that are to come
+/// encoded behind it, or in m_flash_page where there is no room for it.
+const uint8_t* CSlcStorage::encoded_flash_page(const uint8_t* data, uint32_t size) {
+    uint64_t room = 0;
+    uint8_t* place = m_fout.room(room);
+    const uint64_t places = room / flash_page_size();
+    if (places == 0) {
+        encode_flash_pages(data, size, 1, m_flash_page.data());
+        return m_flash_page.data();
+    }
+    if (!m_ahead.has(data, m_bch_list_index)) {
+        m_ahead.pages = pages_to_encode(data, size, places);
+        encode_flash_pages(data, size, m_ahead.pages, place);
+    }
+    m_ahead.pages -= 1;
+    m_ahead.data = data + size;
+    m_ahead.list_index = m_bch_list_index + m_bch_list_step;
+    return place;
+}
+
+/// How many flash pages are worth encoding together, with data from there on: 1, and those that are known to
+/// come next as long as there are places and none is a fill page.
+uint32_t CSlcStorage::pages_to_encode(const uint8_t* data, uint32_t size, uint64_t places) const {
+    const bool alike =
+        m_page_size % data_per_flash_page() == 0;  // else the next one has data of another size
+    const uint64_t coming =
+        alike && m_coming_end != nullptr ? static_cast<uint64_t>(m_coming_end - data) / size : 1;
+    const uint64_t together = kBchUnitsTogether / page_count(size, kUnitData);
+    const uint64_t most = std::min({places, coming, together});
+    uint32_t pages = 1;
+    while (pages < most && !holds_only(data + uint64_t{pages} * size, size, m_fill_byte))
+        ++pages;
+    return pages;
+}
+
+/// Lays out pages flash pages, each with size bytes of data, from place on and encodes them together.
+void CSlcStorage::encode_flash_pages(const uint8_t* data, uint32_t size, uint32_t pages, uint8_t* place) {
+    UnitGroup group;
+    uint32_t list_index = m_bch_list_index;
+    for (uint32_t i = 0; i < pages; ++i) {
+        lay_out_flash_page(data, size, list_index, place);
+        for (uint32_t k = 0; k < page_count(size, kUnitData); ++k)
+            group.add(place + uint64_t{k} * kUnitStride);
+        data += size;
+        place += flash_page_size();
+        list_index += m_bch_list_step;
+    }
+    group.encode();
+}
+
+/// Fills a flash page but for the parity of its data.
+void CSlcStorage::lay_out_flash_page(const uint8_t* data, uint32_t size, uint32_t list_index,
+                                     uint8_t* page) const {
     const uint32_t data_units = page_count(size, kUnitData);
     for (uint32_t k = 0; k < data_units; ++k) {
         uint8_t* unit = page + uint64_t{k} * kUnitStride;
         std::memcpy(unit, data + uint64_t{k} * kUnitData, kUnitData);
         std::memset(unit + kUnitData, kErased, kUnitSpare);
     }
-    std::memcpy(page + kUnitData, &m_bch_list_index, sizeof(m_bch_list_index));
-    bch_encode_units(page, data_units, kUnitStride);
+    std::memcpy(page + kUnitData, &list_index, sizeof(list_index));
 
     // Units behind the data are fill units, ready with their parity; behind all units the spare area is
     // erased.

@@ -398,6 +398,9 @@ protected:
     uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
     uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
     uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
+    /// While pages that lie side by side are handed to write_page: the end of the last one. A class may look
+    /// at those that are to come. Else null.
+    const uint8_t* m_coming_end = nullptr;
 
 private:
     void write_page_per_2k(const uint8_t* data);
@@ -474,16 +477,32 @@ private:
         uint8_t fill_byte = 0;
         bool made = false;
     };
+    /// Flash pages that lie encoded where the output gathers its bytes, right behind what was written last.
+    struct PagesAhead {
+        const uint8_t* data = nullptr;  ///< that the first of them is made of
+        uint32_t list_index = 0;        ///< of the first of them
+        uint32_t pages = 0;
+
+        bool has(const uint8_t* page_data, uint32_t index) const {
+            return pages != 0 && data == page_data && list_index == index;
+        }
+    };
     bool prepare_buffers();
     void write_flash_page(const uint8_t* data, uint32_t size);
-    void encode_flash_page(const uint8_t* data, uint32_t size, uint8_t* page);
+    const uint8_t* encoded_flash_page(const uint8_t* data, uint32_t size);
+    uint32_t pages_to_encode(const uint8_t* data, uint32_t size, uint64_t places) const;
+    void encode_flash_pages(const uint8_t* data, uint32_t size, uint32_t pages, uint8_t* place);
+    void lay_out_flash_page(const uint8_t* data, uint32_t size, uint32_t list_index, uint8_t* page) const;
     void write_logical_fill_pages(uint64_t count);
     uint64_t sectors_to_block_end(uint64_t sectors) const;
     uint32_t units() const { return m_page_size_sector / 2; }
     uint64_t flash_page_size() const { return uint64_t{m_page_size} + m_oob_size; }
     /// Flash pages that a page of data takes: one for each 2 KB with 2 KB per page, else one.
     uint32_t flash_pages_per_page() const;
+    /// Bytes of data that a flash page has room for.
+    uint32_t data_per_flash_page() const;
 
     FillPage m_fill_page;
+    PagesAhead m_ahead;
     ByteBuffer m_flash_page;
 };

@@ -49,6 +49,15 @@ TEST_F(BchPathDeathTest, RefusesAPathThatThisProcessorLacks) {
 
 // ---- every path against the bit-serial encoder ----
 
+// `count` units in `page`, `stride` bytes apart, the first of them at `start`.
+std::vector<uint8_t*> units_of(Bytes& page, std::size_t start, std::size_t count, std::size_t stride) {
+    std::vector<uint8_t*> units;
+    for (std::size_t i = 0; i < count; ++i) {
+        units.push_back(page.data() + start + i * stride);
+    }
+    return units;
+}
+
 // Encodes the messages in place, `group` codewords to a call.
 std::vector<Bytes> parities_by_units(const std::vector<Bytes>& messages, uint32_t group) {
     const uint32_t stride = AllBytesNum;
@@ -57,8 +66,9 @@ std::vector<Bytes> parities_by_units(const std::vector<Bytes>& messages, uint32_
     for (std::size_t i = 0; i < messages.size(); ++i) {
         std::copy(messages[i].begin(), messages[i].end(), page.data() + i * stride);
     }
+    const std::vector<uint8_t*> units = units_of(page, 0, count, stride);
     for (uint32_t i = 0; i < count; i += group) {
-        bch_encode_units(page.data() + std::size_t{i} * stride, std::min(group, count - i), stride);
+        bch_encode_units(units.data() + i, std::min(group, count - i));
     }
     std::vector<Bytes> parities;
     for (std::size_t i = 0; i < messages.size(); ++i) {
@@ -173,7 +183,7 @@ protected:
         for (uint32_t i = 0; i < count; ++i) {
             test_support::put_bytes_at(expected, start + std::size_t{i} * stride + 1028, parities.at(i));
         }
-        bch_encode_units(page.data() + start, count, stride);
+        bch_encode_units(units_of(page, start, count, stride).data(), count);
         ASSERT_EQ(page, expected) << count << " units, stride " << stride << ", at " << start;
     }
 

@@ -174,9 +174,13 @@ TEST_F(BchTest, CountsCodewordsThatAreEncodedFromAllTheirBytes) {
     const uint64_t before = bch_encoded_codewords();
     bch_encode(page.data(), page.data());
     EXPECT_EQ(bch_encoded_codewords(), before + 1);
-    bch_encode_units(page.data(), 9, AllBytesNum);
+    std::vector<uint8_t*> units;
+    for (std::size_t i = 0; i < 9; ++i) {
+        units.push_back(page.data() + i * AllBytesNum);
+    }
+    bch_encode_units(units.data(), 9);
     EXPECT_EQ(bch_encoded_codewords(), before + 10);
-    bch_encode_units(page.data(), 0, AllBytesNum);
+    bch_encode_units(units.data(), 0);
     bch_replace_system_bytes(page.data(), 77);
     EXPECT_EQ(bch_encoded_codewords(), before + 10);
 }
