@@ -23,7 +23,7 @@ extern uint32_t AllBytesNum;      ///< bytes of a codeword
 extern uint32_t BCHSpareSize;     ///< spare bytes kept for the parity, an even number
 
 constexpr uint32_t kLargestBchStrength = 64;  ///< largest t
-constexpr uint32_t kBchUnitsTogether = 8;     ///< codewords that are encoded side by side
+constexpr uint32_t kBchUnitsTogether = 8;     ///< codewords that the encoder takes at a time
 
 // Field and generator tables.
 extern int32_t* alpha_to;  ///< powers of the primitive element; only while bch_init runs, else null
@@ -51,8 +51,8 @@ void gen_poly();
 /// codeword is valid.
 void bch_encode(const uint8_t* input, uint8_t* output);
 
-/// Encodes count codewords in place, wherever each lies: what bch_encode does for each, kBchUnitsTogether of
-/// them side by side. Fewer at a time take longer.
+/// Encodes count codewords in place, wherever each lies: what bch_encode does for each, kBchUnitsTogether at
+/// a time. Fewer than that may take longer, for the table paths work on 4 or 8 side by side.
 void bch_encode_units(uint8_t* const* units, uint32_t count);
 
 /// Replaces the system bytes of an encoded codeword by value (little-endian) and adds the difference to its

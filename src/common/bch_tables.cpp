@@ -59,7 +59,8 @@ template <typename Vector, uint32_t Rows, uint32_t Units, uint32_t Parts>
     }
 }
 
-/// As many units at a time as there are lanes; fewer are cut in halves, so that there is work for all lanes.
+/// As many units at a time as there are lanes; fewer, if their register is one row, are cut in halves, so
+/// that more lanes have work.
 template <typename Vector, uint32_t Rows>
 [[gnu::always_inline]] inline void encode_rows(const BchTables& tables, const uint8_t* const* codewords,
                                                uint32_t count, BchRegister* results) {

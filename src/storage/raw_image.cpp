@@ -94,8 +94,8 @@ bool CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, ui
 void CStorage::write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages,
                            Progress& progress) {
     m_coming_end = first + uint64_t{count} * m_page_size;
-    for (uint8_t* page = first; page != m_coming_end; page += m_page_size) {
-        write_page(page, m_page_size);
+    for (uint32_t i = 0; i < count; ++i) {
+        write_page(first + uint64_t{i} * m_page_size, m_page_size);
         progress.show(++done, pages);
     }
     m_coming_end = nullptr;

@@ -56,6 +56,7 @@ bool CSlcStorage::prepare_write_idblock() {
         return false;
     m_idb_fill_page_num = 0;
     m_bch_list_index = 0;
+    m_ahead = {};
     if (m_idb_total_sector != 0) {
         const uint64_t page_sectors = m_page_size_sector;
         const uint64_t factor = flash_pages_per_page();
@@ -76,6 +77,7 @@ bool CSlcStorage::post_write_idblock() {
 
 bool CSlcStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
     m_bch_list_index = 0;
+    m_ahead = {};
     m_image_fill_page_num = 0;
     return open_nand_partition(item);
 }
@@ -105,7 +107,7 @@ uint32_t CSlcStorage::flash_pages_per_page() const {
 }
 
 uint32_t CSlcStorage::data_per_flash_page() const {
-    return m_page_2k ? kDataPerPage2k : m_page_size;
+    return m_page_2k ? std::min(kDataPerPage2k, m_page_size) : m_page_size;
 }
 
 void CSlcStorage::write_logical_fill_pages(uint64_t count) {
@@ -147,10 +149,9 @@ bool CSlcStorage::prepare_buffers() {
     uint8_t* page = m_fill_page.bytes.data();
     std::memset(page, kErased, size);
     UnitGroup group;
+    std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
     for (uint32_t k = 0; k < units(); ++k) {
         std::memset(page + uint64_t{k} * kUnitStride, m_fill_byte, kUnitData);
-        if (k == 0)
-            std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
         group.add(page + uint64_t{k} * kUnitStride);
     }
     group.encode();
@@ -191,7 +192,7 @@ const uint8_t* CSlcStorage::encoded_flash_page(const uint8_t* data, uint32_t siz
 }
 
 /// How many flash pages are worth encoding together, with data from there on: 1, and those that are known to
-/// come next as long as there are places and none is a fill page.
+/// come next as long as there are places, none is a fill page and the encoder takes their units at a time.
 uint32_t CSlcStorage::pages_to_encode(const uint8_t* data, uint32_t size, uint64_t places) const {
     const bool alike =
         m_page_size % data_per_flash_page() == 0;  // else the next one has data of another size

@@ -356,8 +356,8 @@ protected:
     /// Reads the page of item data at position into page, the last one filled up. False when it cannot be
     /// read.
     bool read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page);
-    /// Hands count pages, one behind the other from first on, to write_page and counts them in done; shows
-    /// progress out of pages.
+    /// Hands count pages, one behind the other from first on, to write_page, with m_coming_end set, and
+    /// counts them in done; shows progress out of pages.
     void write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages, Progress& progress);
     /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
@@ -398,8 +398,8 @@ protected:
     uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
     uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
     uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
-    /// While pages that lie side by side are handed to write_page: the end of the last one. A class may look
-    /// at those that are to come. Else null.
+    /// While write_pages hands its pages over: the end of the last one, so that write_page may look at those
+    /// that are to come. Else null.
     const uint8_t* m_coming_end = nullptr;
 
 private:
@@ -499,7 +499,7 @@ private:
     uint64_t flash_page_size() const { return uint64_t{m_page_size} + m_oob_size; }
     /// Flash pages that a page of data takes: one for each 2 KB with 2 KB per page, else one.
     uint32_t flash_pages_per_page() const;
-    /// Bytes of data that a flash page has room for.
+    /// Bytes of data in a flash page; with 2 KB per page the last one of a page may have fewer.
     uint32_t data_per_flash_page() const;
 
     FillPage m_fill_page;

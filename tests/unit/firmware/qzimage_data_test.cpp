@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <limits>
 #include <string>
@@ -297,11 +298,17 @@ class QZImageViewData : public QZImageTest {
 protected:
     // What ViewData shows, or "null" as one byte 0x21.
     Bytes view(uint64_t offset, uint32_t size) {
+        held = 77;
         const uint8_t* bytes = image.ViewData(offset, size, held);
         return bytes == nullptr ? Bytes{0x21} : Bytes(bytes, bytes + size);
     }
 
-    uint64_t held = 77;
+    void expect_null(uint64_t offset, uint32_t size) {
+        EXPECT_EQ(view(offset, size), Bytes{0x21});
+        EXPECT_EQ(held, 0U);
+    }
+
+    uint64_t held = 0;
 };
 
 TEST_F(QZImageViewData, ShowsWhatGetDataReads) {
@@ -315,22 +322,37 @@ TEST_F(QZImageViewData, ShowsWhatGetDataReads) {
 }
 
 TEST_F(QZImageViewData, IsNullWhereGetDataFails) {
-    EXPECT_EQ(image.ViewData(0, 1, held), nullptr);
+    expect_null(0, 1);
     ASSERT_EQ(init(small_firmware()), 0);
     const uint64_t size = image.GetImageSize();
-    EXPECT_EQ(image.ViewData(size, 1, held), nullptr);
-    EXPECT_EQ(image.ViewData(size - 1, 2, held), nullptr);
-    EXPECT_EQ(image.ViewData(size + 1, 0, held), nullptr);
-    EXPECT_EQ(image.ViewData(std::numeric_limits<uint64_t>::max(), 2, held), nullptr);
-    EXPECT_EQ(image.ViewData(0, 0xFFFFFFFF, held), nullptr);
-    EXPECT_EQ(held, 0U);
+    expect_null(size, 1);
+    expect_null(size - 1, 2);
+    expect_null(size + 1, 0);
+    expect_null(std::numeric_limits<uint64_t>::max(), 2);
+    expect_null(0, 0xFFFFFFFF);
     EXPECT_EQ(image.GetReadError(), 0);
+}
+
+TEST_F(QZImageViewData, EndsWhereTheFileEndedWhenItWasOpened) {
+    Firmware firmware = sample_firmware();
+    firmware.items[3].data = patterned(600000, 1);  // its end is not read when it is opened
+    ASSERT_EQ(init(firmware), 0);
+    const uint64_t size = image.GetImageSize();
+    {
+        std::ofstream grown(path(), std::ios::binary | std::ios::app);
+        grown << "more";
+    }
+    EXPECT_EQ(view(size - 3, 2), data(size - 3, 2));
+    EXPECT_EQ(held, 3U);
+    EXPECT_EQ(view(size, 0), Bytes{});
+    EXPECT_EQ(held, 0U);
+    expect_null(size - 3, 4);
 }
 
 TEST_F(QZImageViewData, IsNullInSingleMode) {
     write_file(directory / "loader.bin", sample_container().build());
     ASSERT_EQ(init(directory / "loader.bin"), 0);
-    EXPECT_EQ(image.ViewData(0, 1, held), nullptr);
+    expect_null(0, 1);
 }
 
 // ---- the open file ----
