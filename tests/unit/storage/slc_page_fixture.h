@@ -2,6 +2,7 @@
 
 // Flash pages of SLC NAND in a file of their own.
 
+#include "../common/bch_encoding.h"
 #include "slc_fixture.h"
 
 #include <gtest/gtest.h>

@@ -169,14 +169,12 @@ TEST_F(SlcPage, IsTheSameOnEveryEncoderPath) {
     const SlcCase chip{.page_kb = 8, .spare = 256};
     const Bytes data = mixed_pages(chip);
     const Bytes expected = slow_flash_pages(data, chip);
-    for (const BchPath path : {BchPath::portable, BchPath::wide_rows, BchPath::carry_less}) {
-        if (!bch_path_available(path))
-            continue;
+    for (const BchPath path : bch_tests::available_paths()) {
         const auto storage = open(chip);
         bch_select_path(path);
         write(*storage, data);
         storage->close_output();
-        EXPECT_TRUE(same_bytes(test_support::read_file(file()), expected));
+        EXPECT_TRUE(same_bytes(test_support::read_file(file()), expected)) << bch_tests::path_name(path);
     }
 }
 

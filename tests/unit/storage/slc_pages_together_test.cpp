@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace storage_test {
 namespace {
@@ -63,15 +64,12 @@ TEST_F(SlcPagesTogether, AreTheSameOnEveryEncoderPath) {
     const SlcCase chip{};
     Bytes data = mixed_pages(chip) + patterned(std::size_t{300} * 2048, 3);
     const Bytes expected = slow_flash_pages(data, chip);
-    for (const BchPath path : {BchPath::portable, BchPath::wide_rows, BchPath::carry_less,
-                               BchPath::carry_less_256, BchPath::carry_less_512}) {
-        if (!bch_path_available(path))
-            continue;
+    for (const BchPath path : bch_tests::available_paths()) {
         const auto storage = open(chip);
         bch_select_path(path);
         write_together(*storage, data);
         storage->close_output();
-        EXPECT_TRUE(same_bytes(test_support::read_file(file()), expected));
+        EXPECT_TRUE(same_bytes(test_support::read_file(file()), expected)) << bch_tests::path_name(path);
     }
 }
 
