@@ -1,4 +1,4 @@
-#include "../common/retry.h"
+#include "../io/retry.h"
 #include "../storage/storage_impl.h"
 
 #include <csignal>

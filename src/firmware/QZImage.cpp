@@ -1,7 +1,7 @@
 #include "QZImage.h"
 
 #include "../common/byte_reader.h"
-#include "../common/retry.h"
+#include "../io/retry.h"
 
 #include <algorithm>
 #include <cctype>

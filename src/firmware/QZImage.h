@@ -1,9 +1,9 @@
 #pragma once
 
+#include "../io/block_reader.h"
+#include "../io/file_identity.h"
 #include "Property.h"
 #include "QZBoot.h"
-#include "block_reader.h"
-#include "file_identity.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "storage_impl.h"
 
-#include "../common/retry.h"
+#include "../io/retry.h"
 #include "console.h"
 
 #include <algorithm>

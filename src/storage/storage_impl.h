@@ -1,8 +1,8 @@
 #pragma once
 
-#include "../common/byte_buffer.h"
 #include "../firmware/QZImage.h"
-#include "output_file.h"
+#include "../io/byte_buffer.h"
+#include "../io/output_file.h"
 
 #include <cstdint>
 #include <fstream>

@@ -1,7 +1,7 @@
 // Zeros: which become holes, and which are written.
 
+#include "../storage/partition_fixture.h"
 #include "output_file_fixture.h"
-#include "partition_fixture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Random operations on an output file, each sequence beside a model that is a string of bytes in memory.
 
-#include "partition_fixture.h"
-#include "storage/output_file.h"
+#include "../storage/partition_fixture.h"
+#include "io/output_file.h"
 #include "support/bytes.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Opening, position and size, and how bytes are gathered.
 
+#include "../storage/partition_fixture.h"
 #include "output_file_fixture.h"
-#include "partition_fixture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "firmware/block_reader.h"
+#include "io/block_reader.h"
 
 #include "support/bytes.h"
 

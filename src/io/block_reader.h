@@ -1,6 +1,6 @@
 #pragma once
 
-#include "../common/byte_buffer.h"
+#include "byte_buffer.h"
 
 #include <cstdint>
 

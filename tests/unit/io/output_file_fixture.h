@@ -2,7 +2,7 @@
 
 // An output file in a directory of its own.
 
-#include "storage/output_file.h"
+#include "io/output_file.h"
 #include "support/bytes.h"
 
 #include <gtest/gtest.h>

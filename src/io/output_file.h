@@ -1,7 +1,7 @@
 #pragma once
 
-#include "../common/byte_buffer.h"
-#include "../firmware/file_identity.h"
+#include "byte_buffer.h"
+#include "file_identity.h"
 
 #include <cstdint>
 #include <ios>

@@ -1,6 +1,6 @@
 #include "block_reader.h"
 
-#include "../common/retry.h"
+#include "retry.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "firmware/file_identity.h"
+#include "io/file_identity.h"
 
 #include "support/bytes.h"
 

@@ -1,6 +1,6 @@
 #include "output_file.h"
 
-#include "../common/retry.h"
+#include "retry.h"
 
 #include <algorithm>
 #include <cerrno>

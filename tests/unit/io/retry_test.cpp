@@ -1,4 +1,4 @@
-#include "common/retry.h"
+#include "io/retry.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "common/byte_buffer.h"
+#include "io/byte_buffer.h"
 
 #include <gtest/gtest.h>
 
