@@ -1,5 +1,7 @@
 #include "common_define.h"
 
+#include "hexadecimal.h"
+
 #include <array>
 #include <cstddef>
 #include <string_view>
@@ -34,16 +36,6 @@ constexpr uint32_t reflected_entry(uint32_t index) {
 using Rc4Key = std::array<uint8_t, 16>;
 
 #ifdef NANDSMITH_RC4_KEY
-
-constexpr int hexadecimal_value(char digit) {
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F')
-        return digit - 'A' + 10;
-    return -1;
-}
 
 constexpr bool is_key_text(std::string_view text) {
     for (char digit : text)

@@ -13,10 +13,6 @@ constexpr char kFlashData[] = "FlashData";  // first loader stage: sets the memo
 constexpr char kFlashBoot[] = "FlashBoot";  // second loader stage: the boot loader
 constexpr uint8_t kAbsent = 0xFF;
 
-constexpr uint32_t kHeaderSectors = 4;
-constexpr uint32_t kHeaderTag = 0x0FF0AA55;
-constexpr uint32_t kChipTag = 0x38325A51;  // "QZ28"
-constexpr uint32_t kStageUnitSectors = 4;  // a stage takes whole 2 KB units
 constexpr uint32_t kLargestSectorCount = 0xFFFF;
 
 uint8_t loader_index(CQZBoot& boot, const char* name) {
@@ -57,7 +53,7 @@ bool CStorage::get_loader_size_from_name(std::string name, uint16_t& sectors, ui
 
     uint32_t count = 0;
     if (size != 0)
-        count = (size - 1) / kSectorSize / kStageUnitSectors * kStageUnitSectors + kStageUnitSectors;
+        count = (size - 1) / kSectorSize / kIdbStageUnitSectors * kIdbStageUnitSectors + kIdbStageUnitSectors;
     if (count > kLargestSectorCount)
         return false;
     sectors = static_cast<uint16_t>(count);
@@ -67,10 +63,10 @@ bool CStorage::get_loader_size_from_name(std::string name, uint16_t& sectors, ui
 void CStorage::make_idb_sector0(uint8_t* sector, uint16_t flash_data_sectors, uint16_t flash_boot_sectors) {
     CQZBoot* boot = m_update_image_ptr->GetBootObject();
     IDB_SEC0 header{};
-    header.dwTag = kHeaderTag;
+    header.dwTag = kIdbTag;
     header.uiRc4Flag = boot != nullptr && boot->Rc4DisableFlag ? 1 : 0;
-    header.usBootCode1Offset = kHeaderSectors;
-    header.usBootCode2Offset = kHeaderSectors;
+    header.usBootCode1Offset = kIdbHeaderSectors;
+    header.usBootCode2Offset = kIdbHeaderSectors;
     header.usBootDataSize = flash_data_sectors;
     header.usBootCodeSize =
         static_cast<uint16_t>(flash_data_sectors + flash_boot_sectors);  // the field has 16 bits
@@ -81,7 +77,7 @@ void CStorage::make_idb_sector1(uint8_t* sector) {
     IDB_SEC1 header{};
     header.usSysReservedBlock = 12;
     header.usDisk0Size = 0xFFFF;
-    header.uiChipTag = kChipTag;
+    header.uiChipTag = kIdbChipTag;
     std::memcpy(sector, &header, sizeof(header));
 }
 
@@ -106,8 +102,8 @@ int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t
         scramble_sectors(flash_data.data(), flash_data_size);
         scramble_sectors(flash_boot.data(), flash_boot_size);
     }
-    const uint64_t flash_boot_sector = uint64_t{kHeaderSectors} + flash_data_sectors;
-    std::memcpy(buf + kHeaderSectors * kSectorSize, flash_data.data(), flash_data_size);
+    const uint64_t flash_boot_sector = uint64_t{kIdbHeaderSectors} + flash_data_sectors;
+    std::memcpy(buf + kIdbHeaderSectors * kSectorSize, flash_data.data(), flash_data_size);
     std::memcpy(buf + flash_boot_sector * kSectorSize, flash_boot.data(), flash_boot_size);
 
     rc4(buf, kSectorSize);  // sector 1 stays plain
@@ -117,7 +113,7 @@ int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t
 }
 
 uint32_t CStorage::compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors) {
-    return ((kHeaderSectors + flash_data_sectors + flash_boot_sectors - 1) / m_page_size_sector + 1) *
+    return ((kIdbHeaderSectors + flash_data_sectors + flash_boot_sectors - 1) / m_page_size_sector + 1) *
            m_page_size_sector;
 }
 
@@ -138,7 +134,7 @@ int CStorage::write_idblock() {
 
     // Whole pages are written: the last one is filled up with zeros where a block is no multiple of a page.
     const uint32_t pages = page_count(m_idb_total_sector, m_page_size_sector);
-    const uint64_t needed_sectors = uint64_t{kHeaderSectors} + data_sectors + boot_sectors;
+    const uint64_t needed_sectors = uint64_t{kIdbHeaderSectors} + data_sectors + boot_sectors;
     const uint64_t size = std::max({uint64_t{m_idb_total_sector} * kSectorSize, uint64_t{pages} * m_page_size,
                                     needed_sectors * kSectorSize});
     ByteBuffer block(size);

@@ -1,7 +1,6 @@
 #include "storage_impl.h"
 
 #include "../common/common_define.h"
-#include "../common/text_pieces.h"
 #include "console.h"
 
 #include <algorithm>
@@ -9,42 +8,25 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 #include <strings.h>
 
 namespace {
 
-constexpr uint32_t kEntryCount = 128;
-constexpr uint32_t kTableSectors = 34;  // protective MBR, header, 32 sectors of entries
-constexpr uint32_t kTableSize = kTableSectors * kSectorSize;
-constexpr uint64_t kGptSignature = 0x5452415020494645;  // "EFI PART"
 constexpr std::size_t kNameUnits = std::size(gpt_entry{}.partition_name);
 
 // The real device is not known here: the table always describes one of this many sectors.
 constexpr uint64_t kDiskSectors = 0xFFFFFFFF;
 
-// The record around the parameter text: tag and length before it, a checksum behind it.
-constexpr uint32_t kRecordHeadSize = 8;
-constexpr uint32_t kRecordChecksumSize = 4;
+using EntryArray = std::array<gpt_entry, kGptEntryCount>;
 
-using EntryArray = std::array<gpt_entry, kEntryCount>;
-static_assert(sizeof(legacy_mbr) + kSectorSize + sizeof(EntryArray) == kTableSize);
-
-std::string with_case(std::string text, int (*convert)(int)) {
+std::string lower_case(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
-                   [convert](unsigned char c) { return static_cast<char>(convert(c)); });
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
 
 bool contains(const std::string& text, const char* word) {
     return text.find(word) != std::string::npos;
-}
-
-bool declares_gpt(std::string_view line) {
-    if (line.empty() || line.front() == '#')
-        return false;
-    const std::string upper = with_case(std::string(line), std::toupper);
-    return contains(upper, "TYPE") && contains(upper, "GPT");
 }
 
 legacy_mbr protective_mbr() {
@@ -63,10 +45,10 @@ gpt_header header_of_disk(uint64_t disk_sectors) {
     header.header_size = sizeof(gpt_header);
     header.my_lba = 1;
     header.alternate_lba = disk_sectors - 1;
-    header.first_usable_lba = kTableSectors;
-    header.last_usable_lba = disk_sectors - kTableSectors;
+    header.first_usable_lba = kGptTableSectors;
+    header.last_usable_lba = disk_sectors - kGptTableSectors;
     header.partition_entry_lba = 2;
-    header.num_partition_entries = kEntryCount;
+    header.num_partition_entries = kGptEntryCount;
     header.sizeof_partition_entry = sizeof(gpt_entry);
     return header;
 }
@@ -78,17 +60,17 @@ void set_name(gpt_entry& entry, const std::string& name) {
     std::memcpy(entry.partition_name, units, sizeof(units));
 }
 
-/// Takes the flags behind the colon of the name into the entry and cuts the name there with a NUL; its length
-/// stays.
+/// Applies the flags after the colon to the entry and overwrites the colon with NUL; the string keeps its
+/// length.
 void apply_flags(gpt_entry& entry, std::string& name, uint64_t disk_sectors) {
     const std::size_t colon = name.find(':');
     if (colon == std::string::npos)
         return;
-    const std::string lower = with_case(name, std::tolower);
+    const std::string lower = lower_case(name);
     if (contains(lower, "bootable"))
         entry.attributes.legacy_bios_bootable = 1;
     if (contains(lower, "grow"))
-        entry.ending_lba = disk_sectors - kTableSectors;
+        entry.ending_lba = disk_sectors - kGptTableSectors;
     name[colon] = '\0';
 }
 
@@ -99,34 +81,28 @@ uint32_t crc_of(const void* record, std::size_t size) {
 }  // namespace
 
 bool CStorage::get_gpt_flag(STRUCT_QZIMAGE_ITEM& entry) {
-    constexpr uint32_t around_text = kRecordHeadSize + kRecordChecksumSize;
+    constexpr uint32_t around_text = kParameterHeadSize + kParameterChecksumSize;
     if (entry.size < around_text || entry.size > m_update_image_ptr->GetImageSize())
         return false;
     const uint32_t text_size = entry.size - around_text;
-    std::string record(text_size, '\0');  // a failure to get the memory must not look like a text without GPT
-    const uint32_t position = m_update_image_ptr->FWOffset + entry.offset + kRecordHeadSize;  // a 32-bit sum
-    if (!m_update_image_ptr->GetData(position, text_size, reinterpret_cast<uint8_t*>(record.data())))
-        return false;
-
-    std::string_view text(record.c_str());
-    std::string_view line;
-    while (next_line(text, line))
-        if (declares_gpt(line))
-            return true;
-    return false;
+    // Without memory for the text the run ends: it must not look like a text that asks for no GPT.
+    std::string text(text_size, '\0');
+    // A 32-bit sum: the large-item marks do not count here.
+    const uint32_t position = m_update_image_ptr->FWOffset + entry.offset + kParameterHeadSize;
+    return m_update_image_ptr->GetData(position, text_size, reinterpret_cast<uint8_t*>(text.data())) &&
+           declares_gpt(text.c_str());
 }
 
 void CStorage::gen_rand_uuid(uint8_t* uuid_bin) {
     for (int word_index = 0; word_index < 4; ++word_index) {
         uint32_t r[4];
         for (uint32_t& value : r)
-            value = static_cast<uint32_t>(
-                std::rand());  // NOLINT: unseeded, so that every run gives the same image
+            value = static_cast<uint32_t>(std::rand());  // NOLINT: unseeded, the same in every run
         const uint32_t word = (r[0] >> 24) | ((r[1] >> 8) & 0xFF00) | ((r[2] << 8) & 0xFF0000) | (r[3] << 24);
         std::memcpy(uuid_bin + word_index * 4, &word, sizeof(word));
     }
     uuid_bin[7] = static_cast<uint8_t>((uuid_bin[7] & 0x0F) | 0x40);  // version 4
-    uuid_bin[8] |= 0x80;  // bit 6 stays as it came: images made before have it so
+    uuid_bin[8] |= 0x80;  // kept: bit 6 of the variant stays random
 }
 
 int32_t CStorage::find_uuid_item(UUID_ITEM_VECTOR& vecItems, std::string szName) {
@@ -146,7 +122,7 @@ void CStorage::create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID
     for (std::size_t i = 0; i < std::min(vecParts.size(), entries.size()); ++i) {
         STRUCT_PARAM_ITEM& part = vecParts[i];
         gpt_entry& entry = entries[i];
-        gen_rand_uuid(entry.partition_type_guid.b);  // no well-known type: the device goes by the name
+        gen_rand_uuid(entry.partition_type_guid.b);  // no well-known type
         gen_rand_uuid(entry.unique_partition_guid.b);
         entry.starting_lba = part.uiItemOffset;
         entry.ending_lba = uint64_t{part.uiItemOffset} + part.uiItemSize - 1;
@@ -167,18 +143,18 @@ void CStorage::create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID
 }
 
 int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
-    const uint32_t pages = page_count(kTableSectors, m_page_size_sector);
+    const uint32_t pages = page_count(kGptTableSectors, m_page_size_sector);
     print_line("writing gpt...");
-    const uint64_t size = std::max<uint64_t>(uint64_t{pages} * m_page_size, kTableSize);
+    const uint64_t size = std::max<uint64_t>(uint64_t{pages} * m_page_size, kGptTableSize);
     ByteBuffer table(size);
     if (!table.has(size))
         return -4;
 
     const char* text = nullptr;
-    if (m_paramBuffer != nullptr && entry.size >= kRecordHeadSize + kRecordChecksumSize) {
-        // The checksum behind the text becomes the NUL that ends it.
-        std::memset(m_paramBuffer + entry.size - kRecordChecksumSize, 0, kRecordChecksumSize);
-        text = reinterpret_cast<const char*>(m_paramBuffer + kRecordHeadSize);
+    if (m_paramBuffer != nullptr && entry.size >= kParameterHeadSize + kParameterChecksumSize) {
+        // The checksum after the text becomes the NUL that ends it.
+        std::memset(m_paramBuffer + entry.size - kParameterChecksumSize, 0, kParameterChecksumSize);
+        text = reinterpret_cast<const char*>(m_paramBuffer + kParameterHeadSize);
     }
     PARAM_ITEM_VECTOR parts;
     if (!parse_parameter(text, parts)) {
@@ -187,7 +163,7 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
     }
     UUID_ITEM_VECTOR uuids;
     get_uuid_from_parameter(text, uuids);
-    if (parts.size() > kEntryCount) {
+    if (parts.size() > kGptEntryCount) {
         print_line("too many partitions for gpt");
         return -3;
     }

@@ -4,7 +4,6 @@
 
 namespace {
 
-constexpr uint32_t kFirstCopySector = 64;
 constexpr uint32_t kCopyAlignment = 128;  // 64 KB in sectors; the boot ROM looks for copies there
 
 }  // namespace
@@ -16,14 +15,14 @@ CNorStorage::CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_s
 CNorStorage::~CNorStorage() = default;
 
 bool CNorStorage::prepare_write_idblock() {
-    m_idb_total_sector = whole_blocks(m_idb_total_sector);
+    m_idb_total_sector = whole_blocks(m_idb_total_sector, m_block_size_sector);
     m_idb_copy = 2;
     m_idb_upper_limit = 2048;
-    m_idb_start_sector = kFirstCopySector;
-    // The first block boundary behind the first copy, then the next 64 KB boundary; 32-bit sums that may wrap
+    m_idb_start_sector = kIdbFirstCopySector;
+    // The first block boundary after the first copy, then the next 64 KB boundary; 32-bit sums that may wrap
     // to 0.
     const uint32_t end =
-        ((m_idb_total_sector + kFirstCopySector - 1) / m_block_size_sector + 1) * m_block_size_sector;
+        ((m_idb_total_sector + kIdbFirstCopySector - 1) / m_block_size_sector + 1) * m_block_size_sector;
     m_idb_second_start_sector = end == 0 ? 0 : (end - 1) / kCopyAlignment * kCopyAlignment + kCopyAlignment;
     return true;
 }

@@ -1,7 +1,11 @@
+#include "parameter_text.h"
+
+#include "../common/hexadecimal.h"
 #include "../common/text_pieces.h"
-#include "storage_impl.h"
+#include "storage_units.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -27,23 +31,20 @@ bool scan_sectors(const std::string& text, uint32_t& value) {
     return true;
 }
 
-uint8_t hexadecimal_value(char digit) {
-    if (digit >= '0' && digit <= '9')
-        return static_cast<uint8_t>(digit - '0');
-    if (digit >= 'a' && digit <= 'f')
-        return static_cast<uint8_t>(digit - 'a' + 10);
-    if (digit >= 'A' && digit <= 'F')
-        return static_cast<uint8_t>(digit - 'A' + 10);
-    return 0;
+std::string upper_case(std::string_view text) {
+    std::string upper(text);
+    std::transform(upper.begin(), upper.end(), upper.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return upper;
 }
 
 }  // namespace
 
-bool CStorage::parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem) {
-    std::string_view text(pParameter != nullptr ? pParameter : "");
+bool parse_partition_list(const char* text, PARAM_ITEM_VECTOR& items) {
+    std::string_view rest(text != nullptr ? text : "");
     bool found = false;
     std::string_view line;
-    while (next_line(text, line)) {
+    while (next_line(rest, line)) {
         const std::size_t keyword = line.find(kPartitionListKeyword);
         if (keyword == std::string::npos)
             continue;
@@ -55,77 +56,85 @@ bool CStorage::parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecIte
         std::string_view list = line.substr(colon + 1);
         std::string_view piece;
         while (next_piece(list, ',', piece)) {
-            std::string info(piece);
             STRUCT_PARAM_ITEM item;
-            if (parse_partition_info(info, item.szItemName, item.uiItemOffset, item.uiItemSize))
-                vecItem.push_back(std::move(item));
+            if (parse_partition(std::string(piece), item.szItemName, item.uiItemOffset, item.uiItemSize))
+                items.push_back(std::move(item));
         }
         break;
     }
     return found;
 }
 
-bool CStorage::parse_partition_info(std::string& strPartInfo, std::string& strName, uint32_t& uiOffset,
-                                    uint32_t& uiLen) {
-    const std::size_t at = strPartInfo.find('@');
+bool parse_partition(const std::string& info, std::string& name, uint32_t& offset, uint32_t& size) {
+    const std::size_t at = info.find('@');
     if (at == std::string::npos)
         return false;
-    const std::string size = trimmed(strPartInfo.substr(0, at));
-    if (size.find('-') != std::string::npos)
-        uiLen = kGrowingPartition;
-    else if (!scan_sectors(size, uiLen))
+    const std::string size_text = trimmed(info.substr(0, at));
+    if (size_text.find('-') != std::string::npos)
+        size = kGrowingPartition;
+    else if (!scan_sectors(size_text, size))
         return false;
 
-    const std::size_t open = strPartInfo.find('(', at);
-    if (open == std::string::npos ||
-        !scan_sectors(trimmed(strPartInfo.substr(at + 1, open - at - 1)), uiOffset))
+    const std::size_t open = info.find('(', at);
+    if (open == std::string::npos || !scan_sectors(trimmed(info.substr(at + 1, open - at - 1)), offset))
         return false;
 
-    const std::size_t close = strPartInfo.find(')', open);
+    const std::size_t close = info.find(')', open);
     if (close == std::string::npos)
         return false;
-    strName = trimmed(strPartInfo.substr(open + 1, close - open - 1));
+    name = trimmed(info.substr(open + 1, close - open - 1));
     return true;
 }
 
-bool CStorage::get_uuid_from_parameter(const char* pParameter, UUID_ITEM_VECTOR& vecItem) {
-    vecItem.clear();
-    std::string_view text(pParameter != nullptr ? pParameter : "");
+bool parse_uuid_lines(const char* text, UUID_ITEM_VECTOR& items) {
+    items.clear();
+    std::string_view rest(text != nullptr ? text : "");
     std::string_view line;
-    while (next_line(text, line)) {
+    while (next_line(rest, line)) {
         const std::size_t keyword = line.find(kUuidKeyword);
         if (keyword == std::string::npos)
             continue;
-        std::string info(line.substr(keyword + std::strlen(kUuidKeyword)));
+        const std::string info(line.substr(keyword + std::strlen(kUuidKeyword)));
         STRUCT_UUID_ITEM item;
-        std::string uuid;
-        if (!parse_uuid(info, item.szUUidName, uuid))
+        std::string digits;
+        if (!parse_uuid_line(info, item.szUUidName, digits))
             continue;
-        string_to_uuid(uuid, item.szUUid);
-        vecItem.push_back(std::move(item));
+        uuid_from_digits(digits, item.szUUid);
+        items.push_back(std::move(item));
     }
-    return !vecItem.empty();
+    return !items.empty();
 }
 
-bool CStorage::parse_uuid(std::string& strUuidInfo, std::string& strName, std::string& strUUid) {
-    const std::size_t equals = strUuidInfo.find('=');
+bool parse_uuid_line(const std::string& info, std::string& name, std::string& digits) {
+    const std::size_t equals = info.find('=');
     if (equals == std::string::npos)
         return false;
-    strName = trimmed(strUuidInfo.substr(0, equals));
-    strUUid = trimmed(strUuidInfo.substr(equals + 1));
-    strUUid.erase(std::remove(strUUid.begin(), strUUid.end(), '-'), strUUid.end());
-    return strUUid.size() == kUuidDigits;
+    name = trimmed(info.substr(0, equals));
+    digits = trimmed(info.substr(equals + 1));
+    digits.erase(std::remove(digits.begin(), digits.end(), '-'), digits.end());
+    return digits.size() == kUuidDigits;
 }
 
-void CStorage::string_to_uuid(std::string strUUid, uint8_t* uuid) {
+void uuid_from_digits(const std::string& digits, uint8_t* uuid) {
     std::memset(uuid, 0, 16);
-    const std::size_t digits = std::min(strUUid.size(), kUuidDigits);
-    for (std::size_t i = 0; i < digits; ++i) {
-        const uint8_t value = hexadecimal_value(strUUid[i]);
+    for (std::size_t i = 0; i < std::min(digits.size(), kUuidDigits); ++i) {
+        const int value = std::max(hexadecimal_value(digits[i]), 0);
         uuid[i / 2] = static_cast<uint8_t>(uuid[i / 2] + (i % 2 == 0 ? value << 4 : value));
     }
     // A GPT keeps the first three groups little-endian.
     std::reverse(uuid, uuid + 4);
     std::swap(uuid[4], uuid[5]);
     std::swap(uuid[6], uuid[7]);
+}
+
+bool declares_gpt(const char* text) {
+    std::string_view rest(text);
+    std::string_view line;
+    while (next_line(rest, line)) {
+        const std::string upper = upper_case(line);
+        if (!upper.starts_with('#') && upper.find("TYPE") != std::string::npos &&
+            upper.find("GPT") != std::string::npos)
+            return true;
+    }
+    return false;
 }

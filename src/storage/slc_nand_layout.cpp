@@ -1,6 +1,7 @@
-#include "storage_impl.h"
+#include "slc_nand_layout.h"
 
 #include "../common/bch.h"
+#include "../common/byte_run.h"
 #include "console.h"
 
 #include <algorithm>
@@ -14,12 +15,7 @@ constexpr uint16_t kBchStrength = 16;  // fixed, whatever the size of the spare 
 constexpr uint32_t kUnitData = 1024;
 constexpr uint32_t kUnitSpare = 32;  // 4 system bytes and 28 of parity
 constexpr uint32_t kUnitStride = kUnitData + kUnitSpare;
-constexpr uint32_t kDataPerPage2k = 2048;
 constexpr uint8_t kErased = 0xFF;
-
-bool holds_only(const uint8_t* bytes, uint64_t count, uint8_t value) {
-    return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
-}
 
 /// Units that wait for their parity; as many as the encoder takes together are encoded at a time.
 class UnitGroup {

@@ -1,5 +1,6 @@
 #include "storage_impl.h"
 
+#include "../io/block_reader.h"
 #include "../io/retry.h"
 #include "console.h"
 
@@ -12,13 +13,6 @@
 
 namespace {
 
-constexpr uint32_t kSparseMagic = 0xED26FF3A;
-constexpr uint16_t kRawChunk = 0xCAC1;
-constexpr uint16_t kFillChunk = 0xCAC2;
-constexpr uint16_t kDontCareChunk = 0xCAC3;
-constexpr uint16_t kCrcChunk = 0xCAC4;
-constexpr uint32_t kChunkValueSize = 4;  // of a fill value or a CRC-32
-
 // Chunks may expand to more than the header tells. The excess is dropped after the expansion, so only this
 // much of it is expanded at all: a chunk of 2^32 blocks in a small partition must not fill the disk.
 constexpr uint64_t kLargestExcess = 64 * 1024 * 1024;
@@ -26,10 +20,6 @@ constexpr uint64_t kLargestExcess = 64 * 1024 * 1024;
 constexpr int kChunkHeaderUnreadable = -4;
 constexpr int kRawDataUnreadable = -5;
 constexpr int kFillValueUnreadable = -6;
-
-uint64_t expanded_size(const sparse_header_t& header) {
-    return uint64_t{header.blk_sz} * header.total_blks;
-}
 
 uint64_t saturating_sum(uint64_t a, uint64_t b) {
     return a > std::numeric_limits<uint64_t>::max() - b ? std::numeric_limits<uint64_t>::max() : a + b;

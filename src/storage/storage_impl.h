@@ -3,6 +3,11 @@
 #include "../firmware/QZImage.h"
 #include "../io/byte_buffer.h"
 #include "../io/output_file.h"
+#include "boot_block_format.h"
+#include "gpt_format.h"
+#include "parameter_text.h"
+#include "sparse_format.h"
+#include "storage_units.h"
 
 #include <cstdint>
 #include <fstream>
@@ -29,160 +34,6 @@ enum ENUM_IMAGE_TYPE : uint32_t {
     IMAGE_SPARSE = 4,
     IMAGE_FILE = 8,
 };
-
-constexpr uint32_t kSectorSize = 512;
-
-/// A partition size that stands for "up to the end of the device", in items and in the parameter text.
-constexpr uint32_t kGrowingPartition = 0xFFFFFFFF;
-
-/// Units of size unit (not 0) that cover amount, as the 32-bit number in which pages are counted; 0 for
-/// nothing.
-constexpr uint32_t page_count(uint64_t amount, uint32_t unit) {
-    return amount == 0 ? 0 : static_cast<uint32_t>((amount - 1) / unit + 1);
-}
-
-#pragma pack(push, 1)
-
-// The four header sectors of the boot block, as the boot ROM reads them.
-
-struct IDB_SEC0 {
-    uint32_t dwTag;  ///< 0x0FF0AA55
-    uint32_t reserved;
-    uint32_t uiRc4Flag;          ///< 1: the stages in this block are scrambled (the container's flag was set)
-    uint16_t usBootCode1Offset;  ///< 4: the stages start behind the header
-    uint16_t usBootCode2Offset;  ///< 4
-    uint8_t reserved1[490];
-    uint16_t usBootDataSize;  ///< "FlashData" in sectors
-    uint16_t usBootCodeSize;  ///< "FlashData" and "FlashBoot" in sectors, a 16-bit sum
-    uint16_t usCrc;           ///< 0: the boot ROM asks for no checksum
-};
-static_assert(sizeof(IDB_SEC0) == kSectorSize);
-
-struct IDB_SEC1 {
-    uint16_t usSysReservedBlock;  ///< 12
-    uint16_t usDisk0Size;         ///< 0xFFFF
-    uint8_t reserved0[6];
-    uint32_t uiChipTag;  ///< "QZ28"
-    uint8_t reserved[498];
-};
-static_assert(sizeof(IDB_SEC1) == kSectorSize);
-
-struct IDB_SEC2 {
-    uint8_t reserved[kSectorSize];
-};
-static_assert(sizeof(IDB_SEC2) == kSectorSize);
-
-struct IDB_SEC3 {
-    uint8_t reserved[kSectorSize];
-};
-static_assert(sizeof(IDB_SEC3) == kSectorSize);
-
-// Protective MBR, header and entries of a GPT (UEFI, chapter 5).
-
-struct efi_guid_t {
-    uint8_t b[16];  ///< in the order in which they lie on the disk
-};
-static_assert(sizeof(efi_guid_t) == 16);
-
-struct mbr_partition {
-    uint8_t boot_ind;
-    uint8_t head;
-    uint8_t sector;
-    uint8_t cyl;
-    uint8_t sys_ind;  ///< 0xEE: protective
-    uint8_t end_head;
-    uint8_t end_sector;
-    uint8_t end_cyl;
-    uint32_t start_sect;
-    uint32_t nr_sects;
-};
-static_assert(sizeof(mbr_partition) == 16);
-
-struct legacy_mbr {
-    uint8_t boot_code[440];
-    uint32_t unique_mbr_signature;
-    uint16_t unknown;
-    mbr_partition partition_record[4];
-    uint16_t signature;  ///< 0xAA55
-};
-static_assert(sizeof(legacy_mbr) == kSectorSize);
-
-struct gpt_header {
-    uint64_t signature;  ///< "EFI PART"
-    uint32_t revision;
-    uint32_t header_size;
-    uint32_t header_crc32;  ///< over the 92 bytes of this record with this field 0
-    uint32_t reserved1;
-    uint64_t my_lba;
-    uint64_t alternate_lba;
-    uint64_t first_usable_lba;
-    uint64_t last_usable_lba;
-    efi_guid_t disk_guid;
-    uint64_t partition_entry_lba;
-    uint32_t num_partition_entries;
-    uint32_t sizeof_partition_entry;
-    uint32_t partition_entry_array_crc32;
-};
-static_assert(sizeof(gpt_header) == 92);
-
-struct gpt_entry_attributes {
-    uint64_t required_to_function : 1;
-    uint64_t no_block_io_protocol : 1;
-    uint64_t legacy_bios_bootable : 1;
-    uint64_t reserved : 45;
-    uint64_t type_guid_specific : 16;
-};
-static_assert(sizeof(gpt_entry_attributes) == 8);
-
-struct gpt_entry {
-    efi_guid_t partition_type_guid;
-    efi_guid_t unique_partition_guid;
-    uint64_t starting_lba;
-    uint64_t ending_lba;  ///< the last sector of the partition
-    gpt_entry_attributes attributes;
-    uint16_t partition_name[36];  ///< UTF-16LE
-};
-static_assert(sizeof(gpt_entry) == 128);
-
-// The Android sparse format, as far as it is read.
-
-struct sparse_header_t {
-    uint32_t magic;  ///< 0xED26FF3A
-    uint16_t major_version;
-    uint16_t minor_version;
-    uint16_t file_hdr_sz;   ///< ignored: always 28
-    uint16_t chunk_hdr_sz;  ///< ignored: always 12
-    uint32_t blk_sz;        ///< in bytes
-    uint32_t total_blks;    ///< of the expanded image
-    uint32_t total_chunks;
-    uint32_t image_checksum;
-};
-static_assert(sizeof(sparse_header_t) == 28);
-
-struct chunk_header_t {
-    uint16_t chunk_type;  ///< 0xCAC1 raw, 0xCAC2 fill, 0xCAC3 don't care, 0xCAC4 CRC-32
-    uint16_t reserved1;
-    uint32_t chunk_sz;  ///< length in blocks; used by fill and don't care
-    uint32_t total_sz;  ///< bytes of header and data; used by raw
-};
-static_assert(sizeof(chunk_header_t) == 12);
-
-#pragma pack(pop)
-
-/// One partition of the parameter text.
-struct STRUCT_PARAM_ITEM {
-    std::string szItemName;     ///< with any suffix after a colon ("userdata:grow")
-    uint32_t uiItemOffset = 0;  ///< start in sectors
-    uint32_t uiItemSize = 0;    ///< in sectors; 0xFFFFFFFF: grows to the end of the storage
-};
-using PARAM_ITEM_VECTOR = std::vector<STRUCT_PARAM_ITEM>;
-
-/// The fixed GUID that the parameter text gives to a partition.
-struct STRUCT_UUID_ITEM {
-    std::string szUUidName;
-    uint8_t szUUid[16] = {};  ///< in the byte order of a GPT
-};
-using UUID_ITEM_VECTOR = std::vector<STRUCT_UUID_ITEM>;
 
 /// A writer of programming images: reads the firmware, lays boot block, partition table and partitions out.
 /// The classes of the storage types change the layout through the virtual operations alone.
@@ -270,21 +121,25 @@ public:
     /// value not readable, -7 no memory. The temporary file is removed on success only.
     int write_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
 
-    // Parameter text, parameter partition and GPT.
+    // Parameter text: parameter_text.h.
 
-    /// Appends the partitions of the text's "mtdparts" list; pieces that do not parse are dropped. False when
-    /// no line has the keyword. A null text counts as an empty one.
-    bool parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem);
-    /// Splits "size@offset(name)"; sizes in sectors. False when it is malformed; the results are then
-    /// meaningless.
+    bool parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem) {
+        return parse_partition_list(pParameter, vecItem);
+    }
     bool parse_partition_info(std::string& strPartInfo, std::string& strName, uint32_t& uiOffset,
-                              uint32_t& uiLen);
-    /// Replaces vecItem by all "uuid:" lines of the text. False when there is none.
-    bool get_uuid_from_parameter(const char* pParameter, UUID_ITEM_VECTOR& vecItem);
-    /// Splits "name=uuid" and removes the dashes of the UUID. False unless 32 characters remain.
-    bool parse_uuid(std::string& strUuidInfo, std::string& strName, std::string& strUUid);
-    /// Turns 32 hexadecimal digits into the 16 bytes of a GPT GUID; another character counts as 0.
-    void string_to_uuid(std::string strUUid, uint8_t* uuid);
+                              uint32_t& uiLen) {
+        return parse_partition(strPartInfo, strName, uiOffset, uiLen);
+    }
+    bool get_uuid_from_parameter(const char* pParameter, UUID_ITEM_VECTOR& vecItem) {
+        return parse_uuid_lines(pParameter, vecItem);
+    }
+    bool parse_uuid(std::string& strUuidInfo, std::string& strName, std::string& strUUid) {
+        return parse_uuid_line(strUuidInfo, strName, strUUid);
+    }
+    void string_to_uuid(std::string strUUid, uint8_t* uuid) { uuid_from_digits(strUUid, uuid); }
+
+    // Parameter partition and GPT.
+
     /// Loads the parameter record into m_paramBuffer, zero-padded to whole pages. False when it cannot be
     /// read or there is no memory; an earlier buffer then stays.
     bool make_param_buffer(STRUCT_QZIMAGE_ITEM& entry);
@@ -329,8 +184,6 @@ protected:
     bool open_nand_idblock();
     /// Starts the file of a NAND partition and announces it. False as switch_output.
     bool open_nand_partition(const STRUCT_QZIMAGE_ITEM& item);
-    /// sectors rounded up to whole erase blocks, at least one; a 32-bit result that wraps.
-    uint32_t whole_blocks(uint32_t sectors) const;
     /// Brings everything written so far into the output file and closes it; a failure is kept for the
     /// verdict.
     void close_output();
@@ -448,61 +301,4 @@ public:
     bool post_write_partition() override;
 };
 
-/// SLC NAND: the files of SPI NAND, but every page with its spare area: 1 KB units with BCH parity behind
-/// each, and the list index of the page in the first unit.
-class CSlcStorage : public CStorage {
-public:
-    /// page_list: the list indexes count 0, 1, 2 (page linked list) instead of 0, 4, 8. Sets the BCH code up.
-    CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
-                std::string out_dir, bool page_2k, bool page_list);
-    ~CSlcStorage() override;
-    bool prepare_write_idblock() override;
-    bool post_write_idblock() override;
-    bool prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) override;
-    bool post_write_partition() override;
-    /// Writes the m_page_size bytes of data as one flash page of m_page_size + m_oob_size bytes or, with 2 KB
-    /// per page, as several; length is ignored. False, after a line, when the spare area is too small for the
-    /// parity.
-    bool write_page(uint8_t* data, uint32_t length) override;
-
-protected:
-    uint32_t m_bch_size;        ///< spare bytes of a unit: 4 system bytes and 28 of parity
-    uint32_t m_bch_list_index;  ///< list index of the next page; 0 at the start of every file
-    uint8_t m_bch_list_step;    ///< from page to page: 1 for a page linked list, else 4
-
-private:
-    /// A flash page of fill bytes, encoded once: such pages differ in list index and parity alone.
-    struct FillPage {
-        ByteBuffer bytes;
-        uint8_t fill_byte = 0;
-        bool made = false;
-    };
-    /// Flash pages that lie encoded where the output gathers its bytes, right behind what was written last.
-    struct PagesAhead {
-        const uint8_t* data = nullptr;  ///< that the first of them is made of
-        uint32_t list_index = 0;        ///< of the first of them
-        uint32_t pages = 0;
-
-        bool has(const uint8_t* page_data, uint32_t index) const {
-            return pages != 0 && data == page_data && list_index == index;
-        }
-    };
-    bool prepare_buffers();
-    void write_flash_page(const uint8_t* data, uint32_t size);
-    const uint8_t* encoded_flash_page(const uint8_t* data, uint32_t size);
-    uint32_t pages_to_encode(const uint8_t* data, uint32_t size, uint64_t places) const;
-    void encode_flash_pages(const uint8_t* data, uint32_t size, uint32_t pages, uint8_t* place);
-    void lay_out_flash_page(const uint8_t* data, uint32_t size, uint32_t list_index, uint8_t* page) const;
-    void write_logical_fill_pages(uint64_t count);
-    uint64_t sectors_to_block_end(uint64_t sectors) const;
-    uint32_t units() const { return m_page_size_sector / 2; }
-    uint64_t flash_page_size() const { return uint64_t{m_page_size} + m_oob_size; }
-    /// Flash pages that a page of data takes: one for each 2 KB with 2 KB per page, else one.
-    uint32_t flash_pages_per_page() const;
-    /// Bytes of data in a flash page; with 2 KB per page the last one of a page may have fewer.
-    uint32_t data_per_flash_page() const;
-
-    FillPage m_fill_page;
-    PagesAhead m_ahead;
-    ByteBuffer m_flash_page;
-};
+#include "slc_nand_layout.h"  // CSlcStorage; it derives from CStorage above

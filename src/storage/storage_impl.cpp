@@ -22,8 +22,6 @@ constexpr char kGptName[] = "gpt";
 // Partitions of a firmware without a GPT count from 4 MiB into the device.
 constexpr uint32_t kParameterLayoutStart = 8192;
 
-constexpr uint32_t kDataPerPage2k = 2048;
-
 // Padding of one output file that goes through write_page page by page, in bytes. What a firmware asks for
 // beyond (up to terabytes) is handed to the file in one piece, so that a wild size costs moments and not
 // hours. Of pages that a class refuses, each with a line, this many are tried in a run and the rest is left
@@ -343,12 +341,6 @@ bool CStorage::read_item_data(const STRUCT_QZIMAGE_ITEM& entry, uint64_t positio
                               uint8_t* out) {
     const uint64_t package = m_update_image_ptr->FWOffset;
     return m_update_image_ptr->GetData(package + item_data_offset(entry) + position, size, out);
-}
-
-uint32_t CStorage::whole_blocks(uint32_t sectors) const {
-    if (sectors <= m_block_size_sector)
-        return m_block_size_sector;
-    return ((sectors - 1) / m_block_size_sector + 1) * m_block_size_sector;
 }
 
 std::string CStorage::path_in_output(const std::string& name) const {
