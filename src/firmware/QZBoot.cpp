@@ -3,6 +3,7 @@
 #include "../common/byte_reader.h"
 #include "../common/common_define.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
@@ -42,18 +43,18 @@ CQZBoot::CQZBoot(uint8_t* lpBootData, uint32_t dwBootSize)
 
 int CQZBoot::ObjectInit() {
     if (m_BootSize == 0)
-        return -1;
+        return kNoData;
     if (!CrcCheck())
-        return -2;
+        return kWrongCrc;
 
     const ByteReader container(m_BootData.get(), m_BootSize - kCrcSize);
     STRUCT_QZBOOT_HEAD head;
     if (!container.read(0, head))
-        return -3;
+        return kUnknownTag;
     if (head.uiTag != kBootTag && head.uiTag != kLoaderTag)
-        return -3;
+        return kUnknownTag;
     if (head.uiTag == kLoaderTag && head.dwMergeVersion > kLargestLoaderMergeVersion)
-        return -4;
+        return kUnknownVersion;
 
     m_bRc4Disable = head.ucRc4Flag != 0;
     m_bSignFlag = head.ucSignFlag == 'S';
@@ -72,7 +73,7 @@ int CQZBoot::ObjectInit() {
     m_loaderSize = head.ucLoaderEntrySize;
     m_loaderCount = head.ucLoaderEntryCount;
     std::memcpy(m_crc, m_BootData.get() + m_BootSize - kCrcSize, kCrcSize);
-    return 0;
+    return kLoaded;
 }
 
 bool CQZBoot::CrcCheck() {
@@ -84,15 +85,15 @@ bool CQZBoot::CrcCheck() {
 
 char CQZBoot::GetIndexByName(ENUM_QZBOOTENTRY type, const char* pName) {
     const auto not_found = static_cast<char>(0xFF);
-    EntryTable table{};
-    if (!select_table(type, table))
+    const std::optional<EntryTable> table = table_of(type);
+    if (!table)
         return not_found;
-    for (uint8_t i = 0; i < table.count; ++i) {
-        STRUCT_QZBOOT_ENTRY entry;
-        if (!read_entry(type, i, entry))
+    for (uint8_t i = 0; i < table->count; ++i) {
+        const std::optional<STRUCT_QZBOOT_ENTRY> entry = read_entry(type, i);
+        if (!entry)
             return not_found;
         char name[kNameLength];
-        entry_name(entry, name);
+        entry_name(*entry, name);
         if (::strncasecmp(name, pName, kNameLength) == 0)
             return static_cast<char>(i);
     }
@@ -101,38 +102,35 @@ char CQZBoot::GetIndexByName(ENUM_QZBOOTENTRY type, const char* pName) {
 
 bool CQZBoot::GetEntryProperty(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint32_t& dwSize, uint32_t& dwDelay,
                                char* pName) {
-    STRUCT_QZBOOT_ENTRY entry;
-    if (!read_entry(type, ucIndex, entry))
+    const std::optional<STRUCT_QZBOOT_ENTRY> entry = read_entry(type, ucIndex);
+    if (!entry)
         return false;
-    dwDelay = entry.dwDataDelay;
-    dwSize = entry.dwDataSize;
+    dwDelay = entry->dwDataDelay;
+    dwSize = entry->dwDataSize;
     if (pName != nullptr) {
         char name[kNameLength];
-        entry_name(entry, name);
+        entry_name(*entry, name);
         std::memcpy(pName, name, kNameLength);
     }
     return true;
 }
 
 bool CQZBoot::GetEntryData(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint8_t* lpData) {
-    uint32_t size = 0;
-    const uint8_t* data = entry_data(type, ucIndex, size);
-    if (data == nullptr)
+    const std::optional<std::span<const uint8_t>> data = entry_data(type, ucIndex);
+    if (!data)
         return false;
-    if (size != 0)
-        std::memcpy(lpData, data, size);
+    std::copy(data->begin(), data->end(), lpData);
     return true;
 }
 
 bool CQZBoot::SaveEntryFile(ENUM_QZBOOTENTRY type, uint8_t ucIndex, std::string fileName) {
-    uint32_t size = 0;
-    const uint8_t* data = entry_data(type, ucIndex, size);
-    if (data == nullptr)
+    const std::optional<std::span<const uint8_t>> data = entry_data(type, ucIndex);
+    if (!data)
         return false;
     std::FILE* file = std::fopen(fileName.c_str(), "wb+");
     if (file == nullptr)
         return false;
-    const bool written = std::fwrite(data, 1, size, file) == size;
+    const bool written = std::fwrite(data->data(), 1, data->size(), file) == data->size();
     return std::fclose(file) == 0 && written;
 }
 
@@ -141,35 +139,36 @@ void CQZBoot::wchar_To_char(const uint16_t* src, char* dst, int len) {
         dst[i] = static_cast<char>(src[i] & 0xFF);
 }
 
-bool CQZBoot::select_table(ENUM_QZBOOTENTRY type, EntryTable& table) const {
+std::optional<CQZBoot::EntryTable> CQZBoot::table_of(ENUM_QZBOOTENTRY type) const {
     switch (type) {
     case ENTRY471:
-        table = {m_471Offset, m_471Size, m_471Count};
-        return true;
+        return EntryTable{m_471Offset, m_471Size, m_471Count};
     case ENTRY472:
-        table = {m_472Offset, m_472Size, m_472Count};
-        return true;
+        return EntryTable{m_472Offset, m_472Size, m_472Count};
     case ENTRYLOADER:
-        table = {m_loaderOffset, m_loaderSize, m_loaderCount};
-        return true;
+        return EntryTable{m_loaderOffset, m_loaderSize, m_loaderCount};
     }
-    return false;
+    return std::nullopt;
 }
 
-bool CQZBoot::read_entry(ENUM_QZBOOTENTRY type, uint8_t index, STRUCT_QZBOOT_ENTRY& entry) const {
-    EntryTable table{};
-    if (!select_table(type, table) || index >= table.count)
-        return false;
-    const uint64_t position = table.offset + static_cast<uint64_t>(index) * table.entry_size;
-    return ByteReader(m_BootData.get(), m_BootSize).read(position, entry);
-}
-
-const uint8_t* CQZBoot::entry_data(ENUM_QZBOOTENTRY type, uint8_t index, uint32_t& size) const {
+std::optional<STRUCT_QZBOOT_ENTRY> CQZBoot::read_entry(ENUM_QZBOOTENTRY type, uint8_t index) const {
+    const std::optional<EntryTable> table = table_of(type);
+    if (!table || index >= table->count)
+        return std::nullopt;
+    const uint64_t position = table->offset + static_cast<uint64_t>(index) * table->entry_size;
     STRUCT_QZBOOT_ENTRY entry;
-    if (!read_entry(type, index, entry))
-        return nullptr;
-    if (!ByteReader(m_BootData.get(), m_BootSize).holds(entry.dwDataOffset, entry.dwDataSize))
-        return nullptr;
-    size = entry.dwDataSize;
-    return m_BootData.get() + entry.dwDataOffset;
+    if (!ByteReader(m_BootData.get(), m_BootSize).read(position, entry))
+        return std::nullopt;
+    return entry;
+}
+
+std::optional<std::span<const uint8_t>> CQZBoot::entry_data(ENUM_QZBOOTENTRY type, uint8_t index) const {
+    const std::optional<STRUCT_QZBOOT_ENTRY> entry = read_entry(type, index);
+    if (!entry)
+        return std::nullopt;
+    if (entry->dwDataSize == 0)
+        return std::span<const uint8_t>();
+    if (!ByteReader(m_BootData.get(), m_BootSize).holds(entry->dwDataOffset, entry->dwDataSize))
+        return std::nullopt;
+    return std::span<const uint8_t>(m_BootData.get() + entry->dwDataOffset, entry->dwDataSize);
 }

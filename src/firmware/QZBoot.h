@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 
 /// Kind of an entry of the boot container; each kind has a table of its own.
@@ -67,7 +69,7 @@ static_assert(sizeof(STRUCT_QZBOOT_ENTRY) == 57);
 
 #pragma pack(pop)
 
-/// The boot-loader container: what the boot ROM loads, in entries of three kinds, with a checksum behind it.
+/// The boot-loader container: what the boot ROM loads, in entries of three kinds, with a checksum after them.
 /// Before ObjectInit has succeeded all values read 0 or false.
 class CQZBoot {
 public:
@@ -88,9 +90,16 @@ public:
     CQZBoot(const CQZBoot&) = delete;
     CQZBoot& operator=(const CQZBoot&) = delete;
 
-    /// Checks the container and decodes its head; the getters are meaningful after success only.
-    /// Returns 0, or -1 no data, -2 wrong CRC (or no room for one), -3 unknown tag (or no room for a head),
-    /// -4 merge version of an "LDR " container above 0x1000000.
+    /// What ObjectInit returns.
+    enum InitResult : int {
+        kLoaded = 0,
+        kNoData = -1,
+        kWrongCrc = -2,        ///< or no room for one
+        kUnknownTag = -3,      ///< or no room for a head
+        kUnknownVersion = -4,  ///< the merge version of an "LDR " container is above 0x1000000
+    };
+
+    /// Checks the container and decodes its head. The getters are meaningful after success only.
     int ObjectInit();
 
     /// True when the CRC in the last four bytes is that of the bytes before it.
@@ -106,8 +115,12 @@ public:
     bool GetEntryProperty(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint32_t& dwSize, uint32_t& dwDelay,
                           char* pName = nullptr);
 
+    /// The entry's data where it lies in the container. Nothing for an unknown kind or index or when entry or
+    /// data leave the container. An entry of size 0 has no data that could: its offset does not count.
+    std::optional<std::span<const uint8_t>> entry_data(ENUM_QZBOOTENTRY type, uint8_t index) const;
+
     /// Copies the entry's data to lpData, which holds the size that GetEntryProperty told. False, with
-    /// nothing copied, for an unknown kind or index or when entry or data leave the container.
+    /// nothing copied, where entry_data has nothing.
     bool GetEntryData(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint8_t* lpData);
 
     /// Writes the entry's data to a new file. False as GetEntryData, and when the file cannot be made or
@@ -134,9 +147,8 @@ private:
         uint8_t entry_size;
         uint8_t count;
     };
-    bool select_table(ENUM_QZBOOTENTRY type, EntryTable& table) const;
-    bool read_entry(ENUM_QZBOOTENTRY type, uint8_t index, STRUCT_QZBOOT_ENTRY& entry) const;
-    const uint8_t* entry_data(ENUM_QZBOOTENTRY type, uint8_t index, uint32_t& size) const;
+    std::optional<EntryTable> table_of(ENUM_QZBOOTENTRY type) const;
+    std::optional<STRUCT_QZBOOT_ENTRY> read_entry(ENUM_QZBOOTENTRY type, uint8_t index) const;
 
     bool m_bRc4Disable = false;
     bool m_bSignFlag = false;

@@ -16,22 +16,11 @@ namespace {
 constexpr uint32_t kImageTag = 0x57465A51;  // "QZFW"
 constexpr std::size_t kPathBufferSize = 256;
 
-constexpr int kStatusFailed = -1;
-constexpr int kIsDirectory = -2;
-constexpr int kOpenFailed = -3;
-constexpr int kWrongTag = -4;
-constexpr int kReadFailed = -5;
-constexpr int kBootCrcMismatch = -2;  // of CQZBoot::ObjectInit
-
 // Positions inside the reserved bytes of the image head.
 constexpr std::size_t kOsTypePosition = 4;
 constexpr std::size_t kBackupSizePosition = 12;
 constexpr std::size_t kPackageSizeMark = 14;  // 'H', 'I': the package size has a high half
 constexpr std::size_t kPackageSizeHigh = 16;
-
-// Positions inside the file field of an item (item bytes 82 and 87).
-constexpr std::size_t kOffsetMark = 50;
-constexpr std::size_t kSizeMark = 55;
 
 constexpr int32_t kMd5Size = 32;
 constexpr int32_t kLargestSignature = 256;
@@ -40,11 +29,6 @@ constexpr int32_t kLongestTrailerWithoutSignature = 159;
 
 constexpr int nested_code(int boot_code) {
     return boot_code * 1000 - 6;
-}
-
-uint64_t widened(uint32_t low, const char* mark) {
-    const uint64_t high = *mark == 'H' ? little_endian_at<uint32_t>(mark + 1) : 0;
-    return high << 32 | low;
 }
 
 bool names_boot_container(std::string path) {
@@ -63,18 +47,6 @@ std::FILE* open_for_reading(const char* path) {
 }
 
 }  // namespace
-
-uint64_t item_data_offset(const STRUCT_QZIMAGE_ITEM& item) {
-    return widened(item.offset, item.file + kOffsetMark);
-}
-
-uint64_t item_data_size(const STRUCT_QZIMAGE_ITEM& item) {
-    return widened(item.size, item.file + kSizeMark);
-}
-
-std::string item_name(const STRUCT_QZIMAGE_ITEM& item) {
-    return {item.name, ::strnlen(item.name, sizeof(item.name))};
-}
 
 CQZImage::CQZImage() {
     const auto bind = [this](auto& view, auto getter) {
@@ -128,25 +100,25 @@ int CQZImage::open_file(const std::string& filename) {
 
     struct stat status {};
     if (retry_interrupted([&] { return ::stat(filename.c_str(), &status); }) != 0)
-        return kStatusFailed;
+        return kNoStatus;
     if (S_ISDIR(status.st_mode))
-        return kIsDirectory;
+        return kIsADirectory;
     m_fileSize = static_cast<uint64_t>(status.st_size);
     m_identity = FileIdentity(status);
     m_bSingleFlag = names_boot_container(filename);
 
     m_pFile = open_for_reading(filename.c_str());
     if (m_pFile == nullptr)
-        return kOpenFailed;
+        return kNotOpened;
     m_reader.attach(::fileno(m_pFile));  // the reader's own block takes the place of the stdio buffer
-    return 0;
+    return kLoaded;
 }
 
 int CQZImage::load_head() {
     STRUCT_QZIMAGE_HEAD head{};
     uint64_t got = 0;
     if (!m_reader.read(0, sizeof(head), reinterpret_cast<uint8_t*>(&head), got))
-        return kReadFailed;
+        return kNotRead;
     if (head.uiTag != kImageTag)
         return kWrongTag;
 
@@ -157,7 +129,7 @@ int CQZImage::load_head() {
         package_end = uint64_t{head.dwFWOffset} + head.dwFWSize + (high << 32);
     }
     if (!load_trailer(package_end))
-        return kReadFailed;
+        return kNotRead;
 
     m_version = head.dwVersion;
     m_mergeVersion = head.dwMergeVersion;
@@ -189,20 +161,20 @@ bool CQZImage::load_trailer(uint64_t package_end) {
 
 int CQZImage::load_boot_container() {
     // Nothing is allocated by the head's word alone: what the file holds bounds it.
-    const uint64_t behind_offset = m_fileSize > m_bootOffset ? m_fileSize - m_bootOffset : 0;
-    const auto available = static_cast<uint32_t>(std::min<uint64_t>(m_bootSize, behind_offset));
+    const uint64_t after_offset = m_fileSize > m_bootOffset ? m_fileSize - m_bootOffset : 0;
+    const auto available = static_cast<uint32_t>(std::min<uint64_t>(m_bootSize, after_offset));
     std::unique_ptr<uint8_t[]> data(new (std::nothrow) uint8_t[available]());
     if (data == nullptr)
-        return kReadFailed;
+        return kNotRead;
     uint64_t got = 0;
     if (!m_reader.read(m_bootOffset, available, data.get(), got) || got != available)
-        return kReadFailed;
+        return kNotRead;
 
     m_bootObject = std::make_unique<CQZBoot>(data.release(), available);
     int code = m_bootObject->ObjectInit();
     // The CRC of a container that the file cuts off is missing, whatever its last bytes look like.
     if (available != 0 && available < m_bootSize)
-        code = kBootCrcMismatch;
+        code = CQZBoot::kWrongCrc;
     return code == 0 ? 0 : nested_code(code);
 }
 

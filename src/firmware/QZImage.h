@@ -37,16 +37,16 @@ static_assert(sizeof(STRUCT_QZIMAGE_HEAD) == 102);
 /// One partition image of the package. name and file are NUL-terminated unless they fill their field.
 struct STRUCT_QZIMAGE_ITEM {
     char name[32];
-    char file[60];       ///< source file; its last ten bytes may hold the large-item marks (item_data_offset)
-    uint32_t part_size;  ///< in sectors; 0xFFFFFFFF: the partition grows to the end of the device
-    uint32_t offset;     ///< data position in bytes from the package start, low 32 bits
+    char file[60];          ///< source file; its last ten bytes may hold the large-item marks (item_table.h)
+    uint32_t part_size;     ///< in sectors; 0xFFFFFFFF: the partition grows to the end of the device
+    uint32_t offset;        ///< data position in bytes from the package start, low 32 bits
     uint32_t flash_offset;  ///< start on the storage in sectors; 0xFFFFFFFF: not written to the storage
     uint32_t usespace;
     uint32_t size;  ///< data length in bytes, low 32 bits
 };
 static_assert(sizeof(STRUCT_QZIMAGE_ITEM) == 112);
 
-/// Head of the package with the first 16 entries of its item table; a longer table goes on behind them.
+/// Head of the package with the first 16 entries of its item table; a longer table goes on after them.
 struct tagQZIMAGE_HDR {
     uint32_t tag;
     uint32_t size;
@@ -60,16 +60,6 @@ struct tagQZIMAGE_HDR {
 static_assert(sizeof(tagQZIMAGE_HDR) == 1932);
 
 #pragma pack(pop)
-
-/// Data position of the item in bytes from the package start, widened by the large-item mark ('H' at item
-/// byte 82).
-uint64_t item_data_offset(const STRUCT_QZIMAGE_ITEM& item);
-
-/// Data length of the item in bytes, widened by the large-item mark ('H' at item byte 87).
-uint64_t item_data_size(const STRUCT_QZIMAGE_ITEM& item);
-
-/// Name of the item; it ends at its NUL or after 32 bytes.
-std::string item_name(const STRUCT_QZIMAGE_ITEM& item);
 
 /// The firmware update image: its head, the boot container in it, and reads from anywhere in the file.
 /// A path with ".bin" anywhere in it (in any case) is a bare boot container instead: single mode.
@@ -95,10 +85,18 @@ public:
     CQZImage(const CQZImage&) = delete;
     CQZImage& operator=(const CQZImage&) = delete;
 
+    /// What ObjectInit returns, but for r * 1000 - 6, which stands for a CQZBoot::InitResult r.
+    enum InitResult : int {
+        kLoaded = 0,
+        kNoStatus = -1,  ///< the file's status cannot be read
+        kIsADirectory = -2,
+        kNotOpened = -3,
+        kWrongTag = -4,  ///< the tag is not "QZFW"
+        kNotRead = -5,
+    };
+
     /// Loads the image; called once. bDoCheck is ignored. Prints nothing, but a path of 256 characters or
-    /// more ends the program with one line. Returns 0, or -1 no status of the file, -2 a directory, -3 not to
-    /// be opened, -4 tag is not "QZFW", -5 the file could not be read, or r * 1000 - 6 for a code r of
-    /// CQZBoot::ObjectInit.
+    /// more ends the program with one line.
     int ObjectInit(std::string filename, bool bDoCheck);
 
     /// Reads dwSize bytes at the absolute file offset dwOffset. False when they do not all lie in the file,

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
+#include <span>
 
 namespace {
 
@@ -19,25 +21,19 @@ uint8_t loader_index(CQZBoot& boot, const char* name) {
     return static_cast<uint8_t>(boot.GetIndexByName(ENTRYLOADER, name));
 }
 
-/// Copies the data of a loader entry of that size into data. 0, or 1 absent, 2 unreadable or of another size,
-/// 3 no memory.
-int read_stage(CQZBoot& boot, const char* name, uint32_t size, ByteBuffer& data) {
-    const uint8_t index = loader_index(boot, name);
-    if (index == kAbsent)
-        return 1;
-    uint32_t real_size = 0;
-    uint32_t delay = 0;
-    if (!boot.GetEntryProperty(ENTRYLOADER, index, real_size, delay) || real_size != size)
-        return 2;
-    if (!data.reset(size))
-        return 3;
-    return boot.GetEntryData(ENTRYLOADER, index, data.data()) ? 0 : 2;
+/// The bytes of a loader entry, where they lie in the container. Nothing unless they are size bytes.
+std::optional<std::span<const uint8_t>> stage_bytes(const CQZBoot& boot, uint8_t index, uint32_t size) {
+    const std::optional<std::span<const uint8_t>> bytes = boot.entry_data(ENTRYLOADER, index);
+    return bytes && bytes->size() == size ? bytes : std::nullopt;
 }
 
-/// Scrambles sector by sector as the boot ROM reads it; a partial last sector gets the first keystream bytes.
-void scramble_sectors(uint8_t* bytes, uint64_t size) {
-    for (uint64_t position = 0; position < size; position += kSectorSize)
-        rc4(bytes + position, static_cast<uint32_t>(std::min<uint64_t>(kSectorSize, size - position)));
+/// Copies a stage to where it lies in the boot block. Scrambles it sector by sector, as the boot ROM reads
+/// it: a partial last sector gets the first keystream bytes.
+void put_stage(std::span<const uint8_t> stage, uint8_t* place, bool scrambled) {
+    std::copy(stage.begin(), stage.end(), place);
+    for (uint64_t position = 0; scrambled && position < stage.size(); position += kSectorSize)
+        rc4(place + position,
+            static_cast<uint32_t>(std::min<uint64_t>(kSectorSize, stage.size() - position)));
 }
 
 }  // namespace
@@ -83,28 +79,30 @@ void CStorage::make_idb_sector1(uint8_t* sector) {
 
 int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t flash_boot_sectors,
                              uint32_t flash_data_size, uint32_t flash_boot_size) {
-    constexpr int kNoMemory = -5;
     CQZBoot* boot = m_update_image_ptr->GetBootObject();
     if (boot == nullptr)
         return -1;
-    ByteBuffer flash_boot;
-    if (const int failure = read_stage(*boot, kFlashBoot, flash_boot_size, flash_boot); failure != 0)
-        return failure == 3 ? kNoMemory : -failure;
-    ByteBuffer flash_data;
-    if (const int failure = read_stage(*boot, kFlashData, flash_data_size, flash_data); failure != 0)
-        return failure == 3 ? kNoMemory : -2 - failure;
+    const uint8_t flash_boot_index = loader_index(*boot, kFlashBoot);
+    if (flash_boot_index == kAbsent)
+        return -1;
+    const auto flash_boot = stage_bytes(*boot, flash_boot_index, flash_boot_size);
+    if (!flash_boot)
+        return -2;
+    const uint8_t flash_data_index = loader_index(*boot, kFlashData);
+    if (flash_data_index == kAbsent)
+        return -3;
+    const auto flash_data = stage_bytes(*boot, flash_data_index, flash_data_size);
+    if (!flash_data)
+        return -4;
 
     make_idb_sector0(buf, flash_data_sectors, flash_boot_sectors);
     make_idb_sector1(buf + kSectorSize);
     std::memset(buf + 2 * kSectorSize, 0, sizeof(IDB_SEC2) + sizeof(IDB_SEC3));
 
-    if (little_endian_at<IDB_SEC0>(buf).uiRc4Flag != 0) {
-        scramble_sectors(flash_data.data(), flash_data_size);
-        scramble_sectors(flash_boot.data(), flash_boot_size);
-    }
+    const bool scrambled = little_endian_at<IDB_SEC0>(buf).uiRc4Flag != 0;
     const uint64_t flash_boot_sector = uint64_t{kIdbHeaderSectors} + flash_data_sectors;
-    std::memcpy(buf + kIdbHeaderSectors * kSectorSize, flash_data.data(), flash_data_size);
-    std::memcpy(buf + flash_boot_sector * kSectorSize, flash_boot.data(), flash_boot_size);
+    put_stage(*flash_data, buf + kIdbHeaderSectors * kSectorSize, scrambled);
+    put_stage(*flash_boot, buf + flash_boot_sector * kSectorSize, scrambled);
 
     rc4(buf, kSectorSize);  // sector 1 stays plain
     rc4(buf + 2 * kSectorSize, kSectorSize);
@@ -132,7 +130,8 @@ int CStorage::write_idblock() {
     if (!prepare_write_idblock())
         return -3;
 
-    // Whole pages are written: the last one is filled up with zeros where a block is no multiple of a page.
+    // Whole pages are written: the last one is filled up with zeros where a block is not a multiple of a
+    // page.
     const uint32_t pages = page_count(m_idb_total_sector, m_page_size_sector);
     const uint64_t needed_sectors = uint64_t{kIdbHeaderSectors} + data_sectors + boot_sectors;
     const uint64_t size = std::max({uint64_t{m_idb_total_sector} * kSectorSize, uint64_t{pages} * m_page_size,

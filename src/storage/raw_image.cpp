@@ -69,7 +69,8 @@ uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_
                                        uint8_t*& first) {
     const uint32_t run = std::min(room_for_pages(first), most);
     const uint64_t size = uint64_t{run} * m_page_size;
-    if (size < kSmallestRunInPlace || !read_item_data(entry, position, static_cast<uint32_t>(size), first))
+    if (size < kSmallestRunInPlace ||
+        !read_item_data(*m_update_image_ptr, entry, position, static_cast<uint32_t>(size), first))
         return 0;
     return run;
 }
@@ -88,7 +89,7 @@ bool CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, ui
     const auto chunk =
         static_cast<uint32_t>(std::min<uint64_t>(item_data_size(entry) - position, m_page_size));
     std::memset(page + chunk, m_fill_byte, m_page_size - chunk);
-    return read_item_data(entry, position, chunk, page);
+    return read_item_data(*m_update_image_ptr, entry, position, chunk, page);
 }
 
 void CStorage::write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages,

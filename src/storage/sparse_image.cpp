@@ -187,7 +187,7 @@ void SparseExpander::append(const uint8_t* bytes, uint64_t piece) {
 
 bool CStorage::is_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     sparse_header_t header;
-    if (!read_item_data(entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+    if (!read_item_data(*m_update_image_ptr, entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
         print_line("failed to get sparse info");
         return false;
     }
@@ -196,7 +196,7 @@ bool CStorage::is_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
 
 uint64_t CStorage::get_sparse_size(STRUCT_QZIMAGE_ITEM& entry) {
     sparse_header_t header;
-    if (!read_item_data(entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+    if (!read_item_data(*m_update_image_ptr, entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
         print_line("failed to get sparse info");
         return std::numeric_limits<uint64_t>::max();
     }
@@ -207,7 +207,7 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     const std::string name = item_name(entry);
     print_line("writing " + name + "...");
     sparse_header_t header;
-    if (!read_item_data(entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
+    if (!read_item_data(*m_update_image_ptr, entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
         print_line("failed to get sparse header");
         return -1;
     }
@@ -237,7 +237,7 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     print_line("extracting " + name + "...");
     Progress progress("extracting... " + name + "...");
     const auto source = [&](uint64_t position, uint32_t size, uint8_t* out) {
-        return read_item_data(entry, position, size, out);
+        return read_item_data(*m_update_image_ptr, entry, position, size, out);
     };
     SparseExpander expander(header, source, expanded, page, m_fill_byte, uint64_t{pages} * m_page_size,
                             progress);

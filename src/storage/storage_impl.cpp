@@ -1,6 +1,5 @@
 #include "storage_impl.h"
 
-#include "../common/byte_reader.h"
 #include "console.h"
 
 #include <algorithm>
@@ -11,11 +10,6 @@
 
 namespace {
 
-constexpr int64_t kTableBufferSize = 65536;  // an item table of up to 583 items
-constexpr int64_t kTableUnit = 2048;         // the table is read in these units
-constexpr int64_t kFirstItemPosition = offsetof(tagQZIMAGE_HDR, item);
-constexpr int64_t kItemSize = sizeof(STRUCT_QZIMAGE_ITEM);
-constexpr uint32_t kNotOnStorage = 0xFFFFFFFF;
 constexpr char kParameterName[] = "parameter";
 constexpr char kGptName[] = "gpt";
 
@@ -28,15 +22,68 @@ constexpr uint32_t kParameterLayoutStart = 8192;
 // out.
 constexpr uint64_t kPaddingByPages = 64 * 1024 * 1024;
 
-bool has_count_extension(const tagQZIMAGE_HDR& header) {
-    return header.manufacturer[56] == 'U' && header.manufacturer[57] == 'f';
+/// What is to be written.
+struct ItemPlan {
+    std::vector<STRUCT_QZIMAGE_ITEM> items;
+    std::size_t parameter = 0;  // index of the parameter item
+    uint32_t sparse_mask = 0;   // bit (index mod 32) is set for sparse images
+};
+
+bool read_items(CQZImage& image, ItemPlan& plan) {
+    switch (read_item_table(image, plan.items)) {
+    case ItemTableResult::kRead:
+        return true;
+    case ItemTableResult::kNoHeader:
+        print_error_line("failed to get header of firmware");
+        return false;
+    case ItemTableResult::kNoTable:
+        print_error_line("failed to get extended info of firmware");
+        return false;
+    case ItemTableResult::kNoItems:
+        print_error_line("not found any of partition items in the firmware");
+        return false;
+    }
+    return false;
 }
 
-int64_t item_count_of(const tagQZIMAGE_HDR& header) {
-    int64_t count = header.item_count;
-    if (has_count_extension(header))
-        count += little_endian_at<uint16_t>(header.manufacturer + 58);
-    return count;
+/// Finds the parameter item, and asks every other one whether it is sparse.
+bool classify_items(CStorage& storage, ItemPlan& plan) {
+    bool found = false;
+    for (std::size_t i = 0; i < plan.items.size(); ++i) {
+        STRUCT_QZIMAGE_ITEM& item = plan.items[i];
+        if (item.flash_offset == kNotOnStorage)
+            continue;
+        if (item_name(item) == kParameterName) {
+            plan.parameter = i;  // a later one replaces an earlier one
+            found = true;
+        } else if (storage.is_sparse_image(item)) {
+            plan.sparse_mask |= 1U << i % 32;  // kept: items 32 apart share a bit
+        }
+    }
+    if (!found)
+        print_error_line("not found parameter in the firmware");
+    return found;
+}
+
+ENUM_IMAGE_TYPE kind_of(const ItemPlan& plan, std::size_t index, bool gpt) {
+    if (index == plan.parameter)
+        return gpt ? IMAGE_GPT : IMAGE_PARAM;
+    if (item_data_size(plan.items[index]) == 0)
+        return IMAGE_NONE;
+    return (plan.sparse_mask >> index % 32 & 1) != 0 ? IMAGE_SPARSE : IMAGE_FILE;
+}
+
+bool write_item(CStorage& storage, STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE kind) {
+    if (!storage.prepare_write_partition(item)) {
+        print_error_line("failed to prepare " + item_name(item));
+        return false;
+    }
+    if (const int result = storage.write_partition(item, kind); result != 0) {
+        print_error_line("failed to write " + item_name(item) + result_suffix(result));
+        return false;
+    }
+    storage.post_write_partition();
+    return true;
 }
 
 // The length of one step across a gap is kept in 16 bits on purpose: with pages beyond 64 KB and 2 KB of data
@@ -87,7 +134,7 @@ bool CStorage::storage_init() {
         print_line("block size is out of range");
         return false;
     }
-    if (m_update_image_ptr->ObjectInit(m_in_firmware, false) != 0) {
+    if (m_update_image_ptr->ObjectInit(m_in_firmware, false) != CQZImage::kLoaded) {
         print_line("failed to load firmware" + result_suffix(1));  // the fact, not the reader's code
         return false;
     }
@@ -110,98 +157,33 @@ bool CStorage::run_creation() {
         return false;
     }
     if (!m_update_image_ptr->SingleFlag) {
-        ItemPlan plan;
-        if (!read_item_table(plan) || !find_parameter(plan))
-            return false;
-        if (!make_param_buffer(plan.items[plan.parameter])) {
-            print_error_line("failed to create param buffer");
-            return false;
-        }
-        m_gpt_flag = get_gpt_flag(plan.items[plan.parameter]);
-        print_line(std::string("start to write partitions...gpt=") + (m_gpt_flag ? "1" : "0"));
-        if (!write_items(plan))
+        if (!write_partitions())
             return false;
         align_to_block();
     }
     return finish_output();
 }
 
-bool CStorage::read_item_table(ItemPlan& plan) {
-    tagQZIMAGE_HDR header;
-    const uint64_t package = m_update_image_ptr->FWOffset;
-    if (!m_update_image_ptr->GetData(package, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
-        print_error_line("failed to get header of firmware");
+bool CStorage::write_partitions() {
+    ItemPlan plan;
+    if (!read_items(*m_update_image_ptr, plan) || !classify_items(*this, plan))
+        return false;
+    STRUCT_QZIMAGE_ITEM& parameter = plan.items[plan.parameter];
+    if (!make_param_buffer(parameter)) {
+        print_error_line("failed to create param buffer");
         return false;
     }
+    m_gpt_flag = get_gpt_flag(parameter);
+    if (m_gpt_flag)
+        std::memcpy(parameter.name, kGptName, sizeof(kGptName));
+    print_line(std::string("start to write partitions...gpt=") + (m_gpt_flag ? "1" : "0"));
 
-    const int64_t count = item_count_of(header);
-    const int64_t table_end = count * kItemSize + kFirstItemPosition;
-    // A count below 0 may round up to a table of nothing, which is read without complaint.
-    const int64_t length = (table_end + kTableUnit - 1) / kTableUnit * kTableUnit;
-    std::vector<uint8_t> table(kTableBufferSize);
-    if (length < 0 || length > kTableBufferSize ||
-        !m_update_image_ptr->GetData(package, static_cast<uint32_t>(length), table.data())) {
-        print_error_line("failed to get extended info of firmware");
-        return false;
-    }
-    if (count < 1) {
-        print_error_line("not found any of partition items in the firmware");
-        return false;
-    }
-
-    const ByteReader reader(table.data(), static_cast<uint64_t>(length));
-    for (int64_t i = 0; i < count; ++i) {
-        STRUCT_QZIMAGE_ITEM item{};
-        reader.read(static_cast<uint64_t>(kFirstItemPosition + i * kItemSize),
-                    item);  // inside: the count made the length
-        plan.items.push_back(item);
-    }
-    return true;
-}
-
-bool CStorage::find_parameter(ItemPlan& plan) {
-    bool found = false;
     for (std::size_t i = 0; i < plan.items.size(); ++i) {
-        STRUCT_QZIMAGE_ITEM& item = plan.items[i];
-        if (item.flash_offset == kNotOnStorage)
+        const ENUM_IMAGE_TYPE kind = kind_of(plan, i, m_gpt_flag);
+        if (plan.items[i].flash_offset == kNotOnStorage || kind == IMAGE_NONE)
             continue;
-        if (item_name(item) == kParameterName) {
-            plan.parameter = i;  // a later one replaces an earlier one
-            found = true;
-        } else if (is_sparse_image(item)) {
-            plan.sparse_mask |=
-                1U << i % 32;  // items 32 apart share a bit; packages are made with that in mind
-        }
-    }
-    if (!found)
-        print_error_line("not found parameter in the firmware");
-    return found;
-}
-
-bool CStorage::write_items(ItemPlan& plan) {
-    for (std::size_t i = 0; i < plan.items.size(); ++i) {
-        STRUCT_QZIMAGE_ITEM& item = plan.items[i];
-        if (item.flash_offset == kNotOnStorage)
-            continue;
-
-        ENUM_IMAGE_TYPE kind = (plan.sparse_mask >> i % 32 & 1) != 0 ? IMAGE_SPARSE : IMAGE_FILE;
-        if (i == plan.parameter) {
-            kind = m_gpt_flag ? IMAGE_GPT : IMAGE_PARAM;
-            if (m_gpt_flag)
-                std::memcpy(item.name, kGptName, sizeof(kGptName));
-        } else if (item_data_size(item) == 0) {
-            continue;
-        }
-
-        if (!prepare_write_partition(item)) {
-            print_error_line("failed to prepare " + item_name(item));
+        if (!write_item(*this, plan.items[i], kind))
             return false;
-        }
-        if (const int result = write_partition(item, kind); result != 0) {
-            print_error_line("failed to write " + item_name(item) + result_suffix(result));
-            return false;
-        }
-        post_write_partition();
     }
     return true;
 }
@@ -337,15 +319,8 @@ bool CStorage::count_partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t 
     return pages >= data_pages;
 }
 
-bool CStorage::read_item_data(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t size,
-                              uint8_t* out) {
-    const uint64_t package = m_update_image_ptr->FWOffset;
-    return m_update_image_ptr->GetData(package + item_data_offset(entry) + position, size, out);
-}
-
 std::string CStorage::path_in_output(const std::string& name) const {
-    const bool complete =
-        m_out_dir.empty() || m_out_dir.back() == '/';  // an empty directory is the current one
+    const bool complete = m_out_dir.empty() || m_out_dir.back() == '/';  // empty: the current directory
     return m_out_dir + (complete ? "" : "/") + name;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "../firmware/QZImage.h"
+#include "../firmware/item_table.h"
 #include "../io/byte_buffer.h"
 #include "../io/output_file.h"
 #include "boot_block_format.h"
@@ -161,20 +162,6 @@ public:
     int32_t find_uuid_item(UUID_ITEM_VECTOR& vecItems, std::string szName);
 
 protected:
-    /// What the package's item table says is to be written.
-    struct ItemPlan {
-        std::vector<STRUCT_QZIMAGE_ITEM> items;
-        std::size_t parameter = 0;  ///< index of the parameter item
-        uint32_t sparse_mask = 0;   ///< bit (index mod 32) is set for sparse images
-    };
-
-    // The steps of create_image; each returns false after its error line.
-    bool run_creation();
-    bool read_item_table(ItemPlan& plan);
-    bool find_parameter(ItemPlan& plan);
-    bool write_items(ItemPlan& plan);
-    bool finish_output();
-
     /// The output directory, a "/" unless it ends in one or is empty, and the name.
     std::string path_in_output(const std::string& name) const;
     /// Closes the output and creates the file name in the output directory instead. False after a line that
@@ -221,8 +208,6 @@ protected:
     /// pages.
     void copy_expanded_pages(OutputFile& expanded, const std::string& path, uint32_t data_pages,
                              uint32_t pages, ByteBuffer& page, Progress& progress);
-    /// Reads size bytes of the item's data from position on.
-    bool read_item_data(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t size, uint8_t* out);
 
     bool m_init_ok;                      ///< storage_init has succeeded
     uint32_t m_block_size;               ///< in bytes; all sizes wrap at 32 bits
@@ -256,6 +241,9 @@ protected:
     const uint8_t* m_coming_end = nullptr;
 
 private:
+    bool run_creation();
+    bool write_partitions();
+    bool finish_output();
     void write_page_per_2k(const uint8_t* data);
 
     std::unique_ptr<CQZImage> m_update_image;

@@ -15,15 +15,12 @@ public:
     using CStorage::CStorage;
 
     using CStorage::close_output;
-    using CStorage::find_parameter;
-    using CStorage::ItemPlan;
     using CStorage::m_fill_byte;
     using CStorage::m_fout;
     using CStorage::m_paramBuffer;
     using CStorage::m_uiParamFileSize;
     using CStorage::m_update_image_ptr;
     using CStorage::m_write_failure;
-    using CStorage::read_item_table;
     using CStorage::switch_output;
 };
 

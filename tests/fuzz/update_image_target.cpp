@@ -92,19 +92,21 @@ void check_item_table() {
     OpenStorage storage(FLASH_SPI_NAND, 8, 2, 0, scratch().firmware, scratch().output, false);
     if (!storage.storage_init())
         return;
-    OpenStorage::ItemPlan plan;
-    if (!storage.read_item_table(plan))
+    std::vector<STRUCT_QZIMAGE_ITEM> items;
+    if (read_item_table(*storage.m_update_image_ptr, items) != ItemTableResult::kRead)
         return;
-    require(!plan.items.empty() && plan.items.size() <= 583, "an item table of impossible size");
-    const bool found = storage.find_parameter(plan);
-    for (STRUCT_QZIMAGE_ITEM& item : plan.items) {
+    require(!items.empty() && items.size() <= 583, "an item table of impossible size");
+    for (STRUCT_QZIMAGE_ITEM& item : items) {
         require(item_name(item).size() <= sizeof(item.name), "a name longer than its field");
         storage.is_sparse_image(item);
         storage.get_sparse_size(item);
     }
-    if (!found)
+    const auto parameter_item = std::find_if(items.begin(), items.end(), [](const STRUCT_QZIMAGE_ITEM& item) {
+        return item_name(item) == "parameter";
+    });
+    if (parameter_item == items.end())
         return;
-    STRUCT_QZIMAGE_ITEM& parameter = plan.items.at(plan.parameter);
+    STRUCT_QZIMAGE_ITEM& parameter = *parameter_item;
     storage.get_gpt_flag(parameter);
     if (storage.make_param_buffer(parameter))
         require(storage.m_uiParamFileSize == parameter.size, "a parameter record of another size");

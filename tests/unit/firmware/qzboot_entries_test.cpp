@@ -333,10 +333,17 @@ TEST(QZBootBounds, LetDataLieAnywhereInTheContainer) {
 TEST(QZBootBounds, KeepDataInsideTheContainer) {
     const auto size = static_cast<uint32_t>(sample_container().layout().size);
     const test_support::TemporaryDirectory directory;
-    const std::vector<std::pair<uint32_t, uint32_t>> outside = {
-        {0, size + 1},    {1, size},        {size - 1, 2},    {size, 1},         {size + 1, 0},
-        {size + 1, 1},    {0xFFFFFFFFU, 1}, {0xFFFFFFFFU, 2}, {0xFFFFFFF0U, 32}, {0x80000000U, 0x80000000U},
-        {4, 0xFFFFFFFCU}, {0, 0xFFFFFFFFU}};
+    const std::vector<std::pair<uint32_t, uint32_t>> outside = {{0, size + 1},
+                                                                {1, size},
+                                                                {size - 1, 2},
+                                                                {size, 1},
+                                                                {size + 1, 1},
+                                                                {0xFFFFFFFFU, 1},
+                                                                {0xFFFFFFFFU, 2},
+                                                                {0xFFFFFFF0U, 32},
+                                                                {4, 0xFFFFFFFCU},
+                                                                {0, 0xFFFFFFFFU},
+                                                                {0x80000000U, 0x80000000U}};
     for (const auto& [offset, length] : outside) {
         const auto boot = with_data_at(offset, length);
         uint8_t byte = 0x77;
@@ -347,6 +354,19 @@ TEST(QZBootBounds, KeepDataInsideTheContainer) {
         // The record itself is there and says what it says.
         EXPECT_EQ(property_of(*boot, ENTRYLOADER, 0), std::to_string(length) + " 3 " + padded("FlashData"));
         EXPECT_EQ(data_of(*boot, ENTRYLOADER, 1), sample_container().loader.entries[1].data);
+    }
+}
+
+TEST(QZBootBounds, EntryWithoutDataLiesAnywhere) {
+    const auto size = static_cast<uint32_t>(sample_container().layout().size);
+    const test_support::TemporaryDirectory directory;
+    for (const uint32_t offset : {0U, size, size + 1, 0x80000000U, 0xFFFFFFFFU}) {
+        const auto boot = with_data_at(offset, 0);
+        uint8_t byte = 0x77;
+        EXPECT_TRUE(boot->GetEntryData(ENTRYLOADER, 0, &byte)) << offset;
+        EXPECT_EQ(byte, 0x77);
+        EXPECT_TRUE(boot->SaveEntryFile(ENTRYLOADER, 0, directory / "entry"));
+        EXPECT_EQ(read_file(directory / "entry"), Bytes{});
     }
 }
 

@@ -1,4 +1,4 @@
-#include "firmware/QZImage.h"
+#include "firmware/item_table.h"
 
 #include "support/bytes.h"
 
