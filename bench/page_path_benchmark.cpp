@@ -30,7 +30,7 @@ public:
         return this->m_fout.is_open();
     }
     void start_over_at(uint64_t limit) {
-        if (this->m_fout.position() >= limit) {
+        if (this->m_fout.buffer().position() >= limit) {
             this->m_fout.seekp(0);
         }
     }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -116,8 +117,7 @@ int CQZImage::open_file(const std::string& filename) {
 
 int CQZImage::load_head() {
     STRUCT_QZIMAGE_HEAD head{};
-    uint64_t got = 0;
-    if (!m_reader.read(0, sizeof(head), reinterpret_cast<uint8_t*>(&head), got))
+    if (!m_reader.read(0, sizeof(head), reinterpret_cast<uint8_t*>(&head)))
         return kNotRead;
     if (head.uiTag != kImageTag)
         return kWrongTag;
@@ -147,16 +147,16 @@ bool CQZImage::load_trailer(uint64_t package_end) {
     // The length is a signed difference of the low halves; it never needs the high ones.
     const auto trailer_size =
         static_cast<int32_t>(static_cast<uint32_t>(m_fileSize) - static_cast<uint32_t>(package_end));
-    uint64_t got = 0;
     if (trailer_size > kLongestTrailerWithoutSignature) {
         m_bSignFlag = true;
         m_signMd5Size = std::min(trailer_size - kMd5Size, kLargestSignature);
-        return m_reader.read(package_end, sizeof(m_md5), m_md5, got) &&
-               m_reader.read(package_end + kMd5Size, static_cast<uint64_t>(m_signMd5Size), m_signMd5, got);
+        return m_reader.read(package_end, sizeof(m_md5), m_md5) &&
+               m_reader.read(package_end + kMd5Size, static_cast<uint64_t>(m_signMd5Size), m_signMd5)
+                   .has_value();
     }
     if (m_fileSize < sizeof(m_md5))
         return true;
-    return m_reader.read(m_fileSize - sizeof(m_md5), sizeof(m_md5), m_md5, got);
+    return m_reader.read(m_fileSize - sizeof(m_md5), sizeof(m_md5), m_md5).has_value();
 }
 
 int CQZImage::load_boot_container() {
@@ -166,8 +166,7 @@ int CQZImage::load_boot_container() {
     std::unique_ptr<uint8_t[]> data(new (std::nothrow) uint8_t[available]());
     if (data == nullptr)
         return kNotRead;
-    uint64_t got = 0;
-    if (!m_reader.read(m_bootOffset, available, data.get(), got) || got != available)
+    if (m_reader.read(m_bootOffset, available, data.get()) != available)
         return kNotRead;
 
     m_bootObject = std::make_unique<CQZBoot>(data.release(), available);
@@ -187,11 +186,12 @@ void CQZImage::close_file() {
 bool CQZImage::GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer) {
     if (m_pFile == nullptr || dwOffset > m_fileSize || dwSize > m_fileSize - dwOffset)
         return false;
-    uint64_t got = 0;
-    const bool read = m_reader.read(dwOffset, dwSize, lpBuffer, got);
-    if ((!read || got != dwSize) && m_readError == 0)
-        m_readError = read ? EIO : errno;  // a file that became shorter is damaged as well
-    return read && got == dwSize;
+    const std::optional<uint64_t> got = m_reader.read(dwOffset, dwSize, lpBuffer);
+    if (got == dwSize)
+        return true;
+    if (m_readError == 0)
+        m_readError = got ? EIO : errno;  // a file that became shorter is damaged as well
+    return false;
 }
 
 uint8_t* CQZImage::ViewData(uint64_t dwOffset, uint32_t dwSize, uint64_t& held) {

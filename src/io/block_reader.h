@@ -3,19 +3,24 @@
 #include "byte_buffer.h"
 
 #include <cstdint>
+#include <optional>
 
-/// Reads pieces of an open file at given offsets through one large buffer, so that pages cost no system call
-/// each and a piece that starts where the last one ended is free of any seek.
+/// Reads pieces of an open file at given offsets through one large block, so that small pieces cost no system
+/// call each. Pieces of at least kBlockSize are read straight to where they are wanted.
 class BlockReader {
 public:
+    /// Large enough that a system call is a small part of its cost, small enough that the bytes are still in
+    /// the second-level cache when they are taken out.
+    static constexpr uint64_t kBlockSize = 256 * 1024;
+
     /// Reads from the file descriptor from now on; the caller keeps it open and closes it. Forgets all
     /// buffered bytes.
     void attach(int descriptor);
 
-    /// Copies up to size bytes at the byte offset to out and sets got to their count. Fewer than size means
-    /// that the file ends there. False when the file could not be read (errno tells why); nothing in out is
-    /// then meant.
-    bool read(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got);
+    /// Copies up to size bytes at the byte offset to out and returns their count. Fewer than size means that
+    /// the file ends there. Nothing when the file could not be read (errno tells why); out is then
+    /// unspecified.
+    std::optional<uint64_t> read(uint64_t offset, uint64_t size, uint8_t* out);
 
     /// Shows size bytes (up to kLargestView) at the byte offset where they lie in the reader's block, which
     /// stays as it is until the next call, and sets held to all bytes that lie there from the offset on; they
@@ -26,7 +31,7 @@ public:
 
 private:
     bool load_block(uint64_t position);
-    bool read_directly(uint64_t offset, uint64_t size, uint8_t* out, uint64_t& got) const;
+    std::optional<uint64_t> read_directly(uint64_t offset, uint64_t size, uint8_t* out) const;
 
     int m_descriptor = -1;
     ByteBuffer m_block;

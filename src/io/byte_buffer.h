@@ -7,21 +7,22 @@
 #include <memory>
 
 /// Zero-filled heap memory whose size comes from the command line or a checked file field.
-/// Memory that cannot be had leaves the buffer empty instead of throwing: the operation that needed it fails.
+/// An allocation that fails leaves the buffer empty instead of throwing: the operation that needed it fails.
 class ByteBuffer {
 public:
     ByteBuffer() = default;
 
-    /// size bytes of zeros; large ones cost no memory before they are touched. Check with has().
+    /// size bytes of zeros; large ones cost no memory before they are touched. False when there is no memory.
     explicit ByteBuffer(uint64_t size) { reset(size); }
 
     /// size bytes that all hold value.
     ByteBuffer(uint64_t size, uint8_t value) : ByteBuffer(size) {
-        if (value != 0 && has(size))
+        if (value != 0 && *this)
             std::memset(data(), value, static_cast<std::size_t>(size));
     }
 
-    /// Drops the content and holds size zero bytes instead; false when the memory cannot be had.
+    /// Drops the content and holds size zero bytes instead. False, with the buffer empty, when there is no
+    /// memory.
     bool reset(uint64_t size) {
         m_size = 0;
         m_data = nullptr;
@@ -36,8 +37,8 @@ public:
         return true;
     }
 
-    /// True when memory was had and it holds at least size bytes.
-    bool has(uint64_t size) const { return m_memory != nullptr && m_size >= size; }
+    /// True when the last allocation succeeded, of no bytes too.
+    explicit operator bool() const { return m_memory != nullptr; }
 
     uint8_t* data() { return m_data; }
     const uint8_t* data() const { return m_data; }

@@ -2,9 +2,9 @@
 
 #include <cerrno>
 
-/// Repeats a system call that a signal interrupted. An interruption is no failure, but one that comes back
-/// this often without any progress is not a signal: the call is then given up with EINTR, so that nothing
-/// hangs.
+/// Repeats a system call that a signal interrupted. An interruption is not a failure. One that comes back
+/// 1000 times without any progress does not come from a signal: the call then fails with EINTR, so that
+/// nothing hangs.
 template <typename Call>
 auto retry_interrupted(Call call) {
     constexpr int kMostInterruptions = 1000;

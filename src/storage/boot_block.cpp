@@ -137,7 +137,7 @@ int CStorage::write_idblock() {
     const uint64_t size = std::max({uint64_t{m_idb_total_sector} * kSectorSize, uint64_t{pages} * m_page_size,
                                     needed_sectors * kSectorSize});
     ByteBuffer block(size);
-    if (!block.has(size))
+    if (!block)
         return -5;
     if (const int result = create_idblock(block.data(), data_sectors, boot_sectors, data_size, boot_size);
         result != 0) {

@@ -145,9 +145,8 @@ void CStorage::create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID
 int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
     const uint32_t pages = page_count(kGptTableSectors, m_page_size_sector);
     print_line("writing gpt...");
-    const uint64_t size = std::max<uint64_t>(uint64_t{pages} * m_page_size, kGptTableSize);
-    ByteBuffer table(size);
-    if (!table.has(size))
+    ByteBuffer table(std::max<uint64_t>(uint64_t{pages} * m_page_size, kGptTableSize));
+    if (!table)
         return -4;
 
     const char* text = nullptr;

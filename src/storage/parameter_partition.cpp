@@ -10,11 +10,10 @@ bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
         return false;
 
     const uint64_t pages = page_count(m_uiParamFileSize, m_page_size);
-    ByteBuffer record(pages * m_page_size_sector * kSectorSize);
-    if (!record.has(m_uiParamFileSize))
+    ByteBuffer record(pages * m_page_size);
+    if (!record)
         return false;
-    // The position is a 32-bit sum: the boot loader's packer keeps the parameter in the first 4 GiB, and the
-    // large-item marks do not count here.
+    // A 32-bit sum: the large-item marks do not count here.
     const uint32_t position = m_update_image_ptr->FWOffset + entry.offset;
     if (!m_update_image_ptr->GetData(position, m_uiParamFileSize, record.data()))
         return false;
@@ -39,7 +38,7 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
         return -1;
     }
     ByteBuffer fill_page(m_page_size, m_fill_byte);
-    if (!fill_page.has(m_page_size))
+    if (!fill_page)
         return -2;
 
     for (uint32_t copy = 0; copy < copies; ++copy) {

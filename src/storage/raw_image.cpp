@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
     const std::string announcement = "writing " + item_name(entry) + "...";
@@ -17,12 +18,12 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
         return -1;
     }
     ByteBuffer page(m_page_size);
-    if (!page.has(m_page_size))
+    if (!page)
         return -3;
 
     Progress progress(announcement);
     for (uint32_t done = 0; done < data_pages;) {
-        if (m_fout.has_failed()) {  // nothing more reaches the file: on to the verdict
+        if (m_fout.buffer().has_failed()) {  // nothing more reaches the file: on to the verdict
             const uint64_t steps = progress.steps_until_change(done, pages);
             done += static_cast<uint32_t>(std::min<uint64_t>(steps, data_pages - done));
             progress.show(done, pages);
@@ -60,16 +61,16 @@ uint32_t CStorage::read_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t done, u
 uint32_t CStorage::room_for_pages(uint8_t*& first) {
     if (m_page_2k || m_type == FLASH_SLC_NAND)
         return 0;  // their pages are longer in the output than in the firmware
-    uint64_t room = 0;
-    first = m_fout.room(room);
-    return static_cast<uint32_t>(room / m_page_size);
+    const std::span<uint8_t> room = m_fout.buffer().room();
+    first = room.data();
+    return static_cast<uint32_t>(room.size() / m_page_size);
 }
 
 uint32_t CStorage::read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most,
                                        uint8_t*& first) {
     const uint32_t run = std::min(room_for_pages(first), most);
     const uint64_t size = uint64_t{run} * m_page_size;
-    if (size < kSmallestRunInPlace ||
+    if (size < BlockReader::kBlockSize ||
         !read_item_data(*m_update_image_ptr, entry, position, static_cast<uint32_t>(size), first))
         return 0;
     return run;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <utility>
 
 namespace {
@@ -110,7 +111,7 @@ void CSlcStorage::write_logical_fill_pages(uint64_t count) {
     if (count == 0)
         return;
     ByteBuffer page(m_page_size, m_fill_byte);
-    if (!page.has(m_page_size)) {
+    if (!page) {
         m_fout.give_up(ENOMEM);
         return;
     }
@@ -122,7 +123,7 @@ bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
         print_error_line("size of oob is not enough");
         return false;
     }
-    if (m_fout.has_failed())
+    if (m_fout.buffer().has_failed())
         return true;  // nothing more reaches the file: no use in encoding it
     if (!prepare_buffers()) {
         m_fout.give_up(ENOMEM);
@@ -170,9 +171,9 @@ void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
 /// The flash page of size bytes of data: where the output gathers its bytes, with those that are to come
 /// encoded behind it, or in m_flash_page where there is no room for it.
 const uint8_t* CSlcStorage::encoded_flash_page(const uint8_t* data, uint32_t size) {
-    uint64_t room = 0;
-    uint8_t* place = m_fout.room(room);
-    const uint64_t places = room / flash_page_size();
+    const std::span<uint8_t> room = m_fout.buffer().room();
+    uint8_t* place = room.data();
+    const uint64_t places = room.size() / flash_page_size();
     if (places == 0) {
         encode_flash_pages(data, size, 1, m_flash_page.data());
         return m_flash_page.data();

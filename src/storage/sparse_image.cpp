@@ -9,6 +9,8 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <optional>
+#include <span>
 #include <unistd.h>
 
 namespace {
@@ -121,14 +123,13 @@ int SparseExpander::expand_raw(const chunk_header_t& chunk) {
 /// Reads many pages of raw data at once to where the temporary file gathers its bytes and sets run and bytes
 /// to them; leaves both as they are where that is not worth it or not possible.
 void SparseExpander::read_raw_in_place(uint64_t left, uint64_t& run, uint8_t*& bytes) {
-    uint64_t room = 0;
-    uint8_t* place = m_target.room(room);
-    const uint64_t size = std::min(left, room) / m_page.size() * m_page.size();
-    if (size < kSmallestRunInPlace || !takes(size) ||
-        !m_source(m_position, static_cast<uint32_t>(size), place))
+    const std::span<uint8_t> room = m_target.buffer().room();
+    const uint64_t size = std::min<uint64_t>(left, room.size()) / m_page.size() * m_page.size();
+    if (size < BlockReader::kBlockSize || !takes(size) ||
+        !m_source(m_position, static_cast<uint32_t>(size), room.data()))
         return;
     run = size;
-    bytes = place;
+    bytes = room.data();
 }
 
 int SparseExpander::expand_fill(const chunk_header_t& chunk) {
@@ -150,7 +151,8 @@ void SparseExpander::expand_pattern(uint64_t length) {
     const uint64_t page_size = m_page.size();
     while (length >= page_size && takes(page_size)) {
         uint64_t pieces = 1;
-        if (m_target.has_failed()) {  // nothing more reaches the file: on from one progress line to the next
+        if (m_target.buffer().has_failed()) {
+            // Nothing more reaches the file: on from one progress line to the next.
             const uint64_t steps = m_progress.steps_until_change(m_written, m_expanded_size);
             pieces = std::clamp<uint64_t>((steps + page_size - 1) / page_size, 1,
                                           std::min(length, m_limit - m_written) / page_size);
@@ -171,7 +173,7 @@ void SparseExpander::expand_pattern(uint64_t length) {
 bool SparseExpander::takes(uint64_t piece) const {
     const uint64_t end = saturating_sum(m_written, piece);
     return end <= m_limit &&
-           !(m_target.has_failed() && end > saturating_sum(m_expanded_size, kLargestExcess));
+           !(m_target.buffer().has_failed() && end > saturating_sum(m_expanded_size, kLargestExcess));
 }
 
 /// Appends the next piece, unless they go beyond the limit.
@@ -219,19 +221,19 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
 
     const std::string path = path_in_output("unsparse_tmp.bin");
     OutputFile expanded(&m_write_failure);
-    expanded.protect(m_update_image_ptr->GetIdentity());
-    expanded.protect(m_fout.identity());
-    expanded.keep_zero_bytes();
+    expanded.file().protect(m_update_image_ptr->GetIdentity());
+    expanded.file().protect(m_fout.file().identity());
+    expanded.file().keep_zero_bytes();
     expanded.open(path,
                   std::ios_base::in | std::ios_base::out | std::ios_base::binary | std::ios_base::trunc);
     if (!expanded.is_open()) {
         print_line("failed to create " + path + error_suffix(errno));
         return -3;
     }
-    if (m_fout.has_failed())
+    if (m_fout.buffer().has_failed())
         expanded.give_up(EIO);  // the pages have nowhere to go
     ByteBuffer page(m_page_size);
-    if (!page.has(m_page_size))
+    if (!page)
         return -7;
 
     print_line("extracting " + name + "...");
@@ -262,24 +264,23 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
 void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path, uint32_t data_pages,
                                    uint32_t pages, ByteBuffer& page, Progress& progress) {
     BlockReader reader;
-    reader.attach(expanded.descriptor());
+    reader.attach(expanded.file().descriptor());
     uint32_t done = 0;
-    while (done < data_pages && !expanded.has_failed() && !m_fout.has_failed()) {
+    while (done < data_pages && !expanded.buffer().has_failed() && !m_fout.buffer().has_failed()) {
         uint8_t* first = nullptr;
         uint32_t run = std::min(room_for_pages(first), data_pages - done);
-        if (uint64_t{run} * m_page_size < kSmallestRunInPlace) {
+        if (uint64_t{run} * m_page_size < BlockReader::kBlockSize) {
             run = 1;
             first = page.data();
         }
         const uint64_t size = uint64_t{run} * m_page_size;
-        uint64_t got = 0;
-        const bool read = reader.read(uint64_t{done} * m_page_size, size, first, got);
-        if (!read || got != size) {
-            m_write_failure.note(path, read ? EIO : errno);
+        const std::optional<uint64_t> got = reader.read(uint64_t{done} * m_page_size, size, first);
+        if (got != size) {
+            m_write_failure.note(path, got ? EIO : errno);
             break;
         }
         write_pages(first, run, done, pages, progress);
-        expanded.release_before(uint64_t{done} * m_page_size);
+        expanded.file().release_before(uint64_t{done} * m_page_size);
     }
     // What could not be taken from the temporary file is filled: the run ends in failure anyway.
     write_partition_rest(page.data(), done, pages, progress);

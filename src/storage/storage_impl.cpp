@@ -138,7 +138,7 @@ bool CStorage::storage_init() {
         print_line("failed to load firmware" + result_suffix(1));  // the fact, not the reader's code
         return false;
     }
-    m_fout.protect(m_update_image_ptr->GetIdentity());
+    m_fout.file().protect(m_update_image_ptr->GetIdentity());
     if ((m_type == FLASH_EMMC || m_type == FLASH_NOR) && !switch_output("out_image.img"))
         return false;
     m_init_ok = true;
@@ -231,17 +231,17 @@ bool CStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
 }
 
 bool CStorage::fill_output_file(uint64_t offset) {
-    if (!m_fout.is_open() || m_fout.has_failed())
+    if (!m_fout.is_open() || m_fout.buffer().has_failed())
         return true;  // a failure that was kept; the verdict will say so
     m_fout.seekp(0, std::ios_base::end);
-    const auto size = static_cast<uint64_t>(std::streamoff{m_fout.tellp()});
+    const uint64_t size = m_fout.buffer().size();
     if (size >= offset) {
         m_fout.seekp(static_cast<std::streamoff>(offset));
         return true;
     }
 
     ByteBuffer page(m_page_size, m_fill_byte);
-    if (!page.has(m_page_size))
+    if (!page)
         return false;
     uint64_t missing = offset - size;
     if (missing >= m_page_size) {
@@ -259,14 +259,14 @@ bool CStorage::fill_output_file(uint64_t offset) {
 }
 
 bool CStorage::align_to_block() {
-    if (!m_fout.is_open() || m_fout.has_failed())
+    if (!m_fout.is_open() || m_fout.buffer().has_failed())
         return true;
     m_fout.seekp(0, std::ios_base::end);
-    const uint64_t excess = static_cast<uint64_t>(std::streamoff{m_fout.tellp()}) % m_block_size;
+    const uint64_t excess = m_fout.buffer().size() % m_block_size;
     if (excess == 0)
         return true;
     ByteBuffer page(m_page_size, m_fill_byte);
-    if (!page.has(m_page_size)) {
+    if (!page) {
         m_fout.give_up(ENOMEM);
         return false;
     }
@@ -294,18 +294,18 @@ void CStorage::write_page_per_2k(const uint8_t* data) {
 void CStorage::write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length) {
     const uint64_t slices = (uint64_t{m_page_size} + kDataPerPage2k - 1) / kDataPerPage2k;
     const uint64_t page_bytes = m_page_2k ? slices * m_page_size : length;
-    for (uint64_t written = 0; written < count && !m_fout.has_failed(); ++written) {
+    for (uint64_t written = 0; written < count && !m_fout.buffer().has_failed(); ++written) {
         if (m_padding_by_pages >= kPaddingByPages) {
             m_fout.write_fill(m_fill_byte, count - written, page_bytes);
             return;
         }
         if (m_dropped_padding >= kPaddingByPages)
             return;
-        const uint64_t before = m_fout.position();
+        const uint64_t before = m_fout.buffer().position();
         // A class whose pages are not just their data gets all of them one by one.
         if (!write_page(fill_page, length))
             m_dropped_padding += page_bytes;
-        else if (m_fout.position() - before == page_bytes)
+        else if (m_fout.buffer().position() - before == page_bytes)
             m_padding_by_pages += page_bytes;
     }
 }

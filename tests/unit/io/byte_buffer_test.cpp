@@ -29,13 +29,12 @@ TEST(ByteBuffer, HoldsNothingAtFirst) {
     ByteBuffer buffer;
     EXPECT_EQ(buffer.data(), nullptr);
     EXPECT_EQ(buffer.size(), 0U);
-    EXPECT_FALSE(buffer.has(0));
-    EXPECT_FALSE(buffer.has(1));
+    EXPECT_FALSE(buffer);
 }
 
 TEST(ByteBuffer, StartsWithZeros) {
     const ByteBuffer buffer(5000);
-    ASSERT_TRUE(buffer.has(5000));
+    ASSERT_TRUE(buffer);
     EXPECT_EQ(buffer.size(), 5000U);
     EXPECT_TRUE(all_bytes_are(buffer, 0));
 }
@@ -43,22 +42,14 @@ TEST(ByteBuffer, StartsWithZeros) {
 TEST(ByteBuffer, StartsWithTheFillValue) {
     for (const int value : {0x00, 0x01, 0xFF}) {
         const ByteBuffer buffer(4097, static_cast<uint8_t>(value));
-        ASSERT_TRUE(buffer.has(4097));
+        ASSERT_TRUE(buffer);
         EXPECT_TRUE(all_bytes_are(buffer, static_cast<uint8_t>(value))) << value;
     }
 }
 
-TEST(ByteBuffer, HasItsSizeAndNoByteMore) {
-    const ByteBuffer buffer(16);
-    EXPECT_TRUE(buffer.has(0));
-    EXPECT_TRUE(buffer.has(16));
-    EXPECT_FALSE(buffer.has(17));
-}
-
 TEST(ByteBuffer, OfSizeZeroIsThere) {
     const ByteBuffer buffer(0, 0xFF);
-    EXPECT_TRUE(buffer.has(0));
-    EXPECT_FALSE(buffer.has(1));
+    EXPECT_TRUE(buffer);
     EXPECT_EQ(buffer.size(), 0U);
 }
 
@@ -67,8 +58,7 @@ TEST(ByteBuffer, ResetDropsTheContent) {
     ASSERT_TRUE(buffer.reset(100));
     EXPECT_TRUE(all_bytes_are(buffer, 0));
     ASSERT_TRUE(buffer.reset(10));
-    EXPECT_TRUE(buffer.has(10));
-    EXPECT_FALSE(buffer.has(11));
+    EXPECT_EQ(buffer.size(), 10U);
 }
 
 TEST(ByteBuffer, MovesItsBytes) {
@@ -76,7 +66,7 @@ TEST(ByteBuffer, MovesItsBytes) {
     const uint8_t* bytes = first.data();
     const ByteBuffer second(std::move(first));
     EXPECT_EQ(second.data(), bytes);
-    EXPECT_TRUE(second.has(64));
+    EXPECT_EQ(second.size(), 64U);
     EXPECT_TRUE(all_bytes_are(second, 0x5A));
 }
 
@@ -86,7 +76,7 @@ TEST(ByteBuffer, WithoutMemoryIsEmptyInsteadOfThrowing) {
 #endif
     for (const uint64_t size : {uint64_t{kBeyondMemory}, uint64_t{kLargestSize}}) {
         ByteBuffer buffer(size, 0xFF);
-        EXPECT_FALSE(buffer.has(0)) << size;
+        EXPECT_FALSE(buffer) << size;
         EXPECT_EQ(buffer.data(), nullptr);
         EXPECT_EQ(buffer.size(), 0U);
     }
@@ -98,10 +88,10 @@ TEST(ByteBuffer, LosesItsContentInAResetThatFails) {
 #endif
     ByteBuffer buffer(100, 0xEE);
     EXPECT_FALSE(buffer.reset(kLargestSize));
-    EXPECT_FALSE(buffer.has(0));
+    EXPECT_FALSE(buffer);
     EXPECT_EQ(buffer.size(), 0U);
     EXPECT_TRUE(buffer.reset(3));
-    EXPECT_TRUE(buffer.has(3));
+    EXPECT_EQ(buffer.size(), 3U);
 }
 
 }  // namespace

@@ -79,26 +79,26 @@ TEST_F(OutputFileTest, FailedWriteIsToldFromAFailedSeek) {
     m_file.open(path());
     m_file.seekp(-1);
     EXPECT_TRUE(m_file.fail());
-    EXPECT_FALSE(m_file.has_failed());
+    EXPECT_FALSE(m_file.buffer().has_failed());
     m_file.clear();
     m_file.write("abc", 3);
     m_file.setstate(std::ios_base::failbit);
-    EXPECT_EQ(m_file.position(), 3U) << "whatever the state";
+    EXPECT_EQ(m_file.buffer().position(), 3U) << "whatever the state";
     m_file.give_up(EIO);
-    EXPECT_TRUE(m_file.has_failed());
+    EXPECT_TRUE(m_file.buffer().has_failed());
     m_file.close();
-    EXPECT_TRUE(m_file.has_failed());
+    EXPECT_TRUE(m_file.buffer().has_failed());
     m_file.open(path());
-    EXPECT_FALSE(m_file.has_failed());
+    EXPECT_FALSE(m_file.buffer().has_failed());
 }
 
 TEST_F(OutputFileTest, IdentityIsThatOfTheOpenFile) {
     struct stat status {};
     m_file.open(path());
     ASSERT_EQ(::stat(path().c_str(), &status), 0);
-    EXPECT_TRUE(m_file.identity().is(status));
+    EXPECT_TRUE(m_file.file().identity().is(status));
     m_file.close();
-    EXPECT_FALSE(m_file.identity().is(status));
+    EXPECT_FALSE(m_file.file().identity().is(status));
 }
 
 TEST_F(OutputFileTest, OpeningAnotherFileStartsAfreshButTheFirstFailureStays) {
@@ -150,7 +150,7 @@ TEST_F(OutputFileTest, ErrorOfTheCloseItselfIsKept) {
     m_file.open(path());
     m_file.write("abc", 3);
     m_file.flush();
-    ::close(m_file.descriptor());  // the next close fails with EBADF
+    ::close(m_file.file().descriptor());  // the next close fails with EBADF
     m_file.close();
     EXPECT_TRUE(m_file.fail());
     EXPECT_EQ(m_failure.path, path());

@@ -86,7 +86,7 @@ TEST_F(OutputFileTest, OnlyZerosBecomeHoles) {
 }
 
 TEST_F(OutputFileTest, KeptZeroBytesAreWrittenOut) {
-    m_file.keep_zero_bytes();
+    m_file.file().keep_zero_bytes();
     m_file.open(path(), in_out | std::ios_base::trunc);
     put(m_file, Bytes(2 << 20, 0));
     m_file.write_fill(0, 2, 1 << 20);
@@ -159,12 +159,12 @@ TEST_F(OutputFileTest, ReleasedBytesTakeNoRoomAndTheRestStays) {
     m_file.open(path());
     put(m_file, data);
     m_file.flush();
-    m_file.release_before(step - 1);  // only whole steps go
+    m_file.file().release_before(step - 1);  // only whole steps go
     EXPECT_TRUE(same_bytes(read_file(path()), data));
     EXPECT_GE(allocated(), data.size());
-    m_file.release_before(2 * step + 4096);
+    m_file.file().release_before(2 * step + 4096);
     EXPECT_LE(allocated(), uint64_t{65536});
-    m_file.release_before(step);  // gone before
+    m_file.file().release_before(step);  // gone before
     m_file.write("tail", 4);
     m_file.close();
     Bytes expected(2 * step, 0);
@@ -175,10 +175,10 @@ TEST_F(OutputFileTest, ReleasedBytesTakeNoRoomAndTheRestStays) {
 
 TEST_F(OutputFileTest, ReleaseOfAnotherKindOfFileIsNothing) {
     m_file.open("/dev/null");
-    m_file.release_before(uint64_t{1} << 40);
-    EXPECT_FALSE(m_file.has_failed());
+    m_file.file().release_before(uint64_t{1} << 40);
+    EXPECT_FALSE(m_file.buffer().has_failed());
     m_file.close();
-    m_file.release_before(uint64_t{1} << 40);
+    m_file.file().release_before(uint64_t{1} << 40);
     EXPECT_EQ(m_failure.error, 0);
 }
 

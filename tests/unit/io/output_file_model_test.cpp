@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <random>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -123,13 +124,12 @@ public:
 
     // Puts bytes where the file gathers them and writes a part of them from there.
     void write_in_place() {
-        uint64_t size = 0;
-        uint8_t* room = m_file.room(size);
-        ASSERT_NE(room, nullptr);
-        const Bytes data = m_dice.bytes(std::min(size, m_dice.length()));
-        std::copy(data.begin(), data.end(), room);
+        const std::span<uint8_t> room = m_file.buffer().room();
+        ASSERT_FALSE(room.empty());
+        const Bytes data = m_dice.bytes(std::min<uint64_t>(room.size(), m_dice.length()));
+        std::copy(data.begin(), data.end(), room.begin());
         const uint64_t used = m_dice.below(3) == 0 ? m_dice.below(data.size() + 1) : data.size();
-        m_file.write(reinterpret_cast<const char*>(room), static_cast<std::streamsize>(used));
+        m_file.write(reinterpret_cast<const char*>(room.data()), static_cast<std::streamsize>(used));
         m_model.write(slice(data, 0, static_cast<std::size_t>(used)));
     }
 
@@ -229,7 +229,7 @@ TEST_F(OutputFileModelTest, RegularFileEqualsItsModel) {
 }
 
 TEST_F(OutputFileModelTest, FileWithKeptZeroBytesEqualsItsModelAndHasNoHoles) {
-    m_file.keep_zero_bytes();
+    m_file.file().keep_zero_bytes();
     for (uint32_t seed = 0; seed < 500 && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         run(m_file, 10000 + seed);
@@ -239,7 +239,7 @@ TEST_F(OutputFileModelTest, FileWithKeptZeroBytesEqualsItsModelAndHasNoHoles) {
 
 // Appending alone: what was not seeked over is there as bytes.
 TEST_F(OutputFileModelTest, AppendedZeroBytesAreOnTheDiskWhenKept) {
-    m_file.keep_zero_bytes();
+    m_file.file().keep_zero_bytes();
     for (uint32_t seed = 0; seed < 100 && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         Pair pair(m_file, 20000 + seed);

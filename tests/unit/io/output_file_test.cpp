@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,7 +24,7 @@ using namespace test_support;
 TEST_F(OutputFileTest, IsClosedAndGoodAtFirst) {
     EXPECT_FALSE(m_file.is_open());
     EXPECT_TRUE(m_file.good());
-    EXPECT_EQ(m_file.descriptor(), -1);
+    EXPECT_EQ(m_file.file().descriptor(), -1);
 }
 
 TEST_F(OutputFileTest, OpenTruncatesByDefault) {
@@ -50,7 +51,7 @@ TEST_F(OutputFileTest, OpenForReadingTooKeepsTheContentUnlessTruncated) {
     m_file.write("new", 3);
     m_file.flush();
     char text[3] = {};
-    EXPECT_EQ(::pread(m_file.descriptor(), text, sizeof(text), 0), 3);
+    EXPECT_EQ(::pread(m_file.file().descriptor(), text, sizeof(text), 0), 3);
     EXPECT_EQ(std::string(text, 3), "new");
     m_file.close();
     EXPECT_EQ(to_text(read_file(path())), "new");
@@ -87,7 +88,7 @@ TEST_F(OutputFileTest, NewFileHasTheUsualPermissions) {
 
 TEST_F(OutputFileTest, DescriptorIsNotHandedToOtherPrograms) {
     m_file.open(path());
-    EXPECT_NE(::fcntl(m_file.descriptor(), F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(::fcntl(m_file.file().descriptor(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
 TEST_F(OutputFileTest, FailedOpenSetsErrno) {
@@ -143,7 +144,7 @@ TEST_F(OutputFileTest, ProtectedFileIsNeverOpenedByAnyOfItsNames) {
     std::filesystem::create_directory(path("sub"));
     struct stat status {};
     ASSERT_EQ(::stat(path("firmware").c_str(), &status), 0);
-    m_file.protect(FileIdentity(status));
+    m_file.file().protect(FileIdentity(status));
 
     for (const char* name : {"firmware", "hard", "soft", "softer", "./firmware", "sub/../firmware"}) {
         expect_open_fails_with(m_file, path(name), EBUSY);
@@ -156,13 +157,13 @@ TEST_F(OutputFileTest, ProtectedFileIsNeverOpenedByAnyOfItsNames) {
     EXPECT_TRUE(m_file.good());
 
     // One more protected file does not free the first.
-    m_file.protect(m_file.identity());
+    m_file.file().protect(m_file.file().identity());
     expect_open_fails_with(m_file, path("firmware"), EBUSY);
     expect_open_fails_with(m_file, path("other"), EBUSY);
 }
 
 TEST_F(OutputFileTest, ProtectingNothingForbidsNothing) {
-    m_file.protect(FileIdentity());
+    m_file.file().protect(FileIdentity());
     m_file.open(path());
     EXPECT_TRUE(m_file.is_open());
 }
@@ -296,19 +297,16 @@ TEST_F(OutputFileTest, BlocksEndAtMultiplesOfTheirSize) {
 TEST_F(OutputFileTest, RoomTakesBytesWithoutACopy) {
     m_file.open(path());
     m_file.write("abc", 3);
-    uint64_t size = 0;
-    uint8_t* room = m_file.room(size);
-    ASSERT_NE(room, nullptr);
-    EXPECT_EQ(size, largest_block - 3);
-    const Bytes data = patterned(static_cast<std::size_t>(size), 5);
-    std::copy(data.begin(), data.end(), room);
+    const std::span<uint8_t> room = m_file.buffer().room();
+    ASSERT_EQ(room.size(), largest_block - 3);
+    const Bytes data = patterned(room.size(), 5);
+    std::copy(data.begin(), data.end(), room.begin());
     EXPECT_EQ(m_file.tellp(), 3) << "nothing is written yet";
-    m_file.write(reinterpret_cast<const char*>(room), 1000);
-    m_file.write(reinterpret_cast<const char*>(room) + 1000, static_cast<std::streamsize>(size) - 1000);
+    m_file.write(reinterpret_cast<const char*>(room.data()), 1000);
+    m_file.write(reinterpret_cast<const char*>(room.data()) + 1000,
+                 static_cast<std::streamsize>(room.size()) - 1000);
     EXPECT_EQ(m_file.tellp(), static_cast<std::streamoff>(largest_block));
-    room = m_file.room(size);
-    ASSERT_NE(room, nullptr);
-    EXPECT_EQ(size, largest_block) << "a fresh block";
+    EXPECT_EQ(m_file.buffer().room().size(), largest_block) << "a fresh block";
     m_file.close();
     Bytes expected = to_bytes("abc");
     put_bytes(expected, data);
@@ -318,24 +316,19 @@ TEST_F(OutputFileTest, RoomTakesBytesWithoutACopy) {
 TEST_F(OutputFileTest, RoomThatIsNotUsedChangesNothing) {
     m_file.open(path());
     m_file.write("abc", 3);
-    uint64_t size = 0;
-    uint8_t* room = m_file.room(size);
-    ASSERT_NE(room, nullptr);
-    std::fill_n(room, 100, uint8_t{0xEE});
+    const std::span<uint8_t> room = m_file.buffer().room();
+    ASSERT_GE(room.size(), 100U);
+    std::fill_n(room.begin(), 100, uint8_t{0xEE});
     m_file.write("def", 3);
     m_file.close();
     EXPECT_EQ(to_text(read_file(path())), "abcdef");
 }
 
 TEST_F(OutputFileTest, ClosedOrFailedFileHasNoRoom) {
-    uint64_t size = 7;
-    EXPECT_EQ(m_file.room(size), nullptr);
-    EXPECT_EQ(size, 0U);
+    EXPECT_TRUE(m_file.buffer().room().empty());
     m_file.open(path());
     m_file.give_up(EIO);
-    size = 7;
-    EXPECT_EQ(m_file.room(size), nullptr);
-    EXPECT_EQ(size, 0U);
+    EXPECT_TRUE(m_file.buffer().room().empty());
 }
 
 }  // namespace

@@ -119,8 +119,7 @@ TEST_F(SlcPagesTogether, EndBeforeAFillPageAndWhereTheOutputHasNoRoom) {
     const Bytes data = patterned(std::size_t{2} * 2048, 1);
     EXPECT_EQ(codewords_at_the_first_page(*storage, data + Bytes(2048, 0) + data), 4U);
 
-    uint64_t room = 0;
-    for (storage->m_fout.room(room); room / 2112 != 3; storage->m_fout.room(room))
+    while (storage->m_fout.buffer().room().size() / 2112 != 3)
         write(*storage, Bytes(2048, 0));
     EXPECT_EQ(codewords_at_the_first_page(*storage, data + data), 6U);
 }

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "byte_buffer.h"
+#include "output_receiver.h"
+
+#include <cstdint>
+#include <ios>
+#include <span>
+#include <streambuf>
+#include <string>
+
+/// The first failure of any output file of a run: which file, and the errno of what failed.
+struct WriteFailure {
+    std::string path;
+    int error = 0;  ///< 0: nothing has failed
+
+    /// Keeps path and error when they are the first.
+    void note(const std::string& failed_path, int failed_error);
+};
+
+/// Gathers the bytes of an output into blocks and hands each block to a receiver at once. Keeps the first
+/// error, and knows position and size itself. Long runs of zeros (64 KB at multiples of it, or up to the end
+/// of a block) are handed over as zeros where the receiver takes them.
+class OutputBuffer : public std::streambuf {
+public:
+    /// Bytes of a block. Measured: the kernel puts larger writes into larger pages of its cache; twice this
+    /// no longer stays in the processor's second-level cache.
+    static constexpr uint64_t kBlockSize = 1024 * 1024;
+
+    /// The smallest run of zeros inside a block that is left out: with less, a file of alternating pages
+    /// would cost more system calls than bytes saved.
+    static constexpr uint64_t kHoleSize = 64 * 1024;
+
+    /// receiver outlives the buffer; so does failure, which takes the first error when it is given.
+    explicit OutputBuffer(OutputReceiver& receiver, WriteFailure* failure = nullptr)
+        : m_receiver(receiver), m_failure(failure) {}
+    ~OutputBuffer() override;
+    OutputBuffer(const OutputBuffer&) = delete;
+    OutputBuffer& operator=(const OutputBuffer&) = delete;
+
+    /// Closes what is open and starts the output named path. False, with errno set, when the receiver refuses
+    /// it or there is no memory for a block.
+    bool open(const std::string& path, OutputReceiver::OpenMode mode);
+    /// True from a successful open to the next close.
+    bool is_open() const { return m_open; }
+    /// flush, then closes. False when any of it failed or nothing was open.
+    bool close();
+
+    /// Where the next byte goes, in bytes from the start of the output.
+    uint64_t position() const { return m_block_offset + m_block_used; }
+    /// Length in bytes with everything that was appended, handed over or not.
+    uint64_t size() const { return m_size; }
+    /// True when something failed for the output opened last.
+    bool has_failed() const { return m_error != 0; }
+    /// Gives the output up with this error, as if handing bytes over had failed with it.
+    void fail(int error);
+
+    /// Where the next bytes are gathered. Bytes that are put there and then written from there are not copied
+    /// again. Empty when nothing is open or the output has failed.
+    std::span<uint8_t> room();
+    /// Writes count bytes of value at the position, without taking them from memory. False when that failed.
+    bool append_fill(uint8_t value, uint64_t count);
+    /// Hands everything over. False when anything has failed so far.
+    bool flush();
+
+protected:
+    int_type overflow(int_type character) override;
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+    pos_type seekoff(off_type offset, std::ios_base::seekdir origin, std::ios_base::openmode which) override;
+    pos_type seekpos(pos_type position, std::ios_base::openmode which) override;
+    int sync() override;
+
+private:
+    bool takes(uint64_t count);
+    uint64_t block_capacity() const;
+    bool append(const uint8_t* bytes, uint64_t count);
+    bool move_to(uint64_t position);
+    bool flush_block();
+    bool hand_over(uint64_t offset, const uint8_t* bytes, uint64_t count);
+    bool succeeds(int error);
+
+    OutputReceiver& m_receiver;
+    WriteFailure* m_failure;
+    std::string m_path;
+    bool m_open = false;
+    int m_error = 0;
+    ByteBuffer m_block;  // bytes of [m_block_offset, m_block_offset + m_block_used), not yet handed over
+    uint64_t m_block_offset = 0;
+    uint64_t m_block_used = 0;
+    uint64_t m_size = 0;
+};

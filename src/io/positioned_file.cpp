@@ -1,0 +1,148 @@
+#include "positioned_file.h"
+
+#include "retry.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Less is not worth a call of its own.
+[[maybe_unused]] constexpr uint64_t kSmallestReserve = 256 * 1024;
+
+// Large enough that the calls do not count, small enough that what is released is soon needed again.
+[[maybe_unused]] constexpr uint64_t kReleaseStep = 16 * 1024 * 1024;
+
+}  // namespace
+
+PositionedFile::~PositionedFile() {
+    if (is_open())
+        close();
+}
+
+bool PositionedFile::is_protected(const struct stat& status) const {
+    return std::any_of(m_protected.begin(), m_protected.end(),
+                       [&](const FileIdentity& identity) { return identity.is(status); });
+}
+
+int PositionedFile::open(const std::string& path, OpenMode mode, uint64_t& size) {
+    m_reserves = m_releases = true;
+    m_written_end = m_sequential = m_released = 0;
+    struct stat status {};
+    if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) == 0 && is_protected(status))
+        return EBUSY;
+    const int access = mode.readable ? O_RDWR : O_WRONLY;
+    m_descriptor =
+        retry_interrupted([&] { return ::open(path.c_str(), access | O_CREAT | O_CLOEXEC, 0666); });
+    if (m_descriptor < 0)
+        return errno;
+    int error = 0;
+    if (retry_interrupted([&] { return ::fstat(m_descriptor, &status); }) != 0)
+        error = errno;
+    else
+        error = take_over(status, mode, size);
+    if (error != 0) {
+        ::close(m_descriptor);
+        m_descriptor = -1;
+    }
+    return error;
+}
+
+/// Makes the file that was really opened the output; it is truncated only now that it is known.
+int PositionedFile::take_over(const struct stat& status, OpenMode mode, uint64_t& size) {
+    if (is_protected(status))
+        return EBUSY;
+    if (mode.readable && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode)))
+        return ESPIPE;
+    m_regular = S_ISREG(status.st_mode);
+    m_identity = FileIdentity(status);
+    const bool has_content = m_regular && status.st_size != 0;
+    if (has_content && mode.truncate && retry_interrupted([&] { return ::ftruncate(m_descriptor, 0); }) != 0)
+        return errno;
+    if (has_content && !mode.truncate)
+        m_written_end = static_cast<uint64_t>(status.st_size);
+    size = m_written_end;
+    return 0;
+}
+
+/// Has the file system find space for bytes that are about to be written, all at once: that costs it far less
+/// than page after page. Where it cannot, the write says so.
+void PositionedFile::reserve(uint64_t offset, uint64_t count) {
+#if defined(__linux__)
+    if (m_reserves && m_regular && count >= kSmallestReserve)
+        m_reserves = ::fallocate(m_descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                                 static_cast<off_t>(count)) == 0;
+#else
+    static_cast<void>(offset);
+    static_cast<void>(count);
+#endif
+}
+
+void PositionedFile::release_before(uint64_t offset) {
+#if defined(__linux__)
+    const uint64_t end = offset - offset % kReleaseStep;
+    if (!m_releases || !m_regular || !is_open() || end <= m_released)
+        return;
+    m_releases = ::fallocate(m_descriptor, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                             static_cast<off_t>(m_released), static_cast<off_t>(end - m_released)) == 0;
+    m_released = end;
+#else
+    static_cast<void>(offset);
+#endif
+}
+
+int PositionedFile::move_to(uint64_t offset) {
+    if (m_regular || offset == m_sequential)
+        return 0;
+    if (retry_interrupted([&] { return ::lseek(m_descriptor, static_cast<off_t>(offset), SEEK_SET); }) < 0)
+        return errno;
+    m_sequential = offset;
+    return 0;
+}
+
+int PositionedFile::bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) {
+    if (count == 0)
+        return 0;
+    reserve(offset, count);
+    if (const int error = move_to(offset); error != 0)
+        return error;
+    while (count != 0) {
+        const ssize_t written = retry_interrupted([&] {
+            return m_regular ? ::pwrite(m_descriptor, bytes, count, static_cast<off_t>(offset))
+                             : ::write(m_descriptor, bytes, count);
+        });
+        if (written <= 0)
+            return written == 0 ? EIO : errno;
+        offset += static_cast<uint64_t>(written);
+        bytes += written;
+        count -= static_cast<uint64_t>(written);
+        m_written_end = std::max(m_written_end, offset);
+        m_sequential = offset;
+    }
+    return 0;
+}
+
+int PositionedFile::zeros(uint64_t /*offset*/, uint64_t /*count*/) {
+    return 0;  // a hole, once something is written after it
+}
+
+uint64_t PositionedFile::zeros_from() const {
+    return m_regular && m_holes_allowed ? m_written_end : kNoZeros;
+}
+
+int PositionedFile::end(uint64_t size) {
+    // A file that ends in a hole gets its length from its last byte: that works on every file system.
+    const uint8_t zero = 0;
+    return !m_regular || size <= m_written_end ? 0 : bytes(size - 1, &zero, 1);
+}
+
+int PositionedFile::close() {
+    // An interrupted close has closed the descriptor.
+    const int error = ::close(m_descriptor) != 0 && errno != EINTR ? errno : 0;
+    m_descriptor = -1;
+    m_identity = FileIdentity();
+    return error;
+}
