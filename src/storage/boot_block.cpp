@@ -81,19 +81,19 @@ int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t
                              uint32_t flash_data_size, uint32_t flash_boot_size) {
     CQZBoot* boot = m_update_image_ptr->GetBootObject();
     if (boot == nullptr)
-        return -1;
+        return kFlashBootAbsent;
     const uint8_t flash_boot_index = loader_index(*boot, kFlashBoot);
     if (flash_boot_index == kAbsent)
-        return -1;
+        return kFlashBootAbsent;
     const auto flash_boot = stage_bytes(*boot, flash_boot_index, flash_boot_size);
     if (!flash_boot)
-        return -2;
+        return kFlashBootUnreadable;
     const uint8_t flash_data_index = loader_index(*boot, kFlashData);
     if (flash_data_index == kAbsent)
-        return -3;
+        return kFlashDataAbsent;
     const auto flash_data = stage_bytes(*boot, flash_data_index, flash_data_size);
     if (!flash_data)
-        return -4;
+        return kFlashDataUnreadable;
 
     make_idb_sector0(buf, flash_data_sectors, flash_boot_sectors);
     make_idb_sector1(buf + kSectorSize);
@@ -107,7 +107,7 @@ int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t
     rc4(buf, kSectorSize);  // sector 1 stays plain
     rc4(buf + 2 * kSectorSize, kSectorSize);
     rc4(buf + 3 * kSectorSize, kSectorSize);
-    return 0;
+    return kDone;
 }
 
 uint32_t CStorage::compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors) {
@@ -120,15 +120,15 @@ int CStorage::write_idblock() {
     uint16_t boot_sectors = 0;
     uint32_t boot_size = 0;
     if (!get_loader_size_from_name(kFlashBoot, boot_sectors, boot_size))
-        return -1;
+        return kFlashBootSizeUnknown;
     uint16_t data_sectors = 0;
     uint32_t data_size = 0;
     if (!get_loader_size_from_name(kFlashData, data_sectors, data_size))
-        return -2;
+        return kFlashDataSizeUnknown;
 
     m_idb_total_sector = compute_idb_total_sector(data_sectors, boot_sectors);
     if (!prepare_write_idblock())
-        return -3;
+        return kIdblockNotPrepared;
 
     // Whole pages are written: the last one is filled up with zeros where a block is not a multiple of a
     // page.
@@ -138,21 +138,21 @@ int CStorage::write_idblock() {
                                     needed_sectors * kSectorSize});
     ByteBuffer block(size);
     if (!block)
-        return -5;
+        return kNoIdblockMemory;
     if (const int result = create_idblock(block.data(), data_sectors, boot_sectors, data_size, boot_size);
-        result != 0) {
+        result != kDone) {
         print_line("Failed to create idblock" + result_suffix(result));
-        return -4;
+        return kIdblockNotCreated;
     }
 
     const uint32_t starts[] = {m_idb_start_sector, m_idb_second_start_sector};
     const int copies = m_idb_copy > 1 ? 2 : 1;  // never more than two, whatever the count says
     for (int copy = 0; copy < copies; ++copy) {
         if (!fill_output_file(uint64_t{starts[copy]} * kSectorSize))
-            return -5;
+            return kNoIdblockMemory;
         for (uint32_t i = 0; i < pages; ++i)
             write_page(block.data() + uint64_t{i} * m_page_size, m_page_size);
     }
     post_write_idblock();
-    return 0;
+    return kDone;
 }

@@ -147,10 +147,10 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
     print_line("writing gpt...");
     ByteBuffer table(std::max<uint64_t>(uint64_t{pages} * m_page_size, kGptTableSize));
     if (!table)
-        return -4;
+        return kNoGptMemory;
 
     const char* text = nullptr;
-    if (m_paramBuffer != nullptr && entry.size >= kParameterHeadSize + kParameterChecksumSize) {
+    if (entry.size >= kParameterHeadSize + kParameterChecksumSize && entry.size <= m_param_bytes.size()) {
         // The checksum after the text becomes the NUL that ends it.
         std::memset(m_paramBuffer + entry.size - kParameterChecksumSize, 0, kParameterChecksumSize);
         text = reinterpret_cast<const char*>(m_paramBuffer + kParameterHeadSize);
@@ -158,13 +158,13 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
     PARAM_ITEM_VECTOR parts;
     if (!parse_parameter(text, parts)) {
         print_line("failed to parse gpt parameter file");
-        return -2;
+        return kNoPartitionList;
     }
     UUID_ITEM_VECTOR uuids;
     get_uuid_from_parameter(text, uuids);
     if (parts.size() > kGptEntryCount) {
         print_line("too many partitions for gpt");
-        return -3;
+        return kTooManyPartitions;
     }
 
     create_gpt_buffer(table.data(), parts, uuids, kDiskSectors);
@@ -173,5 +173,5 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
 
     m_image_fill_page_num = pages;
     redraw_line("writing gpt...OK");
-    return 0;
+    return kDone;
 }

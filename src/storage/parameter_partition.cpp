@@ -28,6 +28,11 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
     const uint32_t record_pages = page_count(m_uiParamFileSize, m_page_size);
     print_line("writing parameter...");
 
+    if (uint64_t{record_pages} * m_page_size > m_param_bytes.size()) {
+        print_line("parameter is not loaded");
+        return kParameterTooLarge;
+    }
+
     // The boot loader looks for a whole copy at each eighth of the partition, then at each quarter.
     uint32_t copies = 8;
     if (record_pages > pages / copies)
@@ -35,11 +40,11 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
     const uint32_t slot_pages = pages / copies;
     if (record_pages > slot_pages) {
         print_line("partition size is too small");
-        return -1;
+        return kParameterTooLarge;
     }
     ByteBuffer fill_page(m_page_size, m_fill_byte);
     if (!fill_page)
-        return -2;
+        return kNoParameterMemory;
 
     for (uint32_t copy = 0; copy < copies; ++copy) {
         for (uint32_t i = 0; i < record_pages; ++i)
@@ -50,5 +55,5 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
 
     m_image_fill_page_num = pages;
     redraw_line("writing parameter...OK");
-    return 0;
+    return kDone;
 }

@@ -15,11 +15,11 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
     uint32_t pages = 0;
     if (!count_partition_pages(entry, data_pages, pages)) {
         print_line("partition size is too small");
-        return -1;
+        return kImageTooLarge;
     }
     ByteBuffer page(m_page_size);
     if (!page)
-        return -3;
+        return kNoImageMemory;
 
     Progress progress(announcement);
     for (uint32_t done = 0; done < data_pages;) {
@@ -33,7 +33,7 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
         const uint32_t run = read_pages(entry, done, data_pages, page.data(), first);
         if (run == 0) {
             print_line("failed to get data from firmware");
-            return -2;
+            return kImageUnreadable;
         }
         write_pages(first, run, done, pages, progress);
     }
@@ -41,7 +41,7 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
 
     m_image_fill_page_num = pages;
     redraw_line(announcement + "OK");
-    return 0;
+    return kDone;
 }
 
 uint32_t CStorage::read_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t done, uint32_t data_pages,

@@ -19,10 +19,6 @@ namespace {
 // much of it is expanded at all: a chunk of 2^32 blocks in a small partition must not fill the disk.
 constexpr uint64_t kLargestExcess = 64 * 1024 * 1024;
 
-constexpr int kChunkHeaderUnreadable = -4;
-constexpr int kRawDataUnreadable = -5;
-constexpr int kFillValueUnreadable = -6;
-
 uint64_t saturating_sum(uint64_t a, uint64_t b) {
     return a > std::numeric_limits<uint64_t>::max() - b ? std::numeric_limits<uint64_t>::max() : a + b;
 }
@@ -76,10 +72,10 @@ int SparseExpander::expand() {
             return kChunkHeaderUnreadable;
         }
         m_position += sizeof(chunk);
-        if (const int result = expand_chunk(chunk); result != 0)
+        if (const int result = expand_chunk(chunk); result != kDone)
             return result;
     }
-    return 0;
+    return kDone;
 }
 
 int SparseExpander::expand_chunk(const chunk_header_t& chunk) {
@@ -91,14 +87,14 @@ int SparseExpander::expand_chunk(const chunk_header_t& chunk) {
     case kDontCareChunk:
         std::memset(m_page.data(), m_fill_byte, m_page.size());
         expand_pattern(chunk.chunk_sz * m_block_size);
-        return 0;
+        return kDone;
     case kCrcChunk:
         m_position += kChunkValueSize;  // not verified
-        return 0;
+        return kDone;
     default:
         // The data of an unknown chunk is not skipped: it is read as the next chunk header. Kept, because
         // images were released that expand this way.
-        return 0;
+        return kDone;
     }
 }
 
@@ -117,7 +113,7 @@ int SparseExpander::expand_raw(const chunk_header_t& chunk) {
         m_position += run;
         left -= run;
     }
-    return 0;
+    return kDone;
 }
 
 /// Reads many pages of raw data at once to where the temporary file gathers its bytes and sets run and bytes
@@ -142,7 +138,7 @@ int SparseExpander::expand_fill(const chunk_header_t& chunk) {
     for (uint64_t i = 0; i + sizeof(value) <= m_page.size(); i += sizeof(value))
         std::memcpy(m_page.data() + i, value, sizeof(value));
     expand_pattern(chunk.chunk_sz * m_block_size);
-    return 0;
+    return kDone;
 }
 
 /// Appends length bytes of the pattern that fills the page. A last piece that is no multiple of four ends in
@@ -211,12 +207,12 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     sparse_header_t header;
     if (!read_item_data(*m_update_image_ptr, entry, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header))) {
         print_line("failed to get sparse header");
-        return -1;
+        return kSparseHeaderUnreadable;
     }
     uint32_t pages = 0;
     if (!count_partition_pages(entry, page_count(expanded_size(header), m_page_size), pages)) {
         print_line("partition size is too small");
-        return -2;
+        return kSparseImageTooLarge;
     }
 
     const std::string path = path_in_output("unsparse_tmp.bin");
@@ -228,13 +224,13 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
                   std::ios_base::in | std::ios_base::out | std::ios_base::binary | std::ios_base::trunc);
     if (!expanded.is_open()) {
         print_line("failed to create " + path + error_suffix(errno));
-        return -3;
+        return kNoTemporaryFile;
     }
     if (m_fout.buffer().has_failed())
         expanded.give_up(EIO);  // the pages have nowhere to go
     ByteBuffer page(m_page_size);
     if (!page)
-        return -7;
+        return kNoSparseMemory;
 
     print_line("extracting " + name + "...");
     Progress progress("extracting... " + name + "...");
@@ -243,7 +239,7 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     };
     SparseExpander expander(header, source, expanded, page, m_fill_byte, uint64_t{pages} * m_page_size,
                             progress);
-    if (const int result = expander.expand(); result != 0)
+    if (const int result = expander.expand(); result != kDone)
         return result;  // the temporary file stays: it shows how far the expansion came
 
     const uint32_t expanded_pages = page_count(expander.written(), m_page_size);
@@ -258,7 +254,7 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     redraw_line("writing " + name + "...OK");
     expanded.close();
     retry_interrupted([&] { return ::unlink(path.c_str()); });
-    return 0;
+    return kDone;
 }
 
 void CStorage::copy_expanded_pages(OutputFile& expanded, const std::string& path, uint32_t data_pages,

@@ -78,7 +78,7 @@ bool write_item(CStorage& storage, STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE ki
         print_error_line("failed to prepare " + item_name(item));
         return false;
     }
-    if (const int result = storage.write_partition(item, kind); result != 0) {
+    if (const int result = storage.write_partition(item, kind); result != kDone) {
         print_error_line("failed to write " + item_name(item) + result_suffix(result));
         return false;
     }
@@ -152,7 +152,7 @@ bool CStorage::create_image() {
 }
 
 bool CStorage::run_creation() {
-    if (const int result = write_idblock(); result != 0) {
+    if (const int result = write_idblock(); result != kDone) {
         print_error_line("failed to write idblock" + result_suffix(result));
         return false;
     }
@@ -217,7 +217,7 @@ int CStorage::write_partition(STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE type) {
         break;
     }
     print_line("Invalid image type");
-    return -255;
+    return kUnknownImageType;
 }
 
 bool CStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {

@@ -7,6 +7,7 @@
 #include "boot_block_format.h"
 #include "gpt_format.h"
 #include "parameter_text.h"
+#include "results.h"
 #include "sparse_format.h"
 #include "storage_units.h"
 
@@ -41,7 +42,7 @@ enum ENUM_IMAGE_TYPE : uint32_t {
 ///
 /// Construct, storage_init once, create_image once. All messages go to standard output. A page that cannot be
 /// written stops none of the steps; create_image reports the first such failure at its end instead of
-/// success.
+/// success. The operations that return an int return 0 or a code of results.h.
 class CStorage {
 public:
     /// Sizes of erase block and page in KB, of the spare area in bytes. page_2k: only 2 KB of data per flash
@@ -75,23 +76,18 @@ public:
     /// Runs the whole conversion. False after a line that says what failed; the output keeps what was written
     /// so far.
     bool create_image();
-
-    /// Writes one partition image with the writer of its kind; 0, the writer's own code, or -255 for another
-    /// kind.
+    /// Writes one partition image with the writer of its kind: that writer's result, or kUnknownImageType.
     int write_partition(STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE type);
-
     /// Makes the output reach the byte offset with fill pages, or moves the write position back to it when
     /// the output is longer. False when there is no memory for a page.
     bool fill_output_file(uint64_t offset);
-
-    /// Fills the output up to a whole erase block, in whole pages: with blocks that are no multiple of the
+    /// Fills the output up to a whole erase block, in whole pages: with blocks that are not a multiple of the
     /// page the file ends past the block boundary. False only when there is no memory for a page.
     bool align_to_block();
 
     // Boot block.
 
-    /// Builds and writes the boot block. 0, or -1 size of "FlashBoot" unknown, -2 of "FlashData" unknown, -3
-    /// prepare_write_idblock refused, -4 create_idblock failed, -5 no memory.
+    /// Builds and writes the boot block. A WriteIdblockResult.
     int write_idblock();
     /// Size of a loader entry in bytes and in sectors of whole 2 KB units. False, with sectors untouched,
     /// when there is no such entry, it cannot be read or its sectors do not fit 16 bits.
@@ -101,25 +97,20 @@ public:
     /// Fills the 512 bytes of IDB_SEC1.
     void make_idb_sector1(uint8_t* sector);
     /// Builds one boot block into buf: zeroed, at least 4 + D + B sectors. Sizes of the entries in sectors
-    /// and bytes. 0, or -1 "FlashBoot" absent, -2 unreadable, -3 "FlashData" absent, -4 unreadable (or not of
-    /// the given size), -5 no memory.
+    /// and bytes. A CreateIdblockResult.
     int create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t flash_boot_sectors,
                        uint32_t flash_data_size, uint32_t flash_boot_size);
 
     // Plain and sparse partition images.
 
-    /// Copies a plain image. 0, or -1 the partition is too small, -2 the firmware could not be read, -3 no
-    /// memory.
+    /// Copies a plain image. A WriteImageResult.
     int write_image(STRUCT_QZIMAGE_ITEM& entry);
-    /// True when the item starts with the magic of a sparse image; a header that cannot be read prints a
-    /// line.
+    /// True when the item starts with the magic of a sparse image. An unreadable header prints a line.
     bool is_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
-    /// blk_sz * total_blks in bytes, a 32-bit product that wraps; all bits set when the header cannot be
-    /// read.
+    /// blk_sz * total_blks in bytes, a 32-bit product that wraps; all bits set for an unreadable header.
     uint64_t get_sparse_size(STRUCT_QZIMAGE_ITEM& entry);
-    /// Expands a sparse image through unsparse_tmp.bin in the output directory. 0, or -1 no header, -2 the
-    /// partition is too small, -3 the temporary file cannot be made, -4 chunk header, -5 raw data, -6 fill
-    /// value not readable, -7 no memory. The temporary file is removed on success only.
+    /// Expands a sparse image through unsparse_tmp.bin in the output directory, which is removed on success
+    /// only. A WriteSparseImageResult.
     int write_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
 
     // Parameter text: parameter_text.h.
@@ -144,19 +135,17 @@ public:
     /// Loads the parameter record into m_paramBuffer, zero-padded to whole pages. False when it cannot be
     /// read or there is no memory; an earlier buffer then stays.
     bool make_param_buffer(STRUCT_QZIMAGE_ITEM& entry);
-    /// Writes the parameter partition: 8 copies of the record, or 4 when 8 do not fit. 0, or -1 the partition
-    /// is too small, -2 no memory.
+    /// Writes the partition: 8 copies of the record, or 4 when 8 do not fit. A WriteParameterResult.
     int write_parameter(STRUCT_QZIMAGE_ITEM& entry);
     /// True when the parameter text has a line with "TYPE" and "GPT"; false also when it cannot be read.
     bool get_gpt_flag(STRUCT_QZIMAGE_ITEM& entry);
     /// Fills the first 17,408 bytes of gpt: protective MBR, header, 128 entries. The names in vecParts are
-    /// cut at their colon by a NUL; partitions behind the 128th are left out.
+    /// cut at their colon by a NUL; partitions after the 128th are left out.
     void create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID_ITEM_VECTOR& vecUuid,
                            uint64_t diskSectors);
-    /// Writes the GPT made from m_paramBuffer, whose checksum is overwritten. 0, or -2 the text does not
-    /// parse, -3 it has more than 128 partitions, -4 no memory.
+    /// Writes the GPT made from m_paramBuffer, whose checksum is overwritten. A WriteGptResult.
     int write_gpt(STRUCT_QZIMAGE_ITEM& entry);
-    /// Fills 16 bytes with a random version-4 GUID from rand(), never seeded: every run gives the same ones.
+    /// Fills 16 bytes with a version-4 GUID from rand(), never seeded: every run gives the same ones.
     void gen_rand_uuid(uint8_t* uuid_bin);
     /// Index of the first GUID whose name is szName ignoring case (both up to their first NUL), or -1.
     int32_t find_uuid_item(UUID_ITEM_VECTOR& vecItems, std::string szName);
@@ -215,7 +204,7 @@ protected:
     CQZImage* m_update_image_ptr;        ///< owned through m_update_image
     std::ifstream m_fin;                 ///< not opened by the creation sequence
     uint8_t* m_paramBuffer = nullptr;    ///< parameter record in whole pages; owned through m_param_bytes
-    uint32_t m_uiParamFileSize = 0;      ///< size of the record in bytes
+    uint32_t m_uiParamFileSize = 0;      ///< size of the record asked for last, in bytes
     bool m_gpt_flag = false;             ///< the parameter text asks for a GPT; set by create_image
     bool m_page_2k;                      ///< only 2 KB of data in a flash page
     uint32_t m_idb_fill_page_num = 0;    ///< SLC NAND: fill pages behind the boot block
