@@ -51,6 +51,14 @@ void Progress::show(uint64_t done, uint64_t total) {
     redraw_line(m_prefix + std::to_string(percent) + "%");
 }
 
+void Progress::show_steps(uint64_t done, uint64_t end, uint64_t step, uint64_t total) {
+    while (done < end) {
+        const uint64_t steps = (steps_until_change(done, total) - 1) / step + 1;
+        done = steps > (end - done) / step ? end : done + steps * step;
+        show(done, total);
+    }
+}
+
 uint64_t Progress::steps_until_change(uint64_t done, uint64_t total) const {
     if (percent_of(done + 1, total) != m_shown)
         return 1;

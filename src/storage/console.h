@@ -37,8 +37,11 @@ public:
     /// Redraws the line when the percentage of done out of total is not the one shown last.
     void show(uint64_t done, uint64_t total);
 
-    /// The number of steps, at least 1, from done out of total to the next one after which show redraws the
-    /// line.
+    /// Shows done + step, done + 2 * step and so on up to end (itself the last), all out of total. Costs as
+    /// much as the lines that come of it, not as the steps. step is not 0.
+    void show_steps(uint64_t done, uint64_t end, uint64_t step, uint64_t total);
+
+    /// The least that has to be added to done, at least 1, for show to redraw the line.
     uint64_t steps_until_change(uint64_t done, uint64_t total) const;
 
 private:

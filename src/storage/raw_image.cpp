@@ -24,10 +24,8 @@ int CStorage::write_image(STRUCT_QZIMAGE_ITEM& entry) {
     Progress progress(announcement);
     for (uint32_t done = 0; done < data_pages;) {
         if (m_fout.buffer().has_failed()) {  // nothing more reaches the file: on to the verdict
-            const uint64_t steps = progress.steps_until_change(done, pages);
-            done += static_cast<uint32_t>(std::min<uint64_t>(steps, data_pages - done));
-            progress.show(done, pages);
-            continue;
+            progress.show_steps(done, data_pages, 1, pages);
+            break;
         }
         uint8_t* first = nullptr;
         const uint32_t run = read_pages(entry, done, data_pages, page.data(), first);

@@ -159,7 +159,7 @@ TEST(StepsUntilChange, IsOneWhenAnotherPercentageWasShownLast) {
     EXPECT_EQ(progress.steps_until_change(500, 1000), 1U);
 }
 
-TEST(StepsUntilChange, GoOnBehindTheEnd) {
+TEST(StepsUntilChange, GoOnAfterTheEnd) {
     Progress progress("");
     EXPECT_EQ(progress.steps_until_change(10, 10), 1U);
     EXPECT_EQ(progress.steps_until_change(0, 0), 1U);
@@ -183,6 +183,45 @@ TEST(StepsUntilChange, HoldForTheLargestSizes) {
     // The next percentage lies behind the last number.
     output_of([&] { progress.show(largest, largest); });
     EXPECT_EQ(progress.steps_until_change(largest - 1, largest), 1U);
+}
+
+// ---- steps of which only the lines are wanted ----
+
+// What show prints for done + step, done + 2 * step and so on, up to end.
+std::string every_step(uint64_t done, uint64_t end, uint64_t step, uint64_t total) {
+    return output_of([&] {
+        Progress progress("writing boot...");
+        while (done < end) {
+            done += std::min(step, end - done);
+            progress.show(done, total);
+        }
+    });
+}
+
+std::string in_leaps(uint64_t done, uint64_t end, uint64_t step, uint64_t total) {
+    return output_of([&] {
+        Progress progress("writing boot...");
+        progress.show_steps(done, end, step, total);
+    });
+}
+
+TEST(ShowSteps, PrintsTheLinesOfEveryStep) {
+    for (const uint64_t total : {0U, 1U, 3U, 99U, 100U, 101U, 450U, 2048U})
+        for (const uint64_t step : {1U, 2U, 7U, 100U, 5000U})
+            for (const uint64_t done : {0U, 1U, 50U})
+                for (const uint64_t end : {0U, 1U, 2U, 51U, 99U, 100U, 1000U})
+                    ASSERT_EQ(in_leaps(done, end, step, total), every_step(done, end, step, total))
+                        << done << " to " << end << " by " << step << " of " << total;
+}
+
+TEST(ShowSteps, CostsItsLinesAndNotItsSteps) {
+    std::string lines;
+    for (int percent = 1; percent <= 100; ++percent)
+        lines += redrawn("writing boot..." + std::to_string(percent) + "%");
+    EXPECT_EQ(in_leaps(0, largest, 1, largest), lines);
+    EXPECT_EQ(in_leaps(0, largest, 2048, largest), lines);
+    EXPECT_EQ(in_leaps(0, largest, largest, largest), redrawn("writing boot...100%"));
+    EXPECT_EQ(in_leaps(0, largest, 1, 0), redrawn("writing boot...100%"));
 }
 
 }  // namespace
