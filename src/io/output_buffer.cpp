@@ -38,6 +38,7 @@ bool OutputBuffer::open(const std::string& path, OutputReceiver::OpenMode mode) 
 bool OutputBuffer::close() {
     if (!m_open)
         return false;
+    complete_block();  // also in an output that has failed: what waits must not see the next output's bytes
     flush();
     m_open = false;
     return succeeds(m_receiver.close()) && m_error == 0;
@@ -113,7 +114,13 @@ bool OutputBuffer::append_fill(uint8_t value, uint64_t count) {
     return true;
 }
 
+void OutputBuffer::complete_block() {
+    if (m_complete)
+        m_complete();
+}
+
 bool OutputBuffer::flush_block() {
+    complete_block();
     if (!hand_over(m_block_offset, m_block.data(), m_block_used))
         return false;
     m_block_offset += m_block_used;

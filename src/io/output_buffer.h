@@ -4,6 +4,7 @@
 #include "output_receiver.h"
 
 #include <cstdint>
+#include <functional>
 #include <ios>
 #include <span>
 #include <streambuf>
@@ -58,6 +59,9 @@ public:
     /// Where the next bytes are gathered. Bytes that are put there and then written from there are not copied
     /// again. Empty when nothing is open or the output has failed.
     std::span<uint8_t> room();
+    /// complete is called whenever gathered bytes are about to leave, first in a flush and in close: the last
+    /// moment to change bytes that were put into the room and written from there.
+    void before_leaving(std::function<void()> complete) { m_complete = std::move(complete); }
     /// Writes count bytes of value at the position, without taking them from memory. False when that failed.
     bool append_fill(uint8_t value, uint64_t count);
     /// Hands everything over. False when anything has failed so far.
@@ -75,12 +79,14 @@ private:
     uint64_t block_capacity() const;
     bool append(const uint8_t* bytes, uint64_t count);
     bool move_to(uint64_t position);
+    void complete_block();
     bool flush_block();
     bool hand_over(uint64_t offset, const uint8_t* bytes, uint64_t count);
     bool succeeds(int error);
 
     OutputReceiver& m_receiver;
     WriteFailure* m_failure;
+    std::function<void()> m_complete;
     std::string m_path;
     bool m_open = false;
     int m_error = 0;

@@ -93,12 +93,10 @@ bool CStorage::read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, ui
 
 void CStorage::write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages,
                            Progress& progress) {
-    m_coming_end = first + uint64_t{count} * m_page_size;
     for (uint32_t i = 0; i < count; ++i) {
         write_page(first + uint64_t{i} * m_page_size, m_page_size);
         progress.show(++done, pages);
     }
-    m_coming_end = nullptr;
 }
 
 void CStorage::write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress) {

@@ -1,6 +1,5 @@
 #include "slc_nand_layout.h"
 
-#include "../common/bch.h"
 #include "../common/byte_run.h"
 #include "console.h"
 
@@ -18,25 +17,18 @@ constexpr uint32_t kUnitSpare = 32;  // 4 system bytes and 28 of parity
 constexpr uint32_t kUnitStride = kUnitData + kUnitSpare;
 constexpr uint8_t kErased = 0xFF;
 
-/// Units that wait for their parity; as many as the encoder takes together are encoded at a time.
-class UnitGroup {
-public:
-    void add(uint8_t* unit) {
-        m_units[m_count++] = unit;
-        if (m_count == kBchUnitsTogether)
-            encode();
-    }
-    void encode() {
-        bch_encode_units(m_units, m_count);
-        m_count = 0;
-    }
-
-private:
-    uint8_t* m_units[kBchUnitsTogether];
-    uint32_t m_count = 0;
-};
-
 }  // namespace
+
+void WaitingUnits::add(uint8_t* unit) {
+    m_units[m_count++] = unit;
+    if (m_count == kBchUnitsTogether)
+        encode();
+}
+
+void WaitingUnits::encode() {
+    bch_encode_units(m_units, m_count);
+    m_count = 0;
+}
 
 CSlcStorage::CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
                          std::string out_dir, bool page_2k, bool page_list)
@@ -44,16 +36,19 @@ CSlcStorage::CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_s
                page_2k),
       m_bch_size(kUnitSpare), m_bch_list_index(0), m_bch_list_step(page_list ? 1 : 4) {
     bch_init(kBchStrength);
+    m_fout.buffer().before_leaving([this] { m_waiting.encode(); });
 }
 
-CSlcStorage::~CSlcStorage() = default;
+CSlcStorage::~CSlcStorage() {
+    close_output();
+    m_fout.buffer().before_leaving({});
+}
 
 bool CSlcStorage::prepare_write_idblock() {
     if (!open_nand_idblock())
         return false;
     m_idb_fill_page_num = 0;
     m_bch_list_index = 0;
-    m_ahead = {};
     if (m_idb_total_sector != 0) {
         const uint64_t page_sectors = m_page_size_sector;
         const uint64_t factor = flash_pages_per_page();
@@ -74,14 +69,12 @@ bool CSlcStorage::post_write_idblock() {
 
 bool CSlcStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
     m_bch_list_index = 0;
-    m_ahead = {};
     m_image_fill_page_num = 0;
     return open_nand_partition(item);
 }
 
 bool CSlcStorage::post_write_partition() {
-    // Not multiplied by the flash pages of a page with 2 KB of data, unlike the boot block: programmers know
-    // the partition files with just this padding.
+    // Kept: not multiplied by the flash pages of a page with 2 KB of data, unlike the boot block.
     const uint64_t written = uint64_t{m_image_fill_page_num} * m_page_size_sector;
     const uint64_t rest = sectors_to_block_end(written);
     if (rest > 0) {
@@ -99,10 +92,12 @@ uint64_t CSlcStorage::sectors_to_block_end(uint64_t sectors) const {
     return (sectors + block - 1) / block * block - sectors;
 }
 
+/// Flash pages that a page of data takes: one for each 2 KB with 2 KB per page, else one.
 uint32_t CSlcStorage::flash_pages_per_page() const {
     return m_page_2k ? std::max(page_count(m_page_size, kDataPerPage2k), 1U) : 1;
 }
 
+/// Bytes of data in a flash page; with 2 KB per page the last one of a page may have fewer.
 uint32_t CSlcStorage::data_per_flash_page() const {
     return m_page_2k ? std::min(kDataPerPage2k, m_page_size) : m_page_size;
 }
@@ -110,7 +105,7 @@ uint32_t CSlcStorage::data_per_flash_page() const {
 void CSlcStorage::write_logical_fill_pages(uint64_t count) {
     if (count == 0)
         return;
-    ByteBuffer page(m_page_size, m_fill_byte);
+    ByteBuffer page(m_page_size);
     if (!page) {
         m_fout.give_up(ENOMEM);
         return;
@@ -137,100 +132,59 @@ bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
 
 bool CSlcStorage::prepare_buffers() {
     const uint64_t size = flash_page_size();
-    if (m_fill_page.made && m_fill_page.fill_byte == m_fill_byte && m_flash_page.size() == size)
+    if (m_fill_page.size() == size && m_fill_page_byte == m_fill_byte)
         return true;
-    m_fill_page.made = false;
-    if (!m_flash_page.reset(size) || !m_fill_page.bytes.reset(size))
+    if (!m_flash_page.reset(size) || !m_fill_page.reset(size))
         return false;
 
-    uint8_t* page = m_fill_page.bytes.data();
+    uint8_t* page = m_fill_page.data();
     std::memset(page, kErased, size);
-    UnitGroup group;
     std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
+    WaitingUnits waiting;
     for (uint32_t k = 0; k < units(); ++k) {
         std::memset(page + uint64_t{k} * kUnitStride, m_fill_byte, kUnitData);
-        group.add(page + uint64_t{k} * kUnitStride);
+        waiting.add(page + uint64_t{k} * kUnitStride);
     }
-    group.encode();
-    m_fill_page.fill_byte = m_fill_byte;
-    m_fill_page.made = true;
+    waiting.encode();
+    m_fill_page_byte = m_fill_byte;
     return true;
 }
 
-/// Writes size bytes of data, filled up to a page, as the next flash page.
+/// Writes size bytes of data, filled up to a page, as the next flash page. A page that fits there is laid out
+/// where the output gathers its bytes, and its units wait until others have joined them. For example, of 2 KB
+/// pages the units of four are encoded together. The bytes leave after before_leaving, never without parity.
 void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
-    const uint8_t* page = m_fill_page.bytes.data();
-    if (m_ahead.has(data, m_bch_list_index) || !holds_only(data, size, m_fill_byte))
-        page = encoded_flash_page(data, size);
-    else
-        bch_replace_system_bytes(m_fill_page.bytes.data(), m_bch_list_index);
+    const std::span<uint8_t> room = m_fout.buffer().room();
+    uint8_t* page = m_flash_page.data();
+    if (holds_only(data, size, m_fill_byte)) {
+        page = m_fill_page.data();
+        bch_replace_system_bytes(page, m_bch_list_index);
+    } else if (m_fout.good() && room.size() >= flash_page_size()) {
+        page = room.data();
+        lay_out_flash_page(data, size, page);
+    } else {
+        lay_out_flash_page(data, size, page);
+        m_waiting.encode();
+    }
     m_bch_list_index += m_bch_list_step;
     m_fout.write(reinterpret_cast<const char*>(page), static_cast<std::streamsize>(flash_page_size()));
 }
 
-/// The flash page of size bytes of data: where the output gathers its bytes, with those that are to come
-/// encoded behind it, or in m_flash_page where there is no room for it.
-const uint8_t* CSlcStorage::encoded_flash_page(const uint8_t* data, uint32_t size) {
-    const std::span<uint8_t> room = m_fout.buffer().room();
-    uint8_t* place = room.data();
-    const uint64_t places = room.size() / flash_page_size();
-    if (places == 0) {
-        encode_flash_pages(data, size, 1, m_flash_page.data());
-        return m_flash_page.data();
-    }
-    if (!m_ahead.has(data, m_bch_list_index)) {
-        m_ahead.pages = pages_to_encode(data, size, places);
-        encode_flash_pages(data, size, m_ahead.pages, place);
-    }
-    m_ahead.pages -= 1;
-    m_ahead.data = data + size;
-    m_ahead.list_index = m_bch_list_index + m_bch_list_step;
-    return place;
-}
-
-/// How many flash pages are worth encoding together, with data from there on: 1, and those that are known to
-/// come next as long as there are places, none is a fill page and the encoder takes their units at a time.
-uint32_t CSlcStorage::pages_to_encode(const uint8_t* data, uint32_t size, uint64_t places) const {
-    const bool alike =
-        m_page_size % data_per_flash_page() == 0;  // else the next one has data of another size
-    const uint64_t coming =
-        alike && m_coming_end != nullptr ? static_cast<uint64_t>(m_coming_end - data) / size : 1;
-    const uint64_t together = kBchUnitsTogether / page_count(size, kUnitData);
-    const uint64_t most = std::min({places, coming, together});
-    uint32_t pages = 1;
-    while (pages < most && !holds_only(data + uint64_t{pages} * size, size, m_fill_byte))
-        ++pages;
-    return pages;
-}
-
-/// Lays out pages flash pages, each with size bytes of data, from place on and encodes them together.
-void CSlcStorage::encode_flash_pages(const uint8_t* data, uint32_t size, uint32_t pages, uint8_t* place) {
-    UnitGroup group;
-    uint32_t list_index = m_bch_list_index;
-    for (uint32_t i = 0; i < pages; ++i) {
-        lay_out_flash_page(data, size, list_index, place);
-        for (uint32_t k = 0; k < page_count(size, kUnitData); ++k)
-            group.add(place + uint64_t{k} * kUnitStride);
-        data += size;
-        place += flash_page_size();
-        list_index += m_bch_list_step;
-    }
-    group.encode();
-}
-
-/// Fills a flash page but for the parity of its data.
-void CSlcStorage::lay_out_flash_page(const uint8_t* data, uint32_t size, uint32_t list_index,
-                                     uint8_t* page) const {
+/// Fills a flash page but for the parity of its data, whose units wait.
+void CSlcStorage::lay_out_flash_page(const uint8_t* data, uint32_t size, uint8_t* page) {
+    // CodeBytesNum is kUnitData, but the compiler does not know: it copies a constant length more slowly.
+    const uint32_t unit_data = CodeBytesNum;
     const uint32_t data_units = page_count(size, kUnitData);
     for (uint32_t k = 0; k < data_units; ++k) {
         uint8_t* unit = page + uint64_t{k} * kUnitStride;
-        std::memcpy(unit, data + uint64_t{k} * kUnitData, kUnitData);
+        std::memcpy(unit, data + uint64_t{k} * kUnitData, unit_data);
         std::memset(unit + kUnitData, kErased, kUnitSpare);
     }
-    std::memcpy(page + kUnitData, &list_index, sizeof(list_index));
+    std::memcpy(page + kUnitData, &m_bch_list_index, sizeof(m_bch_list_index));
+    for (uint32_t k = 0; k < data_units; ++k)
+        m_waiting.add(page + uint64_t{k} * kUnitStride);
 
-    // Units behind the data are fill units, ready with their parity; behind all units the spare area is
-    // erased.
+    // Units after the data are fill units, ready with their parity. After all units the spare area is erased.
     const uint64_t rest = uint64_t{data_units} * kUnitStride;
-    std::memcpy(page + rest, m_fill_page.bytes.data() + rest, flash_page_size() - rest);
+    std::memcpy(page + rest, m_fill_page.data() + rest, flash_page_size() - rest);
 }

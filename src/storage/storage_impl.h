@@ -185,8 +185,8 @@ protected:
     /// Reads the page of item data at position into page, the last one filled up. False when it cannot be
     /// read.
     bool read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page);
-    /// Hands count pages, one behind the other from first on, to write_page, with m_coming_end set, and
-    /// counts them in done; shows progress out of pages.
+    /// Hands count pages, one behind the other from first on, to write_page and counts them in
+    /// done; shows progress out of pages.
     void write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages, Progress& progress);
     /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
@@ -207,7 +207,7 @@ protected:
     uint32_t m_uiParamFileSize = 0;      ///< size of the record asked for last, in bytes
     bool m_gpt_flag = false;             ///< the parameter text asks for a GPT; set by create_image
     bool m_page_2k;                      ///< only 2 KB of data in a flash page
-    uint32_t m_idb_fill_page_num = 0;    ///< SLC NAND: fill pages behind the boot block
+    uint32_t m_idb_fill_page_num = 0;    ///< SLC NAND: fill pages after the boot block
     uint32_t m_image_fill_page_num = 0;  ///< pages of the image just written
     uint8_t m_fill_byte;                 ///< of every gap and padding
     std::string m_out_dir;               ///< output directory; empty: the current one
@@ -225,9 +225,6 @@ protected:
     uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
     uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
     uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
-    /// While write_pages hands its pages over: the end of the last one, so that write_page may look at those
-    /// that are to come. Else null.
-    const uint8_t* m_coming_end = nullptr;
 
 private:
     bool run_creation();

@@ -258,6 +258,7 @@ protected:
     static uint64_t codewords_for(SlcStorage& storage, const Bytes& data) {
         const uint64_t before = bch_encoded_codewords();
         write(storage, data);
+        storage.m_fout.flush();  // units wait for others until then
         return bch_encoded_codewords() - before;
     }
 };
@@ -276,7 +277,7 @@ TEST_F(SlcPageCost, DataPagesCostOneCodewordPerKilobyte) {
         const auto storage = open(chip);
         codewords_for(*storage, Bytes(chip.page_size(), 0));
         const uint64_t found = codewords_for(*storage, patterned(std::size_t{10} * chip.page_size(), 1));
-        EXPECT_EQ(found, 10U * chip.units()) << chip.name() << ": units behind 2 KB of data are ready made";
+        EXPECT_EQ(found, 10U * chip.units()) << chip.name() << ": units after 2 KB of data are ready made";
     }
 }
 

@@ -33,7 +33,6 @@ public:
     using Storage::close_output;
     using Storage::m_block_size;
     using Storage::m_block_size_sector;
-    using Storage::m_coming_end;
     using Storage::m_fill_byte;
     using Storage::m_fin;
     using Storage::m_fout;
@@ -60,7 +59,6 @@ public:
     using Storage::m_write_failure;
     using Storage::switch_output;
     using Storage::write_fill_pages;
-    using Storage::write_pages;
 };
 
 // One call of write_page: `bytes` are the `length` bytes that were handed over.

@@ -1,0 +1,155 @@
+// Units of SLC NAND pages wait for others and are encoded together; every byte is as if each had come alone.
+
+#include "common/bch.h"
+#include "slc_page_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace storage_test {
+namespace {
+
+using test_support::slice;
+
+class SlcGroupingTest : public SlcPage {
+protected:
+    // A file in which the fill page is made already.
+    std::unique_ptr<SlcStorage> open_ready(const SlcCase& chip) const {
+        auto storage = open(chip);
+        write(*storage, Bytes(chip.page_size(), 0));
+        return storage;
+    }
+
+    // Codewords that are encoded by the action.
+    static uint64_t encoded_by(const std::function<void()>& action) {
+        const uint64_t before = bch_encoded_codewords();
+        action();
+        return bch_encoded_codewords() - before;
+    }
+
+    Bytes written_one_by_one(const SlcCase& chip, const Bytes& data) const {
+        const auto storage = open(chip);
+        for (std::size_t at = 0; at < data.size(); at += chip.page_size()) {
+            write(*storage, slice(data, at, chip.page_size()));
+            storage->m_fout.flush();
+        }
+        storage->close_output();
+        return test_support::read_file(file());
+    }
+};
+
+// Runs of 1 to 9 pages of data with a fill page after each, then pages enough for several blocks of output.
+Bytes runs_of_pages(const SlcCase& chip) {
+    const std::size_t size = chip.page_size();
+    Bytes pages;
+    for (uint32_t length = 1; length < 10; ++length)
+        pages = std::move(pages) + patterned(length * size, length) + Bytes(size, 0);
+    return std::move(pages) + mixed_pages(chip) + patterned(3500000 / size * size, 77);
+}
+
+TEST_F(SlcGroupingTest, PagesAreAsIfEachCameAlone) {
+    std::vector<SlcCase> chips = all_slc_cases();
+    chips.push_back({.page_kb = 64, .spare = 2048});
+    chips.push_back({.page_kb = 64, .spare = 2048, .page_2k = true});
+    chips.push_back({.page_kb = 512, .spare = 16384});
+    for (const SlcCase& chip : chips) {
+        const Bytes data = runs_of_pages(chip);
+        EXPECT_TRUE(same_bytes(written(chip, data), written_one_by_one(chip, data))) << chip.name();
+    }
+}
+
+TEST_F(SlcGroupingTest, EveryUnitIsEncodedOnce) {
+    for (const SlcCase& chip : all_slc_cases()) {
+        const auto storage = open_ready(chip);
+        const Bytes data = patterned(std::size_t{301} * chip.page_size(), 1) + Bytes(chip.page_size(), 0);
+        EXPECT_EQ(encoded_by([&] {
+                      write(*storage, data);
+                      storage->close_output();
+                  }),
+                  301U * chip.units())
+            << chip.name();
+    }
+}
+
+TEST_F(SlcGroupingTest, EightUnitsAreEncodedAtATime) {
+    for (const SlcCase& chip : {SlcCase{.page_kb = 1, .spare = 32}, SlcCase{.page_kb = 2, .spare = 64},
+                                SlcCase{.page_kb = 3, .spare = 96}, SlcCase{.page_kb = 4, .spare = 128},
+                                SlcCase{.page_kb = 9, .spare = 288}}) {
+        const auto storage = open_ready(chip);
+        uint64_t encoded = 0;
+        for (uint32_t pages = 1; pages < 20; ++pages) {
+            encoded += encoded_by([&] { write(*storage, patterned(chip.page_size(), pages)); });
+            EXPECT_EQ(encoded, pages * chip.units() / 8 * 8) << pages << " of " << chip.name();
+        }
+    }
+}
+
+TEST_F(SlcGroupingTest, FillPagesDoNotEndAGroup) {
+    const auto storage = open_ready({});
+    const Bytes data = patterned(std::size_t{2} * 2048, 1);
+    EXPECT_EQ(encoded_by([&] { write(*storage, data + Bytes(2048, 0)); }), 0U);
+    EXPECT_EQ(encoded_by([&] { write(*storage, data); }), 8U);
+}
+
+TEST_F(SlcGroupingTest, BothFlashPagesOfA4KbPage) {
+    const auto storage = open_ready({.page_kb = 4, .spare = 128, .page_2k = true});
+    EXPECT_EQ(encoded_by([&] { write(*storage, patterned(4096, 1)); }), 0U);
+    EXPECT_EQ(encoded_by([&] { write(*storage, patterned(4096, 1)); }), 8U);
+}
+
+TEST_F(SlcGroupingTest, WaitingUnitsAreEncodedBeforeTheyLeave) {
+    const std::function<void(SlcStorage&)> ways[] = {
+        [](SlcStorage& storage) { storage.m_fout.flush(); },
+        [](SlcStorage& storage) { storage.m_fout.seekp(0); },
+        [](SlcStorage& storage) { storage.close_output(); },
+    };
+    const SlcCase chip{};
+    const Bytes data = patterned(std::size_t{3} * 2048, 1);
+    for (const auto& leave : ways) {
+        const auto storage = open(chip);
+        write(*storage, data);
+        leave(*storage);
+        EXPECT_TRUE(same_bytes(test_support::read_file(file()), slow_flash_pages(data, chip)));
+    }
+}
+
+TEST_F(SlcGroupingTest, WaitingUnitsAreEncodedByTheDestructor) {
+    const SlcCase chip{};
+    const Bytes data = patterned(std::size_t{3} * 2048, 1);
+    write(*open(chip), data);
+    EXPECT_TRUE(same_bytes(test_support::read_file(file()), slow_flash_pages(data, chip)));
+}
+
+TEST_F(SlcGroupingTest, PageBesideABadStreamDoesNotWait) {
+    const SlcCase chip{};
+    const auto storage = open(chip);
+    storage->m_fout.setstate(std::ios_base::failbit);
+    Bytes lost = patterned(2048, 1);
+    EXPECT_TRUE(storage->write_page(lost.data(), 2048));
+    storage->m_fout.clear();
+    const Bytes kept = patterned(2112, 2);
+    storage->m_fout.write(reinterpret_cast<const char*>(kept.data()), 2112);
+    storage->close_output();
+    EXPECT_TRUE(same_bytes(test_support::read_file(file()), kept));
+}
+
+TEST_F(SlcGroupingTest, FailedFileLeavesNothingInTheNext) {
+    const auto storage = open({});
+    write(*storage, patterned(std::size_t{3} * 2048, 1));  // six units wait
+    storage->m_fout.give_up(EIO);
+    storage->switch_output("next.img");
+    const Bytes next = patterned(10000, 2);
+    storage->m_fout.write(reinterpret_cast<const char*>(next.data()), 10000);
+    storage->m_fout.flush();
+    write(*storage, patterned(2048, 3));
+    storage->close_output();
+    EXPECT_TRUE(same_bytes(slice(test_support::read_file(storage->m_out_file), 0, 10000), next));
+}
+
+}  // namespace
+}  // namespace storage_test
