@@ -194,15 +194,6 @@ bool CQZImage::GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer) {
     return false;
 }
 
-uint8_t* CQZImage::ViewData(uint64_t dwOffset, uint32_t dwSize, uint64_t& held) {
-    held = 0;
-    if (m_pFile == nullptr || dwOffset > m_fileSize || dwSize > m_fileSize - dwOffset)
-        return nullptr;
-    uint8_t* data = m_reader.view(dwOffset, dwSize, held);
-    held = std::min(held, m_fileSize - dwOffset);  // as GetData: not what the file has grown by meanwhile
-    return data;
-}
-
 void CQZImage::GetReservedData(uint8_t*& lpData, uint16_t& usSize) {
     lpData = m_reserved;
     usSize = sizeof(m_reserved);

@@ -103,11 +103,6 @@ public:
     /// when the file could not be read, and when none is open (single mode); lpBuffer is then not to be used.
     bool GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer);
 
-    /// Shows dwSize bytes at dwOffset without copying them, and sets held to how many there are to be seen
-    /// from dwOffset on; they stay until the next read and are not to be changed. Null, with held 0, where
-    /// GetData has to be asked: large pieces, and all in which it fails.
-    uint8_t* ViewData(uint64_t dwOffset, uint32_t dwSize, uint64_t& held);
-
     /// Hands out the head's 61 extension bytes.
     void GetReservedData(uint8_t*& lpData, uint16_t& usSize);
 

@@ -40,18 +40,6 @@ std::optional<uint64_t> BlockReader::read(uint64_t offset, uint64_t size, uint8_
     return got;
 }
 
-uint8_t* BlockReader::view(uint64_t offset, uint64_t size, uint64_t& held) {
-    held = 0;
-    const auto holds_all = [&] {
-        return offset >= m_block_offset && size <= m_block_size &&
-               offset - m_block_offset <= m_block_size - size;
-    };
-    if (!holds_all() && (size > kLargestView || !load_block(offset) || !holds_all()))
-        return nullptr;
-    held = m_block_size - (offset - m_block_offset);
-    return m_block.data() + (offset - m_block_offset);
-}
-
 bool BlockReader::load_block(uint64_t position) {
     m_block_size = 0;
     if (m_block.size() < kBlockSize && !m_block.reset(kBlockSize)) {

@@ -22,13 +22,6 @@ public:
     /// unspecified.
     std::optional<uint64_t> read(uint64_t offset, uint64_t size, uint8_t* out);
 
-    /// Shows size bytes (up to kLargestView) at the byte offset where they lie in the reader's block, which
-    /// stays as it is until the next call, and sets held to all bytes that lie there from the offset on; they
-    /// are not to be changed. Null, with held 0, when the file ends before or cannot be read.
-    uint8_t* view(uint64_t offset, uint64_t size, uint64_t& held);
-
-    static constexpr uint64_t kLargestView = 128 * 1024;
-
 private:
     bool load_block(uint64_t position);
     std::optional<uint64_t> read_directly(uint64_t offset, uint64_t size, uint8_t* out) const;

@@ -3,6 +3,7 @@
 #include "../common/byte_reader.h"
 #include "../common/common_define.h"
 #include "console.h"
+#include "page_source.h"
 
 #include <algorithm>
 #include <cstring>
@@ -144,14 +145,24 @@ int CStorage::write_idblock() {
         print_line("Failed to create idblock" + result_suffix(result));
         return kIdblockNotCreated;
     }
+    return write_idblock_copies(block, pages);
+}
 
+/// Writes as many copies as there are, each of that many pages.
+int CStorage::write_idblock_copies(const ByteBuffer& block, uint32_t pages) {
+    const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
+        std::memcpy(out, block.data() + position, size);
+        return true;
+    };
+    PageSource source(read, block.size(), m_page_size, m_fill_byte);
+    if (!source)
+        return kNoIdblockMemory;
     const uint32_t starts[] = {m_idb_start_sector, m_idb_second_start_sector};
     const int copies = m_idb_copy > 1 ? 2 : 1;  // never more than two, whatever the count says
     for (int copy = 0; copy < copies; ++copy) {
         if (!fill_output_file(uint64_t{starts[copy]} * kSectorSize))
             return kNoIdblockMemory;
-        for (uint32_t i = 0; i < pages; ++i)
-            write_page(block.data() + uint64_t{i} * m_page_size, m_page_size);
+        write_pages(source, pages);
     }
     post_write_idblock();
     return kDone;

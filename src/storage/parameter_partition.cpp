@@ -1,7 +1,8 @@
+#include "console.h"
+#include "page_source.h"
 #include "storage_impl.h"
 
-#include "console.h"
-
+#include <cstring>
 #include <utility>
 
 bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
@@ -42,16 +43,19 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
         print_line("partition size is too small");
         return kParameterTooLarge;
     }
-    ByteBuffer fill_page(m_page_size, m_fill_byte);
-    if (!fill_page)
+    const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
+        std::memcpy(out, m_param_bytes.data() + position, size);
+        return true;
+    };
+    PageSource record(read, m_param_bytes.size(), m_page_size, m_fill_byte);
+    if (!record)
         return kNoParameterMemory;
 
     for (uint32_t copy = 0; copy < copies; ++copy) {
-        for (uint32_t i = 0; i < record_pages; ++i)
-            write_page(m_paramBuffer + uint64_t{i} * m_page_size, m_page_size);
-        write_fill_pages(fill_page.data(), slot_pages - record_pages, m_page_size);
+        write_pages(record, record_pages);
+        write_fill_pages(record.page(), slot_pages - record_pages, m_page_size);
     }
-    write_fill_pages(fill_page.data(), pages - copies * slot_pages, m_page_size);
+    write_fill_pages(record.page(), pages - copies * slot_pages, m_page_size);
 
     m_image_fill_page_num = pages;
     redraw_line("writing parameter...OK");

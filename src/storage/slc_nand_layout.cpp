@@ -36,6 +36,7 @@ CSlcStorage::CSlcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_s
                page_2k),
       m_bch_size(kUnitSpare), m_bch_list_index(0), m_bch_list_step(page_list ? 1 : 4) {
     bch_init(kBchStrength);
+    m_plain_pages = false;
     m_fout.buffer().before_leaving([this] { m_waiting.encode(); });
 }
 

@@ -1,12 +1,15 @@
 #include "storage_impl.h"
 
+#include "../common/byte_run.h"
 #include "console.h"
+#include "page_source.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 namespace {
 
@@ -18,9 +21,11 @@ constexpr uint32_t kParameterLayoutStart = 8192;
 
 // Padding of one output file that goes through write_page page by page, in bytes. What a firmware asks for
 // beyond (up to terabytes) is handed to the file in one piece, so that a wild size costs moments and not
-// hours. Of pages that a class refuses, each with a line, this many are tried in a run and the rest is left
-// out.
+// hours.
 constexpr uint64_t kPaddingByPages = 64 * 1024 * 1024;
+
+// Pages of padding that a class may refuse in a run, each with a line. The rest is left out.
+constexpr uint64_t kMostRefusedPadding = 1024 * 1024;
 
 /// What is to be written.
 struct ItemPlan {
@@ -240,7 +245,7 @@ bool CStorage::fill_output_file(uint64_t offset) {
         return true;
     }
 
-    ByteBuffer page(m_page_size, m_fill_byte);
+    ByteBuffer page(m_page_size);
     if (!page)
         return false;
     uint64_t missing = offset - size;
@@ -265,7 +270,7 @@ bool CStorage::align_to_block() {
     const uint64_t excess = m_fout.buffer().size() % m_block_size;
     if (excess == 0)
         return true;
-    ByteBuffer page(m_page_size, m_fill_byte);
+    ByteBuffer page(m_page_size);
     if (!page) {
         m_fout.give_up(ENOMEM);
         return false;
@@ -276,47 +281,74 @@ bool CStorage::align_to_block() {
 }
 
 bool CStorage::write_page(uint8_t* data, uint32_t length) {
-    if (m_page_2k)
-        write_page_per_2k(data);
-    else
+    if (!m_page_2k) {
         m_fout.write(reinterpret_cast<const char*>(data), length);
-    return true;
-}
-
-void CStorage::write_page_per_2k(const uint8_t* data) {
+        return true;
+    }
     for (uint64_t position = 0; position < m_page_size; position += kDataPerPage2k) {
         const uint64_t slice = std::min<uint64_t>(kDataPerPage2k, m_page_size - position);
         m_fout.write(reinterpret_cast<const char*>(data + position), static_cast<std::streamsize>(slice));
         m_fout.write_fill(m_fill_byte, 1, m_page_size - slice);
     }
+    return true;
 }
 
-void CStorage::write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length) {
-    const uint64_t slices = (uint64_t{m_page_size} + kDataPerPage2k - 1) / kDataPerPage2k;
-    const uint64_t page_bytes = m_page_2k ? slices * m_page_size : length;
+void CStorage::write_fill_pages(uint8_t* page, uint64_t count, uint32_t length) {
+    const uint64_t written_length =
+        m_page_2k ? uint64_t{page_count(m_page_size, kDataPerPage2k)} * m_page_size : length;
     for (uint64_t written = 0; written < count && !m_fout.buffer().has_failed(); ++written) {
-        if (m_padding_by_pages >= kPaddingByPages) {
-            m_fout.write_fill(m_fill_byte, count - written, page_bytes);
+        if (m_plain_pages && m_padding_by_pages >= kPaddingByPages) {
+            m_fout.write_fill(m_fill_byte, count - written, written_length);
             return;
         }
-        if (m_dropped_padding >= kPaddingByPages)
+        if (m_refused_padding >= kMostRefusedPadding)
             return;
-        const uint64_t before = m_fout.buffer().position();
-        // A class whose pages are not just their data gets all of them one by one.
-        if (!write_page(fill_page, length))
-            m_dropped_padding += page_bytes;
-        else if (m_fout.buffer().position() - before == page_bytes)
-            m_padding_by_pages += page_bytes;
+        if (!holds_only(page, m_page_size, m_fill_byte))
+            std::memset(page, m_fill_byte, m_page_size);
+        if (write_page(page, length))
+            m_padding_by_pages += written_length;
+        else
+            ++m_refused_padding;
     }
 }
 
-bool CStorage::count_partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages,
-                                     uint32_t& pages) const {
-    const bool nand =
-        m_type == FLASH_SPI_NAND || m_type == FLASH_SLC_NAND;  // these files carry data pages alone
-    pages = nand || entry.part_size == kGrowingPartition ? data_pages
-                                                         : page_count(entry.part_size, m_page_size_sector);
-    return pages >= data_pages;
+uint32_t CStorage::write_pages(PageSource& source, uint32_t count, uint32_t pages, Progress* progress) {
+    for (uint32_t done = 0; done < count;) {
+        if (m_fout.buffer().has_failed()) {  // nothing more reaches the file: on to the verdict
+            if (progress != nullptr)
+                progress->show_steps(done, count, 1, pages);
+            return count;
+        }
+        const std::span<uint8_t> run = source.pages(done, count - done);
+        if (run.empty())
+            return done;
+        for (uint64_t position = 0; position < run.size(); position += m_page_size) {
+            write_page(run.data() + position, m_page_size);
+            ++done;
+            if (progress != nullptr)
+                progress->show(done, pages);
+        }
+    }
+    return count;
+}
+
+void CStorage::write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress) {
+    while (done < pages) {
+        const auto steps =
+            static_cast<uint32_t>(std::min<uint64_t>(progress.steps_until_change(done, pages), pages - done));
+        write_fill_pages(page, steps, m_page_size);
+        done += steps;
+        progress.show(done, pages);
+    }
+}
+
+std::optional<uint32_t> CStorage::partition_pages(const STRUCT_QZIMAGE_ITEM& entry,
+                                                  uint32_t data_pages) const {
+    // The files of NAND partitions carry data pages alone.
+    if (m_type == FLASH_SPI_NAND || m_type == FLASH_SLC_NAND || entry.part_size == kGrowingPartition)
+        return data_pages;
+    const uint32_t pages = page_count(entry.part_size, m_page_size_sector);
+    return pages >= data_pages ? std::optional<uint32_t>(pages) : std::nullopt;
 }
 
 std::string CStorage::path_in_output(const std::string& name) const {

@@ -14,9 +14,11 @@
 #include <cstdint>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+class PageSource;
 class Progress;
 
 /// Storage type of the output; one bit each.
@@ -54,7 +56,7 @@ public:
 
     // The virtual operations, in slot order.
 
-    /// Sectors of a boot block with stages of D and B sectors: header and stages, rounded up to whole pages.
+    /// Sectors of a boot block with stages of D and B sectors, in whole pages with its header.
     virtual uint32_t compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors);
     /// Sets where and how often the boot block is written, and may enlarge it. False: it cannot be written.
     virtual bool prepare_write_idblock();
@@ -66,9 +68,13 @@ public:
     virtual bool post_write_partition();
     /// Writes one page at the output position: length bytes of data or, with 2 KB per page, every 2 KB of the
     /// m_page_size bytes of data in a page of its own. Always true; the output file keeps its first failure.
+    ///
+    /// The page is private to the call. An override may change it, hand on another pointer, write before and
+    /// after it, seek, flush, read the firmware, call the base never, once or often, in any order: what the
+    /// base is given is what is written. A page of padding always arrives full of fill bytes. An override
+    /// that writes more than the data clears m_plain_pages.
     virtual bool write_page(uint8_t* data, uint32_t length);
-    /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after one line that says why
-    /// not.
+    /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after a line that says why not.
     virtual bool storage_init();
     /// Closes what is open and frees the firmware reader.
     virtual ~CStorage();
@@ -154,49 +160,27 @@ protected:
     /// The output directory, a "/" unless it ends in one or is empty, and the name.
     std::string path_in_output(const std::string& name) const;
     /// Closes the output and creates the file name in the output directory instead. False after a line that
-    /// says why not; a name with a "/" would leave the directory and fails with EINVAL.
+    /// says why not. A name with a "/" would leave the directory and fails with EINVAL.
     bool switch_output(const std::string& name);
+    /// Brings the output file to its length and closes it; a failure is kept for the verdict.
+    void close_output();
     /// Starts idblock.img with one boot block copy at its start. False as switch_output.
     bool open_nand_idblock();
     /// Starts the file of a NAND partition and announces it. False as switch_output.
     bool open_nand_partition(const STRUCT_QZIMAGE_ITEM& item);
-    /// Brings everything written so far into the output file and closes it; a failure is kept for the
-    /// verdict.
-    void close_output();
-    /// Hands count pages of fill bytes to write_page, length bytes each; fill_page holds m_page_size fill
-    /// bytes. Padding beyond 64 MiB in one file is handed to the output as a whole where pages are just their
-    /// data. Where write_page refuses them, pages for 64 MiB are tried in a run and the rest is left out.
-    void write_fill_pages(uint8_t* fill_page, uint64_t count, uint32_t length);
-    /// Pages that can be put to first, where the output gathers its bytes, and written from there without a
-    /// copy; 0 when the class's pages are not just their data, or the output has failed.
-    uint32_t room_for_pages(uint8_t*& first);
-    /// Brings pages of item data from number done on up to data_pages into memory, the cheapest way: several
-    /// at once, or one in page. Sets first and returns their count; 0 when they cannot be read.
-    uint32_t read_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t done, uint32_t data_pages, uint8_t* page,
-                        uint8_t*& first);
-    /// Reads up to most whole pages of item data from position on, if that is worth it, to where the output
-    /// gathers its bytes, sets first and returns their count. 0 when there are too few or they cannot be read
-    /// at once.
-    uint32_t read_pages_in_place(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most,
-                                 uint8_t*& first);
-    /// Finds up to most whole pages of item data from position on where the reader has them, sets first and
-    /// returns their count. 0 when there are none or they cannot be read at once.
-    uint32_t view_pages(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint32_t most, uint8_t*& first);
-    /// Reads the page of item data at position into page, the last one filled up. False when it cannot be
-    /// read.
-    bool read_page(const STRUCT_QZIMAGE_ITEM& entry, uint64_t position, uint8_t* page);
-    /// Hands count pages, one behind the other from first on, to write_page and counts them in
-    /// done; shows progress out of pages.
-    void write_pages(uint8_t* first, uint32_t count, uint32_t& done, uint32_t pages, Progress& progress);
-    /// Writes fill pages from page number done up to pages, showing progress; page is overwritten.
+    /// Hands count pages of fill bytes to write_page, length bytes each; page has m_page_size bytes, which
+    /// change. Page by page up to 64 MiB a file, the rest in one write_fill if pages are plain. Refused pages
+    /// are tried up to 1,048,576 a run, then left out.
+    void write_fill_pages(uint8_t* page, uint64_t count, uint32_t length);
+    /// Hands count pages of the source to write_page and returns how many: fewer when one cannot be read, all
+    /// of them, unread, once the output has failed. Shows progress out of pages when it is given.
+    uint32_t write_pages(PageSource& source, uint32_t count, uint32_t pages = 0,
+                         Progress* progress = nullptr);
+    /// Writes fill pages from page number done up to pages, showing progress; page as for write_fill_pages.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
-    /// Pages of a partition of part_size sectors that holds data_pages pages of data: for NAND and for
-    /// growing partitions the data pages, else all pages of the partition. False when it is too small.
-    bool count_partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages, uint32_t& pages) const;
-    /// Copies data_pages pages of the temporary file at path to the output and fills the partition up to
-    /// pages.
-    void copy_expanded_pages(OutputFile& expanded, const std::string& path, uint32_t data_pages,
-                             uint32_t pages, ByteBuffer& page, Progress& progress);
+    /// Pages of a partition that holds data_pages pages of data: for NAND and for growing partitions the data
+    /// pages, else all pages of the partition. Nothing when it is too small.
+    std::optional<uint32_t> partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages) const;
 
     bool m_init_ok;                      ///< storage_init has succeeded
     uint32_t m_block_size;               ///< in bytes; all sizes wrap at 32 bits
@@ -214,31 +198,32 @@ protected:
     std::string m_out_file;              ///< path of the output file; empty until one is opened
     WriteFailure m_write_failure;        ///< first failure of any output file; ends the run in failure
     OutputFile m_fout{&m_write_failure};
-    ENUM_FLASH_TYPE m_type;        ///< storage type
-    uint32_t m_page_size;          ///< in bytes
-    uint32_t m_oob_size;           ///< in bytes
-    uint32_t m_block_size_sector;  ///< erase block in sectors
-    uint32_t m_page_size_sector;   ///< page in sectors
-    uint8_t m_idb_copy = 0;        ///< copies of the boot block; two are written at most
-    uint32_t m_idb_upper_limit =
-        0;  ///< sector bound of the boot block area; kept for completeness, read by nobody
+    ENUM_FLASH_TYPE m_type;                  ///< storage type
+    uint32_t m_page_size;                    ///< in bytes
+    uint32_t m_oob_size;                     ///< in bytes
+    uint32_t m_block_size_sector;            ///< erase block in sectors
+    uint32_t m_page_size_sector;             ///< page in sectors
+    uint8_t m_idb_copy = 0;                  ///< copies of the boot block; two are written at most
+    uint32_t m_idb_upper_limit = 0;          ///< sector bound of the boot block area; read by nobody
     uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
     uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
     uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
+    /// write_page writes data and fill bytes, and nothing else: long padding may go past it.
+    bool m_plain_pages = true;
 
 private:
     bool run_creation();
+    int write_idblock_copies(const ByteBuffer& block, uint32_t pages);
     bool write_partitions();
     bool finish_output();
-    void write_page_per_2k(const uint8_t* data);
 
     std::unique_ptr<CQZImage> m_update_image;
     ByteBuffer m_param_bytes;
     uint64_t m_padding_by_pages = 0;  // bytes of padding that went through write_page in this output file
-    uint64_t m_dropped_padding = 0;   // bytes of padding that write_page refused in this run
+    uint64_t m_refused_padding = 0;   // pages of padding that write_page refused in this run
 };
 
-/// eMMC: one image of the whole device; the second boot block copy 512 KB behind the first.
+/// eMMC: one image of the whole device; the second boot block copy 512 KB after the first.
 class CEmmcStorage : public CStorage {
 public:
     /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
@@ -249,7 +234,7 @@ public:
     bool prepare_write_idblock() override;
 };
 
-/// SPI NOR: one image of the whole device; the second boot block copy on a 64 KB boundary behind the first.
+/// SPI NOR: one image of the whole device; the second boot block copy on a 64 KB boundary after the first.
 class CNorStorage : public CStorage {
 public:
     /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per

@@ -292,69 +292,6 @@ TEST_F(QZImageGetData, WorksOnAfterTheTagOrTheContainerWasRefused) {
     EXPECT_EQ(tag, test_support::to_bytes("QZFW"));
 }
 
-// ---- ViewData ----
-
-class QZImageViewData : public QZImageTest {
-protected:
-    // What ViewData shows, or "null" as one byte 0x21.
-    Bytes view(uint64_t offset, uint32_t size) {
-        held = 77;
-        const uint8_t* bytes = image.ViewData(offset, size, held);
-        return bytes == nullptr ? Bytes{0x21} : Bytes(bytes, bytes + size);
-    }
-
-    void expect_null(uint64_t offset, uint32_t size) {
-        EXPECT_EQ(view(offset, size), Bytes{0x21});
-        EXPECT_EQ(held, 0U);
-    }
-
-    uint64_t held = 0;
-};
-
-TEST_F(QZImageViewData, ShowsWhatGetDataReads) {
-    const Firmware firmware = sample_firmware();
-    const auto where = firmware.layout();
-    ASSERT_EQ(init(firmware), 0);
-    EXPECT_EQ(view(where.item_data[3], 20001), firmware.items[3].data);
-    EXPECT_EQ(view(0, 102), data(0, 102));
-    EXPECT_EQ(view(where.file_size - 1, 1), data(where.file_size - 1, 1));
-    EXPECT_EQ(held, 1U);
-}
-
-TEST_F(QZImageViewData, IsNullWhereGetDataFails) {
-    expect_null(0, 1);
-    ASSERT_EQ(init(small_firmware()), 0);
-    const uint64_t size = image.GetImageSize();
-    expect_null(size, 1);
-    expect_null(size - 1, 2);
-    expect_null(size + 1, 0);
-    expect_null(std::numeric_limits<uint64_t>::max(), 2);
-    expect_null(0, 0xFFFFFFFF);
-    EXPECT_EQ(image.GetReadError(), 0);
-}
-
-TEST_F(QZImageViewData, EndsWhereTheFileEndedWhenItWasOpened) {
-    Firmware firmware = sample_firmware();
-    firmware.items[3].data = patterned(600000, 1);  // its end is not read when it is opened
-    ASSERT_EQ(init(firmware), 0);
-    const uint64_t size = image.GetImageSize();
-    {
-        std::ofstream grown(path(), std::ios::binary | std::ios::app);
-        grown << "more";
-    }
-    EXPECT_EQ(view(size - 3, 2), data(size - 3, 2));
-    EXPECT_EQ(held, 3U);
-    EXPECT_EQ(view(size, 0), Bytes{});
-    EXPECT_EQ(held, 0U);
-    expect_null(size - 3, 4);
-}
-
-TEST_F(QZImageViewData, IsNullInSingleMode) {
-    write_file(directory / "loader.bin", sample_container().build());
-    ASSERT_EQ(init(directory / "loader.bin"), 0);
-    expect_null(0, 1);
-}
-
 // ---- the open file ----
 
 TEST_F(QZImageTest, ClosesItsFileInTheEnd) {

@@ -161,84 +161,6 @@ TEST_F(BlockReaderTest, ReadsBytesBeyond4GiB) {
     EXPECT_EQ(read(12345, 200), expected(12345, 200));
 }
 
-// ---- view ----
-
-// What a view shows, or "null" as one byte 0x21; everything it holds is compared with the file.
-class BlockReaderView : public BlockReaderTest {
-protected:
-    Bytes view(uint64_t offset, uint64_t size) {
-        const uint8_t* bytes = reader.view(offset, size, held);
-        if (bytes == nullptr) {
-            EXPECT_EQ(held, 0U);
-            return Bytes{0x21};
-        }
-        EXPECT_GE(held, size);
-        EXPECT_EQ(Bytes(bytes, bytes + held), expected(offset, held)) << offset;
-        return Bytes(bytes, bytes + size);
-    }
-
-    const Bytes null{0x21};
-    uint64_t held = 77;
-};
-
-TEST_F(BlockReaderView, ShowsPiecesFromAnywhere) {
-    for (const std::size_t size : {1U, 511U, 2048U, 4097U, 131071U, 131072U}) {
-        for (const uint64_t offset : {0U, 1U, 4095U, 4096U, 131073U, 262143U, 262144U, 300001U, 868931U}) {
-            ASSERT_EQ(view(offset, size), expected(offset, size)) << size << " bytes at " << offset;
-        }
-    }
-    static_assert(BlockReader::kLargestView == 131072);
-}
-
-TEST_F(BlockReaderView, ShowsPiecesUpToTheEndOfTheFileAndNotBeyond) {
-    const uint64_t end = content.size();
-    EXPECT_EQ(view(end - 1, 1), expected(end - 1, 1));
-    EXPECT_EQ(view(end - 1, 2), null);
-    EXPECT_EQ(view(end, 1), null);
-    EXPECT_EQ(view(end + 1, 1), null);
-    EXPECT_EQ(view(end - 131071, 131072), null);
-    EXPECT_EQ(view(std::numeric_limits<uint64_t>::max(), 1), null);
-    EXPECT_EQ(view(std::numeric_limits<uint64_t>::max() - 1, 100), null);
-    EXPECT_EQ(view(end - 131072, 131072), expected(end - 131072, 131072));
-}
-
-TEST_F(BlockReaderView, ShowsNoPieceThatIsLargerThanItsBlock) {
-    EXPECT_EQ(view(0, 262145), null);
-    EXPECT_EQ(view(0, std::numeric_limits<uint64_t>::max()), null);
-    EXPECT_EQ(view(0, 100), expected(0, 100));
-    EXPECT_EQ(view(1, std::numeric_limits<uint64_t>::max()), null);
-}
-
-TEST_F(BlockReaderView, TellsHowMuchItHolds) {
-    view(0, 1);
-    EXPECT_EQ(held, 262144U);
-    view(4097, 100);
-    EXPECT_EQ(held, 262144U - 4097);
-    view(262143, 1);
-    EXPECT_EQ(held, 1U);
-    view(262143, 2);  // a new block from the page boundary below
-    EXPECT_EQ(held, 262144U - 4095);
-    view(content.size() - 10, 3);
-    EXPECT_EQ(held, 10U);
-    view(content.size(), 0);
-    EXPECT_EQ(held, 0U);
-}
-
-TEST_F(BlockReaderView, ShowsAndReadsByTurns) {
-    for (uint64_t offset = 0; offset + 6000 < content.size(); offset += 6000) {
-        ASSERT_EQ(view(offset, 3000), expected(offset, 3000)) << offset;
-        ASSERT_EQ(read(offset + 3000, 3000), expected(offset + 3000, 3000)) << offset;
-    }
-}
-
-TEST_F(BlockReaderView, ShowsNothingOfAFileThatCannotBeRead) {
-    ASSERT_EQ(read(0, 100), expected(0, 100));
-    file->close();
-    EXPECT_EQ(view(100, 100), expected(100, 100));
-    EXPECT_EQ(view(600000, 100), null);
-    EXPECT_EQ(view(0, 100), null);
-}
-
 // ---- failures ----
 
 TEST_F(BlockReaderTest, FailsWithTheErrorOfTheSystem) {
@@ -280,8 +202,6 @@ TEST(BlockReader, WithoutAFileFails) {
     BlockReader reader;
     uint8_t byte = 0;
     EXPECT_EQ(reader.read(0, 1, &byte), std::nullopt);
-    uint64_t held = 0;
-    EXPECT_EQ(reader.view(0, 1, held), nullptr);
 }
 
 }  // namespace
