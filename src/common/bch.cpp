@@ -1,6 +1,6 @@
 #include "bch.h"
 
-#include "bch_kernels.h"
+#include "bch/kernels.h"
 
 #include <algorithm>
 #include <cassert>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bch_table_register.h"
+#include "table_register.h"
 
 #include <cstring>
 

@@ -31,8 +31,7 @@ struct BchTables {
     /// What the first half of a codeword's register becomes while the second half is fed, for each of its 64
     /// groups of 4 bits: a register from group * 16 + value on; empty for registers of several rows.
     std::vector<BchRow> half_way_rows;
-    /// Constants of the carry-less kernels (BchMultipliers in bch_carry_less.h); empty for degrees beyond
-    /// 256.
+    /// Constants of the carry-less kernels (BchMultipliers in carry_less.h); empty for degrees beyond 256.
     std::vector<BchRow> multipliers;
 };
 

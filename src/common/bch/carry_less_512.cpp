@@ -3,7 +3,7 @@
 #define BCH_CARRY_LESS_TARGET "avx2,pclmul,vpclmulqdq,avx512f"
 #endif
 
-#include "bch_carry_less.h"
+#include "carry_less.h"
 
 #if defined(__x86_64__)
 

@@ -4,7 +4,7 @@
 #define BCH_CARRY_LESS_TARGET "avx2,pclmul,vpclmulqdq"
 #endif
 
-#include "bch_carry_less.h"
+#include "carry_less.h"
 
 void bch_build_multipliers(const BchRegister& polynomial, BchTables& tables) {
     BchMultipliers m{};

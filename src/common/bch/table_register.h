@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bch_kernels.h"
+#include "kernels.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "bch_table_register.h"
+#include "table_register.h"
 
 #include <cstring>
 
