@@ -1,7 +1,8 @@
 // Parity of SLC NAND pages on every path that this processor has, beside a plain copy of the same bytes. The
 // speed counts data alone, without system bytes and parity.
 
-#include "bch_paths.h"
+#include "common/bch.h"
+#include "support/bch_paths.h"
 #include "support/bytes.h"
 
 #include <benchmark/benchmark.h>
@@ -17,7 +18,7 @@ constexpr uint32_t unit_data = 1024;
 constexpr uint32_t unit_stride = unit_data + 32;  // data, system bytes and parity
 constexpr uint32_t units_in_set = 256;            // 256 KiB of data
 
-void encode_pages(benchmark::State& state, BchPath path) {
+void encode_pages(benchmark::State& state, const BchPath& path) {
     const auto units_together = static_cast<uint32_t>(state.range(0));
     test_support::Bytes pages = test_support::patterned(units_in_set * unit_stride, 1);
     std::vector<uint8_t*> units;
@@ -46,11 +47,9 @@ void copy_pages(benchmark::State& state) {
 
 [[maybe_unused]] const bool registered = [] {
     benchmark::RegisterBenchmark("memcpy", copy_pages);
-    for (const NamedBchPath& named : bch_paths) {
-        if (bch_path_available(named.path)) {
-            const std::string name = "bch_encode_units/" + std::string(named.name) + "/units_together";
-            benchmark::RegisterBenchmark(name.c_str(), encode_pages, named.path)->Arg(2)->Arg(4)->Arg(8);
-        }
+    for (const BchPath& path : test_support::available_bch_paths()) {
+        const std::string name = "bch_encode_units/" + std::string(path.name) + "/units_together";
+        benchmark::RegisterBenchmark(name.c_str(), encode_pages, path)->Arg(2)->Arg(4)->Arg(8);
     }
     return true;
 }();

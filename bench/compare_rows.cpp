@@ -1,6 +1,6 @@
 #include "compare_rows.h"
 
-#include "common/bch.h"
+#include "common/bch/paths.h"
 
 #include <fstream>
 #include <stdexcept>
@@ -43,10 +43,14 @@ void add_flag(Words& words, const SlcGeometry& geometry) {
     }
 }
 
-// The program as it is, with the fastest path of this processor.
+// The program selects the fastest path of this processor.
+double slc_limit() {
+    return bch_fastest_path(bch_paths()).name == bch_portable.name ? table_limit : carry_less_limit;
+}
+
 Row slc_row(const Programs& programs, const SlcGeometry& geometry) {
     Row row{.name = geometry.name,
-            .limit = bch_path_available(BchPath::carry_less) ? carry_less_limit : table_limit,
+            .limit = slc_limit(),
             .words = program_words(programs, {"-t", "slc", "-b", geometry.block_kib, "-p", geometry.page_kib,
                                               "-s", geometry.spare_bytes}),
             .at_largest_size = geometry.name == "slc-2k"};

@@ -1,7 +1,7 @@
 // Converts for SLC NAND as the program does, with a BCH path of the caller's choice. The program itself has
 // no such option: it takes the fastest path that the processor has.
 
-#include "bch_paths.h"
+#include "common/bch/paths.h"
 #include "storage/storage_impl.h"
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 namespace {
 
 struct Job {
-    BchPath path = BchPath::portable;
+    BchPath path = bch_portable;
     std::string firmware{};
     std::string out_directory{};
     uint32_t block_kib = 0;
@@ -24,12 +24,22 @@ struct Job {
 };
 
 std::optional<BchPath> path_named(const std::string& name) {
-    for (const NamedBchPath& named : bch_paths) {
-        if (named.name == name) {
-            return named.path;
+    for (const BchPath& path : bch_paths()) {
+        if (path.name == name) {
+            return path;
         }
     }
     return std::nullopt;
+}
+
+void print_usage() {
+    std::fprintf(stderr,
+                 "usage: convert_with_path PATH FIRMWARE DIRECTORY BLOCK_KB PAGE_KB SPARE_BYTES [-2]\n"
+                 "PATH is one of:");
+    for (const BchPath& path : bch_paths()) {
+        std::fprintf(stderr, " %s", std::string(path.name).c_str());
+    }
+    std::fprintf(stderr, "\n");
 }
 
 uint32_t number(const std::string& text) {
@@ -66,12 +76,10 @@ int main(int argc, char** argv) {
     try {
         const std::optional<Job> job = parse(std::vector<std::string>(argv + 1, argv + argc));
         if (!job) {
-            std::fprintf(stderr, "usage: convert_with_path PATH FIRMWARE DIRECTORY BLOCK_KB PAGE_KB "
-                                 "SPARE_BYTES [-2]\n"
-                                 "PATH: portable, wide_rows, carry_less, carry_less_256 or carry_less_512\n");
+            print_usage();
             return 2;
         }
-        if (!bch_path_available(job->path)) {
+        if (!job->path.available()) {
             std::fprintf(stderr, "convert_with_path: this processor does not have what the path needs\n");
             return 3;
         }

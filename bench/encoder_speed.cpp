@@ -19,9 +19,6 @@ std::optional<double> limit_of(const std::string& name) {
     if (name.find("/portable") != std::string::npos) {
         return 0.75;
     }
-    if (name.find("/wide_rows") != std::string::npos) {
-        return 2.5;
-    }
     return std::nullopt;
 }
 

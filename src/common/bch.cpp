@@ -1,6 +1,6 @@
 #include "bch.h"
 
-#include "bch/kernels.h"
+#include "bch/paths.h"
 
 #include <algorithm>
 #include <cassert>
@@ -33,8 +33,6 @@ namespace {
 
 BchTables tables;
 BchRegister correction;  // makes an erased page valid; zero for the strengths without it
-BchPath selected_path = BchPath::portable;
-BchKernel kernel = bch_kernel_portable;
 uint64_t encoded_codewords;
 
 /// Exponents of the terms between x^m and 1 of the primitive polynomial of a degree; 0 ends them.
@@ -153,7 +151,7 @@ void set_correction() {
         return;
     const std::vector<uint8_t> erased(kBchCodewordBytes, 0xFF);
     const uint8_t* const codeword = erased.data();
-    bch_kernel_portable(tables, &codeword, 1, &correction);
+    bch_portable.kernel(tables, &codeword, 1, &correction);
     for (uint64_t& word : correction.word)
         word = ~word;
 }
@@ -163,13 +161,6 @@ void write_parity(const BchRegister& parity, uint8_t* out) {
     for (std::size_t k = 0; k * sizeof(words[0]) < CodecBytesNum; ++k)
         words[k] = parity.word[k] ^ correction.word[k];
     std::memcpy(out, words, CodecBytesNum);
-}
-
-void select_fastest_path() {
-    for (BchPath path : {BchPath::carry_less_512, BchPath::carry_less_256, BchPath::carry_less,
-                         BchPath::wide_rows, BchPath::portable})
-        if (bch_path_available(path))
-            return bch_select_path(path);
 }
 
 }  // namespace
@@ -221,7 +212,7 @@ void bch_init(uint16_t t) {
     }
     bch_build_tables(ggx, rr, tables);
     set_correction();
-    select_fastest_path();
+    bch_select_path(bch_fastest_path(bch_paths()));
 }
 
 void bch_encode(const uint8_t* input, uint8_t* output) {
@@ -235,7 +226,7 @@ void bch_encode_units(uint8_t* const* units, uint32_t count) {
     BchRegister parity[kBchUnitsTogether];
     while (count != 0) {
         const uint32_t group = std::min(count, kBchUnitsTogether);
-        kernel(tables, units, group, parity);
+        bch_selected_path().kernel(tables, units, group, parity);
         for (uint32_t i = 0; i < group; ++i)
             write_parity(parity[i], units[i] + kBchCodewordBytes);
         units += group;
@@ -258,46 +249,4 @@ void bch_replace_system_bytes(uint8_t* codeword, uint32_t value) {
 
 uint64_t bch_encoded_codewords() {
     return encoded_codewords;
-}
-
-bool bch_path_available(BchPath path) {
-    switch (path) {
-    case BchPath::portable:
-        return true;
-    case BchPath::wide_rows:
-        return bch_has_wide_rows();
-    case BchPath::carry_less:
-        return bch_has_carry_less();
-    case BchPath::carry_less_256:
-        return bch_has_carry_less_256();
-    case BchPath::carry_less_512:
-        return bch_has_carry_less_512();
-    }
-    return false;
-}
-
-void bch_select_path(BchPath path) {
-    assert(bch_path_available(path));
-    selected_path = path;
-    switch (path) {
-    case BchPath::portable:
-        kernel = bch_kernel_portable;
-        break;
-    case BchPath::wide_rows:
-        kernel = bch_kernel_wide_rows;
-        break;
-    case BchPath::carry_less:
-        kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less;
-        break;
-    case BchPath::carry_less_256:
-        kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less_256;
-        break;
-    case BchPath::carry_less_512:
-        kernel = tables.multipliers.empty() ? bch_kernel_wide_rows : bch_kernel_carry_less_512;
-        break;
-    }
-}
-
-BchPath bch_selected_path() {
-    return selected_path;
 }

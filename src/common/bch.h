@@ -51,8 +51,8 @@ void gen_poly();
 /// codeword is valid.
 void bch_encode(const uint8_t* input, uint8_t* output);
 
-/// Encodes count codewords in place, wherever each lies: what bch_encode does for each, kBchUnitsTogether at
-/// a time. Fewer than that may take longer, for the table paths work on 4 or 8 side by side.
+/// Encodes count codewords in place, each as bch_encode does. They may lie anywhere. A call with
+/// kBchUnitsTogether of them, or a multiple, takes the least time for each.
 void bch_encode_units(uint8_t* const* units, uint32_t count);
 
 /// Replaces the system bytes of an encoded codeword by value (little-endian) and adds the difference to its
@@ -61,22 +61,3 @@ void bch_replace_system_bytes(uint8_t* codeword, uint32_t value);
 
 /// Codewords that were encoded from all their bytes since the program started.
 uint64_t bch_encoded_codewords();
-
-/// How codewords are encoded; all ways give the same bytes.
-enum class BchPath {
-    portable,        ///< tables, by what every processor has
-    wide_rows,       ///< the same tables with 256-bit rows (AVX2)
-    carry_less,      ///< carry-less multiplication of 128-bit vectors (AVX2, PCLMULQDQ), for t up to 18
-    carry_less_256,  ///< the same of 256-bit vectors (VPCLMULQDQ), for t up to 18
-    carry_less_512,  ///< the same of 512-bit vectors (VPCLMULQDQ, AVX512F), for t up to 18
-};
-
-/// True when this processor has what the path needs.
-bool bch_path_available(BchPath path);
-
-/// Uses the path from now on; it must be available (asserted). bch_init starts with the fastest one. A
-/// strength that a carry-less path does not reach takes the 256-bit rows.
-void bch_select_path(BchPath path);
-
-/// The path that was selected last, also where the strength makes it take another.
-BchPath bch_selected_path();

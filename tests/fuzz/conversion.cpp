@@ -23,15 +23,6 @@ const char* type_name(ENUM_FLASH_TYPE type) {
     throw std::invalid_argument("no storage type");
 }
 
-std::vector<BchPath> available_bch_paths() {
-    std::vector<BchPath> paths;
-    for (const BchPath path : {BchPath::portable, BchPath::wide_rows, BchPath::carry_less,
-                               BchPath::carry_less_256, BchPath::carry_less_512})
-        if (bch_path_available(path))
-            paths.push_back(path);
-    return paths;
-}
-
 std::unique_ptr<CStorage> make_storage(ENUM_FLASH_TYPE type, const Geometry& g,
                                        const std::filesystem::path& firmware,
                                        const std::filesystem::path& output) {

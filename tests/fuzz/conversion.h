@@ -2,7 +2,7 @@
 
 // One conversion inside this process: what the program does between its checked options and its exit status.
 
-#include "common/bch.h"
+#include "common/bch/paths.h"
 #include "storage/storage_impl.h"
 
 #include <array>
@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <sys/resource.h>
-#include <vector>
 
 namespace robustness {
 
@@ -29,9 +28,6 @@ struct Geometry {
     bool page_list = false;
     std::optional<BchPath> bch_path{};  // of SLC NAND; empty: the fastest one
 };
-
-// Every way of encoding that this processor offers.
-std::vector<BchPath> available_bch_paths();
 
 std::unique_ptr<CStorage> make_storage(ENUM_FLASH_TYPE type, const Geometry& geometry,
                                        const std::filesystem::path& firmware,

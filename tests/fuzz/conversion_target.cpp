@@ -4,6 +4,7 @@
 #include "conversion.h"
 #include "fuzz_target.h"
 #include "scratch_storage.h"
+#include "support/bch_paths.h"
 
 #include <map>
 
@@ -66,7 +67,7 @@ int run_once(ENUM_FLASH_TYPE type, const Geometry& geometry, const std::filesyst
 void run_on_every_path(Geometry geometry, const std::filesystem::path& firmware, const Bytes& bytes) {
     std::optional<int> first_status;
     Output first_output;
-    for (const BchPath path : available_bch_paths()) {
+    for (const BchPath& path : available_bch_paths()) {
         geometry.bch_path = path;
         const int status = run_once(FLASH_SLC_NAND, geometry, firmware, bytes);
         if (!first_status) {

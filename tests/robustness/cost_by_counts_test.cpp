@@ -1,7 +1,9 @@
 // What a run costs, by counts that are the same on every machine: a change that costs an order of magnitude
 // goes red here.
 
+#include "common/bch.h"
 #include "program_run.h"
+#include "support/bch_paths.h"
 #include "support/sparse_builder.h"
 
 #include <gtest/gtest.h>
@@ -134,7 +136,7 @@ TEST(EncoderCalls, DoNotGrowWithFillPages) {
 
 TEST(EncoderCalls, AreOneForAKilobyteOfData) {
     constexpr std::size_t size = 4 * mib;
-    for (const BchPath path : available_bch_paths()) {
+    for (const BchPath& path : available_bch_paths()) {
         Geometry geometry = usual;
         geometry.bch_path = path;
         const uint64_t base = codewords_of(firmware_with_data(2048), geometry);

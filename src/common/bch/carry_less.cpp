@@ -70,46 +70,27 @@ struct Lanes256 {
     }
 };
 
-}  // namespace
-
-bool bch_has_carry_less() {
+bool has_carry_less_128() {
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("pclmul");
 }
 
-bool bch_has_carry_less_256() {
-    return bch_has_carry_less() && __builtin_cpu_supports("vpclmulqdq");
+bool has_carry_less_256() {
+    return has_carry_less_128() && __builtin_cpu_supports("vpclmulqdq");
 }
 
-[[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less(const BchTables& tables,
-                                                                  const uint8_t* const* codewords,
-                                                                  uint32_t count, BchRegister* results) {
+[[gnu::target(BCH_CARRY_LESS_TARGET)]] void
+encode_128(const BchTables& tables, const uint8_t* const* codewords, uint32_t count, BchRegister* results) {
     encode_all<Lanes128>(tables, codewords, count, results);
 }
 
-[[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less_256(const BchTables& tables,
-                                                                      const uint8_t* const* codewords,
-                                                                      uint32_t count, BchRegister* results) {
+[[gnu::target(BCH_CARRY_LESS_TARGET)]] void
+encode_256(const BchTables& tables, const uint8_t* const* codewords, uint32_t count, BchRegister* results) {
     encode_all<Lanes256>(tables, codewords, count, results);
 }
 
-#else
+}  // namespace
 
-bool bch_has_carry_less() {
-    return false;
-}
-
-bool bch_has_carry_less_256() {
-    return false;
-}
-
-void bch_kernel_carry_less(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                           BchRegister* results) {
-    bch_kernel_portable(tables, codewords, count, results);
-}
-
-void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                               BchRegister* results) {
-    bch_kernel_portable(tables, codewords, count, results);
-}
+extern constinit const BchPath bch_carry_less_128{"carry_less_128", has_carry_less_128, encode_128};
+extern constinit const BchPath bch_carry_less_256{"carry_less_256", has_carry_less_256, encode_256};
 
 #endif

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "paths.h"
 #include "table_register.h"
 
 #include <cstring>
@@ -119,6 +120,8 @@ template <typename Lanes>
 template <typename Lanes>
 [[BCH_CARRY_LESS]] inline void encode_all(const BchTables& tables, const uint8_t* const* codewords,
                                           uint32_t count, BchRegister* results) {
+    if (tables.multipliers.empty())
+        return bch_portable.kernel(tables, codewords, count, results);
     const auto& m = *reinterpret_cast<const BchMultipliers*>(tables.multipliers.data());
     for (uint32_t i = 0; i < count; ++i) {
         uint64_t sum[8];

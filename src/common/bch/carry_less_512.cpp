@@ -36,27 +36,18 @@ struct Lanes512 {
     }
 };
 
-}  // namespace
-
-bool bch_has_carry_less_512() {
-    return bch_has_carry_less_256() && __builtin_cpu_supports("avx512f");
+bool available() {
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("pclmul") &&
+           __builtin_cpu_supports("vpclmulqdq") && __builtin_cpu_supports("avx512f");
 }
 
-[[gnu::target(BCH_CARRY_LESS_TARGET)]] void bch_kernel_carry_less_512(const BchTables& tables,
-                                                                      const uint8_t* const* codewords,
-                                                                      uint32_t count, BchRegister* results) {
+[[gnu::target(BCH_CARRY_LESS_TARGET)]] void encode(const BchTables& tables, const uint8_t* const* codewords,
+                                                   uint32_t count, BchRegister* results) {
     encode_all<Lanes512>(tables, codewords, count, results);
 }
 
-#else
+}  // namespace
 
-bool bch_has_carry_less_512() {
-    return false;
-}
-
-void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                               BchRegister* results) {
-    bch_kernel_portable(tables, codewords, count, results);
-}
+extern constinit const BchPath bch_carry_less_512{"carry_less_512", available, encode};
 
 #endif

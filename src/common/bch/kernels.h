@@ -7,7 +7,8 @@
 /// The inner loops of the BCH encoder: parity registers of whole codewords, without the erased-page
 /// correction.
 
-constexpr uint32_t kBchCodewordBytes = 1028;  ///< data and system bytes
+constexpr uint32_t kBchCodewordBytes = 1028;                ///< data and system bytes
+constexpr uint32_t kBchInputWords = kBchCodewordBytes / 8;  ///< whole 64-bit words of them
 
 /// Parity register: bit b of the little-endian bit string is the coefficient of x^(rr - 1 - b). Bits beyond
 /// the degree are 0.
@@ -52,25 +53,3 @@ void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& 
 /// rows are left as they are.
 using BchKernel = void (*)(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                            BchRegister* results);
-
-/// From tables, by what every processor has.
-void bch_kernel_portable(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                         BchRegister* results);
-/// From tables with 256-bit vectors; needs bch_has_wide_rows.
-void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                          BchRegister* results);
-/// By carry-less multiplication of 128-bit vectors; needs bch_has_carry_less and multipliers.
-void bch_kernel_carry_less(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                           BchRegister* results);
-/// By carry-less multiplication of 256-bit vectors; needs bch_has_carry_less_256 and multipliers.
-void bch_kernel_carry_less_256(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                               BchRegister* results);
-/// By carry-less multiplication of 512-bit vectors; needs bch_has_carry_less_512 and multipliers.
-void bch_kernel_carry_less_512(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                               BchRegister* results);
-
-/// True when this processor, and the compiler that built the program, have what the kernel needs.
-bool bch_has_wide_rows();
-bool bch_has_carry_less();
-bool bch_has_carry_less_256();
-bool bch_has_carry_less_512();

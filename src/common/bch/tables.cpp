@@ -4,94 +4,7 @@
 
 namespace {
 
-constexpr uint32_t kFirstBytes = kBchCodewordBytes % 8;  // of a codeword, before its 64-bit words
-constexpr uint32_t kInputWords = kBchCodewordBytes / 8;
-static_assert(kFirstBytes == 4 && kInputWords % 2 == 0, "half a word, then two halves");
 constexpr uint32_t kRowGroups = 64;  // of 4 bits each
-
-/// How many registers are fed side by side at most: more of them than this in half rows do not fit the vector
-/// registers.
-template <typename Vector>
-constexpr uint32_t kLanes = sizeof(Vector) == sizeof(WholeRow) ? 8 : 4;
-
-/// Adds to a register what is left of the one before after half a codeword of zeros.
-template <typename Vector>
-[[gnu::always_inline]] inline void add_half_way(const BchTables& tables,
-                                                const BchTableRegister<Vector, 1>& before,
-                                                BchTableRegister<Vector, 1>& sum) {
-    constexpr uint32_t vectors = BchTableRegister<Vector, 1>::kVectors;
-    const auto* entry = reinterpret_cast<const Vector*>(tables.half_way_rows.data());
-    BchRegister words;
-    before.store(words);
-    for (const uint64_t word : {words.word[0], words.word[1], words.word[2], words.word[3]})
-        for (uint32_t group = 0; group < 16; ++group, entry += 16 * vectors)
-            for (uint32_t v = 0; v < vectors; ++v)
-                sum.part[v] ^= entry[(word >> 4 * group & 0xF) * vectors + v];
-}
-
-/// Encodes Units codewords side by side, each in Parts (1 or 2): while the rows of one register are loaded,
-/// the others go on. All lanes are unrolled, so that their registers stay in the processor's. A codeword
-/// begins in the middle of a 64-bit word, for zeros before it change nothing.
-template <typename Vector, uint32_t Rows, uint32_t Units, uint32_t Parts>
-[[gnu::always_inline]] inline void encode_units(const BchTables& tables, const uint8_t* const* codewords,
-                                                BchRegister* results) {
-    constexpr uint32_t part_bytes = kInputWords / Parts * 8;
-    const auto* table = reinterpret_cast<const Vector*>(tables.rows.data());
-    BchTableRegister<Vector, Rows> lanes[Units * Parts];
-    const uint8_t* input[Units * Parts];
-#pragma GCC unroll 8
-    for (uint32_t lane = 0; lane < Units * Parts; ++lane) {
-        const uint8_t* codeword = codewords[lane / Parts];
-        input[lane] = codeword + kFirstBytes + lane % Parts * part_bytes;
-        if (lane % Parts == 0)
-            lanes[lane].feed(table, uint64_t{bch_load<uint32_t>(codeword)} << 32);
-    }
-    for (uint32_t i = 0; i < part_bytes; i += 8) {
-#pragma GCC unroll 8
-        for (uint32_t lane = 0; lane < Units * Parts; ++lane)
-            lanes[lane].feed(table, bch_load<uint64_t>(input[lane] + i));
-    }
-#pragma GCC unroll 8
-    for (uint32_t unit = 0; unit < Units; ++unit) {
-        if constexpr (Parts == 2)
-            add_half_way(tables, lanes[unit * 2], lanes[unit * 2 + 1]);
-        lanes[unit * Parts + Parts - 1].store(results[unit]);
-    }
-}
-
-/// As many units at a time as there are lanes; fewer, if their register is one row, are cut in halves, so
-/// that more lanes have work.
-template <typename Vector, uint32_t Rows>
-[[gnu::always_inline]] inline void encode_rows(const BchTables& tables, const uint8_t* const* codewords,
-                                               uint32_t count, BchRegister* results) {
-    constexpr uint32_t lanes = kLanes<Vector>;
-    constexpr uint32_t parts = Rows == 1 ? 2 : 1;
-    while (count != 0) {
-        uint32_t units = 1;
-        if (count >= lanes) {
-            units = lanes;
-            encode_units<Vector, Rows, lanes, 1>(tables, codewords, results);
-        } else if (count >= lanes / 2) {
-            units = lanes / 2;
-            encode_units<Vector, Rows, lanes / 2, parts>(tables, codewords, results);
-        } else if (lanes > 4 && count >= lanes / 4) {
-            units = lanes / 4;
-            encode_units<Vector, Rows, lanes / 4, parts>(tables, codewords, results);
-        } else {
-            encode_units<Vector, Rows, 1, parts>(tables, codewords, results);
-        }
-        codewords += units;
-        results += units;
-        count -= units;
-    }
-}
-
-/// A function for each width of the register: in one that holds them all the compiler runs out of registers.
-template <uint32_t Rows>
-[[gnu::noinline]] void portable(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                                BchRegister* results) {
-    encode_rows<HalfRow, Rows>(tables, codewords, count, results);
-}
 
 /// The generator as the register has it, from bits 0 to degree - 2 of generator and the x^0 coefficient 1.
 BchRegister register_of_generator(const uint32_t* generator, uint32_t degree) {
@@ -129,7 +42,7 @@ void build_half_way_rows(BchTables& tables) {
             start.word[group / 16] = uint64_t{1} << (group % 16 * 4 + bit);
             BchTableRegister<HalfRow, 1> value;
             std::memcpy(value.part, &start, sizeof(start));
-            for (uint32_t i = 0; i < kInputWords / 2; ++i)
+            for (uint32_t i = 0; i < kBchInputWords / 2; ++i)
                 value.feed(table, 0);
             std::memcpy(entry + (1U << bit), value.part, sizeof(BchRow));
         }
@@ -178,44 +91,3 @@ void bch_register_of_word(const BchTables& tables, uint32_t value, BchRegister& 
             result.word[k] ^= row[k / 4].word[k % 4];
     }
 }
-
-void bch_kernel_portable(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                         BchRegister* results) {
-    constexpr BchKernel by_rows[] = {portable<1>, portable<2>, portable<3>, portable<4>};
-    by_rows[tables.rows_per_register - 1](tables, codewords, count, results);
-}
-
-#if defined(__x86_64__)
-
-namespace {
-
-template <uint32_t Rows>
-[[gnu::noinline, gnu::target("avx2")]] void wide(const BchTables& tables, const uint8_t* const* codewords,
-                                                 uint32_t count, BchRegister* results) {
-    encode_rows<WholeRow, Rows>(tables, codewords, count, results);
-}
-
-}  // namespace
-
-bool bch_has_wide_rows() {
-    return __builtin_cpu_supports("avx2");
-}
-
-void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                          BchRegister* results) {
-    constexpr BchKernel by_rows[] = {wide<1>, wide<2>, wide<3>, wide<4>};
-    by_rows[tables.rows_per_register - 1](tables, codewords, count, results);
-}
-
-#else
-
-bool bch_has_wide_rows() {
-    return false;
-}
-
-void bch_kernel_wide_rows(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
-                          BchRegister* results) {
-    bch_kernel_portable(tables, codewords, count, results);
-}
-
-#endif

@@ -4,6 +4,7 @@
 
 #include "common/bch.h"
 #include "support/bch_judge.h"
+#include "support/bch_paths.h"
 #include "support/bytes.h"
 
 #include <gtest/gtest.h>
@@ -27,35 +28,6 @@ protected:
 inline std::string numbered(std::string prefix, int number) {
     prefix += std::to_string(number);
     return prefix;
-}
-
-// Every way of encoding that this processor offers.
-inline std::vector<BchPath> available_paths() {
-    constexpr int more_than_there_are = 16;
-    std::vector<BchPath> paths;
-    for (int i = 0; i < more_than_there_are; ++i) {
-        if (bch_path_available(static_cast<BchPath>(i))) {
-            paths.push_back(static_cast<BchPath>(i));
-        }
-    }
-    return paths;
-}
-
-inline std::string path_name(BchPath path) {
-    switch (path) {
-    case BchPath::portable:
-        return "portable";
-    case BchPath::wide_rows:
-        return "wide_rows";
-    case BchPath::carry_less:
-        return "carry_less";
-    case BchPath::carry_less_256:
-        return "carry_less_256";
-    case BchPath::carry_less_512:
-        return "carry_less_512";
-    default:
-        return numbered("path", static_cast<int>(path));
-    }
 }
 
 // Buffers of exactly the codeword's size, so that a sanitizer sees any access beside them.

@@ -10,42 +10,8 @@ namespace {
 
 using namespace bch_tests;
 
+using test_support::available_bch_paths;
 using test_support::bch_slow_parity;
-
-// ---- choosing a path ----
-
-TEST_F(BchTest, HasThePortablePathOnEveryProcessor) {
-    EXPECT_TRUE(bch_path_available(BchPath::portable));
-    EXPECT_FALSE(bch_path_available(static_cast<BchPath>(1000)));
-}
-
-TEST_F(BchTest, UsesTheSelectedPath) {
-    bch_init(16);
-    for (const BchPath path : available_paths()) {
-        bch_select_path(path);
-        EXPECT_EQ(bch_selected_path(), path);
-    }
-}
-
-TEST_F(BchTest, GoesBackToTheFastestPathAtInit) {
-    bch_init(16);
-    const BchPath fastest = bch_selected_path();
-    for (const BchPath path : available_paths()) {
-        bch_select_path(path);
-        bch_init(16);
-        EXPECT_EQ(bch_selected_path(), fastest);
-    }
-    if (bch_path_available(BchPath::wide_rows) || bch_path_available(BchPath::carry_less)) {
-        EXPECT_NE(fastest, BchPath::portable);
-    }
-}
-
-using BchPathDeathTest = BchTest;
-
-TEST_F(BchPathDeathTest, RefusesAPathThatThisProcessorLacks) {
-    bch_init(16);
-    EXPECT_DEATH(bch_select_path(static_cast<BchPath>(1000)), "bch_select_path.*Assertion");
-}
 
 // ---- every path against the bit-serial encoder ----
 
@@ -79,10 +45,10 @@ std::vector<Bytes> parities_by_units(const std::vector<Bytes>& messages, uint32_
 
 void expect_parities_on_every_path(const std::vector<Bytes>& messages, const std::vector<Bytes>& expected,
                                    uint32_t group) {
-    for (const BchPath path : available_paths()) {
+    for (const BchPath& path : available_bch_paths()) {
         bch_select_path(path);
-        ASSERT_EQ(parities_by_units(messages, group), expected) << path_name(path);
-        ASSERT_EQ(parity_of(messages[0]), expected[0]) << path_name(path);
+        ASSERT_EQ(parities_by_units(messages, group), expected) << path.name;
+        ASSERT_EQ(parity_of(messages[0]), expected[0]) << path.name;
     }
 }
 
@@ -219,7 +185,7 @@ TEST_P(BchUnits, TakeOtherSystemBytesOnEveryPath) {
 
 std::vector<PageCase> page_cases() {
     std::vector<PageCase> cases;
-    for (const BchPath path : available_paths()) {
+    for (const BchPath& path : available_bch_paths()) {
         for (const int t : {16, 18, 24, 60}) {
             cases.push_back({path, static_cast<uint16_t>(t)});
         }
@@ -228,7 +194,7 @@ std::vector<PageCase> page_cases() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, BchUnits, ::testing::ValuesIn(page_cases()), [](const auto& test) {
-    return numbered(path_name(test.param.path) + "_t", test.param.t);
+    return numbered(std::string(test.param.path.name) + "_t", test.param.t);
 });
 
 }  // namespace

@@ -169,12 +169,12 @@ TEST_F(SlcPage, IsTheSameOnEveryEncoderPath) {
     const SlcCase chip{.page_kb = 8, .spare = 256};
     const Bytes data = mixed_pages(chip);
     const Bytes expected = slow_flash_pages(data, chip);
-    for (const BchPath path : bch_tests::available_paths()) {
+    for (const BchPath& path : test_support::available_bch_paths()) {
         const auto storage = open(chip);
         bch_select_path(path);
         write(*storage, data);
         storage->close_output();
-        EXPECT_TRUE(same_bytes(test_support::read_file(file()), expected)) << bch_tests::path_name(path);
+        EXPECT_TRUE(same_bytes(test_support::read_file(file()), expected)) << path.name;
     }
 }
 

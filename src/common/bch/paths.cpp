@@ -1,0 +1,40 @@
+#include "paths.h"
+
+#include <algorithm>
+#include <cassert>
+
+// The table of paths, fastest first. Each row is the constant that the source of that path defines.
+#if defined(__x86_64__)
+#define BCH_PATHS bch_carry_less_512, bch_carry_less_256, bch_carry_less_128, bch_portable
+#else
+#define BCH_PATHS bch_portable
+#endif
+
+extern const BchPath BCH_PATHS;
+
+namespace {
+
+BchPath selected_path = bch_portable;
+
+}  // namespace
+
+std::span<const BchPath> bch_paths() {
+    static const BchPath paths[] = {BCH_PATHS};
+    return paths;
+}
+
+const BchPath& bch_fastest_path(std::span<const BchPath> paths) {
+    const auto fastest =
+        std::find_if(paths.begin(), paths.end(), [](const BchPath& path) { return path.available(); });
+    assert(fastest != paths.end());
+    return *fastest;
+}
+
+void bch_select_path(const BchPath& path) {
+    assert(path.available());
+    selected_path = path;
+}
+
+const BchPath& bch_selected_path() {
+    return selected_path;
+}

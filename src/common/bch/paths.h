@@ -1,0 +1,28 @@
+#pragma once
+
+#include "kernels.h"
+
+#include <span>
+#include <string_view>
+
+/// One way to encode codewords. All of them give the same bytes.
+struct BchPath {
+    std::string_view name;  ///< by the instructions it uses and the bits of its vectors
+    bool (*available)();    ///< true when this processor has the instructions
+    BchKernel kernel;
+};
+
+/// The path for every processor and every strength.
+extern const BchPath bch_portable;
+
+/// All paths of this family of processors, fastest first; bch_portable is the last one.
+std::span<const BchPath> bch_paths();
+
+/// The first of the paths that this processor has. It must have one (asserted).
+const BchPath& bch_fastest_path(std::span<const BchPath> paths);
+
+/// Encodes by the path from now on; it must be available (asserted). bch_init selects the fastest one.
+void bch_select_path(const BchPath& path);
+
+/// The path that was selected last.
+const BchPath& bch_selected_path();
