@@ -1,33 +1,29 @@
 #if defined(__x86_64__)
-// In a source of its own: nothing of it runs where AVX-512 is not, not even a copy of a few bytes.
-#define BCH_CARRY_LESS_TARGET "avx2,pclmul,vpclmulqdq,avx512f"
-#endif
 
-#include "carry_less.h"
-
-#if defined(__x86_64__)
+#define BCH_TARGET "avx2,pclmul,vpclmulqdq,avx512f"
+#include "carry_less.inc"
 
 namespace {
 
-/// Without intrinsics where the compiler's own shuffles do: gcc 12 takes those for uninitialised values.
+/// Shuffles are those of the compiler: gcc 12 warns of uninitialised values in the intrinsics.
 struct Lanes512 {
     using Vector = __m512i;
 
-    [[BCH_CARRY_LESS]] static inline Vector low_products(Vector a, Vector b) {
+    [[BCH_INLINE]] static inline Vector low_products(Vector a, Vector b) {
         return _mm512_clmulepi64_epi128(a, b, 0x00);
     }
-    [[BCH_CARRY_LESS]] static inline Vector high_products(Vector a, Vector b) {
+    [[BCH_INLINE]] static inline Vector high_products(Vector a, Vector b) {
         return _mm512_clmulepi64_epi128(a, b, 0x11);
     }
-    [[BCH_CARRY_LESS]] static inline Vector fold(Vector a, Vector b) {
+    [[BCH_INLINE]] static inline Vector fold(Vector a, Vector b) {
         return __builtin_shufflevector(a, b, 0, 8, 2, 10, 4, 12, 6, 14) ^
                __builtin_shufflevector(a, b, 1, 9, 3, 11, 5, 13, 7, 15);
     }
-    [[BCH_CARRY_LESS]] static inline __m128i joined(Vector a) {
+    [[BCH_INLINE]] static inline __m128i joined(Vector a) {
         return __builtin_shufflevector(a, a, 0, 1) ^ __builtin_shufflevector(a, a, 2, 3) ^
                __builtin_shufflevector(a, a, 4, 5) ^ __builtin_shufflevector(a, a, 6, 7);
     }
-    [[BCH_CARRY_LESS]] static inline void load_blocks(const uint8_t* blocks, Vector& low, Vector& high) {
+    [[BCH_INLINE]] static inline void load_blocks(const uint8_t* blocks, Vector& low, Vector& high) {
         Vector first, second;
         std::memcpy(&first, blocks, sizeof(first));
         std::memcpy(&second, blocks + sizeof(first), sizeof(second));
@@ -41,13 +37,8 @@ bool available() {
            __builtin_cpu_supports("vpclmulqdq") && __builtin_cpu_supports("avx512f");
 }
 
-[[gnu::target(BCH_CARRY_LESS_TARGET)]] void encode(const BchTables& tables, const uint8_t* const* codewords,
-                                                   uint32_t count, BchRegister* results) {
-    encode_all<Lanes512>(tables, codewords, count, results);
-}
-
 }  // namespace
 
-extern constinit const BchPath bch_carry_less_512{"carry_less_512", available, encode};
+extern constinit const BchPath bch_carry_less_512{"carry_less_512", available, encode<Lanes512>};
 
 #endif

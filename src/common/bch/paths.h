@@ -1,9 +1,14 @@
 #pragma once
 
-#include "kernels.h"
+#include "tables.h"
 
 #include <span>
 #include <string_view>
+
+/// Computes the registers of count codewords (1 to kBchUnitsTogether), without the erased-page correction.
+/// Words of results beyond rows_per_register are left as they are.
+using BchKernel = void (*)(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
+                           BchRegister* results);
 
 /// One way to encode codewords. All of them give the same bytes.
 struct BchPath {

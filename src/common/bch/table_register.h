@@ -1,17 +1,14 @@
 #pragma once
 
-#include "kernels.h"
+#include "tables.h"
 
 #include <cstring>
 
-/// The parity register while it is fed from tables: the step that the table kernels are made of, and with
-/// which the carry-less kernels end. All of it is inlined, into functions that say which instructions there
-/// are.
+/// The parity register while input is fed to it from tables. All of it is inlined, so that it is compiled for
+/// the instructions of the function that uses it.
 
-/// Rows as the processor takes them: whole where it has vectors of 256 bits, else in halves, which every
-/// x86-64 has.
-using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));
-using HalfRow = uint64_t __attribute__((vector_size(sizeof(BchRow) / 2)));
+using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));     ///< for vectors of 256 bits
+using HalfRow = uint64_t __attribute__((vector_size(sizeof(BchRow) / 2)));  ///< for every processor
 
 template <typename Word>
 [[gnu::always_inline]] inline Word bch_load(const uint8_t* bytes) {
@@ -20,7 +17,7 @@ template <typename Word>
     return word;
 }
 
-/// Moves part on by a 64-bit word; the first one of next follows.
+/// Moves part on by a 64-bit word; the first word of next becomes its last.
 [[gnu::always_inline]] inline void bch_shift_in(WholeRow& part, const WholeRow& next) {
     part = __builtin_shufflevector(part, next, 1, 2, 3, 4);
 }
@@ -28,8 +25,8 @@ template <typename Word>
     part = __builtin_shufflevector(part, next, 1, 2);
 }
 
-/// The registers that the byte at a position (0 to 7) of word adds. The offset is made in one piece and the
-/// position stays a constant of the address: that takes the fewest instructions for each byte.
+/// The entry of the byte at a position (0 to 7) of word. One shift and one mask give the offset of its row,
+/// and the position is a constant in the address: no other form takes fewer instructions.
 template <uint32_t Rows, typename Vector>
 [[gnu::always_inline]] inline const Vector* bch_entry(const Vector* table, uint32_t position, uint64_t word) {
     constexpr uint32_t row_shift = 5;
@@ -46,8 +43,8 @@ struct BchTableRegister {
     static constexpr uint32_t kVectors = Rows * sizeof(BchRow) / sizeof(Vector);
     Vector part[kVectors] = {};
 
-    /// Feeds a 64-bit word of input. The register moves on by one word; what its first word and the input add
-    /// up to comes back in through the generator, byte by byte out of the tables.
+    /// Feeds a 64-bit word of input. The register moves on by one word. The word that leaves it is added to
+    /// the input, and the tables say what each byte of that sum adds to the register.
     [[gnu::always_inline]] inline void feed(const Vector* table, uint64_t input) {
         const uint64_t index = part[0][0] ^ input;
         for (uint32_t v = 0; v + 1 < kVectors; ++v)
@@ -61,7 +58,8 @@ struct BchTableRegister {
         }
     }
 
-    /// Hands the register out, part by part: copied as a whole it would be kept in memory all the time.
+    /// Copies the register part by part: the compiler would keep a register that is copied as a whole in
+    /// memory.
     [[gnu::always_inline]] inline void store(BchRegister& result) const {
         for (uint32_t v = 0; v < kVectors; ++v)
             std::memcpy(result.word + v * (sizeof(Vector) / sizeof(uint64_t)), &part[v], sizeof(Vector));

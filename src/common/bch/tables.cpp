@@ -1,62 +1,30 @@
-#include "table_register.h"
+#include "tables.h"
 
 #include <cstring>
 
 namespace {
 
 constexpr uint32_t kRowGroups = 64;  // of 4 bits each
+constexpr uint32_t kTailBytes = kBchCodewordBytes - kBchBlocks * kBchBlockBytes;
+static_assert(kTailBytes == 4, "the last word beyond the degree has room for them");
 
-/// The generator as the register has it, from bits 0 to degree - 2 of generator and the x^0 coefficient 1.
+/// The register of x^0.
+BchRegister register_of_one(uint32_t degree) {
+    BchRegister one{};
+    one.word[(degree - 1) / 64] = uint64_t{1} << (degree - 1) % 64;
+    return one;
+}
+
+/// The generator without its highest term, as a register. generator lacks the term x^0.
 BchRegister register_of_generator(const uint32_t* generator, uint32_t degree) {
-    BchRegister polynomial{};
+    BchRegister polynomial = register_of_one(degree);
     for (uint32_t bit = 0; bit + 1 < degree; ++bit)
         polynomial.word[bit / 64] |= static_cast<uint64_t>(generator[bit / 32] >> bit % 32 & 1) << bit % 64;
-    polynomial.word[(degree - 1) / 64] |= uint64_t{1} << (degree - 1) % 64;
     return polynomial;
 }
 
-/// Fills the 256 registers of one byte position; power is x^degree times what follows bit 7 and moves on to
-/// the position before.
-void build_byte_rows(BchRegister& power, const BchRegister& polynomial, uint32_t rows, BchRow* position) {
-    const auto row = [&](uint32_t byte) { return position + std::size_t{byte} * rows; };
-    for (uint32_t bit = 8; bit-- > 0;) {
-        std::memcpy(row(1U << bit), power.word, rows * sizeof(BchRow));
-        bch_multiply_by_x(power, polynomial);
-    }
-    for (uint32_t byte = 1; byte < 256; ++byte) {
-        const uint32_t lowest = byte & (0 - byte);
-        for (uint32_t k = 0; byte != lowest && k < rows * 4; ++k)
-            row(byte)[k / 4].word[k % 4] =
-                row(lowest)[k / 4].word[k % 4] ^ row(byte ^ lowest)[k / 4].word[k % 4];
-    }
-}
-
-/// Half a codeword of zeros behind every value of every group, by way of the groups' single bits.
-void build_half_way_rows(BchTables& tables) {
-    const auto* table = reinterpret_cast<const HalfRow*>(tables.rows.data());
-    tables.half_way_rows.assign(std::size_t{kRowGroups} * 16, BchRow{});
-    for (uint32_t group = 0; group < kRowGroups; ++group) {
-        BchRow* entry = tables.half_way_rows.data() + std::size_t{group} * 16;
-        for (uint32_t bit = 0; bit < 4; ++bit) {
-            BchRow start{};
-            start.word[group / 16] = uint64_t{1} << (group % 16 * 4 + bit);
-            BchTableRegister<HalfRow, 1> value;
-            std::memcpy(value.part, &start, sizeof(start));
-            for (uint32_t i = 0; i < kBchInputWords / 2; ++i)
-                value.feed(table, 0);
-            std::memcpy(entry + (1U << bit), value.part, sizeof(BchRow));
-        }
-        for (uint32_t number = 1; number < 16; ++number) {
-            const uint32_t lowest = number & (0 - number);
-            for (uint32_t k = 0; number != lowest && k < 4; ++k)
-                entry[number].word[k] = entry[lowest].word[k] ^ entry[number ^ lowest].word[k];
-        }
-    }
-}
-
-}  // namespace
-
-void bch_multiply_by_x(BchRegister& value, const BchRegister& polynomial) {
+/// value * x mod g: a shift by one bit towards bit 0. polynomial is g without its highest term.
+void multiply_by_x(BchRegister& value, const BchRegister& polynomial) {
     const uint64_t carry = 0 - (value.word[0] & 1);
     for (std::size_t k = 0; k < kBchRegisterWords; ++k) {
         const uint64_t next = k + 1 < kBchRegisterWords ? value.word[k + 1] : 0;
@@ -64,21 +32,76 @@ void bch_multiply_by_x(BchRegister& value, const BchRegister& polynomial) {
     }
 }
 
-void bch_build_tables(const uint32_t* generator, uint32_t degree, BchTables& tables) {
-    const uint32_t rows = (degree + 255) / 256;
-    const BchRegister polynomial = register_of_generator(generator, degree);
-    tables.rows_per_register = rows;
+/// Fills the entries, of `rows` rows each, of the values that have several bits: they are sums of those of
+/// single bits.
+void add_up_entries(BchRow* entries, uint32_t values, uint32_t rows) {
+    for (uint32_t value = 1; value < values; ++value) {
+        const uint32_t lowest = value & (0 - value);
+        for (uint32_t k = 0; value != lowest && k < rows * 4; ++k)
+            entries[value * rows + k / 4].word[k % 4] = entries[lowest * rows + k / 4].word[k % 4] ^
+                                                        entries[(value ^ lowest) * rows + k / 4].word[k % 4];
+    }
+}
+
+/// The last bit of the last byte adds x^degree mod g, which is the polynomial; each bit before it has one
+/// more x.
+void build_rows(const BchRegister& polynomial, BchTables& tables) {
+    const uint32_t rows = tables.rows_per_register;
     tables.rows.assign(std::size_t{8} * 256 * rows, BchRow{});
+    BchRegister power = polynomial;
+    for (uint32_t position = 8; position-- > 0;) {
+        BchRow* entries = tables.rows.data() + std::size_t{position} * 256 * rows;
+        for (uint32_t bit = 8; bit-- > 0;) {
+            std::memcpy(entries + (1U << bit) * rows, power.word, rows * sizeof(BchRow));
+            multiply_by_x(power, polynomial);
+        }
+        add_up_entries(entries, 256, rows);
+    }
+}
 
-    BchRegister power = polynomial;  // x^degree reduced: what the last bit of the last byte adds
-    for (uint32_t position = 8; position-- > 0;)
-        build_byte_rows(power, polynomial, rows, tables.rows.data() + std::size_t{position} * 256 * rows);
+/// Half a codeword of zeros after bit b of a register makes x^(degree - 1 - b + half a codeword) mod g of it.
+void build_half_way_rows(const BchRegister& polynomial, uint32_t degree, BchTables& tables) {
+    tables.half_way_rows.assign(std::size_t{kRowGroups} * 16, BchRow{});
+    BchRow* entries = tables.half_way_rows.data();
+    BchRegister power = register_of_one(degree);
+    for (uint32_t bit = 0; bit < kBchInputWords / 2 * 64; ++bit)
+        multiply_by_x(power, polynomial);
+    for (uint32_t bit = degree; bit-- > 0;) {
+        std::memcpy(entries + bit / 4 * 16 + (1U << bit % 4), power.word, sizeof(BchRow));
+        multiply_by_x(power, polynomial);
+    }
+    for (uint32_t group = 0; group < kRowGroups; ++group)
+        add_up_entries(entries + group * 16, 16, 1);
+}
 
-    tables.half_way_rows.clear();
-    tables.multipliers.clear();
-    if (rows == 1) {
-        build_half_way_rows(tables);
-        bch_build_multipliers(polynomial, tables);
+/// For a degree up to 256.
+BchMultipliers build_multipliers(const BchRegister& polynomial) {
+    BchMultipliers m{};
+    BchRegister power{{1}};  // x^(degree - 1)
+    for (uint32_t i = kBchBlocks; i-- > 0;) {
+        const uint32_t bits = 8 * (i + 1 == kBchBlocks ? kTailBytes : kBchBlockBytes);
+        for (uint32_t bit = 0; bit < bits; ++bit)
+            multiply_by_x(power, polynomial);
+        const uint64_t* c = power.word;
+        m.low[i] = {c[0], c[1]};
+        m.high[i] = {c[2], c[3]};
+        m.sum[i] = {c[0] ^ c[2], c[1] ^ c[3]};
+        m.folded[i] = {c[0] ^ c[1], c[2] ^ c[3]};
+        m.all[i] = {c[0] ^ c[1] ^ c[2] ^ c[3], 0};
+    }
+    return m;
+}
+
+}  // namespace
+
+void bch_build_tables(const uint32_t* generator, uint32_t degree, BchTables& tables) {
+    const BchRegister polynomial = register_of_generator(generator, degree);
+    tables = {};
+    tables.rows_per_register = (degree + 255) / 256;
+    build_rows(polynomial, tables);
+    if (tables.rows_per_register == 1) {
+        build_half_way_rows(polynomial, degree, tables);
+        tables.multipliers = build_multipliers(polynomial);
     }
 }
 
