@@ -35,47 +35,10 @@ BchTables tables;
 BchRegister correction;  // makes an erased page valid; zero for the strengths without it
 uint64_t encoded_codewords;
 
-/// Exponents of the terms between x^m and 1 of the primitive polynomial of a degree; 0 ends them.
-struct PrimitivePolynomial {
-    uint8_t degree;
-    uint8_t middle[6];
-};
-
-constexpr PrimitivePolynomial kPrimitivePolynomials[] = {
-    {2, {1}},
-    {3, {1}},
-    {4, {1}},
-    {5, {2}},
-    {6, {1}},
-    {7, {1}},
-    {8, {6, 5, 4}},
-    {9, {4}},
-    {10, {3}},
-    {11, {2}},
-    {12, {7, 4, 3}},
-    {13, {10, 8, 7, 5, 3, 2}},
-    {14, {8, 7, 6, 4, 2}},
-    {15, {1}},
-    {16, {5, 3, 2}},
-    {17, {3}},
-    {18, {7}},
-    {19, {6, 5, 1}},
-    {20, {3}},
-};
-
-void set_primitive_polynomial() {
-    std::fill(std::begin(p), std::end(p), uint8_t{0});
-    for (const PrimitivePolynomial& polynomial : kPrimitivePolynomials) {
-        if (polynomial.degree != mm)
-            continue;
-        p[0] = p[mm] = 1;
-        for (uint8_t exponent : polynomial.middle)
-            p[exponent] = 1;  // the 0 that ends the list is a term as well
-        // x^13 has its x^1 term beyond the six that the table holds.
-        if (mm == 13)
-            p[1] = 1;
-    }
-}
+/// Primitive polynomials of the degrees 2 to 20; bit i is the coefficient of x^i.
+constexpr uint32_t kPrimitivePolynomials[] = {0x7,     0xB,     0x13,    0x25,    0x43,    0x83,   0x171,
+                                              0x211,   0x409,   0x805,   0x1099,  0x25AF,  0x41D5, 0x8003,
+                                              0x1002D, 0x20009, 0x40081, 0x80063, 0x100009};
 
 /// Exponents of the roots: the cyclotomic cosets of 1 to 2t, in increasing order.
 std::vector<uint32_t> generator_roots() {
@@ -100,25 +63,6 @@ int32_t times_power(int32_t factor, uint32_t exponent) {
         return 0;
     return alpha_to[(static_cast<uint32_t>(index_of[factor]) + exponent) % DubCodeBitsNum];
 }
-
-/// Room for alpha_to and index_of, as long as the object lives.
-class FieldTables {
-public:
-    FieldTables() {
-        alpha_to = m_powers.data();
-        index_of = m_logarithms.data();
-    }
-    ~FieldTables() {
-        alpha_to = nullptr;
-        index_of = nullptr;
-    }
-    FieldTables(const FieldTables&) = delete;
-    FieldTables& operator=(const FieldTables&) = delete;
-
-private:
-    std::vector<int32_t> m_powers = std::vector<int32_t>(std::size_t{1} << mm);
-    std::vector<int32_t> m_logarithms = std::vector<int32_t>(std::size_t{1} << mm);
-};
 
 void pack_generator() {
     std::fill(std::begin(ggx), std::end(ggx), 0U);
@@ -167,12 +111,13 @@ void write_parity(const BchRegister& parity, uint8_t* out) {
 
 void generate_gf() {
     assert(alpha_to != nullptr && index_of != nullptr);
-    set_primitive_polynomial();
+    assert(mm >= 2 && mm <= 20);
+    const uint32_t polynomial = kPrimitivePolynomials[mm - 2];
+    for (std::size_t i = 0; i < std::size(p); ++i)
+        p[i] = static_cast<uint8_t>(polynomial >> i & 1);
     const uint32_t order = (1U << mm) - 1;
     const int32_t top = 1 << (mm - 1);
-    int32_t low_part = 0;  // x^mm reduced
-    for (int i = 0; i < mm; ++i)
-        low_part |= p[i] << i;
+    const auto low_part = static_cast<int32_t>(polynomial & order);  // x^mm reduced
 
     int32_t power = 1;
     for (uint32_t i = 0; i < order; ++i) {
@@ -205,11 +150,13 @@ void gen_poly() {
 void bch_init(uint16_t t) {
     assert(t >= 1 && t <= kLargestBchStrength);
     set_configuration(t);
-    {
-        const FieldTables field;
-        generate_gf();
-        gen_poly();
-    }
+    std::vector<int32_t> powers(std::size_t{1} << mm);
+    std::vector<int32_t> logarithms(powers.size());
+    alpha_to = powers.data();
+    index_of = logarithms.data();
+    generate_gf();
+    gen_poly();
+    alpha_to = index_of = nullptr;
     bch_build_tables(ggx, rr, tables);
     set_correction();
     bch_select_path(bch_fastest_path(bch_paths()));
