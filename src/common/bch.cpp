@@ -32,7 +32,7 @@ uint32_t ggx[64];
 namespace {
 
 BchTables tables;
-BchRegister correction;  // makes an erased page valid; zero for the strengths without it
+BchRegister correction;  // added to every register
 uint64_t encoded_codewords;
 
 /// Primitive polynomials of the degrees 2 to 20; bit i is the coefficient of x^i.
@@ -87,8 +87,8 @@ void set_configuration(uint16_t t) {
     BCHSpareSize = (CodecBitsNum / 8 + 1) & ~1U;
 }
 
-/// An erased page reads 0xFF everywhere and must be valid: the complement of an all-0xFF codeword's register
-/// is added to every one. Devices know this for these three strengths only.
+/// An erased page reads 0xFF everywhere and must be valid for these three strengths. So the complement of the
+/// register of 1028 bytes of 0xFF is added to every register.
 void set_correction() {
     correction = {};
     if (MaxBitsNum != 16 && MaxBitsNum != 24 && MaxBitsNum != 60)

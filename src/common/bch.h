@@ -2,9 +2,8 @@
 
 #include <cstdint>
 
-/// Binary BCH code over GF(2^14) for NAND pages: 1024 data bytes and 4 system bytes to a codeword, t
-/// correctable bits. The code is configured once by bch_init and then used by bch_encode; both work on global
-/// state.
+/// Binary BCH code over GF(2^14) for NAND pages: a codeword has 1024 data bytes, 4 system bytes and parity
+/// for t correctable bits. bch_init configures the code and bch_encode uses it. Both work on global state.
 
 // Configuration, set by bch_init.
 extern uint8_t mm;                ///< degree of the field, 14
@@ -20,7 +19,7 @@ extern uint32_t CodecBytesNum;    ///< parity bytes that are written
 extern uint32_t CodecWordsNum;    ///< 32-bit words of the parity register
 extern uint32_t AllBitsNum;       ///< bits of a codeword
 extern uint32_t AllBytesNum;      ///< bytes of a codeword
-extern uint32_t BCHSpareSize;     ///< spare bytes kept for the parity, an even number
+extern uint32_t BCHSpareSize;     ///< spare bytes reserved for the parity, an even number
 
 constexpr uint32_t kLargestBchStrength = 64;  ///< largest t
 constexpr uint32_t kBchUnitsTogether = 8;     ///< codewords that the encoder takes at a time
@@ -31,33 +30,32 @@ extern int32_t* index_of;  ///< its logarithms, index_of[0] = -1; only while bch
 extern uint8_t p[21];      ///< coefficients of the primitive polynomial, from x^0 to x^mm
 extern uint8_t gg[14 * kLargestBchStrength + 1];  ///< coefficients of the generator polynomial, from x^0 on
 extern uint32_t rr;                               ///< degree of the generator polynomial
-extern uint32_t
-    ggx[64];  ///< generator as the encoder's register has it: bit b is the coefficient of x^(rr - 1 - b)
+/// The generator as the encoder's register holds it: bit b is the coefficient of x^(rr - 1 - b).
+extern uint32_t ggx[64];
 
-/// Configures the code for t correctable bits, 1 to 64 (asserted). Must precede all encoding; a later call
-/// reconfigures.
+/// Configures the code for t correctable bits, 1 to 64 (asserted). Must be called before any encoding; a
+/// later call configures the code anew.
 void bch_init(uint16_t t);
 
-/// A step of bch_init: fills p, alpha_to and index_of for the degree mm (2 to 20). alpha_to and index_of
-/// point to 2^mm entries each (asserted).
+/// A step of bch_init: fills p, alpha_to and index_of for the degree mm, 2 to 20 (asserted). alpha_to and
+/// index_of must point to 2^mm entries each; that they are not null is asserted.
 void generate_gf();
 
-/// A step of bch_init: fills gg, rr and ggx for MaxBitsNum roots in the field of order DubCodeBitsNum, which
-/// generate_gf has made (asserted).
+/// A step of bch_init: fills gg, rr and ggx for MaxBitsNum correctable bits. It uses alpha_to and index_of as
+/// generate_gf filled them; that they are not null is asserted.
 void gen_poly();
 
-/// Encodes one codeword: takes the 1028 bytes at input, copies them to output unless it is the same place,
-/// and writes CodecBytesNum parity bytes behind them at output + 1028. For t = 16, 24 and 60 an all-0xFF
-/// codeword is valid.
+/// Encodes one codeword: copies the 1028 bytes at input to output, unless both are the same place, and writes
+/// CodecBytesNum parity bytes at output + 1028. For t = 16, 24 and 60 a codeword of 0xFF alone is valid.
 void bch_encode(const uint8_t* input, uint8_t* output);
 
 /// Encodes count codewords in place, each as bch_encode does. They may lie anywhere. A call with
 /// kBchUnitsTogether of them, or a multiple, takes the least time for each.
 void bch_encode_units(uint8_t* const* units, uint32_t count);
 
-/// Replaces the system bytes of an encoded codeword by value (little-endian) and adds the difference to its
-/// parity; the code is linear, so the data is not looked at.
+/// Replaces the system bytes of an encoded codeword by value (little-endian) and corrects its parity. The
+/// code is linear, so the data is not read.
 void bch_replace_system_bytes(uint8_t* codeword, uint32_t value);
 
-/// Codewords that were encoded from all their bytes since the program started.
+/// Number of codewords encoded since the program started; bch_replace_system_bytes does not count.
 uint64_t bch_encoded_codewords();

@@ -18,7 +18,7 @@ namespace bch_tests {
 
 using test_support::Bytes;
 
-// The encoder is global: whatever a test made of it, the next one finds the strength that the program uses.
+// The encoder is global: after each test it has the strength and the path that the program uses.
 class BchTest : public ::testing::Test {
 protected:
     ~BchTest() override { bch_init(16); }

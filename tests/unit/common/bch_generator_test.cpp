@@ -21,7 +21,7 @@ struct FieldPolynomial {
     uint32_t coefficients;  // bit i is that of x^i
 };
 
-// generate_gf for one degree, with the tables that bch_init lends it otherwise.
+// generate_gf for one degree, with tables of its own.
 class BchField : public BchTest, public ::testing::WithParamInterface<FieldPolynomial> {
 protected:
     BchField() : order((1U << GetParam().degree) - 1), powers(order + 1, -7), logarithms(order + 1, -7) {
@@ -124,7 +124,7 @@ TEST_F(BchGenerator, HasDegree14PerCorrectableBit) {
     }
 }
 
-TEST_F(BchGenerator, VanishesAtTheFirst2tPowersAndNotAtTheOneBefore) {
+TEST_F(BchGenerator, VanishesAtThe2tPowersAndNotAtTheOneBefore) {
     for (uint16_t t = 1; t <= kStrongest; ++t) {
         bch_init(t);
         ASSERT_NE(generator_at(1), 0U) << t;
@@ -156,7 +156,7 @@ TEST_F(BchGenerator, DividesXToTheFieldOrderPlusOne) {
 }
 
 TEST_F(BchGenerator, IsPackedFromTheHighestPowerDown) {
-    // Down from t = 64, so that nothing of a longer generator may stay behind.
+    // Down from t = 64: nothing of a longer generator may be left.
     for (uint16_t t = kStrongest; t >= 1; --t) {
         bch_init(t);
         for (uint32_t bit = 0; bit < 64 * 32; ++bit) {

@@ -129,7 +129,7 @@ TEST_P(BchStrength, AddsParitiesAsItAddsMessages) {
     }
 }
 
-TEST_P(BchStrength, ChangesAtLeastTwiceItsStrengthOfParityBitsWithOneDataBit) {
+TEST_P(BchStrength, ChangesTwiceTParityBitsWithOneDataBit) {
     const Bytes message = random_message(4);
     const Bytes before = parity_of(message);
     for (const std::size_t bit : {0U, 1U, 7U, 8U, 4095U, 8191U, 8192U, 8223U}) {
@@ -168,7 +168,7 @@ TEST_P(BchStrength, ReplacesSystemBytesAsIfEncodedAnew) {
 INSTANTIATE_TEST_SUITE_P(Strengths, BchStrength, ::testing::Values(1, 3, 4, 5, 8, 16, 18, 24, 40, 55, 60, 64),
                          [](const auto& test) { return numbered("t", test.param); });
 
-TEST_F(BchTest, CountsCodewordsThatAreEncodedFromAllTheirBytes) {
+TEST_F(BchTest, CountsTheCodewordsThatItEncodes) {
     bch_init(16);
     Bytes page = test_support::patterned(std::size_t{9} * AllBytesNum, 6);
     const uint64_t before = bch_encoded_codewords();
@@ -251,7 +251,7 @@ TEST_F(BchTest, MakesCodewordsInWhichUpTo16WrongBitsAreFound) {
     }
 }
 
-TEST_F(BchTest, MakesCodewordsWhoseFirstAndLastBitsAreProtected) {
+TEST_F(BchTest, ProtectsTheFirstAndLastBitsOfACodeword) {
     bch_init(16);
     const Bytes codeword = encoded(random_message(7));
     for (const std::size_t bit : {std::size_t{0}, std::size_t{8191}, std::size_t{8192}, std::size_t{8223},

@@ -9,9 +9,9 @@
 
 namespace bch_tests {
 
-// The shift register of the slow encoder for 64 codewords at once, so that ten thousand of them take seconds:
-// each word of the register holds one register bit of all 64. It is clocked once for every input bit. What it
-// knows of the code comes from the slow encoder, which a test compares it with.
+// The shift register of the slow encoder for 64 codewords at once, so that ten thousand of them take seconds.
+// Each word of the register holds one register bit of all 64. It is clocked once for every input bit. Its
+// taps come from the slow encoder, with which a test compares it.
 class BitSerialLanes {
 public:
     using Bytes = test_support::Bytes;
@@ -33,7 +33,7 @@ public:
 
     // The parity of each of up to 64 messages.
     std::vector<Bytes> parities(const std::vector<Bytes>& messages) const {
-        std::vector<uint64_t> ring(degree_, 0);  // the register; its bit 0 stands at `head`
+        std::vector<uint64_t> ring(degree_, 0);  // the register; its bit 0 is at `head`
         std::size_t head = 0;
         for (std::size_t bit = 0; bit < test_support::bch_message_bits; ++bit) {
             const uint64_t feedback = ring[head] ^ input_bits(messages, bit);
@@ -60,14 +60,14 @@ private:
     }
 
     void add_taps(uint64_t* ring, std::size_t head, uint64_t feedback) const {
-        const std::size_t behind_head = degree_ - head;
+        const std::size_t after_head = degree_ - head;
         const std::size_t* tap = taps_.data();
         const std::size_t* end = tap + taps_.size();
-        for (; tap != end && *tap < behind_head; ++tap) {
+        for (; tap != end && *tap < after_head; ++tap) {
             ring[head + *tap] ^= feedback;
         }
         for (; tap != end; ++tap) {
-            ring[*tap - behind_head] ^= feedback;
+            ring[*tap - after_head] ^= feedback;
         }
     }
 
