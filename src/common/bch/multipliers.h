@@ -12,14 +12,15 @@
 constexpr uint32_t kBchBlockBytes = 32;
 constexpr uint32_t kBchBlocks = 32;  ///< whole ones in a codeword
 
-struct BchMultipliers {
+/// Aligned for vectors of up to 512 bits.
+struct alignas(64) BchMultipliers {
     struct Pair {
         uint64_t low;
         uint64_t high;
     };
-    alignas(32) Pair low[kBchBlocks];     ///< c0, c1
-    alignas(32) Pair high[kBchBlocks];    ///< c2, c3
-    alignas(32) Pair sum[kBchBlocks];     ///< c0 + c2, c1 + c3
-    alignas(32) Pair folded[kBchBlocks];  ///< c0 + c1, c2 + c3
-    alignas(32) Pair all[kBchBlocks];     ///< c0 + c1 + c2 + c3, 0
+    Pair low[kBchBlocks];     ///< c0, c1
+    Pair high[kBchBlocks];    ///< c2, c3
+    Pair sum[kBchBlocks];     ///< c0 + c2, c1 + c3
+    Pair folded[kBchBlocks];  ///< c0 + c1, c2 + c3
+    Pair all[kBchBlocks];     ///< c0 + c1 + c2 + c3, 0
 };
