@@ -1,6 +1,7 @@
 #include "../io/retry.h"
-#include "../storage/storage_impl.h"
+#include "../storage/storage_types.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include <getopt.h>
 #include <memory>
 #include <new>
+#include <span>
 #include <string>
 #include <strings.h>
 #include <sys/stat.h>
@@ -38,14 +40,8 @@ enum ExitCode : int {
 };
 
 struct Options {
-    std::string in_firmware;
-    std::string out_dir;
-    ENUM_FLASH_TYPE flash_type = FLASH_NONE;
-    uint32_t block_size = 0;  ///< KB
-    uint32_t page_size = 0;   ///< KB
-    uint32_t oob_size = 0;    ///< bytes
-    bool page_2k_data = false;
-    bool using_page_list = false;
+    const StorageType* type = nullptr;
+    StorageSettings settings;
 };
 
 /// Parsing goes on, or the run ends here with the code.
@@ -74,7 +70,7 @@ const option long_options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-// "-" hands arguments that are no options over in their order, ":" keeps the parser silent. The letter l is
+// "-" hands over arguments that are not options, in their order, ":" keeps the parser silent. The letter l is
 // left out: the page list is switched on by its long option alone.
 const char short_options[] = "-:i:o:t:b:p:s:2vh";
 
@@ -98,20 +94,17 @@ void usage() {
                 "\t  -v\tshow version\n");
 }
 
-Outcome parse_flash_type(const char* word, ENUM_FLASH_TYPE& type) {
+Outcome parse_flash_type(const char* word, const StorageType*& type) {
     std::printf("flash type is '%s'\n", word);
-    if (::strcasecmp(word, "slc") == 0)
-        type = FLASH_SLC_NAND;
-    else if (::strcasecmp(word, "spinand") == 0)
-        type = FLASH_SPI_NAND;
-    else if (::strcasecmp(word, "spinor") == 0)
-        type = FLASH_NOR;
-    else if (::strcasecmp(word, "emmc") == 0)
-        type = FLASH_EMMC;
-    else {
+    const std::span<const StorageType> types = storage_types();
+    const auto found = std::find_if(types.begin(), types.end(), [word](const StorageType& candidate) {
+        return ::strcasecmp(word, candidate.word) == 0;
+    });
+    if (found == types.end()) {
         std::printf("flash type is not support.\n");
         return end_with(kUnknownFlashType);
     }
+    type = &*found;
     return kGoOn;
 }
 
@@ -139,27 +132,27 @@ Outcome apply_option(int code, int option_index, Options& options) {
         return kGoOn;
     case 'i':
         std::printf("input firmware is '%s'\n", optarg);
-        options.in_firmware = optarg;
+        options.settings.in_firmware = optarg;
         return kGoOn;
     case 'o':
         std::printf("output directory is '%s'\n", optarg);
-        options.out_dir = optarg;
+        options.settings.out_dir = optarg;
         return kGoOn;
     case 't':
-        return parse_flash_type(optarg, options.flash_type);
+        return parse_flash_type(optarg, options.type);
     case 'b':
-        return parse_size("block", optarg, kBlockSizeNotANumber, options.block_size);
+        return parse_size("block", optarg, kBlockSizeNotANumber, options.settings.block_size);
     case 'p':
-        return parse_size("page", optarg, kPageSizeNotANumber, options.page_size);
+        return parse_size("page", optarg, kPageSizeNotANumber, options.settings.page_size);
     case 's':
-        return parse_size("oob", optarg, kOobSizeNotANumber, options.oob_size);
+        return parse_size("oob", optarg, kOobSizeNotANumber, options.settings.oob_size);
     case '2':
         std::printf("2k data page on.\n");
-        options.page_2k_data = true;
+        options.settings.page_2k = true;
         return kGoOn;
     case 'l':
         std::printf("page linked list on.\n");
-        options.using_page_list = true;
+        options.settings.page_list = true;
         return kGoOn;
     case 'v':
         std::printf("%s%s\n", "nandsmith ", " v1.0_20210204");
@@ -196,62 +189,41 @@ Outcome refuse(const std::string& message, int code) {
 }
 
 Outcome check_geometry(const Options& options) {
-    if (options.flash_type == FLASH_NONE)
+    if (options.type == nullptr)
         return refuse("flash type is none", kNoFlashType);
-    if (options.block_size == 0)
+    if (options.settings.block_size == 0)
         return refuse("block size is zero", kNoBlockSize);
-    if (options.page_size == 0)
+    if (options.settings.page_size == 0)
         return refuse("page size is zero", kNoPageSize);
-    if (options.oob_size == 0 && options.flash_type == FLASH_SLC_NAND)
+    if (options.settings.oob_size == 0 && options.type->needs_spare)
         return refuse("oob size is zero", kNoOobSize);
     return kGoOn;
 }
 
 /// Checks the output directory, or takes the current one when none is given.
-Outcome check_output(Options& options) {
-    if (options.out_dir.empty()) {
+Outcome check_output(std::string& out_dir) {
+    if (out_dir.empty()) {
         char szProgramDir[256];
         if (::getcwd(szProgramDir, sizeof(szProgramDir)) == nullptr)
             return refuse("current directory failed to access", kOutputNotAccessible);
-        options.out_dir = szProgramDir;
+        out_dir = szProgramDir;
         return kGoOn;
     }
     struct stat info {};
-    if (retry_interrupted([&] { return ::stat(options.out_dir.c_str(), &info); }) != 0)
-        return refuse(options.out_dir + " failed to access", kOutputNotAccessible);
+    if (retry_interrupted([&] { return ::stat(out_dir.c_str(), &info); }) != 0)
+        return refuse(out_dir + " failed to access", kOutputNotAccessible);
     if (!S_ISDIR(info.st_mode))
-        return refuse(options.out_dir + " is not a directory", kOutputNotADirectory);
+        return refuse(out_dir + " is not a directory", kOutputNotADirectory);
     return kGoOn;
 }
 
-Outcome check_firmware(const Options& options) {
+Outcome check_firmware(const StorageSettings& settings) {
     struct stat info {};
-    if (retry_interrupted([&] { return ::stat(options.in_firmware.c_str(), &info); }) != 0)
-        return refuse(options.in_firmware + " failed to access", kFirmwareNotAccessible);
+    if (retry_interrupted([&] { return ::stat(settings.in_firmware.c_str(), &info); }) != 0)
+        return refuse(settings.in_firmware + " failed to access", kFirmwareNotAccessible);
     if (!S_ISREG(info.st_mode))
-        return refuse(options.out_dir + " is not a file",
-                      kFirmwareNotAFile);  // scripts look for this very line
+        return refuse(settings.out_dir + " is not a file", kFirmwareNotAFile);  // kept: the directory's path
     return kGoOn;
-}
-
-std::unique_ptr<CStorage> make_storage(const Options& o) {
-    switch (o.flash_type) {
-    case FLASH_EMMC:
-        return std::make_unique<CEmmcStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
-                                              o.page_2k_data);
-    case FLASH_NOR:
-        return std::make_unique<CNorStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
-                                             o.page_2k_data);
-    case FLASH_SPI_NAND:
-        return std::make_unique<CSpiStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
-                                             o.page_2k_data);
-    case FLASH_SLC_NAND:
-        return std::make_unique<CSlcStorage>(o.block_size, o.page_size, o.oob_size, o.in_firmware, o.out_dir,
-                                             o.page_2k_data, o.using_page_list);
-    case FLASH_NONE:
-        break;
-    }
-    return nullptr;
 }
 
 int run(int argc, char* argv[]) {
@@ -260,14 +232,14 @@ int run(int argc, char* argv[]) {
         return outcome.code;
     if (const Outcome outcome = check_geometry(options); outcome.ends)
         return outcome.code;
-    if (const Outcome outcome = check_output(options); outcome.ends)
+    if (const Outcome outcome = check_output(options.settings.out_dir); outcome.ends)
         return outcome.code;
-    if (const Outcome outcome = check_firmware(options); outcome.ends)
+    if (const Outcome outcome = check_firmware(options.settings); outcome.ends)
         return outcome.code;
 
     // Never destroyed: create_image has closed the output, and the process ends.
     static CStorage* storage_pointer = nullptr;
-    storage_pointer = make_storage(options).release();
+    storage_pointer = options.type->make(options.settings).release();
     if (storage_pointer == nullptr)
         return refuse("Storage object is NULL.", kNoStorage).code;
     if (!storage_pointer->storage_init())

@@ -11,10 +11,21 @@
 namespace {
 
 // Less is not worth a call of its own.
-[[maybe_unused]] constexpr uint64_t kSmallestReserve = 256 * 1024;
+constexpr uint64_t kSmallestReserve = 256 * 1024;
 
 // Large enough that the calls do not count, small enough that what is released is soon needed again.
-[[maybe_unused]] constexpr uint64_t kReleaseStep = 16 * 1024 * 1024;
+constexpr uint64_t kReleaseStep = 16 * 1024 * 1024;
+
+/// Reserves or frees disk space; the length of the file stays. False where that is not supported.
+bool change_space(int descriptor, bool reserve, uint64_t offset, uint64_t count) {
+#if defined(__linux__)
+    const int mode = FALLOC_FL_KEEP_SIZE | (reserve ? 0 : FALLOC_FL_PUNCH_HOLE);
+    return ::fallocate(descriptor, mode, static_cast<off_t>(offset), static_cast<off_t>(count)) == 0;
+#else
+    static_cast<void>(descriptor), static_cast<void>(reserve), static_cast<void>(offset + count);
+    return false;
+#endif
+}
 
 }  // namespace
 
@@ -71,27 +82,16 @@ int PositionedFile::take_over(const struct stat& status, OpenMode mode, uint64_t
 /// Has the file system find space for bytes that are about to be written, all at once: that costs it far less
 /// than page after page. Where it cannot, the write says so.
 void PositionedFile::reserve(uint64_t offset, uint64_t count) {
-#if defined(__linux__)
     if (m_reserves && m_regular && count >= kSmallestReserve)
-        m_reserves = ::fallocate(m_descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
-                                 static_cast<off_t>(count)) == 0;
-#else
-    static_cast<void>(offset);
-    static_cast<void>(count);
-#endif
+        m_reserves = change_space(m_descriptor, true, offset, count);
 }
 
 void PositionedFile::release_before(uint64_t offset) {
-#if defined(__linux__)
     const uint64_t end = offset - offset % kReleaseStep;
     if (!m_releases || !m_regular || !is_open() || end <= m_released)
         return;
-    m_releases = ::fallocate(m_descriptor, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
-                             static_cast<off_t>(m_released), static_cast<off_t>(end - m_released)) == 0;
+    m_releases = change_space(m_descriptor, false, m_released, end - m_released);
     m_released = end;
-#else
-    static_cast<void>(offset);
-#endif
 }
 
 int PositionedFile::move_to(uint64_t offset) {

@@ -1,18 +1,10 @@
 #include "storage_impl.h"
 
-#include <utility>
-
 namespace {
 
 constexpr uint32_t kCopyAlignment = 128;  // 64 KB in sectors; the boot ROM looks for copies there
 
 }  // namespace
-
-CNorStorage::CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
-                         std::string out_dir, bool page_2k)
-    : CStorage(FLASH_NOR, block_size, page_size, oob_size, std::move(in_file), std::move(out_dir), page_2k) {}
-
-CNorStorage::~CNorStorage() = default;
 
 bool CNorStorage::prepare_write_idblock() {
     m_idb_total_sector = whole_blocks(m_idb_total_sector, m_block_size_sector);

@@ -223,25 +223,24 @@ private:
     uint64_t m_refused_padding = 0;   // pages of padding that write_page refused in this run
 };
 
+// The constructors of the storage types take erase block and page in KB, spare area in bytes, path of the
+// firmware, output directory, 2 KB per page.
+
 /// eMMC: one image of the whole device; the second boot block copy 512 KB after the first.
 class CEmmcStorage : public CStorage {
 public:
-    /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
-    /// page.
     CEmmcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
-                 std::string out_dir, bool page_2k);
-    ~CEmmcStorage() override;
+                 std::string out_dir, bool page_2k)
+        : CStorage(FLASH_EMMC, block_size, page_size, oob_size, in_file, out_dir, page_2k) {}
     bool prepare_write_idblock() override;
 };
 
 /// SPI NOR: one image of the whole device; the second boot block copy on a 64 KB boundary after the first.
 class CNorStorage : public CStorage {
 public:
-    /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
-    /// page.
     CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
-                std::string out_dir, bool page_2k);
-    ~CNorStorage() override;
+                std::string out_dir, bool page_2k)
+        : CStorage(FLASH_NOR, block_size, page_size, oob_size, in_file, out_dir, page_2k) {}
     bool prepare_write_idblock() override;
 };
 
@@ -249,11 +248,9 @@ public:
 /// areas.
 class CSpiStorage : public CStorage {
 public:
-    /// Erase block and page in KB, spare area in bytes, path of the firmware, output directory, 2 KB per
-    /// page.
     CSpiStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
-                std::string out_dir, bool page_2k);
-    ~CSpiStorage() override;
+                std::string out_dir, bool page_2k)
+        : CStorage(FLASH_SPI_NAND, block_size, page_size, oob_size, in_file, out_dir, page_2k) {}
     bool prepare_write_idblock() override;
     bool post_write_idblock() override;
     bool prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) override;
