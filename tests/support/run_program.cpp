@@ -86,9 +86,7 @@ void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
     }
     argv.push_back(nullptr);
 
-    if (options.file_size_limit) {
-        std::signal(SIGXFSZ, SIG_IGN);  // the write shall fail, as on a full disk, not end the program
-    }
+    std::signal(SIGXFSZ, SIG_DFL);  // an ignored signal stays ignored in the program, whatever it does itself
     limit(RLIMIT_FSIZE, options.file_size_limit);
     limit(RLIMIT_AS, options.address_space_limit);
     execvp(program.c_str(), argv.data());
@@ -114,13 +112,16 @@ bool take_available(int from, std::string& to) {
     return count > 0 || (count < 0 && errno == EINTR);
 }
 
-// Reads both streams to their end. False when the deadline came first.
-bool drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& deadline, RunResult& result) {
+enum class Drained { all, up_to_the_deadline, up_to_the_text };
+
+// Reads both streams to their end, up to the deadline, or until the output ends in the text.
+Drained drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& deadline, const std::string& text,
+              RunResult& result) {
     while (out.read_end() >= 0 || err.read_end() >= 0) {
         std::array<pollfd, 2> streams{{{out.read_end(), POLLIN, 0}, {err.read_end(), POLLIN, 0}}};
         const int ready = poll(streams.data(), streams.size(), milliseconds_left(deadline));
         if (ready == 0) {
-            return false;
+            return Drained::up_to_the_deadline;
         }
         if (ready < 0) {
             continue;
@@ -131,8 +132,11 @@ bool drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& deadlin
         if (streams[1].revents != 0 && !take_available(err.read_end(), result.err)) {
             err.close_read_end();
         }
+        if (!text.empty() && result.out.ends_with(text)) {
+            return Drained::up_to_the_text;
+        }
     }
-    return true;
+    return Drained::all;
 }
 
 // Waits for a program that has closed its streams. False when the deadline came first.
@@ -178,10 +182,12 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
     RunResult result;
     int status = 0;
     rusage usage{};
-    if (!drain(out, err, deadline, result) || !reap(pid, deadline, status, usage)) {
-        result.timed_out = true;
+    const Drained drained = drain(out, err, deadline, options.kill_after_output, result);
+    result.timed_out = drained == Drained::up_to_the_deadline ||
+                       (drained == Drained::all && !reap(pid, deadline, status, usage));
+    if (drained != Drained::all || result.timed_out) {
         kill(-pid, SIGKILL);
-        drain(out, err, std::nullopt, result);
+        drain(out, err, std::nullopt, {}, result);
         reap(pid, std::nullopt, status, usage);
     }
     result.wall_seconds = std::chrono::duration<double>(Clock::now() - start).count();

@@ -14,16 +14,18 @@ namespace test_support {
 struct RunOptions {
     std::filesystem::path working_directory{};                       // empty: this process's
     std::vector<std::pair<std::string, std::string>> environment{};  // added to this process's
-    std::optional<uint64_t> file_size_limit{};  // RLIMIT_FSIZE in bytes; a write beyond it fails with EFBIG
+    // RLIMIT_FSIZE in bytes. A write beyond it raises SIGXFSZ, which ends a program that does not ignore it.
+    std::optional<uint64_t> file_size_limit{};
     std::optional<uint64_t> address_space_limit{};  // RLIMIT_AS in bytes
     std::optional<double> timeout_seconds{};        // afterwards the program is killed
+    std::string kill_after_output{};  // not empty: the program is killed once its output ends in this
 };
 
 struct RunResult {
-    bool exited = false;   // false: ended by a signal
-    int exit_status = -1;  // 0 to 255, when it exited; 127 also when the program could not be started
-    int signal = 0;        // when it did not exit
-    bool timed_out = false;
+    bool exited = false;     // false: ended by a signal
+    int exit_status = -1;    // 0 to 255, when it exited; 127 also when the program could not be started
+    int signal = 0;          // when it did not exit
+    bool timed_out = false;  // killed at the end of its time
     std::string out{};
     std::string err{};
     double wall_seconds = 0;
