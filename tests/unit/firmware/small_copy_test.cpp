@@ -1,0 +1,37 @@
+// Copies that are smaller than the buffer of their file: what cannot be written fails only when the file is
+// closed.
+
+#include "image_fixture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace firmware_tests;
+
+constexpr const char* kFullDevice = "/dev/full";
+constexpr std::size_t kFileBuffer = 1024;  // no C library has less
+
+class SmallCopy : public QZImageTest {
+protected:
+    void SetUp() override {
+        firmware.boot.loader.entries = {{.name = "FlashData", .data = test_support::patterned(100, 1)}};
+        firmware.package_size = 100;
+        ASSERT_LT(firmware.boot.build().size(), kFileBuffer);
+        ASSERT_EQ(init(firmware), 0);
+    }
+
+    Firmware firmware = small_firmware();
+};
+
+TEST_F(SmallCopy, OfThePackageFailsOnAFullDevice) {
+    ASSERT_TRUE(image.SaveFWFile(directory / "copy"));
+    EXPECT_FALSE(image.SaveFWFile(kFullDevice));
+}
+
+TEST_F(SmallCopy, OfTheBootContainerFailsOnAFullDevice) {
+    ASSERT_TRUE(image.SaveBootFile(directory / "copy"));
+    EXPECT_FALSE(image.SaveBootFile(kFullDevice));
+}
+
+}  // namespace
