@@ -1,6 +1,7 @@
 #include "bent_runs.h"
 
 #include "program_run.h"
+#include "run_reason.h"
 
 #include <csignal>
 #include <cstdio>
@@ -84,6 +85,13 @@ long peak_memory_kb() {
     return usage.ru_maxrss;
 }
 
+// What the program prints after a conversion that failed.
+const char* last_line_of_main(int status) {
+    if (status == status_creation_failed)
+        return "Failed to create programming image.\n";
+    return status == status_out_of_memory ? "out of memory\n" : "";
+}
+
 class Child {
 public:
     Child(ENUM_FLASH_TYPE type, const BentRuns& runs)
@@ -100,15 +108,15 @@ public:
         const int status = limited_conversion();
         ::alarm(0);
         const double spent = cpu_now() - start;
-        const std::string out = captured_.take();
+        const std::string out = captured_.take() + last_line_of_main(status);
 
         std::string problem;
         if (spent > cpu_seconds)
             problem = "takes " + std::to_string(spent) + " seconds";
         else if (status == status_success && !out.ends_with(success_line))
             problem = "succeeds without saying so:\n" + out;
-        else if (status != status_success && (out.ends_with(success_line) || !says_what_failed(out)))
-            problem = "fails without a reason:\n" + out;
+        else if (status != status_success && !wrong_reason(status, out).empty())
+            problem = "fails for another reason than it gives: " + wrong_reason(status, out) + "\n" + out;
         else if (read_file(firmware_) != bent.bytes)
             problem = "changes the firmware";
         else

@@ -1,29 +1,10 @@
 #include "program_run.h"
 
-#include <algorithm>
-#include <array>
-#include <sstream>
-#include <string_view>
+#include "run_reason.h"
 
 namespace robustness {
 
 using namespace test_support;
-
-namespace {
-
-// -9 to -12 and -14 to -16 as an exit status: the ends that a run with good options can come to.
-constexpr std::array<int, 7> failure_statuses = {247, 246, 245, 244, 242, 241, 240};
-
-std::string without_colours(std::string line) {
-    for (const std::string_view colour : {"\033[30;41m", "\033[37;40m"}) {
-        const std::size_t at = line.find(colour);
-        if (at != std::string::npos)
-            line.erase(at, colour.size());
-    }
-    return line;
-}
-
-}  // namespace
 
 Files files_in(const std::filesystem::path& directory) {
     Files files;
@@ -99,26 +80,8 @@ std::string Workplace::damage() const {
     return {};
 }
 
-std::vector<std::string> plain_lines(const std::string& out) {
-    std::vector<std::string> lines;
-    std::istringstream text(out);
-    for (std::string line; std::getline(text, line);)
-        lines.push_back(without_colours(line));
-    return lines;
-}
-
-bool says_what_failed(const std::string& out) {
-    constexpr std::array<std::string_view, 6> reasons = {"failed to ", "out of memory", "not found ",
-                                                         " is not a ", "is too small",  "too many "};
-    const std::vector<std::string> lines = plain_lines(out);
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        return std::any_of(reasons.begin(), reasons.end(),
-                           [&](std::string_view reason) { return line.find(reason) != std::string::npos; });
-    });
-}
-
 std::string misbehaviour(const RunResult& run, const Files& wanted, const std::filesystem::path& output,
-                         const std::string& tolerated) {
+                         const std::string& tolerated, std::optional<int> error) {
     if (run.timed_out)
         return "hangs";
     if (!run.exited)
@@ -129,10 +92,10 @@ std::string misbehaviour(const RunResult& run, const Files& wanted, const std::f
         const std::string different = difference(wanted, got);
         return different.empty() ? "" : "false success: " + different;
     }
-    if (std::find(failure_statuses.begin(), failure_statuses.end(), run.exit_status) ==
-        failure_statuses.end())
-        return "unknown exit status " + std::to_string(run.exit_status);
-    return says_what_failed(run.out) ? "" : "fails without a line that says what failed";
+    if (std::string wrong = wrong_reason(run.exit_status, run.out); !wrong.empty())
+        return wrong;
+    const std::optional<int> told = errno_of_reason(run.out);
+    return !error || !told || *told == *error ? "" : "err=" + std::to_string(*told) + " is not what failed";
 }
 
 }  // namespace robustness

@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,16 +66,11 @@ private:
     test_support::Bytes firmware_bytes_;
 };
 
-// The lines of the program's output, without colours.
-std::vector<std::string> plain_lines(const std::string& out);
-
-// True when one of the lines tells what failed; the closing "Failed to create programming image." does not.
-bool says_what_failed(const std::string& out);
-
 // Empty when a run that may have failed ended as it should: success with exactly the wanted files in the
-// output directory, or a known exit status and a line that says what failed. `tolerated` may be left over
-// beside them.
+// output directory, or a known exit status and the lines that belong to it as the reason. A reason that ends
+// in an errno has this one, when it is given. `tolerated` may be left over beside the wanted files.
 std::string misbehaviour(const test_support::RunResult& run, const Files& wanted,
-                         const std::filesystem::path& output, const std::string& tolerated = {});
+                         const std::filesystem::path& output, const std::string& tolerated = {},
+                         std::optional<int> error = {});
 
 }  // namespace robustness
