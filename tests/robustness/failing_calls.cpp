@@ -1,11 +1,16 @@
-// A library for LD_PRELOAD that lets one system call or allocation of a program fail: the Nth of its class,
+// A library for LD_PRELOAD that lets a system call or an allocation of a program fail: the Nth of its class,
 // once or from then on. The environment says which and how:
 //
-//   FAILING_CALLS_CLASS    open, read, seek, write, close, stat, truncate, unlink or alloc
+//   FAILING_CALLS_CLASS    open, read, seek, write, close, stat, truncate, reserve, unlink or alloc
 //   FAILING_CALLS_AT       N, from 1; 0 lets nothing fail
-//   FAILING_CALLS_HOW      EIO, ENOSPC, EINTR, or short: half of the bytes are read or written
-//   FAILING_CALLS_ALWAYS   set: all later calls of the class fail too
-//   FAILING_CALLS_REPORT   file that gets the number of calls of the class and of failures, as two numbers
+//   FAILING_CALLS_HOW      EIO, ENOSPC or EINTR; short: half of the bytes are read or written; nothing: a
+//   read
+//                          or write of 0 bytes. Several words with commas between them: the Nth call and
+//                          those after it fail, each in its own way
+//   FAILING_CALLS_ALWAYS   set: all later calls of the class fail too, in the last way
+//   FAILING_CALLS_REPORT   file that gets the number of calls of the class and of failures, as two numbers;
+//                          it is not written when the program ends without a return from main()
+//   FAILING_CALLS_NO_POOL  set: the C++ library gets no memory at the start to keep for exceptions
 //
 // Only what main() calls counts, not the loader, and no call on the standard streams.
 
@@ -22,17 +27,27 @@
 
 namespace {
 
-enum class CallClass { none, open, read, seek, write, close, stat, truncate, unlink, alloc };
+enum class CallClass { none, open, read, seek, write, close, stat, truncate, reserve, unlink, alloc };
 
-constexpr const char* class_names[] = {"none",  "open", "read",     "seek",   "write",
-                                       "close", "stat", "truncate", "unlink", "alloc"};
+constexpr const char* class_names[] = {"none", "open",     "read",    "seek",   "write", "close",
+                                       "stat", "truncate", "reserve", "unlink", "alloc"};
+
+enum class How { error, short_count, nothing };
+
+struct Failure {
+    How how = How::error;
+    int error = EIO;
+};
+
+constexpr long most_failures_in_a_row = 4;
 
 struct Plan {
+    bool started = false;  // main() was called
     bool armed = false;
     CallClass call_class = CallClass::none;
     long at = 0;
-    int error = EIO;
-    bool short_count = false;
+    Failure ways[most_failures_in_a_row];
+    long way_count = 0;
     bool always = false;
     long calls = 0;
     long failures = 0;
@@ -66,6 +81,7 @@ struct Next {
         find(lstat, "lstat");
         find(fstat, "fstat");
         find(ftruncate, "ftruncate");
+        find(fallocate, "fallocate");
         find(unlink, "unlink");
     }
 
@@ -86,6 +102,7 @@ struct Next {
     int (*lstat)(const char*, struct stat*);
     int (*fstat)(int, struct stat*);
     int (*ftruncate)(int, off_t);
+    int (*fallocate)(int, int, off_t, off_t);
     int (*unlink)(const char*);
 };
 
@@ -102,24 +119,29 @@ bool is_standard(FILE* file) {
     return file == stdin || file == stdout || file == stderr;
 }
 
-/// True when this call is to fail; errno is then set.
-bool fails(CallClass call_class) {
+/// How this call is to fail, errno being set then; null when it is not.
+const Failure* fails(CallClass call_class) {
     if (!plan.armed || plan.call_class != call_class)
-        return false;
+        return nullptr;
     ++plan.calls;
-    if (plan.at == 0 || plan.calls < plan.at || (plan.calls > plan.at && !plan.always))
-        return false;
+    const long way = plan.calls - plan.at;
+    if (plan.at == 0 || way < 0 || (way >= plan.way_count && !plan.always))
+        return nullptr;
     ++plan.failures;
-    errno = plan.error;
-    return true;
+    const Failure* failure = &plan.ways[way < plan.way_count ? way : plan.way_count - 1];
+    errno = failure->error;
+    return failure;
 }
 
-/// Runs the transfer of count bytes, or lets it fail, or hands it half of the bytes.
+/// Runs the transfer of count bytes, or lets it fail, or hands it half of the bytes or none.
 template <typename Transfer>
 ssize_t transfer(CallClass call_class, int descriptor, size_t count, Transfer run) {
-    if (is_standard(descriptor) || !fails(call_class))
+    const Failure* failure = is_standard(descriptor) ? nullptr : fails(call_class);
+    if (failure == nullptr)
         return run(count);
-    return plan.short_count ? run((count + 1) / 2) : -1;
+    if (failure->how == How::short_count)
+        return run((count + 1) / 2);
+    return failure->how == How::nothing ? 0 : -1;
 }
 
 mode_t mode_argument(int flags, va_list arguments) {
@@ -131,6 +153,25 @@ const char* variable(const char* name) {
     return value != nullptr ? value : "";
 }
 
+/// The way that a list of words starts with.
+Failure way_of(const char* words) {
+    const auto starts_with = [words](const char* word) {
+        return std::strncmp(words, word, std::strlen(word)) == 0;
+    };
+    Failure failure;
+    if (starts_with("short"))
+        failure.how = How::short_count;
+    else if (starts_with("nothing"))
+        failure.how = How::nothing;
+    else if (starts_with("ENOSPC"))
+        failure.error = ENOSPC;
+    else if (starts_with("EINTR"))
+        failure.error = EINTR;
+    if (plan.call_class == CallClass::alloc)
+        failure.error = ENOMEM;
+    return failure;
+}
+
 void read_plan() {
     const char* name = variable("FAILING_CALLS_CLASS");
     for (int i = 0; i < static_cast<int>(sizeof(class_names) / sizeof(class_names[0])); ++i)
@@ -139,14 +180,13 @@ void read_plan() {
     plan.at = std::atol(variable("FAILING_CALLS_AT"));
     plan.always = *variable("FAILING_CALLS_ALWAYS") != '\0';
 
-    const char* how = variable("FAILING_CALLS_HOW");
-    plan.short_count = std::strcmp(how, "short") == 0;
-    if (std::strcmp(how, "ENOSPC") == 0)
-        plan.error = ENOSPC;
-    else if (std::strcmp(how, "EINTR") == 0)
-        plan.error = EINTR;
-    if (plan.call_class == CallClass::alloc)
-        plan.error = ENOMEM;
+    for (const char* how = variable("FAILING_CALLS_HOW"); plan.way_count < most_failures_in_a_row;) {
+        plan.ways[plan.way_count++] = way_of(how);
+        how = std::strchr(how, ',');
+        if (how == nullptr)
+            break;
+        ++how;
+    }
 }
 
 void write_report() {
@@ -163,13 +203,20 @@ void write_report() {
     next().close(descriptor);
 }
 
+/// Before main() the C++ library takes memory in which it can throw when there is no other: more at once than
+/// anything else that early.
+[[maybe_unused]] bool is_exception_pool(size_t size) {
+    constexpr size_t smallest_pool = 32 * 1024;
+    return !plan.started && size >= smallest_pool && *variable("FAILING_CALLS_NO_POOL") != '\0';
+}
+
 using Main = int (*)(int, char**, char**);
 Main program_main = nullptr;
 
 int main_with_failures(int argc, char** argv, char** environment) {
     next();
     read_plan();
-    plan.armed = true;
+    plan.started = plan.armed = true;
     const int result = program_main(argc, argv, environment);
     plan.armed = false;
     write_report();
@@ -260,24 +307,24 @@ size_t fwrite(const void* bytes, size_t size, size_t count, FILE* file) {
 // ---- close: the file is closed all the same, as the kernel does it ----
 
 int close(int descriptor) {
-    const bool failing = !is_standard(descriptor) && fails(CallClass::close);
+    const Failure* failure = is_standard(descriptor) ? nullptr : fails(CallClass::close);
     const int result = next().close(descriptor);
-    if (!failing)
+    if (failure == nullptr)
         return result;
-    errno = plan.error;
+    errno = failure->error;
     return -1;
 }
 
 int fclose(FILE* file) {
-    const bool failing = !is_standard(file) && fails(CallClass::close);
+    const Failure* failure = is_standard(file) ? nullptr : fails(CallClass::close);
     const int result = next().fclose(file);
-    if (!failing)
+    if (failure == nullptr)
         return result;
-    errno = plan.error;
+    errno = failure->error;
     return EOF;
 }
 
-// ---- stat, truncate, unlink ----
+// ---- stat, truncate, reserve, unlink ----
 
 int stat(const char* path, struct stat* status) noexcept {
     return fails(CallClass::stat) ? -1 : next().stat(path, status);
@@ -293,6 +340,10 @@ int fstat(int descriptor, struct stat* status) noexcept {
 
 int ftruncate(int descriptor, off_t length) noexcept {
     return fails(CallClass::truncate) ? -1 : next().ftruncate(descriptor, length);
+}
+
+int fallocate(int descriptor, int mode, off_t offset, off_t length) {
+    return fails(CallClass::reserve) ? -1 : next().fallocate(descriptor, mode, offset, length);
 }
 
 int unlink(const char* path) noexcept {
@@ -311,6 +362,7 @@ off_t lseek64(int, off_t, int) noexcept __attribute__((alias("lseek")));
 int fseeko64(FILE*, off_t, int) __attribute__((alias("fseeko")));
 ssize_t pwrite64(int, const void*, size_t, off_t) __attribute__((alias("pwrite")));
 int ftruncate64(int, off_t) noexcept __attribute__((alias("ftruncate")));
+int fallocate64(int, int, off_t, off_t) __attribute__((alias("fallocate")));
 int stat64(const char* path, struct stat64* status) noexcept {
     return stat(path, reinterpret_cast<struct stat*>(status));
 }
@@ -331,7 +383,7 @@ void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
 void* malloc(size_t size) noexcept {
-    return fails(CallClass::alloc) ? nullptr : __libc_malloc(size);
+    return is_exception_pool(size) || fails(CallClass::alloc) ? nullptr : __libc_malloc(size);
 }
 
 void* calloc(size_t count, size_t size) noexcept {

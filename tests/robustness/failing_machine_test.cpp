@@ -1,15 +1,17 @@
 // Every call to the system and every allocation of a run fails in turn. Whatever fails, a run either says so
 // and ends with a non-zero status, or its output is complete and right to the byte.
 
+#include "failing_run.h"
 #include "fuzz/small_firmware.h"
-#include "program_run.h"
 
-#include <cstdlib>
-#include <fstream>
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <iostream>
-#include <sstream>
+#include <iterator>
+#include <ostream>
+#include <string>
 #include <tuple>
+#include <vector>
 
 namespace robustness {
 namespace {
@@ -20,28 +22,51 @@ struct Fault {
     const char* call_class;
     const char* how;
     bool always;
-    bool harmless;  // no failure: the call goes on, and the run succeeds
+    bool harmless;  // the call can go on, and the run succeeds
 };
 
-constexpr Fault faults[] = {
-    {"open", "EIO", false, false},      {"open", "EIO", true, false},      {"open", "ENOSPC", false, false},
-    {"open", "EINTR", false, true},     {"open", "EINTR", true, false},    {"read", "EIO", false, false},
-    {"read", "EIO", true, false},       {"read", "EINTR", false, true},    {"read", "EINTR", true, false},
-    {"read", "short", false, true},     {"read", "short", true, true},     {"seek", "EIO", false, false},
-    {"seek", "EIO", true, false},       {"seek", "EINTR", false, true},    {"write", "EIO", false, false},
-    {"write", "EIO", true, false},      {"write", "ENOSPC", false, false}, {"write", "ENOSPC", true, false},
-    {"write", "EINTR", false, true},    {"write", "EINTR", true, false},   {"write", "short", false, true},
-    {"write", "short", true, true},     {"close", "EIO", false, false},    {"close", "EIO", true, false},
-    {"close", "ENOSPC", false, false},  {"close", "EINTR", false, true},   {"close", "EINTR", true, true},
-    {"stat", "EIO", false, false},      {"stat", "EIO", true, false},      {"stat", "EINTR", false, true},
-    {"stat", "EINTR", true, false},     {"truncate", "EIO", false, false}, {"truncate", "EIO", true, false},
-    {"truncate", "EINTR", false, true}, {"unlink", "EIO", false, false},   {"unlink", "EINTR", false, true},
+// A seek is left out: only an output that is not a file takes one.
+constexpr Fault kFaults[] = {
+    {"open", "EIO", false, false},      {"open", "EIO", true, false},       {"open", "ENOSPC", false, false},
+    {"open", "EINTR", false, true},     {"open", "EINTR", true, false},     {"read", "EIO", false, false},
+    {"read", "EIO", true, false},       {"read", "EINTR", false, true},     {"read", "EINTR", true, false},
+    {"read", "short", false, true},     {"read", "short", true, true},      {"read", "nothing", false, false},
+    {"read", "nothing", true, false},   {"write", "EIO", false, false},     {"write", "EIO", true, false},
+    {"write", "ENOSPC", false, false},  {"write", "ENOSPC", true, false},   {"write", "EINTR", false, true},
+    {"write", "EINTR", true, false},    {"write", "short", false, true},    {"write", "short", true, true},
+    {"write", "nothing", false, false}, {"write", "nothing", true, false},  {"close", "EIO", false, false},
+    {"close", "EIO", true, false},      {"close", "ENOSPC", false, false},  {"close", "EINTR", false, true},
+    {"close", "EINTR", true, true},     {"stat", "EIO", false, false},      {"stat", "EIO", true, false},
+    {"stat", "EINTR", false, true},     {"stat", "EINTR", true, false},     {"truncate", "EIO", false, false},
+    {"truncate", "EIO", true, false},   {"truncate", "EINTR", false, true}, {"reserve", "ENOSPC", true, true},
+    {"reserve", "EINTR", false, true},  {"unlink", "EIO", false, false},    {"unlink", "EINTR", false, true},
     {"alloc", "ENOMEM", false, false},  {"alloc", "ENOMEM", true, false},
 };
 
-std::string text_of(const Fault& fault, long at) {
-    return std::string(fault.call_class) + " " + std::to_string(at) + (fault.always ? " and on: " : ": ") +
-           fault.how;
+std::string name_of(const Fault& fault) {
+    return std::string(fault.call_class) + "_" + fault.how + (fault.always ? "_always" : "");
+}
+
+void PrintTo(const Fault& fault, std::ostream* out) {
+    *out << name_of(fault);
+}
+
+// A sanitizer has an allocator of its own, in which nothing fails.
+std::vector<Fault> faults() {
+    std::vector<Fault> faults(std::begin(kFaults), std::end(kFaults));
+    if (sanitized)
+        std::erase_if(faults, [](const Fault& fault) { return std::string(fault.call_class) == "alloc"; });
+    return faults;
+}
+
+// A transfer of nothing has no errno of its own.
+int errno_of(const Fault& fault) {
+    const std::string how = fault.how;
+    if (how == "ENOSPC")
+        return ENOSPC;
+    if (how == "EINTR")
+        return EINTR;
+    return how == "ENOMEM" ? ENOMEM : EIO;
 }
 
 // Images larger than the reader's block, so that every structure takes a read of its own.
@@ -77,101 +102,101 @@ void write_stale_output(const Workplace& place, const Files& wanted) {
     write_file(place.output() / "unsparse_tmp.bin", Bytes(5'000, 0x5A));
 }
 
-struct Counts {
-    long calls = 0;
-    long failures = 0;
+struct Conversion {
+    ENUM_FLASH_TYPE type;
+    bool gpt;
 };
 
-Counts reported(const std::filesystem::path& path) {
-    Counts counts;
-    std::ifstream(path) >> counts.calls >> counts.failures;
-    return counts;
+constexpr Conversion kConversions[] = {{FLASH_EMMC, true},
+                                       {FLASH_EMMC, false},
+                                       {FLASH_NOR, true},
+                                       {FLASH_SPI_NAND, false},
+                                       {FLASH_SLC_NAND, false}};
+
+std::string name_of(const Conversion& conversion) {
+    return std::string(type_name(conversion.type)) + (conversion.gpt ? "Gpt" : "Parameter");
 }
 
-using Parameter = std::tuple<ENUM_FLASH_TYPE, bool>;
-
-std::string parameter_name(const Parameter& parameter) {
-    return std::string(type_name(std::get<0>(parameter))) + (std::get<1>(parameter) ? "Gpt" : "Parameter");
+void PrintTo(const Conversion& conversion, std::ostream* out) {
+    *out << name_of(conversion);
 }
 
-class FailingMachine : public testing::TestWithParam<Parameter> {
-protected:
-    FailingMachine()
-        : type_(std::get<0>(GetParam())), place_(firmware_of_several_blocks(std::get<1>(GetParam()))),
-          wanted_(place_.undisturbed(type_, {})) {}
+// One conversion, and what it makes when nothing fails.
+class Disturbed {
+public:
+    explicit Disturbed(const Conversion& conversion)
+        : m_type(conversion.type), m_place(firmware_of_several_blocks(conversion.gpt)),
+          m_wanted(m_place.undisturbed(m_type, {})) {}
 
-    RunResult run_with(const Fault& fault, long at) {
-        write_stale_output(place_, wanted_);
-        std::filesystem::remove(report_path());
-        RunOptions options;
-        options.environment = {{"LD_PRELOAD", FAILING_CALLS_LIBRARY},
-                               {"FAILING_CALLS_CLASS", fault.call_class},
-                               {"FAILING_CALLS_AT", std::to_string(at)},
-                               {"FAILING_CALLS_HOW", fault.how},
-                               {"FAILING_CALLS_ALWAYS", fault.always ? "1" : ""},
-                               {"FAILING_CALLS_REPORT", report_path()}};
-        if (sanitized)
-            options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
-        return place_.run(type_, {}, options);
+    FailingRun run(const FailingCalls& failing) const {
+        write_stale_output(m_place, m_wanted);
+        return m_program.run(m_type, failing);
     }
 
-    std::filesystem::path report_path() const { return reports_ / "report"; }
+    // Empty, or what is wrong with the run.
+    std::string problem(const RunResult& run, const Fault& fault) const {
+        const bool leaves_file = std::string(fault.call_class) == "unlink" && !fault.harmless;
+        std::string wrong = misbehaviour(run, m_wanted, m_place.output(),
+                                         leaves_file ? "unsparse_tmp.bin" : "", errno_of(fault));
+        if (wrong.empty() && fault.harmless && run.exit_status != 0)
+            wrong = "fails, but the call could have gone on";
+        if (wrong.empty() && !run.err.empty())
+            wrong = "says something on the error stream";
+        return wrong.empty() ? m_place.damage() : wrong;
+    }
 
-    ENUM_FLASH_TYPE type_;
-    Workplace place_;
-    ScratchDirectory reports_;
-    Files wanted_;
+    std::string difference_now() const { return difference(m_wanted, files_in(m_place.output())); }
+
+private:
+    ENUM_FLASH_TYPE m_type;
+    Workplace m_place;
+    FailingProgram m_program{m_place};
+    Files m_wanted;
 };
 
-TEST_P(FailingMachine, NothingFailsWithoutAPlan) {
-    const RunResult run = run_with({"write", "EIO", false, false}, 0);
-    EXPECT_TRUE(run.succeeded()) << run.out;
-    EXPECT_EQ(difference(wanted_, files_in(place_.output())), "");
-    EXPECT_GT(reported(report_path()).calls, 3);
-    EXPECT_EQ(reported(report_path()).failures, 0);
+TEST(FailingCallsLibrary, LetsNothingFailWithoutAPlan) {
+    for (const Conversion& conversion : kConversions) {
+        SCOPED_TRACE(name_of(conversion));
+        const Disturbed disturbed(conversion);
+        const FailingRun run = disturbed.run({"write", "EIO", 0});
+        EXPECT_TRUE(run.result.succeeded()) << run.result.out;
+        EXPECT_EQ(disturbed.difference_now(), "");
+        EXPECT_GT(run.calls, 3);
+        EXPECT_EQ(run.failures, 0);
+    }
 }
+
+class FailingMachine : public testing::TestWithParam<std::tuple<Conversion, Fault>> {};
 
 TEST_P(FailingMachine, EndsInAStatusAndAReasonOrInTheRightBytes) {
-    long disturbed_runs = 0;
+    const auto& [conversion, fault] = GetParam();
+    const Disturbed disturbed(conversion);
     long injected = 0;
     int reports = 0;
-    for (const Fault& fault : faults) {
-        if (sanitized && std::string(fault.call_class) == "alloc")
-            continue;  // the sanitizer has an allocator of its own
-        for (long at = 1;; ++at) {
-            const RunResult run = run_with(fault, at);
-            const Counts counts = reported(report_path());
-            if (run.exited && counts.failures == 0) {
-                ASSERT_EQ(run.exit_status, 0) << text_of(fault, at) << "\n" << run.out << run.err;
-                break;
-            }
-            ++disturbed_runs;
-            injected += counts.failures;
-            const bool unlink = std::string(fault.call_class) == "unlink";
-            std::string wrong = misbehaviour(run, wanted_, place_.output(),
-                                             unlink && !fault.harmless ? "unsparse_tmp.bin" : "");
-            if (wrong.empty() && fault.harmless && run.exit_status != 0)
-                wrong = "fails, but the call could have gone on";
-            if (wrong.empty())
-                wrong = place_.damage();
-            if (!wrong.empty() || !run.err.empty()) {
-                ADD_FAILURE() << text_of(fault, at) << ": " << wrong << "\nstatus " << run.exit_status << "\n"
-                              << run.out << run.err;
-                ASSERT_LT(++reports, 25) << "and maybe more";
-            }
+    for (long at = 1;; ++at) {
+        const FailingRun failing = disturbed.run({fault.call_class, fault.how, at, fault.always});
+        const RunResult& run = failing.result;
+        if (run.exited && failing.failures == 0) {
+            EXPECT_EQ(run.exit_status, 0) << "call " << at << "\n" << run.out << run.err;
+            EXPECT_GT(injected, 0) << "no run makes such a call";
+            std::cout << injected << " faults injected in " << at - 1 << " runs\n";
+            return;
+        }
+        injected += failing.failures;
+        if (const std::string wrong = disturbed.problem(run, fault); !wrong.empty()) {
+            ADD_FAILURE() << "call " << at << ": " << wrong << "\nstatus " << run.exit_status << "\n"
+                          << run.out << run.err;
+            ASSERT_LT(++reports, 3) << "and maybe more";
         }
     }
-    RecordProperty("disturbed_runs", std::to_string(disturbed_runs));
-    RecordProperty("injected_faults", std::to_string(injected));
-    std::cout << parameter_name(GetParam()) << ": " << injected << " faults injected in " << disturbed_runs
-              << " runs\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, FailingMachine,
-                         testing::Values(std::tuple(FLASH_EMMC, true), std::tuple(FLASH_EMMC, false),
-                                         std::tuple(FLASH_NOR, true), std::tuple(FLASH_SPI_NAND, false),
-                                         std::tuple(FLASH_SLC_NAND, false)),
-                         [](const auto& tested) { return parameter_name(tested.param); });
+INSTANTIATE_TEST_SUITE_P(Calls, FailingMachine,
+                         testing::Combine(testing::ValuesIn(kConversions), testing::ValuesIn(faults())),
+                         [](const auto& tested) {
+                             return name_of(std::get<0>(tested.param)) + "_" +
+                                    name_of(std::get<1>(tested.param));
+                         });
 
 }  // namespace
 }  // namespace robustness
