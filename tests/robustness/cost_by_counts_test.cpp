@@ -45,12 +45,12 @@ class SystemCalls : public testing::TestWithParam<ENUM_FLASH_TYPE> {
 protected:
     void SetUp() override {
         if (sanitized)
-            GTEST_SKIP() << "a sanitizer makes calls of its own, and does not like to be traced";
+            GTEST_SKIP() << "needs a build without sanitizers";
         strace_ = find_program("strace");
         if (strace_.empty())
-            GTEST_SKIP() << "strace is not installed";
+            GTEST_SKIP() << "missing tool: strace";
         if (!run_program(strace_, {"-f", "-c", "-o", counts(), "true"}).succeeded())
-            GTEST_SKIP() << "strace may not trace here";
+            GTEST_SKIP() << "strace is not allowed to trace here";
     }
 
     // System calls of a conversion, its output removed before.
@@ -151,7 +151,7 @@ class PeakMemory : public testing::TestWithParam<ENUM_FLASH_TYPE> {
 protected:
     void SetUp() override {
         if (sanitized)
-            GTEST_SKIP() << "a sanitizer takes memory of its own";
+            GTEST_SKIP() << "needs a build without sanitizers";
 #ifdef __GLIBC__
         ::malloc_trim(0);  // what this process holds counts in until it has become the program
 #endif
