@@ -24,11 +24,27 @@ NamedInput refused_padding_of_two_tebibytes() {
     return {"refused-padding-of-2-tebibytes", input};
 }
 
+// A plain image of 4 TiB after a write that failed: the way to the verdict took a step for each of its pages,
+// minutes in all.
+NamedInput image_of_four_tebibytes_after_a_failure() {
+    Firmware firmware = small_firmware({.gpt = true});
+    firmware.item("boot").flash_offset = 0x8000;  // 16 MiB into the image, which the target limits to 6 MiB
+    Item& data = firmware.item("data");
+    data.flash_offset = 0x9000;
+    data.size = (uint64_t{1} << 42) - 1024;
+    Bytes input = firmware.build();
+    constexpr uint8_t emmc = 0;
+    constexpr uint8_t pages_of_1_kilobyte = 2;
+    for (const uint8_t control : {emmc, uint8_t{0}, pages_of_1_kilobyte, uint8_t{0}})
+        input.push_back(control);
+    return {"image-of-4-tebibytes-after-a-failure", input};
+}
+
 }  // namespace
 
 std::vector<NamedInput> findings_of(const FuzzTarget& target) {
     if (target.run == run_conversion)
-        return {refused_padding_of_two_tebibytes()};
+        return {refused_padding_of_two_tebibytes(), image_of_four_tebibytes_after_a_failure()};
     return {};
 }
 
