@@ -172,7 +172,7 @@ TEST_P(Bending, EveryStructureByteEndsOrderly) {
     expect_orderly_ends(GetParam(), bent_bytes(firmware_specimen(false)));
 }
 
-TEST_P(Bending, EveryStructureByteOfAFirmwareWithGptEndsOrderly) {
+TEST_P(Bending, EveryStructureByteWithGptEndsOrderly) {
     expect_orderly_ends(GetParam(), bent_bytes(firmware_specimen(true)));
 }
 
@@ -182,21 +182,21 @@ TEST_P(Bending, EveryStructureByteOfABareContainerEndsOrderly) {
     expect_orderly_ends(GetParam(), runs);
 }
 
-TEST_P(Bending, EveryNumberAtItsExtremesEndsOrderly) {
+TEST_P(Bending, ExtremeNumbersEndOrderly) {
     expect_orderly_ends(GetParam(), bent_numbers(firmware_specimen(false)));
 }
 
-TEST_P(Bending, EveryNumberOfAFirmwareWithGptAtItsExtremesEndsOrderly) {
+TEST_P(Bending, ExtremeNumbersWithGptEndOrderly) {
     expect_orderly_ends(GetParam(), bent_numbers(firmware_specimen(true)));
 }
 
-TEST_P(Bending, NumbersAtTheirExtremesInThe2kPagesOfALinkedListEndOrderly) {
+TEST_P(Bending, ExtremeNumbersWith2kPagesAndListEndOrderly) {
     BentRuns runs = bent_numbers(firmware_specimen(true));
     runs.geometry = {.block_kb = 16, .page_kb = 4, .oob_bytes = 128, .page_2k = true, .page_list = true};
     expect_orderly_ends(GetParam(), runs);
 }
 
-TEST_P(Bending, TwoNumbersOfASparseImageAtTheirExtremesEndOrderly) {
+TEST_P(Bending, TwoExtremeNumbersOfASparseImageEndOrderly) {
     Specimen specimen = firmware_specimen(true);
     const std::size_t record = specimen.structure.items.at(2);
     specimen.structure.chunks.resize(2);  // a raw one and a fill
@@ -206,7 +206,7 @@ TEST_P(Bending, TwoNumbersOfASparseImageAtTheirExtremesEndOrderly) {
     expect_orderly_ends(GetParam(), bent_pairs(specimen, fields));
 }
 
-TEST_P(Bending, TwoNumbersOfAPlainImageAtTheirExtremesEndOrderly) {
+TEST_P(Bending, TwoExtremeNumbersOfAPlainImageEndOrderly) {
     const Specimen specimen = firmware_specimen(true);
     const std::vector<Field> fields = item_fields("boot", specimen.structure.items.at(1));
     expect_orderly_ends(GetParam(), bent_pairs(specimen, fields));

@@ -60,7 +60,7 @@ TEST_P(RealLimits, ADanglingLinkInThePlaceOfAnyOutputIsFollowed) {
     }
 }
 
-TEST_P(RealLimits, ADanglingLinkInThePlaceOfTheTemporaryFileIsFollowed) {
+TEST_P(RealLimits, ADanglingLinkForTheTemporaryFileIsFollowed) {
     place_.empty_output();
     fs::create_symlink("target", place_.output() / temporary);
     EXPECT_TRUE(run().succeeded());
@@ -72,7 +72,7 @@ TEST_P(RealLimits, ADanglingLinkInThePlaceOfTheTemporaryFileIsFollowed) {
     EXPECT_EQ(difference(wanted_, got), "");
 }
 
-TEST_P(RealLimits, APipeInThePlaceOfTheTemporaryFileIsRefusedWithoutWaiting) {
+TEST_P(RealLimits, APipeForTheTemporaryFileIsRefusedAtOnce) {
     place_.empty_output();
     ASSERT_EQ(::mkfifo((place_.output() / temporary).c_str(), 0600), 0);
     expect_failure(run(), temporary, ",err=29");
@@ -125,7 +125,7 @@ TEST_P(RealLimits, AReadOnlyDirectoryIsReported) {
 }
 
 // The next file that is opened gets the lowest free descriptor: messages must not go there.
-TEST_P(RealLimits, ClosedStandardDescriptorsLeaveTheImagesAsTheyAre) {
+TEST_P(RealLimits, ClosedStandardDescriptorsLeaveImagesAlone) {
     for (const std::string closed : {"<&-", ">&-", "2>&-", "<&- >&- 2>&-"}) {
         SCOPED_TRACE(closed);
         place_.empty_output();
