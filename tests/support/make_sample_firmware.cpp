@@ -1,5 +1,6 @@
 // Packs a firmware update image from real parts: an ext4 root file system made by mke2fs, a FAT boot
-// partition, boot stages and a parameter text. Two runs with the same options give the same bytes.
+// partition, boot stages and a parameter text. The same options give the same bytes in every run, for every
+// user and on every file system.
 
 #include "bytes.h"
 #include "firmware_builder.h"
@@ -184,15 +185,19 @@ void set_modes_and_times(const fs::path& tree) {
     set_build_time(tree);
 }
 
-// Reading a file may move its access time, and its change time cannot be given to it at all; so these two are
-// set inside the image.
-void fix_access_and_change_times(const fs::path& tree, const fs::path& image, const fs::path& script) {
+// Some fields cannot be given to the files of the tree, so they are set inside the image. mke2fs copies the
+// owner, which is the user who runs this program. Reading a file may move its access time, and no call sets a
+// change time. The count of written kilobytes depends on the file system that holds the image.
+void fix_owners_and_times(const fs::path& tree, const fs::path& image, const fs::path& script) {
     std::vector<std::string> inside{"/", "/lost+found"};
     for (const auto& entry : fs::recursive_directory_iterator(tree)) {
         inside.push_back((fs::path("/") / entry.path().lexically_relative(tree)).string());
     }
-    std::string commands;
+    std::string commands = "set_super_value kbytes_written 0\n";
     for (const std::string& path : inside) {
+        for (const std::string owner : {"uid", "gid"}) {
+            commands += "set_inode_field " + path + " " + owner + " 0\n";
+        }
         for (const std::string time : {"atime", "ctime"}) {
             commands += "set_inode_field " + path + " " + time + " @" + std::to_string(build_time) + "\n";
             commands += "set_inode_field " + path + " " + time + "_extra 0\n";
@@ -220,7 +225,7 @@ void make_ext4(const Arguments& arguments, const fs::path& scratch, const fs::pa
          "-E",           "root_owner=0:0,hash_seed=" + std::string(rootfs_uuid),
          "-d",           tree.string(),
          image.string(), std::to_string(image_mb) + "M"});
-    fix_access_and_change_times(tree, image, scratch / "times.debugfs");
+    fix_owners_and_times(tree, image, scratch / "owners_and_times.debugfs");
 }
 
 Bytes rootfs_image(const Arguments& arguments, const fs::path& scratch, uint64_t& flat_size) {
