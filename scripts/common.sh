@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# Sourced by the other scripts: goes to the top of the source tree and holds what they share.
+# Sourced by the other scripts: changes to the top of the source tree and defines what they share.
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit
 
-# mke2fs, sfdisk and their like live in sbin, which an ordinary user's PATH does not have on Debian.
+# On Debian the PATH of an ordinary user has no sbin, where mke2fs, sfdisk and similar tools are.
 export PATH="$PATH:/usr/local/sbin:/usr/sbin:/sbin"
 
 if command -v ccache >/dev/null && [[ -z ${CMAKE_CXX_COMPILER_LAUNCHER:-} ]]; then
@@ -31,13 +31,10 @@ build_preset() {
     cmake --build --preset "$preset" --parallel "$(nproc)" "${targets[@]}"
 }
 
-# source_files: every C++ file of the project, separated by NUL.
+# source_files [DIRECTORY]...: the C++ files of these directories, or of the whole project, separated by NUL.
 source_files() {
-    local directories=() directory
-    for directory in src tests bench; do
-        if [[ -d $directory ]]; then
-            directories+=("$directory")
-        fi
-    done
-    find "${directories[@]}" -type f \( -name '*.cpp' -o -name '*.h' \) -print0 | sort -z
+    if (($# == 0)); then
+        set -- src tests bench
+    fi
+    find "$@" -type f \( -name '*.cpp' -o -name '*.h' \) -print0 | sort -z
 }
