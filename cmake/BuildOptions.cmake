@@ -1,13 +1,13 @@
 # What every target of this project is compiled with; link it PRIVATE.
 
-# Can be lifted for one run with `cmake --compile-no-warning-as-error`.
+# `cmake --compile-no-warning-as-error` switches this off for one configuration.
 if(NOT DEFINED CMAKE_COMPILE_WARNING_AS_ERROR)
     set(CMAKE_COMPILE_WARNING_AS_ERROR ON)
 endif()
 
 add_library(nandsmith_build_options INTERFACE)
 
-# An assertion is part of an interface here, so it stays live in every build type.
+# Assertions are part of the interfaces here, so every build type keeps them.
 target_compile_options(nandsmith_build_options INTERFACE -UNDEBUG)
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
@@ -16,7 +16,7 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
     )
 endif()
 
-# gcc 12 takes plain operations on std::string for overlapping copies (its bug 105329); later ones do not.
+# gcc 12 reports overlapping copies in plain operations on std::string (its bug 105329). Later versions do not.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(nandsmith_build_options INTERFACE -Wno-restrict)
 endif()

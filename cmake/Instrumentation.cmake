@@ -1,5 +1,5 @@
-# Sanitizers, coverage and fuzzing. They apply to every target, the tests included: a program of which only a
-# part is instrumented reports errors that are none and misses others.
+# Sanitizers, coverage and fuzzing. They apply to every target, the tests included: a program that is instrumented
+# in part reports false errors and misses real ones.
 
 set(NANDSMITH_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
 option(NANDSMITH_COVERAGE "Count executed lines and branches" OFF)
@@ -20,7 +20,7 @@ elseif(NANDSMITH_SANITIZE)
     add_compile_options(-fsanitize=${NANDSMITH_SANITIZE} ${sanitizer_options})
     add_link_options(-fsanitize=${NANDSMITH_SANITIZE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-        # The checks that a sanitizer adds make gcc see paths that do not exist.
+        # The checks that a sanitizer adds make gcc warn about paths that no run takes.
         add_compile_options(-Wno-maybe-uninitialized)
     endif()
 endif()

@@ -14,7 +14,7 @@ set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
-# The tool that finds the libraries a program needs comes with dpkg-dev, which is not everywhere.
+# dpkg-shlibdeps finds the libraries that a program needs. It is in dpkg-dev, which may be missing.
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
 mark_as_advanced(DPKG_SHLIBDEPS)
 if(DPKG_SHLIBDEPS)

@@ -1,5 +1,5 @@
-# The key that scrambles the boot block. A device only boots from images made with the key of its boot ROM, so
-# the configuration says which one goes in.
+# The key that scrambles the boot block. A device boots only from images made with the key of its boot ROM, so the
+# configuration prints which key is used.
 
 set(NANDSMITH_RC4_KEY "" CACHE STRING "RC4 key of the boot block, 32 hex digits; empty: development key")
 
@@ -19,7 +19,7 @@ else()
     message(STATUS "RC4 key: images for a real device need the key of its boot ROM, be sure this is it")
 endif()
 
-# PUBLIC, because a test that expects scrambled bytes has to know the key too.
+# PUBLIC, because tests that expect scrambled bytes need the key too.
 function(nandsmith_define_rc4_key target)
     if(NOT "${NANDSMITH_RC4_KEY}" STREQUAL "")
         target_compile_definitions(${target} PUBLIC "NANDSMITH_RC4_KEY=\"${NANDSMITH_RC4_KEY}\"")

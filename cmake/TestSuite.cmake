@@ -2,12 +2,12 @@ include(GoogleTest)
 
 # nandsmith_add_test_suite(<target> LABEL <label> SOURCES <file>... [LIBRARIES <target>...])
 #
-# One GoogleTest executable whose tests ctest knows one by one, under the given label. Its sources may use
+# One GoogleTest executable. ctest runs its tests one by one, under the given label. Its sources may use
 #   NANDSMITH_PROGRAM      path of the program
 #   MAKE_SAMPLE_FIRMWARE   path of the maker of sample firmware
 #   NANDSMITH_SOURCE_DIR   top directory of the source tree
 #   NANDSMITH_COVERAGE     defined in a coverage build
-# Without a source there is no executable.
+# Without a source no executable is added.
 function(nandsmith_add_test_suite target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "LABEL" "SOURCES;LIBRARIES")
     if(NOT arg_SOURCES)
@@ -22,7 +22,8 @@ function(nandsmith_add_test_suite target)
     if(TARGET GTest::gmock)
         target_link_libraries(${target} PRIVATE GTest::gmock)
     endif()
-    # Tests are built more often than run: a little optimisation, whatever the build type, and the large headers once.
+    # Compiling the tests takes longer than running them, so they get little optimisation in every build type, and
+    # the large headers are compiled once.
     target_compile_options(${target} PRIVATE -O1)
     target_precompile_headers(
         ${target} PRIVATE <gtest/gtest.h> <algorithm> <filesystem> <fstream> <random> <string> <vector>
