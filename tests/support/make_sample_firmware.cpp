@@ -27,7 +27,7 @@ constexpr uint64_t mib = uint64_t{1} << 20;
 constexpr uint64_t kib = 1024;
 
 // Partition starts in sectors. The boot block copies of an eMMC with large erase blocks reach beyond sector
-// 9000, so the first partition behind the table starts at sector 0x4000 (8 MiB).
+// 9000, so the first partition after the table starts at sector 0x4000 (8 MiB).
 constexpr uint32_t parameter_sectors = 0x2000;
 constexpr uint32_t misc_start = 0x4000, misc_sectors = 0x800;
 constexpr uint32_t boot_start = 0x4800, boot_sectors = 0x4000;
