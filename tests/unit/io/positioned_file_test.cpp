@@ -1,0 +1,186 @@
+#include "io/positioned_file.h"
+
+#include "../storage/partition_fixture.h"
+#include "io/file_offset.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace storage_test {
+namespace {
+
+using test_support::patterned;
+using test_support::read_file;
+using test_support::to_bytes;
+using test_support::write_file;
+
+constexpr OutputReceiver::OpenMode kKeep{.readable = false, .truncate = false};
+
+class PositionedFileTest : public ::testing::Test {
+protected:
+    std::string path(const std::string& name = "out.img") const { return (m_directory / name).string(); }
+
+    int open(const std::string& target, OutputReceiver::OpenMode mode = {}) {
+        m_size = 4711;
+        return m_file.open(target, mode, m_size);
+    }
+
+    int put(uint64_t offset, const Bytes& bytes) { return m_file.bytes(offset, bytes.data(), bytes.size()); }
+
+    test_support::TemporaryDirectory m_directory{};
+    PositionedFile m_file{};
+    uint64_t m_size = 0;
+};
+
+TEST_F(PositionedFileTest, BytesLieAtTheirOffsets) {
+    EXPECT_FALSE(m_file.is_open());
+    EXPECT_EQ(m_file.descriptor(), -1);
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_TRUE(m_file.is_open());
+    EXPECT_EQ(m_size, 0U);
+    EXPECT_EQ(put(10, to_bytes("def")), 0);
+    EXPECT_EQ(put(2, to_bytes("abc")), 0);
+    EXPECT_EQ(put(3, to_bytes("X")), 0);
+    EXPECT_EQ(put(100, {}), 0);
+    EXPECT_EQ(m_file.end(13), 0);
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_FALSE(m_file.is_open());
+    EXPECT_EQ(m_file.descriptor(), -1);
+    EXPECT_EQ(read_file(path()), Bytes(2, 0) + to_bytes("aXc") + Bytes(5, 0) + to_bytes("def"));
+}
+
+TEST_F(PositionedFileTest, LongBytesAreWrittenWhole) {
+    const Bytes data = patterned(3000000, 1);
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_EQ(put(12345, data), 0);
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_TRUE(same_bytes(read_file(path()), Bytes(12345, 0) + data));
+}
+
+TEST_F(PositionedFileTest, KeptContentCountsAsItsSize) {
+    write_file(path(), patterned(1000, 1));
+    ASSERT_EQ(open(path(), kKeep), 0);
+    EXPECT_EQ(m_size, 1000U);
+    EXPECT_EQ(m_file.zeros_from(), 1000U);
+    EXPECT_EQ(m_file.end(500), 0);
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_EQ(read_file(path()), patterned(1000, 1));
+
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_EQ(m_size, 0U);
+    EXPECT_EQ(m_file.zeros_from(), 0U);
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_EQ(read_file(path()), Bytes());
+}
+
+TEST_F(PositionedFileTest, ZerosMayFollowWhatWasWritten) {
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_EQ(m_file.zeros_from(), 0U);
+    EXPECT_EQ(put(100, to_bytes("abc")), 0);
+    EXPECT_EQ(m_file.zeros_from(), 103U);
+    EXPECT_EQ(put(0, to_bytes("abc")), 0);
+    EXPECT_EQ(m_file.zeros_from(), 103U);
+    EXPECT_EQ(m_file.zeros(103, 97), 0);
+    EXPECT_EQ(m_file.end(200), 0);
+    EXPECT_EQ(m_file.zeros_from(), 200U);
+    EXPECT_EQ(std::filesystem::file_size(path()), 200U);
+    EXPECT_EQ(m_file.end(200), 0);
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_EQ(read_file(path()), to_bytes("abc") + Bytes(97, 0) + to_bytes("abc") + Bytes(97, 0));
+}
+
+TEST_F(PositionedFileTest, KeptZeroBytesAllowNoZeros) {
+    m_file.keep_zero_bytes();
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_EQ(m_file.zeros_from(), OutputReceiver::kNoZeros);
+}
+
+TEST_F(PositionedFileTest, FailedOpenSaysWhy) {
+    EXPECT_EQ(open(path("missing/out.img")), ENOENT);
+    EXPECT_EQ(open(m_directory.path().string()), EISDIR);
+    ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
+    const int reader = ::open(path("pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_EQ(open(path("pipe"), {.readable = true, .truncate = true}), ESPIPE);
+    ::close(reader);
+    EXPECT_FALSE(m_file.is_open());
+    EXPECT_EQ(m_file.descriptor(), -1);
+}
+
+TEST_F(PositionedFileTest, ProtectedFileKeepsItsContent) {
+    write_file(path("firmware"), to_bytes("abc"));
+    struct stat status {};
+    ASSERT_EQ(::stat(path("firmware").c_str(), &status), 0);
+    m_file.protect(FileIdentity(status));
+    std::filesystem::create_symlink(path("firmware"), path("link"));
+    EXPECT_EQ(open(path("firmware")), EBUSY);
+    EXPECT_EQ(open(path("link")), EBUSY);
+    EXPECT_FALSE(m_file.is_open());
+    EXPECT_EQ(open(path()), 0);
+    EXPECT_EQ(read_file(path("firmware")), to_bytes("abc"));
+}
+
+TEST_F(PositionedFileTest, IdentityIsThatOfTheOpenFile) {
+    struct stat status {};
+    ASSERT_EQ(open(path()), 0);
+    ASSERT_EQ(::stat(path().c_str(), &status), 0);
+    EXPECT_TRUE(m_file.identity().is(status));
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_FALSE(m_file.identity().is(status));
+}
+
+TEST_F(PositionedFileTest, FailedWriteSaysWhy) {
+    ASSERT_EQ(open("/dev/full"), 0);
+    EXPECT_EQ(m_file.zeros_from(), OutputReceiver::kNoZeros) << "no regular file";
+    EXPECT_EQ(put(0, to_bytes("abc")), ENOSPC);
+    EXPECT_EQ(m_file.end(100), 0) << "nothing to bring to its length";
+    EXPECT_EQ(m_file.close(), 0);
+
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_EQ(put(kLargestOffset - 1, to_bytes("abc")), EINVAL) << "of the kernel";
+    EXPECT_EQ(m_file.close(), 0);
+}
+
+TEST_F(PositionedFileTest, FailedCloseSaysWhy) {
+    ASSERT_EQ(open(path()), 0);
+    ::close(m_file.descriptor());
+    EXPECT_EQ(m_file.close(), EBADF);
+    EXPECT_FALSE(m_file.is_open());
+}
+
+TEST_F(PositionedFileTest, PipeTakesBytesInOrderOnly) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe(ends.data()), 0);
+    ASSERT_EQ(open("/proc/self/fd/" + std::to_string(ends[1])), 0);
+    EXPECT_EQ(m_file.zeros_from(), OutputReceiver::kNoZeros);
+    EXPECT_EQ(put(0, to_bytes("abc")), 0);
+    EXPECT_EQ(put(3, to_bytes("def")), 0);
+    EXPECT_EQ(put(7, to_bytes("x")), ESPIPE);
+    EXPECT_EQ(put(0, to_bytes("x")), ESPIPE);
+    EXPECT_EQ(m_file.close(), 0);
+    ::close(ends[1]);
+    Bytes found(100);
+    EXPECT_EQ(::read(ends[0], found.data(), found.size()), 6);
+    ::close(ends[0]);
+    found.resize(6);
+    EXPECT_EQ(found, to_bytes("abcdef"));
+}
+
+TEST_F(PositionedFileTest, EndOfTheObjectClosesTheFile) {
+    int descriptor = -1;
+    {
+        PositionedFile file;
+        ASSERT_EQ(file.open(path(), {}, m_size), 0);
+        descriptor = file.descriptor();
+    }
+    EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+}  // namespace
+}  // namespace storage_test
