@@ -12,6 +12,7 @@
 #include <ostream>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace storage_test {
@@ -336,6 +337,42 @@ TEST_P(PrivatePageTest, HoldsWhateverAnOverrideDoes) {
     default:
         return expect_private_pages<CSlcStorage>();
     }
+}
+
+// Padding of more than 64 MiB may go past write_page where a page is nothing but its data.
+class CountedPages : public Exposed<CEmmcStorage> {
+public:
+    using Exposed<CEmmcStorage>::Exposed;
+    using CEmmcStorage::m_plain_pages;
+
+    bool write_page(uint8_t* page, uint32_t length) override {
+        EXPECT_TRUE(test_support::all_bytes_are(Bytes(page, page + length), m_fill_byte, 0, length));
+        ++pages;
+        Exposed<CEmmcStorage>::write_page(page, length);
+        std::memset(page, 0xEE, length);
+        if (!m_plain_pages)
+            m_fout.write("spare", 5);
+        return true;
+    }
+    std::size_t pages = 0;
+};
+
+class LongPaddingTest : public StorageTest {
+protected:
+    // Pages of 64 KB that reach write_page for padding of that many pages; what the file holds then.
+    std::pair<std::size_t, uint64_t> padded_with(std::size_t pages, bool plain) const {
+        const auto storage = make<CountedPages>({.page_kb = 64});
+        storage->m_plain_pages = plain;
+        storage->m_fout.open(out_path("padding.img").string());
+        EXPECT_TRUE(storage->fill_output_file(pages * 65536));
+        storage->close_output();
+        return {storage->pages, std::filesystem::file_size(out_path("padding.img"))};
+    }
+};
+
+TEST_F(LongPaddingTest, EveryPageArrivesUnlessPagesArePlain) {
+    EXPECT_EQ(padded_with(1100, false), std::pair(std::size_t{1100}, uint64_t{1100 * 65541}));
+    EXPECT_EQ(padded_with(1100, true), std::pair(std::size_t{1024}, uint64_t{1100 * 65536}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Chips, PrivatePageTest, ::testing::ValuesIn(all_chips()),
