@@ -17,9 +17,9 @@
 namespace cli_test {
 
 using test_support::Bytes;
+using test_support::kib;
 using test_support::sector_size;
 
-inline constexpr std::size_t kib = 1024;
 
 // An output file that is written page by page.
 class ExpectedImage {

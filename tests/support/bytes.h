@@ -12,6 +12,7 @@
 #include <fstream>
 #include <numeric>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -24,6 +25,8 @@ namespace test_support {
 using Bytes = std::vector<uint8_t>;
 
 inline constexpr std::size_t sector_size = 512;
+inline constexpr std::size_t kib = 1024;
+inline constexpr std::size_t mib = 1024 * kib;
 
 // The key with which the target's boot ROM descrambles the boot block.
 inline constexpr std::string_view device_rc4_key = "nandsmith-devkey";
@@ -36,9 +39,8 @@ inline uint64_t round_up(uint64_t value, uint64_t unit) {
 
 template <typename Integer>
 void put_integer(Bytes& bytes, Integer value) {
-    for (std::size_t i = 0; i < sizeof(Integer); ++i) {
+    for (std::size_t i = 0; i < sizeof(Integer); ++i)
         bytes.push_back(static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i)));
-    }
 }
 
 inline void put8(Bytes& bytes, uint8_t value) {
@@ -60,17 +62,15 @@ inline void put_bytes(Bytes& bytes, const Bytes& more) {
 
 // Appends exactly `width` bytes: the text, cut or padded with NUL.
 inline void put_text(Bytes& bytes, std::string_view text, std::size_t width) {
-    for (std::size_t i = 0; i < width; ++i) {
+    for (std::size_t i = 0; i < width; ++i)
         bytes.push_back(i < text.size() ? static_cast<uint8_t>(text[i]) : uint8_t{0});
-    }
 }
 
 // ---- overwriting; std::out_of_range when the field does not lie inside the bytes ----
 
 inline void put_bytes_at(Bytes& bytes, std::size_t offset, const Bytes& field) {
-    if (offset > bytes.size() || field.size() > bytes.size() - offset) {
+    if (offset > bytes.size() || field.size() > bytes.size() - offset)
         throw std::out_of_range("field outside the bytes");
-    }
     std::copy(field.begin(), field.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
@@ -105,9 +105,8 @@ inline void put_text_at(Bytes& bytes, std::size_t offset, std::string_view text,
 template <typename Integer>
 Integer get_integer(const Bytes& bytes, std::size_t offset) {
     uint64_t value = 0;
-    for (std::size_t i = 0; i < sizeof(Integer); ++i) {
+    for (std::size_t i = 0; i < sizeof(Integer); ++i)
         value |= static_cast<uint64_t>(bytes.at(offset + i)) << (8 * i);
-    }
     return static_cast<Integer>(value);
 }
 
@@ -122,11 +121,27 @@ inline uint64_t get64(const Bytes& bytes, std::size_t offset) {
 }
 
 inline Bytes slice(const Bytes& bytes, std::size_t offset, std::size_t size) {
-    if (offset > bytes.size() || size > bytes.size() - offset) {
+    if (offset > bytes.size() || size > bytes.size() - offset)
         throw std::out_of_range("slice outside the bytes");
-    }
     const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
     return Bytes(first, first + static_cast<std::ptrdiff_t>(size));
+}
+
+// The bytes with zeros after them, `size` in all.
+inline Bytes zero_padded(Bytes bytes, uint64_t size) {
+    bytes.resize(static_cast<std::size_t>(size), 0);
+    return bytes;
+}
+
+// The bytes, filled up to whole units.
+inline Bytes padded(Bytes bytes, std::size_t unit, uint8_t fill = 0) {
+    bytes.resize(static_cast<std::size_t>(round_up(bytes.size(), unit)), fill);
+    return bytes;
+}
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    put_bytes(left, right);
+    return left;
 }
 
 inline Bytes to_bytes(std::string_view text) {
@@ -139,9 +154,8 @@ inline std::string to_text(const Bytes& bytes) {
 
 // True when every byte of [offset, offset + size) is `value`.
 inline bool all_bytes_are(const Bytes& bytes, uint8_t value, std::size_t offset, std::size_t size) {
-    if (offset > bytes.size() || size > bytes.size() - offset) {
+    if (offset > bytes.size() || size > bytes.size() - offset)
         throw std::out_of_range("range outside the bytes");
-    }
     const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
     return std::all_of(first, first + static_cast<std::ptrdiff_t>(size),
                        [value](uint8_t byte) { return byte == value; });
@@ -160,15 +174,13 @@ inline Bytes patterned(std::size_t size, uint32_t seed) {
 
 inline Bytes read_file(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot open " + path.string());
-    }
     Bytes bytes(static_cast<std::size_t>(file.tellg()));
     file.seekg(0);
     file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot read " + path.string());
-    }
     return bytes;
 }
 
@@ -176,9 +188,15 @@ inline void write_file(const std::filesystem::path& path, const Bytes& bytes) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     file.close();
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot write " + path.string());
-    }
+}
+
+inline std::set<std::string> names_in(const std::filesystem::path& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        names.insert(entry.path().filename().string());
+    return names;
 }
 
 // A directory of its own under the system's temporary directory, removed with everything in it at the end of
@@ -187,9 +205,8 @@ class TemporaryDirectory {
 public:
     TemporaryDirectory() {
         std::string pattern = (std::filesystem::temp_directory_path() / "nandsmith-test-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
+        if (mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("cannot create " + pattern);
-        }
         path_ = pattern;
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
@@ -230,9 +247,8 @@ inline uint32_t crc32_standard(const uint8_t* data, std::size_t size) {
     uint32_t crc = 0xFFFFFFFFU;
     for (std::size_t i = 0; i < size; ++i) {
         crc ^= data[i];
-        for (int bit = 0; bit < 8; ++bit) {
+        for (int bit = 0; bit < 8; ++bit)
             crc = (crc >> 1) ^ ((crc & 1U) != 0 ? 0xEDB88320U : 0U);
-        }
     }
     return ~crc;
 }

@@ -27,13 +27,11 @@ public:
         block_size_ = get32(source_, sparse_field::block_size);
         result_.declared_size = block_size_ * get32(source_, sparse_field::total_blocks);
         const uint32_t chunks = get32(source_, sparse_field::total_chunks);
-        for (uint32_t i = 0; i < chunks && result_.status == 0; ++i) {
-            if (!lies_inside(source_, position_, sparse_field::chunk_header_bytes)) {
+        for (uint32_t i = 0; i < chunks && result_.status == 0; ++i)
+            if (!lies_inside(source_, position_, sparse_field::chunk_header_bytes))
                 result_.status = -4;
-            } else {
+            else
                 expand_chunk();
-            }
-        }
         return std::move(result_);
     }
 
@@ -51,6 +49,8 @@ private:
             break;
         case SparseChunk::dont_care_type:
             result_.image.resize(static_cast<std::size_t>(result_.image.size() + length), fill_byte_);
+            for (uint64_t left = length; left > 0; left -= result_.pieces.back())
+                result_.pieces.push_back(std::min<uint64_t>(left, page_size_));
             break;
         case SparseChunk::crc_type:
             position_ += sizeof(uint32_t);
@@ -72,6 +72,7 @@ private:
             }
             const auto from = source_.begin() + static_cast<std::ptrdiff_t>(position_);
             result_.image.insert(result_.image.end(), from, from + static_cast<std::ptrdiff_t>(piece));
+            result_.pieces.push_back(piece);
             position_ += piece;
             left -= piece;
         }
@@ -87,9 +88,9 @@ private:
         for (uint64_t left = length; left > 0;) {
             const uint64_t piece = std::min<uint64_t>(left, page_size_);
             const uint64_t whole_values = piece / value.size() * value.size();
-            for (uint64_t i = 0; i < piece; ++i) {
+            for (uint64_t i = 0; i < piece; ++i)
                 result_.image.push_back(i < whole_values ? value[i % value.size()] : fill_byte_);
-            }
+            result_.pieces.push_back(piece);
             left -= piece;
         }
     }
@@ -104,9 +105,8 @@ private:
 
 SparseExpansion expanded_or_throw(const Bytes& bytes, std::size_t page_size, uint8_t fill_byte) {
     SparseExpansion expansion = expand_sparse(bytes, page_size, fill_byte);
-    if (expansion.status != 0) {
+    if (expansion.status != 0)
         throw std::runtime_error("sparse image does not expand, status " + std::to_string(expansion.status));
-    }
     return expansion;
 }
 
@@ -151,9 +151,8 @@ SparseChunk SparseChunk::unknown(uint16_t type, Bytes data, uint32_t blocks) {
 
 Bytes SparseImage::build() const {
     uint32_t block_sum = 0;
-    for (const SparseChunk& chunk : chunks) {
+    for (const SparseChunk& chunk : chunks)
         block_sum += chunk.blocks;
-    }
     Bytes bytes;
     put32(bytes, magic);
     put16(bytes, major_version);
@@ -199,9 +198,8 @@ Bytes expected_sparse_partition(const Bytes& bytes, std::size_t page_size, uint8
                                 std::optional<uint32_t> part_sectors) {
     SparseExpansion expansion = expanded_or_throw(bytes, page_size, fill_byte);
     const uint64_t wanted = part_sectors ? uint64_t{*part_sectors} * sector_size : expansion.declared_size;
-    if (round_up(wanted, page_size) < expansion.declared_size) {
+    if (round_up(wanted, page_size) < expansion.declared_size)
         throw std::runtime_error("partition is too small for the sparse image");
-    }
     expansion.image.resize(static_cast<std::size_t>(round_up(wanted, page_size)), fill_byte);
     return std::move(expansion.image);
 }

@@ -63,7 +63,13 @@ struct SparseExpansion {
     int status = 0;              // 0, or the result the writer gives: -1, -4, -5 or -6
     uint64_t declared_size = 0;  // block size times total blocks
     Bytes image{};  // everything the chunks write, without padding; up to the failure if there was one
+    std::vector<uint64_t> pieces{};  // the lengths in which the chunks write it, at most a page each
 };
+
+// Block size times total blocks, as the header says.
+inline uint64_t declared_size(const Bytes& image) {
+    return uint64_t{get32(image, sparse_field::block_size)} * get32(image, sparse_field::total_blocks);
+}
 
 // Expands the image that starts at byte 0. Bytes behind the image belong to `bytes` too when a test wants to
 // see what a chunk that reaches past its end reads.

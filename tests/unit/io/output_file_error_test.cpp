@@ -1,8 +1,8 @@
 // Writes, seeks and closes that fail.
 
 #include "../storage/partition_fixture.h"
-#include "../storage/process_state.h"
 #include "output_file_fixture.h"
+#include "support/process_limits.h"
 
 #include <gtest/gtest.h>
 

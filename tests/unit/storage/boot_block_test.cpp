@@ -1,8 +1,8 @@
 // The boot block in memory: sizes, header sectors, stages.
 
 #include "boot_block_fixture.h"
-#include "expected_image.h"
 #include "partition_fixture.h"
+#include "support/expected/boot_block.h"
 
 #include <gtest/gtest.h>
 
@@ -185,7 +185,7 @@ TEST_F(BootBlockTest, ScrambledStagesEndWithTheirOwnBytes) {
     EXPECT_TRUE(all_bytes_are(block, 0, 5048, 6144 - 5048)) << "padding is not scrambled";
 }
 
-TEST_F(BootBlockTest, HeaderIsScrambledWhateverTheFlagExceptTheSecondSector) {
+TEST_F(BootBlockTest, HeaderButTheSecondSectorIsScrambled) {
     for (const bool scrambled : {false, true}) {
         use({});
         load_stages(patterned(100, 1), patterned(100, 2), scrambled);

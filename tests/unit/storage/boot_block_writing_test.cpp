@@ -1,10 +1,11 @@
 // The boot block on its way into the output.
 
 #include "boot_block_fixture.h"
-#include "expected_image.h"
 #include "partition_fixture.h"
-#include "process_state.h"
 #include "support/boot_rom.h"
+#include "support/expected/boot_block.h"
+#include "support/expected/image.h"
+#include "support/process_limits.h"
 
 #include <gtest/gtest.h>
 
@@ -37,9 +38,9 @@ TEST_F(BootBlockTest, AtMostTwoCopiesAreWritten) {
         m_storage->first_sector = 5;
         m_storage->second_sector = 40;
         ExpectedImage expected;
-        expected.place(5 * 512, boot_block(firmware));
+        expected.write(5, boot_block(firmware));
         if (copies > 1)
-            expected.place(40 * 512, boot_block(firmware));
+            expected.write(40, boot_block(firmware));
         EXPECT_TRUE(same_bytes(written(), expected.bytes())) << int{copies};
     }
 }
@@ -53,8 +54,7 @@ TEST_F(BootBlockTest, SecondCopyMayLieBeforeOrOverTheFirst) {
         m_storage->first_sector = 20;
         m_storage->second_sector = second;
         ExpectedImage expected;
-        expected.place(20 * 512, boot_block(firmware));
-        expected.place(second * 512, boot_block(firmware));
+        expected.write(20, boot_block(firmware)).write(second, boot_block(firmware));
         EXPECT_TRUE(same_bytes(written(), expected.bytes())) << second;
     }
 }

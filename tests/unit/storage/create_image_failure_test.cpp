@@ -1,7 +1,7 @@
 // Runs of create_image that fail: the line that says why, and what stays in the output.
 
 #include "create_image_fixture.h"
-#include "process_state.h"
+#include "support/process_limits.h"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ protected:
 
     // The output holds the boot blocks and nothing else.
     void expect_boot_blocks_only(const Firmware& firmware) {
-        ExpectedImage expected;
+        PlacedImage expected;
         place_emmc_boot_blocks(expected, firmware, {});
         EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
     }
@@ -219,7 +219,7 @@ TEST_F(CreateImageFailureTest, PartitionThatFailsEndsTheRunAndKeepsWhatIsWritten
               start_lines + parameter_lines("00002000") + partition_lines("boot", "00002100", 32) +
                   "preparing misc at 0x00002180\nwriting misc...\npartition size is too small\n" +
                   error_line("failed to write misc,ret=-1"));
-    ExpectedImage expected;
+    PlacedImage expected;
     place_emmc_boot_blocks(expected, firmware, {});
     expected.place(0x2000 * 512, parameter_pages(firmware.items[0].data, 2048, 64, 8, 8));
     expected.place(0x2100 * 512, partition_bytes(firmware.items[1], 2048));

@@ -2,7 +2,7 @@
 
 // Whole runs of create_image, beside an image that is put together piece by piece as the formats ask for it.
 
-#include "expected_image.h"
+#include "support/expected/boot_block.h"
 #include "partition_fixture.h"
 #include "storage_fixture.h"
 
@@ -12,11 +12,28 @@
 
 namespace storage_test {
 
+// An output file as it grows.
+class PlacedImage {
+public:
+    void place(uint64_t offset, const Bytes& bytes) {
+        m_bytes.resize(std::max(m_bytes.size(), static_cast<std::size_t>(offset) + bytes.size()), 0);
+        put_bytes_at(m_bytes, static_cast<std::size_t>(offset), bytes);
+    }
+    void align(uint64_t block_size, uint64_t page_size) {
+        const uint64_t missing = round_up(m_bytes.size(), block_size) - m_bytes.size();
+        m_bytes.resize(m_bytes.size() + static_cast<std::size_t>(round_up(missing, page_size)), 0);
+    }
+    const Bytes& bytes() const { return m_bytes; }
+
+private:
+    Bytes m_bytes{};
+};
+
 // What a run without an error ends with.
 inline const std::string success_line = "creating programming image ok.\n";
 
 // The boot block copies of eMMC in whole pages, as they lie in the output.
-inline void place_emmc_boot_blocks(ExpectedImage& image, const test_support::Firmware& firmware,
+inline void place_emmc_boot_blocks(PlacedImage& image, const test_support::Firmware& firmware,
                                    const Geometry& geometry) {
     const uint64_t page = geometry.page_kb * 1024;
     const Bytes block = boot_block(firmware);

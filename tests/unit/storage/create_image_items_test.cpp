@@ -47,7 +47,7 @@ TEST_F(CreateImageTest, EmptyParameterItemIsWritten) {
     Firmware firmware = bare_firmware();
     firmware.items[0].data.clear();
     EXPECT_EQ(run_emmc(firmware), start_lines + parameter_lines("00002000") + success_line);
-    ExpectedImage expected;
+    PlacedImage expected;
     place_emmc_boot_blocks(expected, firmware, {});
     expected.place(0x2000 * 512, Bytes(8 * 2048, 0));
     expected.align(524288, 2048);

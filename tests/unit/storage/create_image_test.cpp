@@ -19,7 +19,7 @@ using namespace test_support;
 
 // The partitions of the sample without a GPT, behind what the image holds already, and the padding at its
 // end.
-void place_sample_partitions(ExpectedImage& image, const Firmware& firmware, const Geometry& geometry) {
+void place_sample_partitions(PlacedImage& image, const Firmware& firmware, const Geometry& geometry) {
     const uint32_t page = geometry.page_kb * 1024;
     const auto parameter_page_count = static_cast<std::size_t>(round_up(0x100 * 512, page) / page);
     image.place(0x2000 * 512, parameter_pages(firmware.items[0].data, page, parameter_page_count, 8,
@@ -37,7 +37,7 @@ TEST_F(CreateImageTest, SampleForEmmcHasEveryPieceAtItsPlace) {
                                           partition_lines("boot", "00002100", 32) +
                                           partition_lines("misc", "00002180", 16) +
                                           partition_lines("rootfs", "000021c0", 10) + success_line);
-        ExpectedImage expected;
+        PlacedImage expected;
         place_emmc_boot_blocks(expected, firmware, {});
         place_sample_partitions(expected, firmware, {});
         EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
@@ -52,7 +52,7 @@ TEST_F(CreateImageTest, SampleForNorHasItsSecondBootBlockOnA64KBBoundary) {
                                  partition_lines("boot", "00002100", 64) +
                                  partition_lines("misc", "00002180", 32) +
                                  partition_lines("rootfs", "000021c0", 20) + success_line);
-    ExpectedImage expected;
+    PlacedImage expected;
     expected.place(64 * 512, boot_block(firmware));
     expected.place(256 * 512, boot_block(firmware));
     place_sample_partitions(expected, firmware, {.block_kb = 64, .page_kb = 1});
@@ -68,7 +68,7 @@ TEST_F(CreateImageTest, PageThatDividesNothingOverlapsTheNeighbours) {
               start_lines + parameter_lines("00002000") + partition_lines("boot", "00002100", 22) +
                   partition_lines("misc", "00002180", 11) + partition_lines("rootfs", "000021c0", 7) +
                   success_line);
-    ExpectedImage expected;
+    PlacedImage expected;
     place_emmc_boot_blocks(expected, firmware, geometry);
     place_sample_partitions(expected, firmware, geometry);
     EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
@@ -88,7 +88,7 @@ TEST_F(CreateImageTest, SampleWithAGptHasItsTableAtTheStart) {
 
     // 34 sectors of table in 9 pages; what follows is the usual.
     EXPECT_TRUE(all_bytes_are(image, 0, 34 * 512, 64 * 512 - 34 * 512));
-    ExpectedImage expected;
+    PlacedImage expected;
     expected.place(0, slice(image, 0, 34 * 512));
     place_emmc_boot_blocks(expected, firmware, {});
     for (std::size_t i = 1; i < 4; ++i)
@@ -129,7 +129,7 @@ TEST_F(CreateImageTest, TwoKBPerPageDoublesPagesAndGaps) {
         return pages;
     };
     // The first gap of 32 KB takes 64 KB, so that the block ends at 80 KB.
-    ExpectedImage expected;
+    PlacedImage expected;
     const Bytes block = spread(boot_block(firmware));
     expected.place(65536, block);
     const uint64_t second = 65536 + block.size() + 2 * (1088 * 512 - 65536 - block.size());
@@ -151,7 +151,7 @@ TEST_F(CreateImageTest, BareBootContainerYieldsTheBootBlockAlone) {
     write_file(loader, firmware.boot.build());
     Exposed<CEmmcStorage> storage(512, 2, 0, loader, out_dir().string(), false);
     EXPECT_EQ(run(storage), "writing idblock...\n" + success_line);
-    ExpectedImage expected;
+    PlacedImage expected;
     place_emmc_boot_blocks(expected, firmware, {});
     EXPECT_TRUE(same_bytes(out_image(), expected.bytes()));
     EXPECT_NE(expected.bytes().size() % 524288, 0U) << "nothing is padded";
@@ -168,7 +168,7 @@ TEST_F(CreateImageTest, PartitionBelowTheEndOverwritesAndShortensNothing) {
     firmware.items.push_back({.name = "second", .part_size = 4, .flash_offset = 80, .data = second});
     firmware.items.push_back({.name = "third", .part_size = 8, .flash_offset = 142, .data = third});
     run_emmc(firmware);
-    ExpectedImage expected;
+    PlacedImage expected;
     place_emmc_boot_blocks(expected, firmware, {});
     expected.place(0x2000 * 512, parameter_pages(firmware.items[0].data, 2048, 8, 8, 1));
     expected.place(0x2040 * 512, first);

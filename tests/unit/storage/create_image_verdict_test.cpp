@@ -2,7 +2,7 @@
 // line that names the file.
 
 #include "create_image_fixture.h"
-#include "process_state.h"
+#include "support/process_limits.h"
 
 #include <gtest/gtest.h>
 

@@ -70,6 +70,7 @@ TEST_F(GptFlag, CommentsDoNotCount) {
 TEST_F(GptFlag, BothWordsMustStandOnOneLine) {
     EXPECT_FALSE(flag_of_text("TYPE: MBR\nGPT\n"));
     EXPECT_FALSE(flag_of_text("TYPE: \nGPT"));
+    EXPECT_FALSE(flag_of_text("TY\nPE: GPT\n"));
     EXPECT_FALSE(flag_of_text("TYPE"));
     EXPECT_FALSE(flag_of_text("GPT"));
     EXPECT_FALSE(flag_of_text("TYP: GPT, TPYE: GTP"));
@@ -177,7 +178,6 @@ protected:
         return table;
     }
 
-    static constexpr uint32_t untouched = 4711;
     std::unique_ptr<Recorder> m_storage{};
     STRUCT_QZIMAGE_ITEM m_item{};
 };
@@ -212,7 +212,7 @@ TEST_F(GptPartition, OfSectorPagesHasOnePagePerSector) {
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), table_of({{"a", 0x20, 0x10}})));
 }
 
-TEST_F(GptPartition, PaddingBehindTheTableIsZeroWhateverTheFillByte) {
+TEST_F(GptPartition, PaddingIsZeroWhateverTheFillByte) {
     load_text("mtdparts=x:\n");
     m_storage->m_fill_byte = 0xFF;
     EXPECT_EQ(write(), gpt_success);

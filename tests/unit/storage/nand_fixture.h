@@ -3,13 +3,14 @@
 // What the tests of the two NAND types share: a firmware with every kind of partition image, and what a run
 // over it prints and puts into the files before the page format of the type.
 
-#include "expected_image.h"
+#include "support/expected/boot_block.h"
 #include "sparse_fixture.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 

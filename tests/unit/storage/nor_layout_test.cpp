@@ -1,11 +1,6 @@
-#include "expected_image.h"
-#include "partition_fixture.h"
-#include "storage_fixture.h"
+// Where SPI NOR puts the boot block; whole images are in conversion/.
+
 #include "whole_device_fixture.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
 
 namespace {
 
@@ -21,7 +16,7 @@ TEST_F(NorLayoutTest, ConstructorPassesTheGeometryOn) {
     expect_geometry(*make<Nor>(geometry), FLASH_NOR, geometry);
 }
 
-TEST_F(NorLayoutTest, SecondCopyStartsOnThe64KBBoundaryBehindTheFirst) {
+TEST_F(NorLayoutTest, SecondCopyStartsOnThe64KBBoundary) {
     const struct {
         uint32_t block_kb, page_rounded, total, second;
     } cases[] = {
@@ -56,35 +51,6 @@ TEST_F(NorLayoutTest, BoundaryThatWrapsToZeroStaysZero) {
 
 TEST_F(NorLayoutTest, PreparingLeavesTheOutputAsItIs) {
     expect_preparing_leaves_output(*make<Nor>());
-}
-
-TEST_F(NorLayoutTest, CopiesInWholeEraseBlocksOf4KB) {
-    const auto storage = make<Nor>({.block_kb = 4, .page_kb = 1});
-    expect_copies(*storage, sample_firmware({.scramble_stages = true}), 128, 8192);
-    EXPECT_EQ(storage->m_idb_total_sector, 16U);
-}
-
-TEST_F(NorLayoutTest, EachCopyIsPaddedWithZerosToItsEraseBlock) {
-    const auto storage = make<Nor>({.block_kb = 64, .page_kb = 2});
-    expect_copies(*storage, sample_firmware(), 256, 65536);
-    EXPECT_EQ(out_image().size(), 256U * 512 + 65536);
-}
-
-// A copy of 128 sectors is 22 pages of 6 sectors: four sectors of zeros behind it, still before the second.
-TEST_F(NorLayoutTest, PageThatIsNoDivisorOfTheEraseBlockWritesItsZerosToo) {
-    const auto storage = make<Nor>({.block_kb = 64, .page_kb = 3});
-    expect_copies(*storage, sample_firmware(), 256, 22 * 3072);
-    EXPECT_EQ(storage->m_idb_total_sector, 128U);
-}
-
-// Two blocks of 128 sectors with pages of 192 sectors: the last page of the first copy reaches sector 448,
-// past the start of the second at 384.
-TEST_F(NorLayoutTest, SecondCopyOverwritesTheZerosOfAPageThatReachesTooFar) {
-    Firmware firmware = sample_firmware();
-    firmware.boot.loader.entries[1].data = patterned(90000, 5);
-    const auto storage = make<Nor>({.block_kb = 64, .page_kb = 96});
-    expect_copies(*storage, firmware, 384, 2 * 98304);
-    EXPECT_EQ(storage->m_idb_total_sector, 256U);
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
 // Gaps, alignment and single pages of the output.
 
-#include "expected_image.h"
 #include "partition_fixture.h"
-#include "process_state.h"
 #include "storage_fixture.h"
+#include "support/expected/boot_block.h"
+#include "support/process_limits.h"
 
 #include <gtest/gtest.h>
 
@@ -139,7 +139,7 @@ TEST_F(PageWriterTest, GapStartsAtTheEndWhereverThePositionIs) {
 }
 
 // The number of steps goes by the lengths, but with 2 KB of data per page every step takes whole pages.
-TEST_F(PageWriterTest, GapWithTwoKBPerPageTakesWholePagesForEveryStep) {
+TEST_F(PageWriterTest, GapWithTwoKBPerPageTakesWholePages) {
     const struct {
         uint32_t page_kb;
         uint64_t missing, written;
@@ -155,7 +155,7 @@ TEST_F(PageWriterTest, GapWithTwoKBPerPageTakesWholePagesForEveryStep) {
 }
 
 // Beyond tens of megabytes the rest goes to the output in one piece: a gap of terabytes must not take hours.
-TEST_F(PageWriterTest, GapOfManyPagesHasItsExactLengthAndGoesNotPageByPage) {
+TEST_F(PageWriterTest, GapOfManyPagesGoesNotPageByPage) {
     use({.page_kb = 1}, 3);
     const uint64_t offset = 70000ULL * 1024 + 5;
     EXPECT_TRUE(m_storage->fill_output_file(offset));
@@ -269,7 +269,7 @@ TEST_F(PageWriterTest, AlignmentBeyond4GiBIsExact) {
     EXPECT_EQ(written_size(), (uint64_t{1} << 32) + 32769);
 }
 
-TEST_F(PageWriterTest, AlignmentWithTwoKBPerPageWritesThePagesOfEveryStep) {
+TEST_F(PageWriterTest, AlignmentWithTwoKBPerPageWritesWholePages) {
     use({.block_kb = 16, .page_kb = 4, .page_2k = true}, 8192);
     EXPECT_TRUE(m_storage->align_to_block());
     EXPECT_EQ(lengths(), std::vector<uint32_t>(2, 4096));

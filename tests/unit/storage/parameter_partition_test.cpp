@@ -171,7 +171,6 @@ protected:
         EXPECT_TRUE(m_storage->pages.empty());
     }
 
-    static constexpr uint32_t untouched = 4711;
     std::unique_ptr<Recorder> m_storage{};
     Bytes m_record{};
     std::string m_output{};
@@ -236,6 +235,8 @@ TEST_F(ParameterPartition, SectorsAreRoundedUpToWholePages) {
     expect_written(65, 8, 8);
     ASSERT_EQ(write(100, 1, {.page_kb = 1}), -1);  // a single page is no place for four
     expect_refused();
+    ASSERT_EQ(write(100, 14, {.page_kb = 1}), 0);
+    expect_written(7, 4, 1);
     ASSERT_EQ(write(100, 7, {.page_kb = 1}), 0);  // four pages
     expect_written(4, 4, 1);
     ASSERT_EQ(write(100, 15, {.page_kb = 1}), 0);  // eight pages

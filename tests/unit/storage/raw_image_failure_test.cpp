@@ -1,7 +1,7 @@
 // Plain images that cannot be read or written, and long ones that are read in large pieces.
 
-#include "process_state.h"
 #include "raw_image_fixture.h"
+#include "support/process_limits.h"
 
 #include <gtest/gtest.h>
 

@@ -2,9 +2,7 @@
 
 // A storage object that records the pages of one plain image.
 
-#include "expected_image.h"
 #include "partition_fixture.h"
-#include "storage_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -14,19 +12,17 @@
 
 namespace storage_test {
 
-inline constexpr uint32_t untouched = 0xABCD;  // what m_image_fill_page_num holds before
-
 class RawImageTest : public StorageTest {
 protected:
     // A storage object of that type with one item "boot" in its firmware.
     void use(ENUM_FLASH_TYPE type, const Geometry& geometry, const Bytes& data,
-             uint32_t part_size = test_support::grows_to_end) {
-        test_support::Firmware firmware = test_support::sample_firmware();
+             uint32_t part_size = grows_to_end) {
+        Firmware firmware = sample_firmware();
         firmware.items = {{.name = "boot", .part_size = part_size, .data = data}};
         use(type, geometry, firmware);
     }
 
-    void use(ENUM_FLASH_TYPE type, const Geometry& geometry, const test_support::Firmware& firmware) {
+    void use(ENUM_FLASH_TYPE type, const Geometry& geometry, const Firmware& firmware) {
         m_storage = make_base<Recording<CStorage>>(type, geometry);
         m_storage->m_image_fill_page_num = untouched;
         load(*m_storage, firmware);

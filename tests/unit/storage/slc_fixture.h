@@ -3,10 +3,9 @@
 // What the tests of SLC NAND share: its members in the open, and the page format made with the slow encoder.
 
 #include "partition_fixture.h"
-#include "support/bch_judge.h"
+#include "support/expected/flash_pages.h"
 #include "support/slc_reader.h"
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -42,9 +41,15 @@ struct SlcCase {
     Geometry geometry() const {
         return {.block_kb = block_kb, .page_kb = page_kb, .oob_bytes = spare, .page_2k = page_2k};
     }
-    test_support::SlcGeometry reader() const {
+    SlcGeometry reader() const {
         return {.page_size = page_size(),
                 .spare_size = spare,
+                .two_kilobytes_data = page_2k,
+                .list_step = list_step()};
+    }
+    SlcFormat format() const {
+        return {.page_size = page_size(),
+                .spare = spare,
                 .two_kilobytes_data = page_2k,
                 .list_step = list_step()};
     }
@@ -68,33 +73,10 @@ inline std::vector<SlcCase> all_slc_cases() {
     return cases;
 }
 
-// One flash page of exactly one page of data, by the slow encoder.
-inline Bytes slow_flash_page(const Bytes& data, const SlcCase& chip, uint32_t list_index) {
-    Bytes page;
-    for (uint32_t unit = 0; unit < chip.units(); ++unit) {
-        Bytes message = test_support::slice(data, std::size_t{unit} * 1024, 1024);
-        test_support::put32(message, unit == 0 ? list_index : 0xFFFFFFFF);
-        page = std::move(page) + message + test_support::bch_slow_parity(message.data(), 16);
-    }
-    page.resize(chip.flash_page_size(), 0xFF);
-    return page;
-}
-
-// The flash pages of whole pages of data, from the list index on.
+// The flash pages of whole pages of data by the slow encoder, from the list index on.
 inline Bytes slow_flash_pages(const Bytes& data, const SlcCase& chip, uint32_t list_index = 0,
                               uint8_t fill_byte = 0) {
-    const std::size_t piece = chip.page_2k ? 2048 : chip.page_size();
-    Bytes pages;
-    for (std::size_t start = 0; start < data.size(); start += chip.page_size()) {
-        for (std::size_t at = 0; at < chip.page_size(); at += piece) {
-            const std::size_t size = std::min<std::size_t>(piece, chip.page_size() - at);
-            const Bytes filled =
-                padded(test_support::slice(data, start + at, size), chip.page_size(), fill_byte);
-            test_support::put_bytes(pages, slow_flash_page(filled, chip, list_index));
-            list_index += chip.list_step();
-        }
-    }
-    return pages;
+    return slc_flash_pages(data, chip.format(), list_index, fill_byte);
 }
 
 }  // namespace storage_test

@@ -239,7 +239,7 @@ TEST_F(SparsePlace, IsTheOutputDirectoryWithOrWithoutASlash) {
     run_in("./out//", out_path(temporary_name));
 }
 
-TEST_F(SparsePlace, IsTheWorkingDirectoryWhenTheOutputDirectoryIsEmpty) {
+TEST_F(SparsePlace, IsTheWorkingDirectoryForAnEmptyName) {
     const WorkingDirectory inside(out_dir());
     run_in("", out_path(temporary_name));
 }

@@ -234,7 +234,7 @@ TEST_F(SparsePages, CoverTheWholePartitionOnEmmcAndNor) {
     }
 }
 
-TEST_F(SparsePages, AreThoseOfTheExpandedSizeOnNandAndInGrowingPartitions) {
+TEST_F(SparsePages, AreThoseOfTheExpandedSizeOnNandOrGrowing) {
     const Bytes image = one_raw(3000, 1000).build();
     for (const SparseSettings& settings :
          {SparseSettings{.type = FLASH_SPI_NAND, .part_sectors = 0},

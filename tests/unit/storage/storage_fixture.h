@@ -1,12 +1,15 @@
 #pragma once
 
 // What the tests of the storage classes share: classes that let a test at the members, a recorder of pages, a
-// firmware on disk with a place for the output, and the messages as they stand on standard output.
+// firmware on disk with a place for the output.
 
 #include "firmware/QZImage.h"
 #include "storage/storage_impl.h"
 #include "support/bytes.h"
+#include "support/expected/transcript.h"
 #include "support/firmware_builder.h"
+#include "support/output_of.h"
+#include "support/same_bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -16,13 +19,15 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace storage_test {
 
-using test_support::Bytes;
+using namespace test_support;
+
+// What a counter of pages holds before a writer sets it.
+inline constexpr uint32_t untouched = 4711;
 
 // A storage class with its protected members in the open: Exposed<CEmmcStorage>.
 template <typename Storage>
@@ -83,7 +88,7 @@ public:
     Bytes recorded_bytes() const {
         Bytes all;
         for (const RecordedPage& page : pages)
-            test_support::put_bytes(all, page.bytes);
+            put_bytes(all, page.bytes);
         return all;
     }
 
@@ -100,11 +105,10 @@ struct Geometry {
 };
 
 // An item as the package holds it.
-inline STRUCT_QZIMAGE_ITEM item_in(const test_support::Firmware& firmware, std::size_t index) {
+inline STRUCT_QZIMAGE_ITEM item_in(const Firmware& firmware, std::size_t index) {
     const Bytes image = firmware.build();
-    const Bytes record =
-        test_support::slice(image, static_cast<std::size_t>(firmware.layout().item_records.at(index)),
-                            sizeof(STRUCT_QZIMAGE_ITEM));
+    const Bytes record = slice(image, static_cast<std::size_t>(firmware.layout().item_records.at(index)),
+                               sizeof(STRUCT_QZIMAGE_ITEM));
     STRUCT_QZIMAGE_ITEM item;
     std::memcpy(&item, record.data(), sizeof(item));
     return item;
@@ -119,9 +123,9 @@ protected:
     std::filesystem::path out_dir() const { return m_directory / "out"; }
     std::filesystem::path out_path(const std::string& name) const { return out_dir() / name; }
     // out_image.img as it stands now.
-    Bytes out_image() const { return test_support::read_file(out_path("out_image.img")); }
+    Bytes out_image() const { return read_file(out_path("out_image.img")); }
 
-    void write_firmware(const test_support::Firmware& firmware) const { firmware.write(firmware_path()); }
+    void write_firmware(const Firmware& firmware) const { firmware.write(firmware_path()); }
 
     // A storage object of the class Storage on firmware_path() and out_dir(), nothing loaded or opened yet.
     // `more` are constructor arguments behind the usual ones: make<CSlcStorage>(geometry, page_list).
@@ -141,55 +145,12 @@ protected:
 
     // Writes the firmware to disk and loads it into the storage's reader; no output is opened.
     template <typename Storage>
-    void load(Storage& storage, const test_support::Firmware& firmware) const {
+    void load(Storage& storage, const Firmware& firmware) const {
         write_firmware(firmware);
         ASSERT_EQ(storage.m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
     }
 
-    const test_support::TemporaryDirectory m_directory{};
+    const TemporaryDirectory m_directory{};
 };
-
-// ---- standard output ----
-
-// What the action prints on standard output.
-template <typename Action>
-std::string output_of(Action action) {
-    ::testing::internal::CaptureStdout();
-    action();
-    return ::testing::internal::GetCapturedStdout();
-}
-
-inline std::string line(std::string_view text) {
-    return std::string(text) + "\n";
-}
-
-// Black on red before, white on black after.
-inline std::string error_line(std::string_view text) {
-    return "\x1b[30;41m" + std::string(text) + "\x1b[37;40m\n";
-}
-
-// The line above the cursor is replaced.
-inline std::string redrawn(std::string_view text) {
-    return "\x1b[1A\x1b[2K" + std::string(text) + "\n";
-}
-
-// The percentages that are shown behind `prefix` while `steps` equal steps are done.
-inline std::string progress_lines(std::string_view prefix, uint64_t steps) {
-    std::string lines;
-    uint64_t shown = 0;
-    for (uint64_t done = 1; done <= steps; ++done) {
-        const uint64_t percent = 100 * done / steps;
-        if (percent != shown)
-            lines += redrawn(std::string(prefix) + std::to_string(percent) + "%");
-        shown = percent;
-    }
-    return lines;
-}
-
-// All that is printed while an image of `pages` pages is written: "writing boot...", percentages, "OK".
-inline std::string writing_lines(const std::string& name, uint64_t pages) {
-    const std::string announcement = "writing " + name + "...";
-    return line(announcement) + progress_lines(announcement, pages) + redrawn(announcement + "OK");
-}
 
 }  // namespace storage_test

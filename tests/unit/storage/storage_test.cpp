@@ -2,7 +2,7 @@
 // dispatch.
 
 #include "partition_fixture.h"
-#include "process_state.h"
+#include "support/process_limits.h"
 #include "storage_fixture.h"
 
 #include <gtest/gtest.h>

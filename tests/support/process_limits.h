@@ -5,27 +5,25 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace storage_test {
+namespace test_support {
 
-// With a sanitizer the address space is reserved by its shadow memory and cannot be limited.
 #if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool memory_can_be_limited = false;
+inline constexpr bool address_sanitizer = true;
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-inline constexpr bool memory_can_be_limited = false;
+inline constexpr bool address_sanitizer = __has_feature(address_sanitizer);
 #else
-inline constexpr bool memory_can_be_limited = true;
-#endif
-#else
-inline constexpr bool memory_can_be_limited = true;
+inline constexpr bool address_sanitizer = false;
 #endif
 
-// A lowered soft limit, put back at the end.
+// The sanitizer reserves the address space for its shadow memory.
+inline constexpr bool memory_can_be_limited = !address_sanitizer;
+
 class SoftLimit {
 public:
     SoftLimit(int resource, rlim_t value) : m_resource(resource) {
@@ -76,4 +74,18 @@ private:
     SoftLimit m_limit;
 };
 
-}  // namespace storage_test
+// Enters a directory for the time of its life.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(const std::filesystem::path& path) : m_before(std::filesystem::current_path()) {
+        std::filesystem::current_path(path);
+    }
+    ~WorkingDirectory() { std::filesystem::current_path(m_before); }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+private:
+    std::filesystem::path m_before;
+};
+
+}  // namespace test_support
