@@ -1,4 +1,4 @@
-// The files of SLC NAND: how many fill pages end a block, where list indexes restart, and whole runs.
+// The files of SLC NAND: how many fill pages end a block, where list indexes restart.
 
 #include "common/bch.h"
 #include "nand_fixture.h"
@@ -95,7 +95,7 @@ TEST_F(SlcNand, PreparingTheBootBlockSetsItsPlace) {
     EXPECT_TRUE(storage->m_fout.is_open());
 }
 
-TEST_F(SlcNand, EndingTheBootBlockClosesAndRestartsTheListIndex) {
+TEST_F(SlcNand, EndingTheBootBlockRestartsTheListIndex) {
     const auto storage = make_slc({});
     EXPECT_TRUE(storage->prepare_write_idblock());
     storage->m_idb_fill_page_num = 3;
@@ -176,7 +176,7 @@ TEST_F(SlcNand, PreparingAPartitionStartsAfresh) {
     EXPECT_TRUE(storage->m_fout.is_open());
 }
 
-TEST_F(SlcNand, PreparingAPartitionStartsAfreshAlsoWhenItFails) {
+TEST_F(SlcNand, PreparingStartsAfreshAlsoWhenItFails) {
     std::filesystem::create_directory(out_path("boot.img"));
     const auto storage = make_slc({});
     storage->m_bch_list_index = 99;
@@ -215,6 +215,18 @@ TEST_F(SlcNand, FillPageThatNoMemoryHoldsFailsTheFile) {
     EXPECT_TRUE(storage->post_write_idblock());
     EXPECT_EQ(storage->m_write_failure.path, out_path("idblock.img").string());
     EXPECT_EQ(storage->m_write_failure.error, ENOMEM);
+}
+
+TEST_F(SlcNand, FillPagesOfAFileThatFailedAreNotMade) {
+    const auto storage = make_slc({.block_kb = 1024 * 1024});
+    std::filesystem::create_symlink("/dev/full", out_path("idblock.img"));
+    storage->m_idb_total_sector = 4;
+    ASSERT_TRUE(storage->prepare_write_idblock());
+    EXPECT_EQ(storage->m_idb_fill_page_num, 524287U);
+    EXPECT_TRUE(storage->post_write_idblock());
+    EXPECT_EQ(storage->m_write_failure.path, out_path("idblock.img").string());
+    EXPECT_EQ(storage->m_write_failure.error, ENOSPC);
+    EXPECT_FALSE(storage->m_fout.is_open());
 }
 
 // A parameter partition of over a gigabyte has more fill pages in one stretch than are padded page by page

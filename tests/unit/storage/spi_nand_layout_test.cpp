@@ -1,6 +1,8 @@
 // The files of SPI NAND: the boot block and every partition from offset 0, padded to whole erase blocks.
 
 #include "nand_fixture.h"
+#include "support/expected/boot_block.h"
+#include "support/expected/flash_pages.h"
 
 #include <gtest/gtest.h>
 
@@ -9,34 +11,7 @@
 namespace storage_test {
 namespace {
 
-using test_support::all_bytes_are;
-using test_support::patterned;
-using test_support::slice;
-
 using SpiStorage = Exposed<CSpiStorage>;
-
-// The pages as the base page writer spreads them: 2 KB of each in a flash page of its own.
-Bytes spread(const Bytes& data, std::size_t page_size) {
-    Bytes pages;
-    for (std::size_t start = 0; start < data.size(); start += page_size) {
-        for (std::size_t at = 0; at < page_size; at += 2048)
-            test_support::put_bytes(
-                pages,
-                padded(slice(data, start + at, std::min<std::size_t>(2048, page_size - at)), page_size));
-    }
-    return pages;
-}
-
-// A file that starts with these pages of data, aligned to the erase block in whole pages of fill bytes.
-Bytes aligned(const Bytes& data, const Geometry& chip) {
-    const std::size_t page_size = std::size_t{chip.page_kb} * 1024;
-    const std::size_t block_size = std::size_t{chip.block_kb} * 1024;
-    Bytes file = chip.page_2k ? spread(data, page_size) : data;
-    const std::size_t missing = test_support::round_up(file.size(), block_size) - file.size();
-    const std::size_t fill_pages = (missing + page_size - 1) / page_size;
-    const Bytes fill(fill_pages * page_size, 0);
-    return file + (chip.page_2k ? spread(fill, page_size) : fill);
-}
 
 class SpiNand : public NandTest {
 protected:
@@ -93,7 +68,7 @@ TEST_F(SpiNand, BootBlockIsOneCopyInItsOwnFile) {
 }
 
 TEST_F(SpiNand, OutputDirectoryMayEndInASlashOrBeEmpty) {
-    write_firmware(nand_firmware());
+    write_firmware(sample_firmware());
     const WorkingDirectory inside(m_directory.path());
     const std::map<std::string, std::string> paths{{"out", "out/idblock.img"},
                                                    {"out/", "out/idblock.img"},
@@ -164,7 +139,7 @@ TEST_F(SpiNand, BothEndingsAlignAndClose) {
 // ---- sizes ----
 
 TEST_F(SpiNand, BootBlockOf24SectorsFillsAnEraseBlock) {
-    auto firmware = nand_firmware();
+    auto firmware = sample_firmware();
     firmware.boot.loader.entries[0].data = patterned(5000, 1);
     firmware.boot.loader.entries[1].data = patterned(4096, 2);
     const auto storage = make_spi();
@@ -199,82 +174,12 @@ TEST_F(SpiNand, TwoKilobytesPerPageCountAsTheyAreWritten) {
     // Two pages of data are four flash pages, a whole block. One page leaves 8 KB, which are two more pages
     // of data and four flash pages: the file ends past the block boundary.
     const Bytes two = padded(patterned(5000, 1), 8192);
-    EXPECT_TRUE(same_bytes(partition_file(patterned(5000, 1), chip), spread(two, 4096)));
+    EXPECT_TRUE(same_bytes(partition_file(patterned(5000, 1), chip), spread_pages(two, 4096)));
     const Bytes one = padded(patterned(1000, 1), 4096);
     const Bytes file = partition_file(patterned(1000, 1), chip);
     EXPECT_EQ(file.size(), 24576U);
-    EXPECT_TRUE(same_bytes(slice(file, 0, 8192), spread(one, 4096)));
+    EXPECT_TRUE(same_bytes(slice(file, 0, 8192), spread_pages(one, 4096)));
     EXPECT_TRUE(all_bytes_are(file, 0, 8192, 16384));
-}
-
-// ---- whole runs ----
-
-TEST_F(SpiNand, RunWritesAFilePerPartition) {
-    const auto firmware = nand_firmware();
-    write_firmware(firmware);
-    for (const Geometry& chip :
-         {Geometry{.block_kb = 128, .page_kb = 2}, Geometry{.block_kb = 64, .page_kb = 1},
-          Geometry{.block_kb = 64, .page_kb = 3}, Geometry{.block_kb = 32, .page_kb = 8},
-          Geometry{.block_kb = 64, .page_kb = 3, .page_2k = true},
-          Geometry{.block_kb = 64, .page_kb = 4, .page_2k = true}, Geometry{.block_kb = 64, .page_kb = 16}}) {
-        SCOPED_TRACE(std::to_string(chip.page_kb) + " KB pages" + (chip.page_2k ? ", 2 KB of data" : ""));
-        const std::size_t page_size = std::size_t{chip.page_kb} * 1024;
-        const auto storage = make_spi(chip);
-        EXPECT_TRUE(create(*storage));
-        EXPECT_EQ(m_output, nand_lines(firmware, out_dir().string(), page_size));
-        EXPECT_EQ(names_in(out_dir()), nand_files);
-        for (const auto& [name, data] : nand_partitions(firmware, page_size))
-            EXPECT_TRUE(same_bytes(out_file(name), aligned(data, chip))) << name;
-        EXPECT_TRUE(
-            same_bytes(out_file("idblock.img"), aligned(padded(boot_block(firmware), page_size), chip)));
-    }
-}
-
-TEST_F(SpiNand, RunWithAGptWritesItInPlaceOfTheParameter) {
-    const auto firmware = nand_firmware(true);
-    write_firmware(firmware);
-    const auto storage = make_spi();
-    std::srand(1);
-    EXPECT_TRUE(create(*storage));
-    EXPECT_NE(m_output.find(line("start to write partitions...gpt=1") +
-                            line("preparing gpt saving at " + out_path("gpt.img").string()) +
-                            line("writing gpt...") + redrawn("writing gpt...OK") +
-                            line("preparing boot saving at " + out_path("boot.img").string())),
-              std::string::npos);
-    EXPECT_EQ(names_in(out_dir()),
-              (std::set<std::string>{"idblock.img", "gpt.img", "boot.img", "misc.img", "rootfs.img"}));
-    PARAM_ITEM_VECTOR parts;
-    UUID_ITEM_VECTOR uuids;
-    const char* const text = reinterpret_cast<const char*>(storage->m_paramBuffer + 8);
-    ASSERT_TRUE(storage->parse_parameter(text, parts));
-    ASSERT_TRUE(storage->get_uuid_from_parameter(text, uuids));
-    Bytes table(34 * 512);
-    std::srand(1);
-    storage->create_gpt_buffer(table.data(), parts, uuids, 0xFFFFFFFF);
-    EXPECT_TRUE(same_bytes(out_file("gpt.img"), padded(table, 131072)));
-}
-
-TEST_F(SpiNand, RunTwiceGivesTheSameFiles) {
-    write_firmware(nand_firmware());
-    EXPECT_TRUE(create(*make_spi()));
-    std::map<std::string, Bytes> first;
-    for (const std::string& name : nand_files) {
-        first[name] = out_file(name);
-        test_support::write_file(out_path(name), Bytes(200000, 0xEE));  // truncated by the next run
-    }
-    EXPECT_TRUE(create(*make_spi()));
-    for (const std::string& name : nand_files)
-        EXPECT_TRUE(same_bytes(out_file(name), first[name])) << name;
-}
-
-TEST_F(SpiNand, SecondPartitionOfANameReplacesTheFirst) {
-    auto firmware = nand_firmware();
-    firmware.item("misc").data = Bytes(200000, 0x11);
-    firmware.item("rootfs").data = patterned(3000, 5);
-    firmware.item("rootfs").name = "misc";
-    write_firmware(firmware);
-    EXPECT_TRUE(create(*make_spi()));
-    EXPECT_TRUE(same_bytes(out_file("misc.img"), padded(patterned(3000, 5), 131072)));
 }
 
 }  // namespace
