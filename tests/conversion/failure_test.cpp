@@ -1,0 +1,460 @@
+// Conversions that fail on the way: the lines up to the one that says why, and the output as far as it came.
+
+#include "support/expected/boot_block.h"
+#include "support/expected/image.h"
+#include "support/process_limits.h"
+#include "support/sparse_builder.h"
+#include "support/workbench.h"
+
+#include <functional>
+
+namespace {
+
+using namespace test_support;
+
+const Conversion emmc{"emmc", "512", "2"};
+
+// Bytes that stay in out_image.img, zeros but for the boot blocks.
+constexpr std::size_t nothing = 0;
+constexpr std::size_t boot_blocks = 1088 * sector_size + 512 * kib;
+constexpr std::size_t up_to(std::size_t sector) {
+    return sector * sector_size;
+}
+
+struct Failure {
+    std::string situation;
+    std::function<Bytes()> firmware;
+    std::string printed;  // after "writing idblock...", up to the coloured line
+    std::string error;
+    std::size_t left = boot_blocks;
+};
+
+void PrintTo(const Failure& failure, std::ostream* out) {
+    *out << failure.situation;
+}
+
+std::string situation_of(const testing::TestParamInfo<Failure>& tested) {
+    return tested.param.situation;
+}
+
+class FailureTest : public testing::TestWithParam<Failure> {};
+
+TEST_P(FailureTest, HasItsLineAndKeepsWhatIsWritten) {
+    const Failure& failure = GetParam();
+    const Workbench bench;
+    bench.pack(failure.firmware());
+    bench.expect(emmc, creation_failed,
+                 line("writing idblock...") + failure.printed + error_line(failure.error));
+    EXPECT_EQ(bench.output_names(), Names{"out_image.img"});
+    Bytes left;
+    if (failure.left != nothing) {
+        const Bytes copy = zero_padded(boot_block(sample_firmware()), 512 * kib);
+        left = ExpectedImage().write(64, copy).write(1088, copy).bytes();
+        left.resize(failure.left, 0);
+    }
+    EXPECT_TRUE(same_bytes(bench.output("out_image.img"), left));
+}
+
+// The sample firmware, bent.
+std::function<Bytes()> bent(const std::function<void(Firmware&)>& bend) {
+    return [bend] {
+        Firmware firmware = sample_firmware();
+        bend(firmware);
+        return firmware.build();
+    };
+}
+
+// The sample firmware with bytes changed or cut off.
+std::function<Bytes()> bent_bytes(const std::function<void(Bytes&, const FirmwareLayout&)>& bend) {
+    return [bend] {
+        Bytes bytes = sample_firmware().build();
+        bend(bytes, sample_firmware().layout());
+        return bytes;
+    };
+}
+
+// ---- boot block ----
+
+// The largest stage that 16 bits can count in sectors of whole 2 KB units.
+constexpr uint32_t largest_stage = 65532 * sector_size;
+
+using BendEntry = std::function<void(BootEntry&)>;
+
+Failure no_loader(const std::string& situation, int code, const std::function<void(BootEntryList&)>& bend) {
+    return {situation, bent([bend](Firmware& firmware) { bend(firmware.boot.loader); }), "",
+            "failed to write idblock,ret=" + std::to_string(code), nothing};
+}
+
+// FlashData is entry 0, FlashBoot entry 1.
+Failure no_size(const std::string& situation, std::size_t index) {
+    return no_loader(situation, index == 0 ? -2 : -1,
+                     [index](BootEntryList& loader) { loader.entries[index].data_size = largest_stage + 1; });
+}
+
+Failure unreadable(const std::string& situation, const std::vector<std::size_t>& entries,
+                   const BendEntry& bend) {
+    Failure failure = no_loader(situation, -4, [entries, bend](BootEntryList& loader) {
+        for (const std::size_t index : entries)
+            bend(loader.entries[index]);
+    });
+    failure.printed =
+        line(std::string("Failed to create idblock,ret=") + (entries.back() == 0 ? "-4" : "-2"));
+    return failure;
+}
+
+const std::vector<Failure> boot_block_failures{
+    no_loader("NoEntries", -1, [](BootEntryList& loader) { loader.entries.clear(); }),
+    no_loader("NoFlashBoot", -1, [](BootEntryList& loader) { loader.entries[1].name = "Flashboots"; }),
+    no_loader("NoFlashData", -2, [](BootEntryList& loader) { loader.entries.erase(loader.entries.begin()); }),
+    no_loader("FlashBootBehindTheCount", -1, [](BootEntryList& loader) { loader.count = 1; }),
+    no_loader("TableOutside", -1, [](BootEntryList& loader) { loader.table_offset = 0xFFFFFFF0; }),
+    no_size("FlashBootOfTooManySectors", 1),
+    no_size("FlashDataOfTooManySectors", 0),
+    unreadable("FlashBootTooLong", {1}, [](BootEntry& entry) { entry.data_size = largest_stage; }),
+    unreadable("FlashDataTooLong", {0}, [](BootEntry& entry) { entry.data_size = largest_stage; }),
+    unreadable("FlashBootOutside", {1}, [](BootEntry& entry) { entry.data_offset = 0x7FFFFFFF; }),
+    unreadable("FlashDataOutside", {0}, [](BootEntry& entry) { entry.data_offset = 0xFFFFFFFF; }),
+    unreadable("BothOutside", {0, 1}, [](BootEntry& entry) { entry.data_offset = 0x7FFFFFFF; }),
+};
+
+INSTANTIATE_TEST_SUITE_P(BootBlock, FailureTest, testing::ValuesIn(boot_block_failures), situation_of);
+
+// ---- item table ----
+
+const std::string no_header = "failed to get header of firmware";
+const std::string no_table = "failed to get extended info of firmware";
+const std::string no_items = "not found any of partition items in the firmware";
+const std::string no_parameter = "not found parameter in the firmware";
+const std::string no_buffer = "failed to create param buffer";
+
+Failure cut(const std::string& situation, uint64_t bytes_of_package, const std::string& error) {
+    return {situation, bent_bytes([bytes_of_package](Bytes& bytes, const FirmwareLayout& where) {
+                bytes.resize(where.package_offset + bytes_of_package);
+            }),
+            "", error};
+}
+
+Failure counted(const std::string& situation, int32_t count, std::optional<uint16_t> extension,
+                const std::string& error) {
+    return {situation, bent([count, extension](Firmware& firmware) {
+                firmware.item_count = count;
+                firmware.item_count_extension = extension;
+                firmware.items.back().data.resize(100000,
+                                                  0);  // the file does not end before a large table does
+            }),
+            "", error};
+}
+
+Failure without_parameter(const std::string& situation, const std::function<void(Firmware&)>& bend) {
+    return {situation, bent(bend), "", no_parameter};
+}
+
+const std::vector<Failure> table_failures{
+    cut("EndsBeforeTheHeader", 0, no_header),
+    cut("EndsAtItsFirstByte", 1, no_header),
+    cut("EndsInTheHeader", 1931, no_header),
+    cut("EndsAtTheEndOfTheHeader", 1932, no_table),
+    cut("EndsInTheTable", 2047, no_table),
+    {"PackageBehindTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout&) {
+         put32_at(bytes, head_field::package_offset, 0xFFFFFFFF);
+     }),
+     "", no_header},
+    counted("Of584Items", 584, std::nullopt, no_table),
+    counted("Of65535Items", 65535, std::nullopt, no_table),
+    counted("OfItemsThatWrapToALength", 0x01249249, std::nullopt, no_table),
+    counted("Of584ItemsByTheExtension", 583, 1, no_table),
+    counted("Of584ItemsAfterANegativeCount", 584 - 65535, 65535, no_table),
+    counted("OfAsManyAs31BitsCount", 0x7FFFFFFF, std::nullopt, no_table),
+    counted("OfMoreThan31BitsCount", 0x7FFFFFFF, 65535, no_table),
+    counted("OfNoItem", 0, std::nullopt, no_items),
+    counted("OfMinusOneItem", -1, std::nullopt, no_items),
+    counted("OfNoItemByTheExtension", -20, 20, no_items),
+    counted("OfMinusOneItemByTheExtension", -21, 20, no_items),
+    counted("OfALengthBelowZero", -100, std::nullopt, no_table),
+    counted("OfMinus65536Items", -65536, std::nullopt, no_table),
+    counted("OfTheLeastCountButOne", INT32_MIN + 1, std::nullopt, no_table),
+    counted("OfTheLeastCount", INT32_MIN, std::nullopt, no_table),
+    without_parameter("NoParameter",
+                      [](Firmware& firmware) { firmware.items.erase(firmware.items.begin()); }),
+    without_parameter("ParameterInUpperCase",
+                      [](Firmware& firmware) { firmware.items[0].name = "Parameter"; }),
+    without_parameter("ParameterWithMoreAfterIt",
+                      [](Firmware& firmware) { firmware.items[0].name = "parameter1"; }),
+    without_parameter("ParameterNotPlaced",
+                      [](Firmware& firmware) { firmware.items[0].flash_offset = not_placed; }),
+    without_parameter("ParameterBehindTheCount",
+                      [](Firmware& firmware) {
+                          std::swap(firmware.items[0], firmware.items[1]);
+                          firmware.item_count = 1;
+                      }),
+};
+
+INSTANTIATE_TEST_SUITE_P(ItemTable, FailureTest, testing::ValuesIn(table_failures), situation_of);
+
+// With 27 bytes of it an item cannot even be asked for its header, with 28 it can.
+TEST(FailureLines, NameUnreadableItemsBeforeTheMissingParameter) {
+    Firmware firmware = sample_firmware();
+    firmware.items.resize(1);
+    firmware.items[0].name = "boot";
+    firmware.md5.clear();
+    for (const std::size_t size : {27U, 28U}) {
+        Bytes bytes = firmware.build();
+        bytes.resize(firmware.layout().item_data[0] + size);
+        const Workbench bench;
+        bench.pack(bytes);
+        bench.expect(emmc, creation_failed,
+                     line("writing idblock...") + (size == 27 ? line("failed to get sparse info") : "") +
+                         error_line(no_parameter));
+    }
+}
+
+// ---- parameter and GPT ----
+
+Failure parameter(const std::string& situation, const std::function<void(Item&)>& bend,
+                  const std::string& error = no_buffer) {
+    return {situation, bent([bend](Firmware& firmware) { bend(firmware.items[0]); }), "", error};
+}
+
+Failure small_parameter(const std::string& situation, const std::function<void(Item&)>& bend) {
+    Failure failure = parameter(situation, bend, "failed to write parameter,ret=-1");
+    failure.printed = line("start to write partitions...gpt=0") + preparing_line("parameter", 0x2000) +
+                      line("writing parameter...") + line("partition size is too small");
+    failure.left = up_to(0x2000);
+    return failure;
+}
+
+Failure gpt(const std::string& situation, const std::string& text, const std::string& reason, int code) {
+    Failure failure = parameter(
+        situation, [text](Item& item) { item.data = parameter_record(text); },
+        "failed to write gpt,ret=" + std::to_string(code));
+    failure.printed = line("start to write partitions...gpt=1") + preparing_line("gpt", 0) +
+                      line("writing gpt...") + line(reason);
+    return failure;
+}
+
+std::string text_with_partitions(uint32_t count) {
+    std::vector<Partition> partitions;
+    for (uint32_t i = 0; i < count; ++i)
+        partitions.push_back({"p" + std::to_string(i), 0x2000 + i, 1});
+    return parameter_text(partitions, true);
+}
+
+const std::vector<Failure> parameter_failures{
+    parameter("LongerThanTheFile", [](Item& item) { item.size = 0x100000; }),
+    parameter("AsLongAs32BitsCount", [](Item& item) { item.size = 0xFFFFFFFF; }),
+    {"BehindTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout& where) {
+         put32_at(bytes, where.item_records[0] + item_field::offset, 0x7FFFFFFF);
+     }),
+     "", no_buffer},
+    small_parameter("InNoSector", [](Item& item) { item.part_size = 0; }),
+    small_parameter("In3Pages", [](Item& item) { item.part_size = 12; }),
+    small_parameter("Of17PagesIn64", [](Item& item) { item.data.resize(16 * 2048 + 1, ' '); }),
+    gpt("GptWithoutAList", "TYPE: GPT\nCMDLINE: nothing\n", "failed to parse gpt parameter file", -2),
+    gpt("Gpt129Partitions", text_with_partitions(129), "too many partitions for gpt", -3),
+    gpt("Gpt1000Partitions", text_with_partitions(1000), "too many partitions for gpt", -3),
+};
+
+INSTANTIATE_TEST_SUITE_P(Parameter, FailureTest, testing::ValuesIn(parameter_failures), situation_of);
+
+// The trailer is missing, and a byte of the last item: of both, only the item's byte is missed.
+TEST(LastByte, OfTheFirmwareIsNeeded) {
+    Firmware firmware = sample_firmware();
+    firmware.items.resize(1);
+    for (const bool parameter_alone : {false, true}) {
+        const Firmware tested = parameter_alone ? firmware : sample_firmware();
+        const Workbench bench;
+        Bytes bytes = tested.build();
+        bytes.resize(tested.layout().item_data.back() + tested.items.back().data.size());
+        bench.pack(bytes);
+        EXPECT_EQ(bench.call(emmc).status, converted);
+        bytes.pop_back();
+        bench.pack(bytes);
+        const Result result = bench.call(emmc);
+        EXPECT_EQ(result.status, creation_failed);
+        const std::string error = parameter_alone ? no_buffer : "failed to write rootfs,ret=-2";
+        EXPECT_EQ(result.text.substr(result.text.find("\x1b[30;41m")), error_line(error));
+    }
+}
+
+// ---- partitions ----
+
+// All that is printed before the partition "boot".
+const std::string before_boot = line("start to write partitions...gpt=0") +
+                                preparing_line("parameter", 0x2000) + table_lines("parameter") +
+                                preparing_line("boot", 0x2100) + line("writing boot...");
+
+// The parameter item of the sample is empty here, so that its partition holds zeros.
+Failure boot_item(const std::string& situation, const std::string& reason, int code, const Item& item) {
+    return {situation, bent([item](Firmware& firmware) {
+                firmware.items.resize(2);
+                firmware.item_alignment = 1;
+                firmware.md5.clear();  // the item's data ends the file
+                firmware.items[0].data.clear();
+                firmware.items[1] = item;
+                firmware.items[1].flash_offset = 0x100;
+                firmware.items[1].name = "boot";
+            }),
+            before_boot + reason, "failed to write boot,ret=" + std::to_string(code), up_to(0x2100)};
+}
+
+const std::string too_small = line("partition size is too small");
+
+SparseImage sparse_of(uint32_t block_size, uint32_t blocks) {
+    return {
+        .block_size = block_size, .total_blocks = blocks, .chunks = {SparseChunk::raw(patterned(4096, 1))}};
+}
+
+const std::vector<Failure> partition_failures{
+    boot_item("OfNoSector", too_small, -1, {.part_size = 0, .data = patterned(28, 1)}),
+    boot_item("APageTooSmall", too_small, -1, {.part_size = 8, .data = patterned(4097, 1)}),
+    boot_item("TooSmallFor64Bits", too_small, -1,
+              {.part_size = 0x80, .data = patterned(5000, 1), .size = (uint64_t{1} << 32) + 5000}),
+    boot_item("DataBehindTheFile", line("failed to get data from firmware"), -2,
+              {.part_size = grows_to_end, .data = patterned(28, 1), .size = uint64_t{1} << 33}),
+    boot_item("SparseInNoSector", too_small, -2, {.part_size = 0, .data = sparse_of(4096, 1).build()}),
+    boot_item("SparseInHalf", too_small, -2, {.part_size = 4, .data = sparse_of(4096, 1).build()}),
+    boot_item("SparseOf12GiB", too_small, -2,
+              {.part_size = 0x10000, .data = sparse_of(0x80000000, 6).build()}),
+};
+
+INSTANTIATE_TEST_SUITE_P(Partition, FailureTest, testing::ValuesIn(partition_failures), situation_of);
+
+// Of the sample, the pages of rootfs before those that the file lacks.
+TEST(CutFirmware, KeepsThePagesBeforeTheCut) {
+    const Firmware firmware = sample_firmware();
+    const Workbench bench;
+    Bytes bytes = firmware.build();
+    bytes.resize(firmware.layout().item_data[3] + 5 * 2048 + 100);
+    bench.pack(bytes);
+    const ExpectedRun whole = expected_run(firmware, emmc, bench.out_dir());
+    const std::string half = redrawn("writing rootfs...50%");
+    const std::string printed = whole.text.substr(0, whole.text.rfind(half) + half.size());
+    bench.expect(emmc, creation_failed,
+                 printed + line("failed to get data from firmware") +
+                     error_line("failed to write rootfs,ret=-2"));
+    EXPECT_TRUE(same_bytes(bench.output("out_image.img"),
+                           slice(whole.files.at("out_image.img"), 0, 0x21C0 * 512 + 5 * 2048)));
+}
+
+TEST(CutFirmware, KeepsThePartitionsBeforeAFailedOne) {
+    Firmware firmware = sample_firmware();
+    const Workbench bench;
+    const ExpectedRun whole = expected_run(firmware, emmc, bench.out_dir());
+    firmware.items[2].part_size = 1;
+    firmware.items[2].data = patterned(2049, 1);
+    bench.pack(firmware);
+    const std::string preparing = preparing_line("misc", 0x2180);
+    bench.expect(emmc, creation_failed,
+                 whole.text.substr(0, whole.text.find(preparing)) + preparing + line("writing misc...") +
+                     too_small + error_line("failed to write misc,ret=-1"));
+    EXPECT_TRUE(
+        same_bytes(bench.output("out_image.img"), slice(whole.files.at("out_image.img"), 0, 0x2180 * 512)));
+}
+
+// ---- sparse partitions ----
+
+class SparseFailureTest : public testing::Test {
+protected:
+    // The sample with a sparse "boot" as its last item and last data.
+    SparseFailureTest() {
+        SparseImage image;
+        image.chunks = {SparseChunk::raw(patterned(12288, 1)), SparseChunk::dont_care(2),
+                        SparseChunk::fill(0x44332211, 3)};
+        m_firmware.items.resize(2);
+        m_firmware.items[1].part_size = grows_to_end;
+        m_firmware.items[1].data = image.build();
+        m_firmware.md5.clear();
+        m_firmware.item_alignment = 1;
+        m_bench.pack(m_firmware);
+    }
+
+    std::string before() const { return line("writing idblock...") + before_boot; }
+
+    Firmware m_firmware = sample_firmware();
+    Workbench m_bench{};
+};
+
+TEST_F(SparseFailureTest, EndsInTheCodeOfWhatIsMissing) {
+    const Bytes whole = m_firmware.build();
+    const uint64_t start = m_firmware.layout().item_data[1];
+    for (const auto& [missing, code] : {std::pair{5U, -4}, std::pair{4U, -6}, std::pair{1000U, -5}}) {
+        SCOPED_TRACE(missing);
+        Bytes bytes = whole;
+        bytes.resize(bytes.size() - missing);
+        const Bytes image = slice(bytes, start, bytes.size() - start);
+        const SparseExpansion expansion = expand_sparse(image, 2048);
+        ASSERT_EQ(expansion.status, code);
+        m_bench.pack(bytes);
+        m_bench.expect(emmc, creation_failed,
+                       line("writing idblock...") + before_boot.substr(0, before_boot.rfind("writing boot")) +
+                           sparse_lines("boot", image, 2048, 0, code) +
+                           error_line("failed to write boot,ret=" + std::to_string(code)));
+        EXPECT_TRUE(same_bytes(m_bench.output("unsparse_tmp.bin"), expansion.image));
+        EXPECT_EQ(fs::file_size(m_bench.out("out_image.img")), up_to(0x2100));
+    }
+    m_bench.pack(m_firmware);  // the next run is whole
+    m_bench.expect(emmc, expected_run(m_firmware, emmc, m_bench.out_dir()));
+}
+
+TEST_F(SparseFailureTest, NeedsItsTemporaryFile) {
+    const fs::path temporary = m_bench.out("unsparse_tmp.bin");
+    for (const auto& [link, error] : {std::pair{"", EISDIR}, std::pair{"missing/file", ENOENT},
+                                      std::pair{"unsparse_tmp.bin", ELOOP}, std::pair{"../fw.img", EBUSY}}) {
+        SCOPED_TRACE(error);
+        if (error == EISDIR)
+            fs::create_directory(temporary);
+        else
+            fs::create_symlink(link, temporary);
+        m_bench.expect(emmc, creation_failed,
+                       before() + not_created(temporary, error) + error_line("failed to write boot,ret=-3"));
+        fs::remove(temporary);
+    }
+    EXPECT_TRUE(same_bytes(read_file(m_bench.firmware()), m_firmware.build()));
+}
+
+// ---- the output image ----
+
+TEST(OutputImage, ThatCannotBeCreatedEndsTheRun) {
+    const Firmware firmware = sample_firmware();
+    const Workbench bench(firmware);
+    const fs::path image = bench.out("out_image.img");
+    for (const auto& [link, error] : {std::pair{"", EISDIR}, std::pair{"missing/image", ENOENT},
+                                      std::pair{"out_image.img", ELOOP}, std::pair{"../fw.img", EBUSY}}) {
+        SCOPED_TRACE(error);
+        if (error == EISDIR)
+            fs::create_directory(image);
+        else
+            fs::create_symlink(link, image);
+        for (const std::string type : {"emmc", "spinor"})
+            bench.expect({.type = type}, init_failed, not_created(image, error));
+        fs::remove(image);
+    }
+    EXPECT_TRUE(same_bytes(read_file(bench.firmware()), firmware.build()));
+}
+
+// ---- the firmware as its own output ----
+
+// Firmware and output directory may be written in several ways; the line names the output as it was written.
+TEST(OwnFirmware, IsSeenThroughEverySpelling) {
+    const Firmware firmware = sample_firmware();
+    Workbench bench;
+    const std::string out = bench.out_dir();
+    firmware.write(bench.out("out_image.img"));
+    fs::create_directory_symlink("out", bench.directory() / "link");
+    fs::create_symlink("out/out_image.img", bench.directory() / "fw.img");
+    for (const std::string& spelling :
+         {out, out + "/.", out + "/../out", bench.directory().string() + "/link"}) {
+        for (const auto& [from, to] :
+             {std::pair{spelling + "/out_image.img", out}, std::pair{out + "/out_image.img", spelling},
+              std::pair{bench.firmware().string(), spelling}}) {
+            SCOPED_TRACE(from + " to " + to);
+            int result = 0;
+            EXPECT_EQ(output_of([&] { result = convert_by_call(emmc, from, to); }),
+                      not_created(to + "/out_image.img", EBUSY));
+            EXPECT_EQ(result, -14);
+            EXPECT_TRUE(same_bytes(bench.output("out_image.img"), firmware.build()));
+        }
+    }
+}
+
+}  // namespace
