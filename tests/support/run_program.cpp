@@ -24,9 +24,8 @@ using Clock = std::chrono::steady_clock;
 class Pipe {
 public:
     Pipe() {
-        if (pipe2(ends_.data(), O_CLOEXEC) != 0) {
+        if (pipe2(ends_.data(), O_CLOEXEC) != 0)
             throw std::runtime_error(std::string("cannot make a pipe: ") + std::strerror(errno));
-        }
     }
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
@@ -61,9 +60,8 @@ private:
 void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
     if (bytes) {
         const rlimit both{*bytes, *bytes};
-        if (setrlimit(resource, &both) != 0) {
+        if (setrlimit(resource, &both) != 0)
             give_up("set a limit");
-        }
     }
 }
 
@@ -74,16 +72,13 @@ void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
     dup2(nothing, STDIN_FILENO);
     dup2(out.write_end(), STDOUT_FILENO);
     dup2(err.write_end(), STDERR_FILENO);
-    if (!options.working_directory.empty() && chdir(options.working_directory.c_str()) != 0) {
+    if (!options.working_directory.empty() && chdir(options.working_directory.c_str()) != 0)
         give_up("enter " + options.working_directory.string());
-    }
-    for (const auto& [name, value] : options.environment) {
+    for (const auto& [name, value] : options.environment)
         setenv(name.c_str(), value.c_str(), 1);
-    }
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& argument : arguments) {
+    for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
-    }
     argv.push_back(nullptr);
 
     std::signal(SIGXFSZ, SIG_DFL);  // an ignored signal stays ignored in the program, whatever it does itself
@@ -95,9 +90,8 @@ void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
 
 // Time left until the deadline, for poll(): -1 without a deadline.
 int milliseconds_left(const std::optional<Clock::time_point>& deadline) {
-    if (!deadline) {
+    if (!deadline)
         return -1;
-    }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
     return left > 0 ? static_cast<int>(left) : 0;
 }
@@ -106,9 +100,8 @@ int milliseconds_left(const std::optional<Clock::time_point>& deadline) {
 bool take_available(int from, std::string& to) {
     std::array<char, 65536> buffer;
     const ssize_t count = read(from, buffer.data(), buffer.size());
-    if (count > 0) {
+    if (count > 0)
         to.append(buffer.data(), static_cast<std::size_t>(count));
-    }
     return count > 0 || (count < 0 && errno == EINTR);
 }
 
@@ -120,21 +113,16 @@ Drained drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& dead
     while (out.read_end() >= 0 || err.read_end() >= 0) {
         std::array<pollfd, 2> streams{{{out.read_end(), POLLIN, 0}, {err.read_end(), POLLIN, 0}}};
         const int ready = poll(streams.data(), streams.size(), milliseconds_left(deadline));
-        if (ready == 0) {
+        if (ready == 0)
             return Drained::up_to_the_deadline;
-        }
-        if (ready < 0) {
+        if (ready < 0)
             continue;
-        }
-        if (streams[0].revents != 0 && !take_available(out.read_end(), result.out)) {
+        if (streams[0].revents != 0 && !take_available(out.read_end(), result.out))
             out.close_read_end();
-        }
-        if (streams[1].revents != 0 && !take_available(err.read_end(), result.err)) {
+        if (streams[1].revents != 0 && !take_available(err.read_end(), result.err))
             err.close_read_end();
-        }
-        if (!text.empty() && result.out.ends_with(text)) {
+        if (!text.empty() && result.out.ends_with(text))
             return Drained::up_to_the_text;
-        }
     }
     return Drained::all;
 }
@@ -143,15 +131,12 @@ Drained drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& dead
 bool reap(pid_t pid, const std::optional<Clock::time_point>& deadline, int& status, rusage& usage) {
     for (;;) {
         const pid_t ended = wait4(pid, &status, deadline ? WNOHANG : 0, &usage);
-        if (ended == pid) {
+        if (ended == pid)
             return true;
-        }
-        if (ended < 0 && errno != EINTR) {
+        if (ended < 0 && errno != EINTR)
             throw std::runtime_error(std::string("cannot wait for a program: ") + std::strerror(errno));
-        }
-        if (deadline && milliseconds_left(deadline) == 0) {
+        if (deadline && milliseconds_left(deadline) == 0)
             return false;
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
@@ -164,12 +149,10 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
     Pipe err;
     const Clock::time_point start = Clock::now();
     const pid_t pid = fork();
-    if (pid < 0) {
+    if (pid < 0)
         throw std::runtime_error(std::string("cannot fork: ") + std::strerror(errno));
-    }
-    if (pid == 0) {
+    if (pid == 0)
         become_program(program, arguments, options, out, err);
-    }
     setpgid(pid, pid);
     out.close_write_end();
     err.close_write_end();
@@ -193,11 +176,10 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
     result.wall_seconds = std::chrono::duration<double>(Clock::now() - start).count();
     result.max_rss_kb = usage.ru_maxrss;
     result.exited = WIFEXITED(status);
-    if (result.exited) {
+    if (result.exited)
         result.exit_status = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
+    else if (WIFSIGNALED(status))
         result.signal = WTERMSIG(status);
-    }
     return result;
 }
 
@@ -206,9 +188,8 @@ std::filesystem::path find_program(const std::string& name) {
     std::istringstream directories(std::string(path == nullptr ? "" : path) + ":/usr/sbin:/sbin");
     for (std::string directory; std::getline(directories, directory, ':');) {
         const std::filesystem::path candidate = std::filesystem::path(directory) / name;
-        if (!directory.empty() && access(candidate.c_str(), X_OK) == 0) {
+        if (!directory.empty() && access(candidate.c_str(), X_OK) == 0)
             return candidate;
-        }
     }
     return {};
 }
