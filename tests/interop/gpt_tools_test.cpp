@@ -1,7 +1,7 @@
 // The GPT as partitioning tools read it.
 
-#include "cli/expected_image.h"
 #include "interop/sample.h"
+#include "support/expected/gpt.h"
 
 #include <array>
 #include <cstdio>
@@ -9,7 +9,6 @@
 namespace {
 
 using namespace interop_test;
-using cli_test::Conversion;
 
 // As tools print it: the first three groups are stored little-endian.
 std::string guid_text(const Bytes& guid) {
@@ -35,7 +34,7 @@ struct ExpectedPartition {
 
 // The partitions of the sample's parameter text, with the GUIDs of an unseeded generator.
 std::vector<ExpectedPartition> expected_partitions(const Sample& firmware) {
-    const cli_test::GuidSequence guids;
+    const GuidSequence guids;
     static_cast<void>(guids.next());  // of the disk
     std::vector<ExpectedPartition> partitions;
     for (const PackedItem& item : firmware.items()) {
@@ -91,7 +90,7 @@ protected:
 
 private:
     Bytes slice_of_disk() const {
-        Bytes bytes(cli_test::gpt_bytes);
+        Bytes bytes(gpt_bytes);
         std::ifstream(disk(), std::ios::binary)
             .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
         return bytes;
@@ -109,7 +108,7 @@ TEST_P(GptDisk, IsListedBySfdiskWhichMissesTheBackupAlone) {
               "The backup GPT table is corrupt, but the primary appears OK, so that will be used.\n");
 
     const std::string dump = without_blanks(result.out);
-    const cli_test::GuidSequence guids;
+    const GuidSequence guids;
     EXPECT_TRUE(contains(dump, "label:gpt\nlabel-id:" + guid_text(guids.next()) + "\n")) << dump;
     EXPECT_TRUE(contains(dump, "\nfirst-lba:34\nlast-lba:4294967261\n")) << dump;
     const std::vector<ExpectedPartition> partitions = expected_partitions(sample(true, true));

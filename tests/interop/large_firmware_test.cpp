@@ -1,13 +1,11 @@
 // Firmware beyond 4 GiB: the large-item marks carry offsets and sizes of more than 32 bits. The files are
 // mostly holes.
 
-#include "cli/sample_runs.h"
-#include "cli/workbench.h"
 #include "support/sparse_builder.h"
+#include "support/workbench.h"
 
 namespace {
 
-using namespace cli_test;
 using namespace test_support;
 
 constexpr uint64_t gib = uint64_t{1} << 30;
@@ -39,12 +37,13 @@ void expect_far_item(const Firmware& firmware, const Bytes& partition) {
         SCOPED_TRACE(type);
         const auto result = bench.convert({type, "64", "2"});
         ASSERT_EQ(result.exit_status, 0) << result.out;
-        expect_same_bytes(read_at(bench.out("out_image.img"), 0x2200 * sector_size, partition.size()),
-                          partition, "partition");
+        EXPECT_TRUE(same_bytes(read_at(bench.out("out_image.img"), 0x2200 * sector_size, partition.size()),
+                               partition))
+            << "partition";
     }
     const auto result = bench.convert({"spinand", "64", "2"});
     ASSERT_EQ(result.exit_status, 0) << result.out;
-    expect_same_bytes(read_at(bench.out("far.img"), 0, partition.size()), partition, "far.img");
+    EXPECT_TRUE(same_bytes(read_at(bench.out("far.img"), 0, partition.size()), partition)) << "far.img";
 }
 
 TEST(LargeFirmware, HoldsAnItemBeyond4Gigabytes) {
@@ -90,18 +89,17 @@ TEST(LargeFirmware, HoldsAnItemLargerThan4Gigabytes) {
     fs::resize_file(bench.firmware(), firmware.layout().item_data[1] + 101 * page_size - 1);
 
     const Conversion nand{"spinand", "1024", "512"};
-    Transcript expected = bench.echo(nand);
-    expected.start_of_nand_run(bench.out_dir())
-        .line("preparing far saving at " + bench.out("far.img").string())
-        .line("writing far...")
-        .redraw("writing far...1%")  // page 82
-        .line("failed to get data from firmware")
-        .error("failed to write far,ret=-2");
-    expect_run(bench.convert(nand), creation_failed, expected.failure());
+    const fs::path out = bench.out_dir();
+    bench.expect(nand, creation_failed,
+                 opening_lines() + preparing_line("parameter", out) + table_lines("parameter") +
+                     preparing_line("far", out) + line("writing far...") +
+                     redrawn("writing far...1%") +  // page 82
+                     line("failed to get data from firmware") + error_line("failed to write far,ret=-2"),
+                 By::program);
     Bytes partition = firmware.items[1].data;
     partition.resize(100 * page_size, 0);
     put_bytes_at(partition, 100 * page_size - 100, firmware.items[1].islands[0].bytes);
-    expect_same_bytes(bench.output("far.img"), partition, "far.img");
+    EXPECT_TRUE(same_bytes(bench.output("far.img"), partition)) << "far.img";
 }
 
 // The parameter item lies in the first 4 GiB by agreement; its marks are not looked at.
@@ -116,8 +114,8 @@ TEST(LargeFirmware, ReadsTheParameterItemWithoutItsMarks) {
         put8_at(bytes, record + item_field::size_mark, 'H');
         put32_at(bytes, record + item_field::size_high, 1);
         write_file(bench.firmware(), bytes);
-        const Conversion emmc;
-        expect_run(bench.convert(emmc), 0, bench.echo(emmc).then(sample_raw_run(gpt, 2 * kib)));
+        const GptEntries entries = gpt ? GptEntries(sample_gpt()) : std::nullopt;
+        bench.expect({}, expected_run(firmware, {}, bench.out_dir(), entries), By::program);
     }
 }
 

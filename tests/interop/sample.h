@@ -3,8 +3,8 @@
 // The sample firmware of real parts, made once for each kind of it and shared by the tests of the program,
 // and what a test needs to know of it. It is read from the firmware file itself.
 
-#include "cli/workbench.h"
 #include "support/boot_rom.h"
+#include "support/workbench.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -79,8 +79,6 @@ public:
     }
 
 private:
-    using Arguments = cli_test::Arguments;
-
     void take_parts(const Bytes& firmware_bytes) {
         const std::size_t package = get32(firmware_bytes, head_field::package_offset);
         const uint32_t count = get32(firmware_bytes, package + package_field::item_count);
@@ -123,10 +121,10 @@ inline const Sample& sample(bool gpt, bool sparse) {
 }
 
 // Converts the sample into `out`; an empty directory to begin with.
-inline void convert(const Sample& firmware, const cli_test::Conversion& conversion, const fs::path& out) {
+inline void convert(const Sample& firmware, const Conversion& conversion, const fs::path& out) {
     fs::remove_all(out);
     fs::create_directory(out);
-    const RunResult result = cli_test::run(conversion.arguments(firmware.firmware(), out));
+    const RunResult result = run(conversion.arguments(firmware.firmware(), out));
     ASSERT_EQ(result.exit_status, 0) << result.out;
     ASSERT_EQ(result.err, "");
 }
