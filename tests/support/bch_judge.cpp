@@ -34,9 +34,8 @@ struct Field {
     }
 
     int times_power(int value, int exponent) const {
-        if (value == 0) {
+        if (value == 0)
             return 0;
-        }
         const int sum = logarithm[static_cast<std::size_t>(value)] + exponent;
         return power[static_cast<std::size_t>(sum % field_order)];
     }
@@ -75,16 +74,14 @@ public:
     explicit Encoder(unsigned t) {
         const std::vector<int> generator = generator_polynomial(t);
         degree_ = generator.size() - 1;
-        for (std::size_t b = 0; b < degree_; ++b) {
+        for (std::size_t b = 0; b < degree_; ++b)
             taps_.push_back(static_cast<uint8_t>(generator[degree_ - 1 - b]));
-        }
         correction_.assign(degree_, 0);
         if (t == 16 || t == 24 || t == 60) {
             const Bytes erased(bch_message_bytes, 0xFF);
             correction_ = remainder(erased.data());
-            for (uint8_t& bit : correction_) {
+            for (uint8_t& bit : correction_)
                 bit ^= 1U;
-            }
         }
     }
 
@@ -107,9 +104,8 @@ private:
             const bool feedback = (input ^ shift_register[0]) != 0;
             std::copy(shift_register.begin() + 1, shift_register.end(), shift_register.begin());
             shift_register.back() = 0;
-            for (std::size_t b = 0; feedback && b < degree_; ++b) {
+            for (std::size_t b = 0; feedback && b < degree_; ++b)
                 shift_register[b] ^= taps_[b];
-            }
         }
         return shift_register;
     }
@@ -138,9 +134,8 @@ public:
             exp_[i] = exp_[i + order] = static_cast<Element>(element);
             log_[element] = static_cast<Element>(i);
             element <<= 1;
-            if (element > order) {
+            if (element > order)
                 element ^= primitive_polynomial;
-            }
         }
     }
 
@@ -176,11 +171,9 @@ struct SyndromeTable {
             high[k] = field().multiply(static_cast<Element>(k << 7), step);
         }
         for (uint32_t value = 0; value < byte.size(); ++value) {
-            for (uint32_t bit = 0; bit < 8; ++bit) {
-                if ((value >> bit & 1U) != 0) {  // bit 0 comes first, so it has the highest power
+            for (uint32_t bit = 0; bit < 8; ++bit)
+                if ((value >> bit & 1U) != 0)  // bit 0 comes first, so it has the highest power
                     byte[value] = static_cast<Element>(byte[value] ^ field().alpha(uint64_t{7 - bit} * j));
-                }
-            }
         }
     }
 
@@ -194,9 +187,8 @@ using Polynomial = std::vector<Element>;  // index = power
 class Decoder {
 public:
     explicit Decoder(unsigned t) : t_(t), parity_bits_(14 * std::size_t{t}) {
-        for (uint32_t j = 1; j < 2 * t; j += 2) {
+        for (uint32_t j = 1; j < 2 * t; j += 2)
             tables_.emplace_back(j);
-        }
     }
 
     DecodeResult decode(const uint8_t* message, const uint8_t* parity) const {
@@ -209,15 +201,13 @@ public:
         }
         const Polynomial locator = error_locator(all_syndromes(odd));
         const std::size_t errors = locator.size() - 1;
-        if (errors > t_) {
+        if (errors > t_)
             return result;
-        }
         result.wrong_bits = roots(locator);
-        if (result.wrong_bits.size() == errors) {
+        if (result.wrong_bits.size() == errors)
             result.status = DecodeResult::Status::corrected;
-        } else {
+        else
             result.wrong_bits.clear();
-        }
         return result;
     }
 
@@ -230,8 +220,9 @@ private:
         Bytes word(message, message + bch_message_bytes);
         word.insert(word.end(), parity, parity + bch_parity_bytes(t_));
         if (t_ == 16 || t_ == 24 || t_ == 60) {
-            std::transform(word.begin(), word.end(), word.begin(),
-                           [](uint8_t byte) { return static_cast<uint8_t>(~byte); });
+            std::transform(
+                word.begin(), word.end(), word.begin(),
+                [](uint8_t byte) { return static_cast<uint8_t>(~byte); });
         }
         return word;
     }
@@ -240,11 +231,9 @@ private:
     std::vector<Element> odd_syndromes(const Bytes& word) const {
         std::vector<Element> syndromes(tables_.size(), 0);
         const std::size_t whole_bytes = word_bits() / 8;
-        for (std::size_t i = 0; i < whole_bytes; ++i) {
-            for (std::size_t k = 0; k < syndromes.size(); ++k) {
+        for (std::size_t i = 0; i < whole_bytes; ++i)
+            for (std::size_t k = 0; k < syndromes.size(); ++k)
                 syndromes[k] = tables_[k].after(syndromes[k], word[i]);
-            }
-        }
         for (std::size_t i = 8 * whole_bytes; i < word_bits(); ++i) {
             const unsigned bit = static_cast<unsigned>(word[i / 8]) >> (i % 8) & 1U;
             for (std::size_t k = 0; k < syndromes.size(); ++k) {
@@ -300,9 +289,8 @@ private:
         }
         // A locator whose degree is not the recurrence's length has a root at infinity; reporting one error
         // too many makes the root count disagree, as it has to.
-        while (current.size() > 1 && current.back() == 0) {
+        while (current.size() > 1 && current.back() == 0)
             current.pop_back();
-        }
         current.resize(std::max(current.size(), length + 1), 0);
         return current;
     }
@@ -318,9 +306,8 @@ private:
                 value =
                     static_cast<Element>(value ^ field().multiply(locator[i], field().alpha(inverse * i)));
             }
-            if (value == 0) {
+            if (value == 0)
                 positions.push_back(position);
-            }
         }
         return positions;
     }
@@ -336,13 +323,11 @@ private:
 template <typename Codec>
 const Codec& codec_for(unsigned t) {
     static std::map<unsigned, std::unique_ptr<const Codec>> codecs;
-    if (t < 1 || t > 64) {
+    if (t < 1 || t > 64)
         throw std::invalid_argument("the code corrects 1 to 64 bits");
-    }
     std::unique_ptr<const Codec>& codec = codecs[t];
-    if (!codec) {
+    if (!codec)
         codec = std::make_unique<const Codec>(t);
-    }
     return *codec;
 }
 

@@ -71,17 +71,14 @@ BootBlock read_boot_block(const Bytes& image, uint64_t sector) {
         return block;
     }
     take_header(sectors_of(image, sector, boot_header_sectors), block);
-    if (block.tag != boot_block_tag) {
+    if (block.tag != boot_block_tag)
         block.errors.push_back("no boot block tag");
-    }
-    if (block.boot_code1_offset != boot_header_sectors) {
+    if (block.boot_code1_offset != boot_header_sectors)
         block.errors.push_back("the first stage does not start behind the header sectors");
-    }
-    if (block.boot_code_size < block.boot_data_size) {
+    if (block.boot_code_size < block.boot_data_size)
         block.errors.push_back("the first stage is longer than both stages together");
-    } else if (!stages_fit(image, sector + block.boot_code1_offset, block.boot_code_size)) {
+    else if (!stages_fit(image, sector + block.boot_code1_offset, block.boot_code_size))
         block.errors.push_back("the image ends before the stages");
-    }
     if (block.errors.empty()) {
         take_stages(image, sector, block);
         block.found = true;

@@ -13,12 +13,10 @@ constexpr uint64_t package_alignment = 2048;  // the item table is read in units
 constexpr uint64_t memory_limit = uint64_t{1} << 30;
 
 void put_utf16_name(Bytes& bytes, const std::string& name) {
-    if (name.size() > boot_entry_field::name_units) {
+    if (name.size() > boot_entry_field::name_units)
         throw std::invalid_argument("entry name is longer than 20 units: " + name);
-    }
-    for (std::size_t i = 0; i < boot_entry_field::name_units; ++i) {
+    for (std::size_t i = 0; i < boot_entry_field::name_units; ++i)
         put16(bytes, i < name.size() ? static_cast<uint16_t>(static_cast<uint8_t>(name[i])) : uint16_t{0});
-    }
 }
 
 Bytes resized(Bytes bytes, std::size_t size) {
@@ -37,9 +35,8 @@ uint32_t high_half(uint64_t value) {
 // Lays one list's table at `cursor` and moves the cursor behind it.
 void place_table(const BootEntryList& list, std::size_t& cursor, BootListLayout& where) {
     where.table = cursor;
-    for (std::size_t i = 0; i < list.entries.size(); ++i) {
+    for (std::size_t i = 0; i < list.entries.size(); ++i)
         where.records.push_back(cursor + i * list.record_size);
-    }
     if (!list.entries.empty()) {
         cursor = std::max(cursor + list.entries.size() * list.record_size,
                           where.records.back() + boot_entry_field::record_bytes);
@@ -102,12 +99,10 @@ Bytes item_record(const Item& item, uint64_t offset) {
 // Bytes of the file that the item takes, from the start of its data.
 uint64_t item_extent(const Item& item) {
     uint64_t extent = item.data.size();
-    if (item.reserve_size) {
+    if (item.reserve_size)
         extent = std::max(extent, item.recorded_size());
-    }
-    for (const Island& island : item.islands) {
+    for (const Island& island : item.islands)
         extent = std::max<uint64_t>(extent, island.at + island.bytes.size());
-    }
     return extent;
 }
 
@@ -153,9 +148,8 @@ Bytes BootContainer::build() const {
     put_list(bytes, entries_472, where.entries_472, 2);
     put_list(bytes, loader, where.loader, 4);
     repair_boot_crc(bytes);
-    if (crc) {
+    if (crc)
         put32_at(bytes, where.crc, *crc);
-    }
     return bytes;
 }
 
@@ -165,11 +159,9 @@ void repair_boot_crc(Bytes& container) {
 }
 
 Item& Firmware::item(const std::string& name) {
-    for (Item& candidate : items) {
-        if (candidate.name == name) {
+    for (Item& candidate : items)
+        if (candidate.name == name)
             return candidate;
-        }
-    }
     throw std::out_of_range("no item named " + name);
 }
 
@@ -235,9 +227,8 @@ Bytes Firmware::package_header_bytes(const FirmwareLayout& where) const {
         put_text_at(bytes, package_field::count_extension_mark, "Uf", 2);
         put16_at(bytes, package_field::count_extension, *item_count_extension);
     }
-    for (std::size_t i = 0; i < items.size(); ++i) {
+    for (std::size_t i = 0; i < items.size(); ++i)
         put_bytes(bytes, item_record(items[i], where.item_data[i] - where.package_offset));
-    }
     bytes.resize(std::max(bytes.size(), package_field::header_bytes), 0);
     return bytes;
 }
@@ -247,9 +238,8 @@ void Firmware::for_each_piece(const FirmwareLayout& where, const PieceSink& sink
     sink(where.package_offset, package_header_bytes(where));
     for (std::size_t i = 0; i < items.size(); ++i) {
         sink(where.item_data[i], items[i].data);
-        for (const Island& island : items[i].islands) {
+        for (const Island& island : items[i].islands)
             sink(where.item_data[i] + island.at, island.bytes);
-        }
     }
     sink(where.trailer_offset, md5);
     sink(where.trailer_offset + md5.size(), signature);
@@ -258,9 +248,8 @@ void Firmware::for_each_piece(const FirmwareLayout& where, const PieceSink& sink
 
 Bytes Firmware::build() const {
     const FirmwareLayout where = layout();
-    if (where.file_size > memory_limit) {
+    if (where.file_size > memory_limit)
         throw std::length_error("firmware is too large for memory");
-    }
     Bytes image(where.file_size, 0);
     for_each_piece(where,
                    [&image](uint64_t offset, const Bytes& bytes) { put_bytes_at(image, offset, bytes); });
@@ -275,18 +264,16 @@ void Firmware::write(const std::filesystem::path& path) const {
         file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     });
     file.close();
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot write " + path.string());
-    }
     std::filesystem::resize_file(path, where.file_size);
 }
 
 std::string parameter_text(const std::vector<Partition>& partitions, bool gpt,
                            const std::vector<PartitionUuid>& uuids) {
     std::string text = "FIRMWARE_VER: 1.0\n";
-    if (gpt) {
+    if (gpt)
         text += "TYPE: GPT\n";
-    }
     text += "CMDLINE: mtdparts=flash0:";
     for (std::size_t i = 0; i < partitions.size(); ++i) {
         const Partition& partition = partitions[i];
@@ -302,9 +289,8 @@ std::string parameter_text(const std::vector<Partition>& partitions, bool gpt,
         text += std::string(number.data()) + "(" + partition.name + ")";
     }
     text += "\n";
-    for (const PartitionUuid& uuid : uuids) {
+    for (const PartitionUuid& uuid : uuids)
         text += "uuid:" + uuid.name + "=" + uuid.uuid + "\n";
-    }
     return text;
 }
 

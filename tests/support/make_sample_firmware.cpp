@@ -48,9 +48,8 @@ struct UsageError : std::runtime_error {
 uint64_t parse_megabytes(const std::string& text) {
     uint64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc{} || end != text.data() + text.size() || value < 1 || value > 2048) {
+    if (error != std::errc{} || end != text.data() + text.size() || value < 1 || value > 2048)
         throw UsageError("--rootfs-mb takes a number from 1 to 2048");
-    }
     return value;
 }
 
@@ -58,24 +57,22 @@ Arguments parse_arguments(const std::vector<std::string>& words) {
     Arguments arguments;
     for (std::size_t i = 0; i < words.size(); ++i) {
         const auto value = [&words, &i]() -> const std::string& {
-            if (i + 1 == words.size()) {
+            if (i + 1 == words.size())
                 throw UsageError(words[i] + " needs a value");
-            }
             return words[++i];
         };
-        if (words[i] == "--out") {
+        if (words[i] == "--out")
             arguments.out = value();
-        } else if (words[i] == "--work") {
+        else if (words[i] == "--work")
             arguments.work = value();
-        } else if (words[i] == "--rootfs-mb") {
+        else if (words[i] == "--rootfs-mb")
             arguments.rootfs_mb = parse_megabytes(value());
-        } else if (words[i] == "--gpt") {
+        else if (words[i] == "--gpt")
             arguments.gpt = true;
-        } else if (words[i] == "--no-sparse") {
+        else if (words[i] == "--no-sparse")
             arguments.sparse = false;
-        } else {
+        else
             throw UsageError("unknown argument " + words[i]);
-        }
     }
     if (arguments.out.empty()) {
         throw UsageError(
@@ -93,9 +90,8 @@ std::string first_line(const std::string& text) {
 // Runs a tool whose output depends on nothing but its input: fixed clock, fixed time zone.
 void run_tool(const std::string& name, const std::vector<std::string>& arguments) {
     const fs::path program = find_program(name);
-    if (program.empty()) {
+    if (program.empty())
         throw std::runtime_error("missing tool: " + name);
-    }
     const std::string clock = std::to_string(build_time);
     RunOptions options;
     options.environment = {{"E2FSPROGS_FAKE_TIME", clock},
@@ -128,18 +124,16 @@ Bytes text_file(std::size_t size, uint32_t seed) {
 Bytes zero_heavy_file(std::size_t size, uint32_t seed) {
     Bytes bytes(size, 0);
     const std::size_t step = 64 * kib;
-    for (std::size_t offset = 0; offset + step <= size; offset += step) {
+    for (std::size_t offset = 0; offset + step <= size; offset += step)
         put_bytes_at(bytes, offset, patterned(4 * kib, seed + static_cast<uint32_t>(offset / step)));
-    }
     return bytes;
 }
 
 // Fills `root` with about `size` bytes: logs, libraries, databases with much empty space, small settings
 // files in directories of their own, and symbolic links.
 void make_root_tree(const fs::path& root, uint64_t size) {
-    for (const char* directory : {"bin", "etc/conf.d", "lib", "usr/share/doc", "var/log", "var/lib/data"}) {
+    for (const char* directory : {"bin", "etc/conf.d", "lib", "usr/share/doc", "var/log", "var/lib/data"})
         fs::create_directories(root / directory);
-    }
     write_file(root / "etc/hostname", to_bytes("sample\n"));
     write_file(root / "etc/empty", {});
     write_file(root / "bin/init", patterned(180 * kib + 77, 11));
@@ -167,9 +161,8 @@ void make_root_tree(const fs::path& root, uint64_t size) {
 void set_build_time(const fs::path& path) {
     const timespec stamp{build_time, 0};
     const timespec both[2] = {stamp, stamp};
-    if (utimensat(AT_FDCWD, path.c_str(), both, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (utimensat(AT_FDCWD, path.c_str(), both, AT_SYMLINK_NOFOLLOW) != 0)
         throw std::runtime_error("cannot set the time of " + path.string());
-    }
 }
 
 // Modes and times as they shall stand in the image, whatever the umask of the caller is.
@@ -190,9 +183,8 @@ void set_modes_and_times(const fs::path& tree) {
 // change time. The count of written kilobytes depends on the file system that holds the image.
 void fix_owners_and_times(const fs::path& tree, const fs::path& image, const fs::path& script) {
     std::vector<std::string> inside{"/", "/lost+found"};
-    for (const auto& entry : fs::recursive_directory_iterator(tree)) {
+    for (const auto& entry : fs::recursive_directory_iterator(tree))
         inside.push_back((fs::path("/") / entry.path().lexically_relative(tree)).string());
-    }
     std::string commands = "set_super_value kbytes_written 0\n";
     for (const std::string& path : inside) {
         for (const std::string owner : {"uid", "gid"}) {
@@ -233,9 +225,8 @@ Bytes rootfs_image(const Arguments& arguments, const fs::path& scratch, uint64_t
     fs::remove(flat);
     make_ext4(arguments, scratch, flat);
     flat_size = fs::file_size(flat);
-    if (!arguments.sparse) {
+    if (!arguments.sparse)
         return read_file(flat);
-    }
     const fs::path sparse = scratch / "rootfs.sparse";
     run_tool("img2simg", {flat.string(), sparse.string(), "4096"});
     return read_file(sparse);
@@ -249,9 +240,8 @@ Bytes kernel_blob() {
 
 // A FAT file system with a kernel and a text in it, or the kernel alone where the FAT tools are missing.
 Bytes boot_image(const fs::path& scratch) {
-    if (find_program("mkfs.fat").empty() || find_program("mcopy").empty()) {
+    if (find_program("mkfs.fat").empty() || find_program("mcopy").empty())
         return kernel_blob();
-    }
     const fs::path image = scratch / "boot.fat";
     const fs::path kernel = scratch / "KERNEL.IMG";
     const fs::path settings = scratch / "BOOT.TXT";
@@ -332,9 +322,8 @@ Firmware make_firmware(const Arguments& arguments, const fs::path& scratch) {
 
 void run(const Arguments& arguments) {
     const TemporaryDirectory scratch;
-    if (!arguments.work.empty()) {
+    if (!arguments.work.empty())
         fs::create_directories(arguments.work);
-    }
     make_firmware(arguments, scratch.path()).write(arguments.out);
 }
 

@@ -26,32 +26,27 @@ public:
             fail("the spare area cannot hold the parity");
             return finished();
         }
-        if (file_.size() % physical_page_size_ != 0) {
+        if (file_.size() % physical_page_size_ != 0)
             fail("the file is not whole pages of " + std::to_string(physical_page_size_) + " bytes");
-        }
         contents_.physical_pages = file_.size() / physical_page_size_;
         contents_.data.reserve(contents_.physical_pages * geometry_.page_size);
-        for (std::size_t page = 0; page < contents_.physical_pages; ++page) {
+        for (std::size_t page = 0; page < contents_.physical_pages; ++page)
             take_page(page);
-        }
-        if (contents_.physical_pages % pieces_per_page() != 0) {
+        if (contents_.physical_pages % pieces_per_page() != 0)
             fail("the last page is only partly there");
-        }
         return finished();
     }
 
 private:
     void fail(const std::string& error) {
         ++error_count_;
-        if (contents_.errors.size() < errors_kept) {
+        if (contents_.errors.size() < errors_kept)
             contents_.errors.push_back(error);
-        }
     }
 
     SlcContents finished() {
-        if (error_count_ > errors_kept) {
+        if (error_count_ > errors_kept)
             contents_.errors.push_back("and " + std::to_string(error_count_ - errors_kept) + " more");
-        }
         return std::move(contents_);
     }
 
@@ -62,9 +57,8 @@ private:
 
     // Data bytes that physical page `page` carries.
     std::size_t data_bytes_of(std::size_t page) const {
-        if (!geometry_.two_kilobytes_data) {
+        if (!geometry_.two_kilobytes_data)
             return geometry_.page_size;
-        }
         const std::size_t before = page % pieces_per_page() * piece_bytes;
         return std::min(piece_bytes, geometry_.page_size - before);
     }
@@ -80,14 +74,12 @@ private:
             const std::string unit_name = where + " unit " + std::to_string(unit);
             check_system_bytes(page, unit, offset + unit_data_bytes, unit_name);
             const DecodeResult decoded = bch_decode(bytes, bytes + bch_message_bytes, correctable_bits);
-            if (!decoded.clean()) {
+            if (!decoded.clean())
                 fail(unit_name + ": " + to_string(decoded));
-            }
         }
         const std::size_t tail = page * physical_page_size_ + units_ * unit_stride;
-        if (!all_bytes_are(file_, 0xFF, tail, (page + 1) * physical_page_size_ - tail)) {
+        if (!all_bytes_are(file_, 0xFF, tail, (page + 1) * physical_page_size_ - tail))
             fail(where + ": spare bytes behind the last unit are not erased");
-        }
         keep_data(page, data, where);
     }
 
@@ -103,9 +95,8 @@ private:
 
     void keep_data(std::size_t page, const Bytes& data, const std::string& where) {
         const std::size_t used = data_bytes_of(page);
-        if (!all_bytes_are(data, geometry_.fill_byte, used, data.size() - used)) {
+        if (!all_bytes_are(data, geometry_.fill_byte, used, data.size() - used))
             fail(where + ": bytes behind the page's data are not the fill byte");
-        }
         contents_.data.insert(contents_.data.end(), data.begin(),
                               data.begin() + static_cast<std::ptrdiff_t>(used));
     }
@@ -122,9 +113,8 @@ private:
 
 std::string SlcContents::error_text() const {
     std::string text;
-    for (const std::string& error : errors) {
+    for (const std::string& error : errors)
         text += error + "\n";
-    }
     return text;
 }
 

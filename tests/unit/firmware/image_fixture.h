@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace firmware_tests {
@@ -49,10 +50,10 @@ protected:
         return init(path());
     }
 
-    // What GetData reads, or "no data" as one byte 0x21.
-    Bytes data(uint64_t offset, uint32_t size) {
+    // What GetData reads, if anything.
+    std::optional<Bytes> data(uint64_t offset, uint32_t size) {
         Bytes bytes(size, 0xEE);
-        return image.GetData(offset, size, bytes.data()) ? bytes : Bytes{0x21};
+        return image.GetData(offset, size, bytes.data()) ? std::optional(bytes) : std::nullopt;
     }
 
     test_support::TemporaryDirectory directory;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,18 +39,15 @@ int index_of(CQZBoot& boot, ENUM_QZBOOTENTRY kind, const std::string& name) {
     return static_cast<uint8_t>(boot.GetIndexByName(kind, name.c_str()));
 }
 
-// The entry's data, or "no data" as one byte 0x21 when there is none.
-const Bytes kNoData = {0x21};
-
-Bytes data_of(CQZBoot& boot, ENUM_QZBOOTENTRY kind, uint8_t index) {
+// The entry's data, if there is any.
+std::optional<Bytes> data_of(CQZBoot& boot, ENUM_QZBOOTENTRY kind, uint8_t index) {
     uint32_t size = 0;
     uint32_t delay = 0;
-    if (!boot.GetEntryProperty(kind, index, size, delay)) {
-        return kNoData;
-    }
+    if (!boot.GetEntryProperty(kind, index, size, delay))
+        return std::nullopt;
     // A size beyond the container is no size to allocate.
     Bytes data(std::min(size, 100000U), 0xEE);
-    return boot.GetEntryData(kind, index, data.data()) ? data : kNoData;
+    return boot.GetEntryData(kind, index, data.data()) ? std::optional(data) : std::nullopt;
 }
 
 // "size delay name", the name as its 20 characters.
@@ -241,7 +239,7 @@ TEST(QZBootTables, WithoutARecordSizeHoldTheFirstRecordOnly) {
     const auto boot = loaded(container);
     EXPECT_EQ(data_of(*boot, ENTRYLOADER, 0), (Bytes{1, 2, 3}));
     EXPECT_EQ(data_of(*boot, ENTRYLOADER, 254), (Bytes{1, 2, 3}));
-    EXPECT_EQ(data_of(*boot, ENTRYLOADER, 255), kNoData);
+    EXPECT_EQ(data_of(*boot, ENTRYLOADER, 255), std::nullopt);
     EXPECT_EQ(index_of(*boot, ENTRYLOADER, "FlashData"), 0);
     EXPECT_EQ(index_of(*boot, ENTRYLOADER, "FlashBoot"), 0xFF);
 }
@@ -324,9 +322,9 @@ TEST(QZBootBounds, LetDataLieAnywhereInTheContainer) {
     const auto size = static_cast<uint32_t>(plain.size());
     // Both containers have the same head.
     EXPECT_EQ(data_of(*with_data_at(0, 102), ENTRYLOADER, 0), test_support::slice(plain, 0, 102));
-    EXPECT_EQ(data_of(*with_data_at(0, size), ENTRYLOADER, 0).size(), size);
+    EXPECT_EQ(data_of(*with_data_at(0, size), ENTRYLOADER, 0).value().size(), size);
     EXPECT_EQ(data_of(*with_data_at(size - 10, 6), ENTRYLOADER, 0), test_support::slice(plain, size - 10, 6));
-    EXPECT_EQ(data_of(*with_data_at(size - 1, 1), ENTRYLOADER, 0).size(), 1U);
+    EXPECT_EQ(data_of(*with_data_at(size - 1, 1), ENTRYLOADER, 0).value().size(), 1U);
     EXPECT_EQ(data_of(*with_data_at(size, 0), ENTRYLOADER, 0), Bytes{});
 }
 
