@@ -444,9 +444,12 @@ TEST(OwnFirmware, IsSeenThroughEverySpelling) {
     fs::create_symlink("out/out_image.img", bench.directory() / "fw.img");
     for (const std::string& spelling :
          {out, out + "/.", out + "/../out", bench.directory().string() + "/link"}) {
-        for (const auto& [from, to] :
-             {std::pair{spelling + "/out_image.img", out}, std::pair{out + "/out_image.img", spelling},
-              std::pair{bench.firmware().string(), spelling}}) {
+        using Paths = std::pair<std::string, std::string>;
+        for (const Paths& paths :
+             {Paths{spelling + "/out_image.img", out}, Paths{out + "/out_image.img", spelling},
+              Paths{bench.firmware().string(), spelling}}) {
+            const std::string& from = paths.first;
+            const std::string& to = paths.second;
             SCOPED_TRACE(from + " to " + to);
             int result = 0;
             EXPECT_EQ(output_of([&] { result = convert_by_call(emmc, from, to); }),
