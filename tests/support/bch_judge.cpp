@@ -220,9 +220,8 @@ private:
         Bytes word(message, message + bch_message_bytes);
         word.insert(word.end(), parity, parity + bch_parity_bytes(t_));
         if (t_ == 16 || t_ == 24 || t_ == 60) {
-            std::transform(
-                word.begin(), word.end(), word.begin(),
-                [](uint8_t byte) { return static_cast<uint8_t>(~byte); });
+            std::transform(word.begin(), word.end(), word.begin(),
+                           [](uint8_t byte) { return static_cast<uint8_t>(~byte); });
         }
         return word;
     }

@@ -117,7 +117,7 @@ TEST_F(LargeSparseOutput, HoldsTheExpandedPages) {
 TEST_F(LargeSparseOutput, HoldsAllPagesWhileTheTemporaryFileIsGivenBack) {
     // Room is given back in steps of 16 MiB, some of them within a page of 3 KB or a block that is read
     // ahead.
-    const Bytes data = patterned(50 * mib, 1);
+    const Bytes data = patterned(34 * mib, 1);
     const Bytes image = SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(data, 1024)}}.build();
     EXPECT_TRUE(same_bytes(spi_file(image, 2), data));
     EXPECT_TRUE(same_bytes(spi_file(image, 2, true), data));  // page by page
