@@ -10,10 +10,8 @@ namespace storage_test {
 namespace {
 
 using namespace std::string_view_literals;
-using test_support::all_bytes_are;
 using test_support::Firmware;
 using test_support::get64;
-using test_support::patterned;
 using test_support::slice;
 
 using Recorder = Recording<CEmmcStorage>;

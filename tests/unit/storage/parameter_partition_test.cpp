@@ -9,7 +9,6 @@ namespace {
 
 using test_support::all_bytes_are;
 using test_support::Firmware;
-using test_support::Item;
 using test_support::patterned;
 using test_support::slice;
 

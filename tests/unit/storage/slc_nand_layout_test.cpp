@@ -11,7 +11,6 @@
 namespace storage_test {
 namespace {
 
-using test_support::get32;
 using test_support::patterned;
 using test_support::read_slc_file;
 

@@ -7,10 +7,7 @@
 namespace storage_test {
 namespace {
 
-using test_support::expand;
 using test_support::patterned;
-using test_support::put16_at;
-using test_support::put32_at;
 using test_support::slice;
 using test_support::SparseChunk;
 using test_support::SparseImage;
