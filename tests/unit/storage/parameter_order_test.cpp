@@ -98,7 +98,7 @@ TEST_F(ParameterOrderTest, GptTakesNoLargerItemThanWasLoaded) {
 TEST_F(ParameterOrderTest, GptTakesNoItemWithoutRoomForAText) {
     ASSERT_TRUE(m_storage->make_param_buffer(m_item));
     const Bytes before(m_storage->m_paramBuffer, m_storage->m_paramBuffer + 2048);
-    for (const uint32_t size : {0U, 1U, 4U, 11U, 12U}) {
+    for (const uint32_t size : {0U, 1U, 4U, 8U, 11U, 12U}) {
         m_item.size = size;
         EXPECT_EQ(write_gpt(), kNoList) << size;
     }
