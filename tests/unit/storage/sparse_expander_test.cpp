@@ -17,7 +17,6 @@ namespace storage_test {
 namespace {
 
 using test_support::patterned;
-using test_support::slice;
 using test_support::SparseChunk;
 using test_support::SparseImage;
 
