@@ -13,39 +13,38 @@
 
 namespace {
 
-constexpr uint16_t strength = 16;  // what SLC NAND pages are encoded with
-constexpr uint32_t unit_data = 1024;
-constexpr uint32_t unit_stride = unit_data + 32;  // data, system bytes and parity
-constexpr uint32_t units_in_set = 256;            // 256 KiB of data
+constexpr uint16_t kStrength = 16;  // what SLC NAND pages are encoded with
+constexpr uint32_t kUnitData = 1024;
+constexpr uint32_t kUnitStride = kUnitData + 32;  // data, system bytes and parity
+constexpr uint32_t kUnitsInSet = 256;             // 256 KiB of data
 
 void encode_pages(benchmark::State& state, const BchPath& path) {
     const auto units_together = static_cast<uint32_t>(state.range(0));
-    test_support::Bytes pages = test_support::patterned(units_in_set * unit_stride, 1);
+    test_support::Bytes pages = test_support::patterned(kUnitsInSet * kUnitStride, 1);
     std::vector<uint8_t*> units;
-    for (uint32_t unit = 0; unit < units_in_set; ++unit)
-        units.push_back(pages.data() + unit * unit_stride);
-    bch_init(strength);
+    for (uint32_t unit = 0; unit < kUnitsInSet; ++unit)
+        units.push_back(pages.data() + unit * kUnitStride);
+    bch_init(kStrength);
     bch_select_path(path);
     for (auto _ : state) {
-        for (uint32_t unit = 0; unit < units_in_set; unit += units_together) {
+        for (uint32_t unit = 0; unit < kUnitsInSet; unit += units_together)
             bch_encode_units(units.data() + unit, units_together);
-        }
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(state.iterations() * units_in_set * unit_data);
+    state.SetBytesProcessed(state.iterations() * kUnitsInSet * kUnitData);
 }
 
 void copy_pages(benchmark::State& state) {
-    const test_support::Bytes pages = test_support::patterned(units_in_set * unit_stride, 1);
+    const test_support::Bytes pages = test_support::patterned(kUnitsInSet * kUnitStride, 1);
     test_support::Bytes copy(pages.size());
     for (auto _ : state) {
         std::memcpy(copy.data(), pages.data(), pages.size());
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(state.iterations() * units_in_set * unit_data);
+    state.SetBytesProcessed(state.iterations() * kUnitsInSet * kUnitData);
 }
 
-[[maybe_unused]] const bool registered = [] {
+[[maybe_unused]] const bool kRegistered = [] {
     benchmark::RegisterBenchmark("memcpy", copy_pages);
     for (const BchPath& path : test_support::available_bch_paths()) {
         const std::string name = "bch_encode_units/" + std::string(path.name) + "/units_together";

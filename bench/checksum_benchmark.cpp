@@ -9,18 +9,18 @@
 
 namespace {
 
-constexpr uint32_t mebibyte = 1U << 20;
-constexpr uint32_t sector = 512;
+constexpr uint32_t kMebibyte = 1U << 20;
+constexpr uint32_t kSector = 512;
 
 // Checksums and scrambles what it is given; a result that nobody uses would not be computed.
 template <typename Function>
 void run_over_buffer(benchmark::State& state, Function function) {
-    test_support::Bytes bytes = test_support::patterned(mebibyte, 1);
+    test_support::Bytes bytes = test_support::patterned(kMebibyte, 1);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(function(bytes.data(), mebibyte));
+        benchmark::DoNotOptimize(function(bytes.data(), kMebibyte));
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(state.iterations() * mebibyte);
+    state.SetBytesProcessed(state.iterations() * kMebibyte);
 }
 
 void boot_crc32(benchmark::State& state) {
@@ -41,9 +41,8 @@ BENCHMARK(plain_crc16)->Name("crc16");
 // The key schedule restarts at every sector, as in the boot block.
 void scramble_sectors(benchmark::State& state) {
     run_over_buffer(state, [](uint8_t* data, uint32_t size) {
-        for (uint32_t offset = 0; offset < size; offset += sector) {
-            rc4(data + offset, sector);
-        }
+        for (uint32_t offset = 0; offset < size; offset += kSector)
+            rc4(data + offset, kSector);
         return data[0];
     });
 }

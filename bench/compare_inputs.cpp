@@ -24,21 +24,18 @@ Input prepare_input(const WorkDirectory& work, const fs::path& maker, InputKind 
                     bool with_payload) {
     const std::string stem = name_of(kind) + "-" + std::to_string(mib);
     Input input{.firmware = work.inputs() / (stem + ".img"), .payload = {}};
-    if (with_payload) {
+    if (with_payload)
         input.payload = work.inputs() / (stem + ".rootfs");
-    }
     if (!fs::exists(input.firmware) || (with_payload && !fs::exists(input.payload))) {
         Command make{{maker.string(), "--kind", name_of(kind), "--mib", std::to_string(mib), "--out",
                       input.firmware.string()},
                      {}};
-        if (with_payload) {
+        if (with_payload)
             make.words.insert(make.words.end(), {"--payload", input.payload.string()});
-        }
         run_measured(make);
     }
     read_once(input.firmware);
-    if (with_payload) {
+    if (with_payload)
         read_once(input.payload);
-    }
     return input;
 }

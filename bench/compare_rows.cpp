@@ -12,11 +12,11 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-constexpr double copy_limit = 1.0;
-constexpr double gaps_limit = 0.5;
-constexpr double sparse_limit = 1.6;
-constexpr double carry_less_limit = 1.5;
-constexpr double table_limit = 2.6;
+constexpr double kCopyLimit = 1.0;
+constexpr double kGapsLimit = 0.5;
+constexpr double kSparseLimit = 1.6;
+constexpr double kCarryLessLimit = 1.5;
+constexpr double kTableLimit = 2.6;
 
 Words program_words(const Programs& programs, const Words& options) {
     Words words{programs.nandsmith.string(), "-i", "@firmware", "-o", "@output"};
@@ -32,20 +32,19 @@ struct SlcGeometry {
     bool two_kilobytes_data = false;
 };
 
-const SlcGeometry slc_geometries[] = {{"slc-2k", "128", "2", "64", false},
+const SlcGeometry kSlcGeometries[] = {{"slc-2k", "128", "2", "64", false},
                                       {"slc-2k-2", "128", "2", "64", true},
                                       {"slc-4k", "256", "4", "128", false},
                                       {"slc-4k-2", "256", "4", "128", true}};
 
 void add_flag(Words& words, const SlcGeometry& geometry) {
-    if (geometry.two_kilobytes_data) {
+    if (geometry.two_kilobytes_data)
         words.push_back("-2");
-    }
 }
 
 // The program selects the fastest path of this processor.
 double slc_limit() {
-    return bch_fastest_path(bch_paths()).name == bch_portable.name ? table_limit : carry_less_limit;
+    return bch_fastest_path(bch_paths()).name == bch_portable.name ? kTableLimit : kCarryLessLimit;
 }
 
 Row slc_row(const Programs& programs, const SlcGeometry& geometry) {
@@ -61,7 +60,7 @@ Row slc_row(const Programs& programs, const SlcGeometry& geometry) {
 // What a processor without anything special makes of it; the program has no option for the path.
 Row portable_slc_row(const Programs& programs, const SlcGeometry& geometry) {
     Row row{.name = geometry.name + "/portable",
-            .limit = table_limit,
+            .limit = kTableLimit,
             .words = {programs.convert_with_path.string(), "portable", "@firmware", "@output",
                       geometry.block_kib, geometry.page_kib, geometry.spare_bytes}};
     add_flag(row.words, geometry);
@@ -69,7 +68,7 @@ Row portable_slc_row(const Programs& programs, const SlcGeometry& geometry) {
 }
 
 void add_slc_rows(const Programs& programs, std::vector<Row>& rows) {
-    for (const SlcGeometry& geometry : slc_geometries) {
+    for (const SlcGeometry& geometry : kSlcGeometries) {
         rows.push_back(slc_row(programs, geometry));
         rows.push_back(portable_slc_row(programs, geometry));
     }
@@ -81,9 +80,8 @@ void write_genimage_config(const fs::path& path, const Input& input, uint64_t mi
            << "    hdimage {\n        partition-table-type = \"gpt\"\n    }\n"
            << "    partition rootfs {\n        image = \"" << input.payload.filename().string() << "\"\n"
            << "        offset = 8M\n        size = " << mib << "M\n    }\n}\n";
-    if (!config.flush()) {
+    if (!config.flush())
         throw std::runtime_error("cannot write " + path.string());
-    }
 }
 
 Command genimage_command(const Input& input, uint64_t mib, const WorkDirectory& work) {
@@ -102,23 +100,23 @@ Command genimage_command(const Input& input, uint64_t mib, const WorkDirectory& 
 std::vector<Row> comparison_rows(const Programs& programs) {
     std::vector<Row> rows{
         {.name = "emmc-dense",
-         .limit = copy_limit,
+         .limit = kCopyLimit,
          .words = program_words(programs, {"-t", "emmc", "-b", "512", "-p", "2"}),
          .others = {OtherTool::cat, OtherTool::genimage},
          .at_largest_size = true},
         {.name = "nor-dense",
-         .limit = copy_limit,
+         .limit = kCopyLimit,
          .words = program_words(programs, {"-t", "spinor", "-b", "64", "-p", "2"})},
         {.name = "spinand-dense",
-         .limit = copy_limit,
+         .limit = kCopyLimit,
          .words = program_words(programs, {"-t", "spinand", "-b", "128", "-p", "2"})},
         {.name = "emmc-gaps",
          .input = InputKind::gaps,
-         .limit = gaps_limit,
+         .limit = kGapsLimit,
          .words = program_words(programs, {"-t", "emmc", "-b", "512", "-p", "2"})},
         {.name = "emmc-sparse",
          .input = InputKind::sparse,
-         .limit = sparse_limit,
+         .limit = kSparseLimit,
          .words = program_words(programs, {"-t", "emmc", "-b", "512", "-p", "2"}),
          .others = {OtherTool::cat, OtherTool::simg2img}},
     };
@@ -128,21 +126,18 @@ std::vector<Row> comparison_rows(const Programs& programs) {
 
 Command command_of(const Row& row, const Input& input, const WorkDirectory& work) {
     Command command{row.words, {}};
-    for (std::string& word : command.words) {
-        if (word == "@firmware") {
+    for (std::string& word : command.words)
+        if (word == "@firmware")
             word = input.firmware.string();
-        } else if (word == "@output") {
+        else if (word == "@output")
             word = work.output().string();
-        }
-    }
     return command;
 }
 
 Command copy_command(const WorkDirectory& work) {
     Command command{{"cp", "--sparse=never", "--reflink=never"}, {}};
-    for (const fs::path& file : files_in(work.output())) {
+    for (const fs::path& file : files_in(work.output()))
         command.words.push_back(file.string());
-    }
     command.words.push_back(work.copy().string());
     return command;
 }
@@ -160,15 +155,12 @@ std::string name_of(OtherTool tool) {
 }
 
 Command other_command(OtherTool tool, const Input& input, uint64_t mib, const WorkDirectory& work) {
-    if (tool == OtherTool::genimage) {
+    if (tool == OtherTool::genimage)
         return genimage_command(input, mib, work);
-    }
-    if (tool == OtherTool::simg2img) {
+    if (tool == OtherTool::simg2img)
         return {{"simg2img", input.payload.string(), (work.copy() / "rootfs.img").string()}, {}};
-    }
     Command command{{"cat"}, work.copy() / "all"};
-    for (const fs::path& file : files_in(work.output())) {
+    for (const fs::path& file : files_in(work.output()))
         command.words.push_back(file.string());
-    }
     return command;
 }

@@ -20,8 +20,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr uint64_t largest_mib = 8192;
-constexpr int runs_at_largest = 3;
+constexpr uint64_t kLargestMib = 8192;
+constexpr int kRunsAtLargest = 3;
 
 struct Arguments {
     fs::path data{};      // directory for the big files; emptied first, removed at the end
@@ -41,81 +41,73 @@ struct UsageError : std::runtime_error {
 
 Arguments parse_arguments(const std::vector<std::string>& words) {
     Arguments arguments;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (words[i] == "--quick") {
+    for (std::size_t i = 0; i < words.size(); ++i)
+        if (words[i] == "--quick")
             arguments.quick = true;
-        } else if (i + 1 == words.size()) {
+        else if (i + 1 == words.size())
             throw UsageError("unknown option, or one without its value: " + words[i]);
-        } else if (words[i] == "--data") {
+        else if (words[i] == "--data")
             arguments.data = words[++i];
-        } else if (words[i] == "--programs") {
+        else if (words[i] == "--programs")
             arguments.programs = words[++i];
-        } else if (words[i] == "--rows") {
+        else if (words[i] == "--rows")
             arguments.rows = std::regex(words[++i]);
-        } else {
+        else
             throw UsageError("unknown option " + words[i]);
-        }
-    }
-    if (arguments.data.empty() || arguments.programs.empty()) {
+    if (arguments.data.empty() || arguments.programs.empty())
         throw UsageError("usage: compare_runs --data DIR --programs DIR [--quick] [--rows REGEX]");
-    }
     return arguments;
 }
 
 class Comparison {
 public:
-    explicit Comparison(const Arguments& arguments) : arguments_(arguments), work_(arguments.data) {}
+    explicit Comparison(const Arguments& arguments) : m_arguments(arguments), m_work(arguments.data) {}
 
     // Number of rows over their limits.
     int run() {
         const std::vector<Row> rows = selected_rows();
-        for (const uint64_t mib : arguments_.sizes_mib()) {
-            for (const Row& row : rows) {
-                table_.print_row(run_pairs(row, mib));
-            }
-            work_.empty(work_.inputs());
+        for (const uint64_t mib : m_arguments.sizes_mib()) {
+            for (const Row& row : rows)
+                m_table.print_row(run_pairs(row, mib));
+            m_work.empty(m_work.inputs());
         }
-        if (!arguments_.quick) {
-            for (const Row& row : rows) {
-                if (row.at_largest_size) {
-                    table_.print_row(run_alone(row, largest_mib));
-                }
-            }
+        if (!m_arguments.quick) {
+            for (const Row& row : rows)
+                if (row.at_largest_size)
+                    m_table.print_row(run_alone(row, kLargestMib));
         }
-        table_.print_others();
+        m_table.print_others();
         if (is_selected("encoder")) {
-            table_.print_encoder(measure_encoder(arguments_.programs / "bench/bch_benchmark",
-                                                 arguments_.pairs(), work_.scratch("encoder.csv")));
+            m_table.print_encoder(measure_encoder(m_arguments.programs / "bench/bch_benchmark",
+                                                  m_arguments.pairs(), m_work.scratch("encoder.csv")));
         }
-        return table_.rows_over();
+        return m_table.rows_over();
     }
 
 private:
-    bool is_selected(const std::string& name) const { return std::regex_search(name, arguments_.rows); }
+    bool is_selected(const std::string& name) const { return std::regex_search(name, m_arguments.rows); }
 
     std::vector<Row> selected_rows() const {
         std::vector<Row> rows =
-            comparison_rows({.nandsmith = arguments_.programs / "nandsmith",
-                             .convert_with_path = arguments_.programs / "bench/convert_with_path"});
+            comparison_rows({.nandsmith = m_arguments.programs / "nandsmith",
+                             .convert_with_path = m_arguments.programs / "bench/convert_with_path"});
         std::erase_if(rows, [this](const Row& row) { return !is_selected(row.name); });
         return rows;
     }
 
     Input input_of(const Row& row, uint64_t mib, bool with_payload) const {
-        return prepare_input(work_, arguments_.programs / "bench/make_bench_firmware", row.input, mib,
+        return prepare_input(m_work, m_arguments.programs / "bench/make_bench_firmware", row.input, mib,
                              with_payload);
     }
 
     RowResult run_pairs(const Row& row, uint64_t mib) {
         const Input input = input_of(row, mib, !row.others.empty());
-        const Command program = command_of(row, input, work_);
+        const Command program = command_of(row, input, m_work);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
-        for (const OtherTool tool : row.others) {
-            if (have_tool(name_of(tool))) {
+        for (const OtherTool tool : row.others)
+            if (have_tool(name_of(tool)))
                 result.others.push_back({.tool = name_of(tool), .timing = {}});
-            }
-        }
-        for (int pair = 0; pair <= arguments_.pairs(); ++pair) {
+        for (int pair = 0; pair <= m_arguments.pairs(); ++pair) {
             RowResult discarded = result;
             run_pair(row, input, program, pair == 0 ? discarded : result);  // the first one warms up
         }
@@ -125,9 +117,9 @@ private:
     }
 
     void run_pair(const Row& row, const Input& input, const Command& program, RowResult& result) {
-        work_.empty(work_.copy());
-        const Measurement converted = run_again(program, work_.output());
-        const Measurement copied = run_again(copy_command(work_), work_.copy());
+        m_work.empty(m_work.copy());
+        const Measurement converted = run_again(program, m_work.output());
+        const Measurement copied = run_again(copy_command(m_work), m_work.copy());
         result.program.add(converted);
         result.program.ratios.push_back(converted.seconds / copied.seconds);
         result.copy.add(copied);
@@ -136,7 +128,7 @@ private:
         for (const OtherTool tool : row.others) {
             if (have_tool(name_of(tool))) {
                 const Measurement other =
-                    run_again(other_command(tool, input, result.mib, work_), work_.copy());
+                    run_again(other_command(tool, input, result.mib, m_work), m_work.copy());
                 Timing& timing = result.others[next++].timing;
                 timing.add(other);
                 timing.ratios.push_back(other.seconds / copied.seconds);
@@ -148,19 +140,19 @@ private:
     // gone. A virtual machine gives memory that nobody uses back to its host and waits long to get it back;
     // so the run finds memory that files of the same kind had a moment ago.
     Measurement run_again(const Command& command, const fs::path& directory) const {
-        work_.empty(directory);
-        work_.settle();
+        m_work.empty(directory);
+        m_work.settle();
         run_measured(command);
-        work_.empty(directory);
+        m_work.empty(directory);
         return run_measured(command);
     }
 
     // Input, output and copy of the largest size would not fit the page cache together, so there is no pair.
     RowResult run_alone(const Row& row, uint64_t mib) {
         const Input input = input_of(row, mib, false);
-        const Command program = command_of(row, input, work_);
+        const Command program = command_of(row, input, m_work);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit};
-        for (int run = 0; run < runs_at_largest; ++run) {
+        for (int run = 0; run < kRunsAtLargest; ++run) {
             clear();
             result.program.add(run_measured(program));
         }
@@ -171,22 +163,21 @@ private:
 
     std::optional<double> calls_per_mib(const Command& program) {
         clear();
-        const std::optional<uint64_t> calls = count_system_calls(program, work_.scratch("strace.txt"));
-        if (!calls) {
+        const std::optional<uint64_t> calls = count_system_calls(program, m_work.scratch("strace.txt"));
+        if (!calls)
             return std::nullopt;
-        }
-        return static_cast<double>(*calls) * (1 << 20) / static_cast<double>(bytes_in(work_.output()));
+        return static_cast<double>(*calls) * (1 << 20) / static_cast<double>(bytes_in(m_work.output()));
     }
 
     void clear() const {
-        work_.empty(work_.copy());
-        work_.empty(work_.output());
-        work_.settle();
+        m_work.empty(m_work.copy());
+        m_work.empty(m_work.output());
+        m_work.settle();
     }
 
-    Arguments arguments_;
-    WorkDirectory work_;
-    ComparisonTable table_{};
+    Arguments m_arguments;
+    WorkDirectory m_work;
+    ComparisonTable m_table{};
 };
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 namespace {
 
-constexpr double peak_limit_mib = 16;
-constexpr double calls_limit_per_mib = 16;  // one per 64 KiB
+constexpr double kPeakLimitMib = 16;
+constexpr double kCallsLimitPerMib = 16;  // one per 64 KiB
 
 std::string number(double value, int decimals) {
     char text[32];
@@ -17,15 +17,12 @@ std::string number(double value, int decimals) {
 // "ok", or what is over.
 std::string verdict(const RowResult& row) {
     std::string over;
-    if (!row.program.ratios.empty() && median(row.program.ratios) > row.limit) {
+    if (!row.program.ratios.empty() && median(row.program.ratios) > row.limit)
         over += " time";
-    }
-    if (row.program.peak_mib > peak_limit_mib) {
+    if (row.program.peak_mib > kPeakLimitMib)
         over += " memory";
-    }
-    if (row.calls_per_mib.value_or(0) > calls_limit_per_mib) {
+    if (row.calls_per_mib.value_or(0) > kCallsLimitPerMib)
         over += " calls";
-    }
     return over.empty() ? "ok" : "over:" + over;
 }
 
@@ -39,19 +36,18 @@ void Timing::add(const Measurement& measurement) {
 }
 
 double median(std::vector<double> values) {
-    if (values.empty()) {
+    if (values.empty())
         return 0;
-    }
     std::sort(values.begin(), values.end());
     const std::size_t middle = values.size() / 2;
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 void ComparisonTable::print_row(const RowResult& row) {
-    if (!header_printed_) {
+    if (!m_header_printed) {
         std::printf("\n%-20s %6s %9s %8s %8s %9s %7s %6s %9s %9s  %s\n", "row", "MiB", "seconds", "user s",
                     "system s", "cp s", "ratio", "limit", "peak MiB", "calls/MiB", "");
-        header_printed_ = true;
+        m_header_printed = true;
     }
     const bool paired = !row.program.ratios.empty();
     const std::string result = verdict(row);
@@ -64,19 +60,17 @@ void ComparisonTable::print_row(const RowResult& row) {
                 paired ? number(row.limit, 1).c_str() : "-", number(row.program.peak_mib, 1).c_str(),
                 row.calls_per_mib ? number(*row.calls_per_mib, 1).c_str() : "-", result.c_str());
     std::fflush(stdout);
-    over_ += result == "ok" ? 0 : 1;
-    if (!row.others.empty()) {
-        with_others_.push_back(row);
-    }
+    m_over += result == "ok" ? 0 : 1;
+    if (!row.others.empty())
+        m_with_others.push_back(row);
 }
 
 void ComparisonTable::print_others() const {
-    if (with_others_.empty()) {
+    if (m_with_others.empty())
         return;
-    }
     std::printf("\n%-20s %6s %-10s %9s %12s %16s\n", "beside", "MiB", "tool", "seconds", "ratio to cp",
                 "nandsmith's ratio");
-    for (const RowResult& row : with_others_) {
+    for (const RowResult& row : m_with_others) {
         for (const OtherResult& other : row.others) {
             std::printf("%-20s %6llu %-10s %9s %12s %16s\n", row.name.c_str(),
                         static_cast<unsigned long long>(row.mib), other.tool.c_str(),
@@ -96,7 +90,7 @@ void ComparisonTable::print_encoder(const std::vector<EncoderResult>& results) {
                     number(result.gigabytes_per_second, 2).c_str(),
                     result.limit ? number(*result.limit, 2).c_str() : "-",
                     !result.limit ? "" : (slow ? "over: time" : "ok"));
-        over_ += slow ? 1 : 0;
+        m_over += slow ? 1 : 0;
     }
     std::fflush(stdout);
 }

@@ -50,10 +50,10 @@ public:
     // Tools that do a part of the same work, after all rows.
     void print_others() const;
     void print_encoder(const std::vector<EncoderResult>& results);
-    int rows_over() const { return over_; }
+    int rows_over() const { return m_over; }
 
 private:
-    bool header_printed_ = false;
-    int over_ = 0;
-    std::vector<RowResult> with_others_{};
+    bool m_header_printed = false;
+    int m_over = 0;
+    std::vector<RowResult> m_with_others{};
 };

@@ -24,11 +24,9 @@ struct Job {
 };
 
 std::optional<BchPath> path_named(const std::string& name) {
-    for (const BchPath& path : bch_paths()) {
-        if (path.name == name) {
+    for (const BchPath& path : bch_paths())
+        if (path.name == name)
             return path;
-        }
-    }
     return std::nullopt;
 }
 
@@ -36,9 +34,8 @@ void print_usage() {
     std::fprintf(stderr,
                  "usage: convert_with_path PATH FIRMWARE DIRECTORY BLOCK_KB PAGE_KB SPARE_BYTES [-2]\n"
                  "PATH is one of:");
-    for (const BchPath& path : bch_paths()) {
+    for (const BchPath& path : bch_paths())
         std::fprintf(stderr, " %s", std::string(path.name).c_str());
-    }
     std::fprintf(stderr, "\n");
 }
 
@@ -47,13 +44,11 @@ uint32_t number(const std::string& text) {
 }
 
 std::optional<Job> parse(const std::vector<std::string>& words) {
-    if (words.size() < 6 || words.size() > 7 || (words.size() == 7 && words[6] != "-2")) {
+    if (words.size() < 6 || words.size() > 7 || (words.size() == 7 && words[6] != "-2"))
         return std::nullopt;
-    }
     const std::optional<BchPath> path = path_named(words[0]);
-    if (!path) {
+    if (!path)
         return std::nullopt;
-    }
     return Job{.path = *path,
                .firmware = words[1],
                .out_directory = words[2],

@@ -18,12 +18,12 @@ using namespace test_support;
 
 namespace {
 
-constexpr uint64_t mib = uint64_t{1} << 20;
-constexpr std::size_t piece_bytes = mib;
-constexpr uint32_t sparse_block = 4096;
+constexpr uint64_t kMib = uint64_t{1} << 20;
+constexpr std::size_t kPieceBytes = kMib;
+constexpr uint32_t kSparseBlock = 4096;
 
 // Behind both boot block copies and the GPT.
-constexpr uint32_t first_partition = 0x4000;  // sectors
+constexpr uint32_t kFirstPartition = 0x4000;  // sectors
 
 struct Arguments {
     fs::path out{};
@@ -40,15 +40,14 @@ Arguments parse_arguments(const std::vector<std::string>& words) {
     Arguments arguments;
     for (std::size_t i = 0; i + 1 < words.size(); i += 2) {
         const std::string& value = words[i + 1];
-        if (words[i] == "--out") {
+        if (words[i] == "--out")
             arguments.out = value;
-        } else if (words[i] == "--payload") {
+        else if (words[i] == "--payload")
             arguments.payload = value;
-        } else if (words[i] == "--kind") {
+        else if (words[i] == "--kind")
             arguments.kind = value;
-        } else if (words[i] == "--mib") {
+        else if (words[i] == "--mib")
             std::from_chars(value.data(), value.data() + value.size(), arguments.size_mib);
-        }
     }
     const bool known = arguments.kind == "dense" || arguments.kind == "gaps" || arguments.kind == "sparse";
     // A multiple of 8 for the eighths below; a partition's sectors have 32 bits.
@@ -64,19 +63,19 @@ Arguments parse_arguments(const std::vector<std::string>& words) {
 class DenseBytes {
 public:
     const Bytes& next_piece() {
-        for (std::size_t i = 0; i < piece_.size(); i += sizeof(uint64_t)) {
-            state_ ^= state_ >> 12;
-            state_ ^= state_ << 25;
-            state_ ^= state_ >> 27;
-            const uint64_t word = state_ * 0x2545F4914F6CDD1DU;
-            std::memcpy(piece_.data() + i, &word, sizeof(word));
+        for (std::size_t i = 0; i < m_piece.size(); i += sizeof(uint64_t)) {
+            m_state ^= m_state >> 12;
+            m_state ^= m_state << 25;
+            m_state ^= m_state >> 27;
+            const uint64_t word = m_state * 0x2545F4914F6CDD1DU;
+            std::memcpy(m_piece.data() + i, &word, sizeof(word));
         }
-        return piece_;
+        return m_piece;
     }
 
 private:
-    uint64_t state_ = 0x9E3779B97F4A7C15U;
-    Bytes piece_ = Bytes(piece_bytes);
+    uint64_t m_state = 0x9E3779B97F4A7C15U;
+    Bytes m_piece = Bytes(kPieceBytes);
 };
 
 // What fills one item, written at the place that the builder has left for it.
@@ -96,39 +95,38 @@ enum class Zeros { none, every_second_piece };
 // Pieces of data, or of data and zeros in turn. The zeros are in the firmware as bytes.
 class PlainPayload : public Payload {
 public:
-    PlainPayload(uint64_t pieces, Zeros zeros) : pieces_(pieces), zeros_(zeros) {}
-    uint64_t size() const override { return pieces_ * piece_bytes; }
+    PlainPayload(uint64_t pieces, Zeros zeros) : m_pieces(pieces), m_zeros(zeros) {}
+    uint64_t size() const override { return m_pieces * kPieceBytes; }
     void write(std::ostream& out) const override {
         DenseBytes dense;
-        const Bytes zeros(piece_bytes, 0);
-        for (uint64_t i = 0; i < pieces_; ++i) {
-            put(out, zeros_ == Zeros::every_second_piece && i % 2 == 1 ? zeros : dense.next_piece());
-        }
+        const Bytes zeros(kPieceBytes, 0);
+        for (uint64_t i = 0; i < m_pieces; ++i)
+            put(out, m_zeros == Zeros::every_second_piece && i % 2 == 1 ? zeros : dense.next_piece());
     }
 
 private:
-    uint64_t pieces_;
-    Zeros zeros_;
+    uint64_t m_pieces;
+    Zeros m_zeros;
 };
 
 // A sparse image that expands to the given pieces: raw and don't-care chunks of one piece in turn.
 class SparsePayload : public Payload {
 public:
-    explicit SparsePayload(uint64_t pieces) : pieces_(pieces) {}
+    explicit SparsePayload(uint64_t pieces) : m_pieces(pieces) {}
     uint64_t size() const override {
-        return sparse_field::header_bytes + pieces_ * sparse_field::chunk_header_bytes +
-               pieces_ / 2 * piece_bytes;
+        return sparse_field::kHeaderBytes + m_pieces * sparse_field::kChunkHeaderBytes +
+               m_pieces / 2 * kPieceBytes;
     }
     void write(std::ostream& out) const override {
-        constexpr uint32_t blocks = piece_bytes / sparse_block;
+        constexpr uint32_t blocks = kPieceBytes / kSparseBlock;
         SparseImage header;
-        header.block_size = sparse_block;
-        header.total_blocks = static_cast<uint32_t>(pieces_ * blocks);
-        header.total_chunks = static_cast<uint32_t>(pieces_);
+        header.block_size = kSparseBlock;
+        header.total_blocks = static_cast<uint32_t>(m_pieces * blocks);
+        header.total_chunks = static_cast<uint32_t>(m_pieces);
         put(out, header.build());
         DenseBytes dense;
-        for (uint64_t i = 0; i < pieces_; ++i) {
-            put(out, chunk(i % 2 == 0 ? SparseChunk::raw(dense.next_piece(), sparse_block)
+        for (uint64_t i = 0; i < m_pieces; ++i) {
+            put(out, chunk(i % 2 == 0 ? SparseChunk::raw(dense.next_piece(), kSparseBlock)
                                       : SparseChunk::dont_care(blocks)));
         }
     }
@@ -139,10 +137,10 @@ private:
         SparseImage image;
         image.chunks.push_back(std::move(chunk));
         const Bytes bytes = image.build();
-        return slice(bytes, sparse_field::header_bytes, bytes.size() - sparse_field::header_bytes);
+        return slice(bytes, sparse_field::kHeaderBytes, bytes.size() - sparse_field::kHeaderBytes);
     }
 
-    uint64_t pieces_;
+    uint64_t m_pieces;
 };
 
 struct Placed {
@@ -153,18 +151,17 @@ struct Placed {
 };
 
 uint32_t in_sectors(uint64_t bytes) {
-    return static_cast<uint32_t>(bytes / sector_size);
+    return static_cast<uint32_t>(bytes / kSectorSize);
 }
 
 void write_firmware(const fs::path& path, const std::vector<Placed>& parts) {
     Firmware firmware = sample_firmware({.gpt = true});
     std::vector<Partition> partitions;
-    for (const Placed& part : parts) {
+    for (const Placed& part : parts)
         partitions.push_back({part.name, part.offset, in_sectors(part.part_bytes)});
-    }
     firmware.items = {{.name = "parameter",
                        .file = "parameter.txt",
-                       .part_size = first_partition,
+                       .part_size = kFirstPartition,
                        .data = parameter_record(parameter_text(partitions, true))}};
     for (const Placed& part : parts) {
         firmware.items.push_back({.name = part.name,
@@ -183,25 +180,22 @@ void write_firmware(const fs::path& path, const std::vector<Placed>& parts) {
         parts[i].payload->write(file);
     }
     file.close();
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot write " + path.string());
-    }
 }
 
 void write_payload(const fs::path& path, const Payload& payload) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     payload.write(file);
     file.close();
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot write " + path.string());
-    }
 }
 
 void make_with_one_partition(const Arguments& arguments, const Payload& payload) {
-    write_firmware(arguments.out, {{"rootfs", first_partition, arguments.size_mib * mib, &payload}});
-    if (!arguments.payload.empty()) {
+    write_firmware(arguments.out, {{"rootfs", kFirstPartition, arguments.size_mib * kMib, &payload}});
+    if (!arguments.payload.empty())
         write_payload(arguments.payload, payload);
-    }
 }
 
 // Quarters of the image: data and zeros in turn; nobody's; data and zeros in turn; the empty end of that
@@ -209,19 +203,18 @@ void make_with_one_partition(const Arguments& arguments, const Payload& payload)
 void make_with_gaps(const Arguments& arguments) {
     const uint64_t quarter = arguments.size_mib / 4;
     const PlainPayload payload(quarter, Zeros::every_second_piece);
-    const uint32_t second = first_partition + in_sectors(2 * quarter * mib);
-    write_firmware(arguments.out, {{"system", first_partition, quarter * mib, &payload},
-                                   {"data", second, 2 * quarter * mib, &payload}});
+    const uint32_t second = kFirstPartition + in_sectors(2 * quarter * kMib);
+    write_firmware(arguments.out, {{"system", kFirstPartition, quarter * kMib, &payload},
+                                   {"data", second, 2 * quarter * kMib, &payload}});
 }
 
 void make(const Arguments& arguments) {
-    if (arguments.kind == "gaps") {
+    if (arguments.kind == "gaps")
         make_with_gaps(arguments);
-    } else if (arguments.kind == "dense") {
+    else if (arguments.kind == "dense")
         make_with_one_partition(arguments, PlainPayload(arguments.size_mib, Zeros::none));
-    } else {
+    else
         make_with_one_partition(arguments, SparsePayload(arguments.size_mib));
-    }
 }
 
 }  // namespace

@@ -19,42 +19,39 @@ namespace {
 
 std::string text_of(const Command& command) {
     std::string text;
-    for (const std::string& word : command.words) {
+    for (const std::string& word : command.words)
         text += (text.empty() ? "" : " ") + word;
-    }
     return text;
 }
 
 // What the command says on standard error, kept in memory: it matters only when the command fails.
 class ErrorText {
 public:
-    ErrorText() : descriptor_(memfd_create("error_text", MFD_CLOEXEC)) {
-        if (descriptor_ < 0) {
+    ErrorText() : m_descriptor(memfd_create("error_text", MFD_CLOEXEC)) {
+        if (m_descriptor < 0)
             throw std::runtime_error("cannot keep error messages");
-        }
     }
     ErrorText(const ErrorText&) = delete;
     ErrorText& operator=(const ErrorText&) = delete;
-    ~ErrorText() { close(descriptor_); }
+    ~ErrorText() { close(m_descriptor); }
 
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return m_descriptor; }
     std::string text() const {
         std::string text(4096, '\0');
-        const ssize_t got = pread(descriptor_, text.data(), text.size(), 0);
+        const ssize_t got = pread(m_descriptor, text.data(), text.size(), 0);
         text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
         return text;
     }
 
 private:
-    int descriptor_;
+    int m_descriptor;
 };
 
 // Not fork: a child would begin with the pages of this process, and they would count as its peak.
 pid_t start(const Command& command, const ErrorText& errors) {
     std::vector<char*> words;
-    for (const std::string& word : command.words) {
+    for (const std::string& word : command.words)
         words.push_back(const_cast<char*>(word.c_str()));  // posix_spawn leaves them as they are
-    }
     words.push_back(nullptr);
 
     const std::string output = command.output_file.empty() ? "/dev/null" : command.output_file.string();
@@ -66,9 +63,8 @@ pid_t start(const Command& command, const ErrorText& errors) {
     pid_t child = -1;
     const int error = posix_spawnp(&child, words[0], &actions, nullptr, words.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
+    if (error != 0)
         throw std::runtime_error("cannot run " + text_of(command) + ": " + std::strerror(error));
-    }
     return child;
 }
 
@@ -84,13 +80,11 @@ Measurement run_measured(const Command& command) {
     const pid_t child = start(command, errors);
     int status = 0;
     rusage usage{};
-    if (wait4(child, &status, 0, &usage) != child) {
+    if (wait4(child, &status, 0, &usage) != child)
         throw std::runtime_error("lost " + text_of(command));
-    }
     const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - begin;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         throw std::runtime_error("failed: " + text_of(command) + "\n" + errors.text());
-    }
     return {.seconds = wall.count(),
             .user_seconds = in_seconds(usage.ru_utime),
             .system_seconds = in_seconds(usage.ru_stime),
@@ -99,9 +93,8 @@ Measurement run_measured(const Command& command) {
 
 std::optional<uint64_t> count_system_calls(const Command& command, const std::filesystem::path& scratch) {
     // A trial of its own: a failure of the command is an error, a machine that forbids tracing is none.
-    if (!have_tool("strace")) {
+    if (!have_tool("strace"))
         return std::nullopt;
-    }
     Command traced{{"strace", "-f", "-c", "-o", scratch.string(), "true"}, {}};
     try {
         run_measured(traced);
@@ -121,9 +114,8 @@ std::optional<uint64_t> count_system_calls(const Command& command, const std::fi
         std::istringstream fields(line);
         double share = 0, seconds = 0, each = 0;
         uint64_t calls = 0;
-        if (fields >> share >> seconds >> each >> calls && !line.ends_with(" total")) {
+        if (fields >> share >> seconds >> each >> calls && !line.ends_with(" total"))
             sum += calls;
-        }
     }
     return sum;
 }
@@ -132,10 +124,8 @@ bool have_tool(const std::string& name) {
     const char* path = std::getenv("PATH");
     std::istringstream directories(path != nullptr ? path : "");
     std::string directory;
-    while (std::getline(directories, directory, ':')) {
-        if (access((directory + "/" + name).c_str(), X_OK) == 0) {
+    while (std::getline(directories, directory, ':'))
+        if (access((directory + "/" + name).c_str(), X_OK) == 0)
             return true;
-        }
-    }
     return false;
 }

@@ -13,8 +13,8 @@ namespace {
 
 using test_support::Bytes;
 
-constexpr uint32_t kib = 1024;
-constexpr uint64_t file_limit = uint64_t{64} << 20;  // the file is then written over from its start
+constexpr uint32_t kIb = 1024;
+constexpr uint64_t kFileLimit = uint64_t{64} << 20;  // the file is then written over from its start
 
 enum class Sink { file, nothing };
 enum class Contents { data, fill };
@@ -30,9 +30,8 @@ public:
         return this->m_fout.is_open();
     }
     void start_over_at(uint64_t limit) {
-        if (this->m_fout.buffer().position() >= limit) {
+        if (this->m_fout.buffer().position() >= limit)
             this->m_fout.seekp(0);
-        }
     }
 };
 
@@ -49,33 +48,33 @@ void write_pages(benchmark::State& state, Storage& storage, uint32_t page_size, 
     Bytes page = contents == Contents::data ? test_support::patterned(page_size, 1) : Bytes(page_size, 0);
     for (auto _ : state) {
         storage.write_page(page.data(), page_size);
-        storage.start_over_at(file_limit);
+        storage.start_over_at(kFileLimit);
     }
     state.SetBytesProcessed(state.iterations() * page_size);
 }
 
 void emmc_pages(benchmark::State& state, Sink sink, Contents contents) {
     OpenStorage<CEmmcStorage> storage(512U, 2U, 0U, "", "", false);
-    write_pages(state, storage, 2 * kib, sink, contents);
+    write_pages(state, storage, 2 * kIb, sink, contents);
 }
 
 // 2 KB of data per page, in pages of 4 KB.
 void spi_pages_of_2k_data(benchmark::State& state, Sink sink, Contents contents) {
     OpenStorage<CSpiStorage> storage(256U, 4U, 0U, "", "", true);
-    write_pages(state, storage, 4 * kib, sink, contents);
+    write_pages(state, storage, 4 * kIb, sink, contents);
 }
 
 void slc_pages(benchmark::State& state, Sink sink, Contents contents) {
     const auto page_kib = static_cast<uint32_t>(state.range(0));
     OpenStorage<CSlcStorage> storage(128U, page_kib, 32 * page_kib, "", "", false, false);
-    write_pages(state, storage, page_kib * kib, sink, contents);
+    write_pages(state, storage, page_kib * kIb, sink, contents);
 }
 
 void get_data_in_pages(benchmark::State& state) {
     const test_support::TemporaryDirectory directory;
     const std::string path = (directory / "firmware.img").string();
     constexpr uint32_t data_size = 32U << 20;
-    constexpr uint32_t piece = 2 * kib;
+    constexpr uint32_t piece = 2 * kIb;
     test_support::Firmware firmware = test_support::sample_firmware();
     firmware.item("rootfs").data = test_support::patterned(data_size, 1);
     firmware.write(path);

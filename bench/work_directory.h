@@ -14,10 +14,10 @@ public:
     WorkDirectory& operator=(const WorkDirectory&) = delete;
     ~WorkDirectory();
 
-    std::filesystem::path inputs() const { return path_ / "inputs"; }
-    std::filesystem::path output() const { return path_ / "output"; }  // what is measured writes here
-    std::filesystem::path copy() const { return path_ / "copy"; }      // what it is measured against
-    std::filesystem::path scratch(const char* name) const { return path_ / name; }
+    std::filesystem::path inputs() const { return m_path / "inputs"; }
+    std::filesystem::path output() const { return m_path / "output"; }  // what is measured writes here
+    std::filesystem::path copy() const { return m_path / "copy"; }      // what it is measured against
+    std::filesystem::path scratch(const char* name) const { return m_path / name; }
 
     // Removes everything in one of the directories above.
     void empty(const std::filesystem::path& directory) const;
@@ -26,7 +26,7 @@ public:
     void settle() const;
 
 private:
-    std::filesystem::path path_;
+    std::filesystem::path m_path;
 };
 
 // Files in a directory, sorted by name.

@@ -36,5 +36,5 @@ source_files() {
     if (($# == 0)); then
         set -- src tests bench
     fi
-    find "$@" -type f \( -name '*.cpp' -o -name '*.h' \) -print0 | sort -z
+    find "$@" -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.inc' \) -print0 | sort -z
 }

@@ -7,45 +7,45 @@ namespace {
 using namespace test_support;
 using namespace std::string_literals;
 
-const std::string version_line = "nandsmith  v1.0_20210204";
+const std::string kVersionLine = "nandsmith  v1.0_20210204";
 
-const std::string usage = "NAME\n"
-                          "\tnandsmith - creating image for programming on flash\n"
-                          "SYNOPSIS\n"
-                          "\tnandsmith [-iotbpsvh]\n"
-                          "DESCRIPTION\n"
-                          "\tThis tool aims to convert firmware into image for programming\n"
-                          "\tFrom now on,it can support slc nand(qz)|spi nand|nor|emmc.\n"
-                          "OPTIONS:\n"
-                          "\t  -i\tinput firmware\n"
-                          "\t  -o\toutput directory\n"
-                          "\t  -t\tstorage type,range in[SLC|SPINAND|SPINOR|EMMC]\n"
-                          "\t  -b\tblock size,unit KB\n"
-                          "\t  -p\tpage size,unit KB\n"
-                          "\t  -s\toob size,unit B\n"
-                          "\t  -2\t2k data in one page\n"
-                          "\t  -l\tusing page linked list\n"
-                          "\t  -v\tshow version";
+const std::string kUsage = "NAME\n"
+                           "\tnandsmith - creating image for programming on flash\n"
+                           "SYNOPSIS\n"
+                           "\tnandsmith [-iotbpsvh]\n"
+                           "DESCRIPTION\n"
+                           "\tThis tool aims to convert firmware into image for programming\n"
+                           "\tFrom now on,it can support slc nand(qz)|spi nand|nor|emmc.\n"
+                           "OPTIONS:\n"
+                           "\t  -i\tinput firmware\n"
+                           "\t  -o\toutput directory\n"
+                           "\t  -t\tstorage type,range in[SLC|SPINAND|SPINOR|EMMC]\n"
+                           "\t  -b\tblock size,unit KB\n"
+                           "\t  -p\tpage size,unit KB\n"
+                           "\t  -s\toob size,unit B\n"
+                           "\t  -2\t2k data in one page\n"
+                           "\t  -l\tusing page linked list\n"
+                           "\t  -v\tshow version";
 
 TEST(Version, IsOneLineWithTwoBlanks) {
     for (const char* option : {"-v", "--version"}) {
         SCOPED_TRACE(option);
-        expect_run(run({option}), 0, line(version_line));
+        expect_run(run({option}), 0, line(kVersionLine));
     }
 }
 
 TEST(Usage, HasSeventeenLines) {
     for (const char* option : {"-h", "--help"}) {
         SCOPED_TRACE(option);
-        expect_run(run({option}), 0, line(usage));
+        expect_run(run({option}), 0, line(kUsage));
     }
 }
 
 TEST(Usage, EndsTheRunBeforeLaterOptionsAreRead) {
-    expect_run(run({"-h", "-t", "nvme"}), 0, line(usage));
-    expect_run(run({"-v", "-b", "abc"}), 0, line(version_line));
-    expect_run(run({"-hv"}), 0, line(usage));
-    expect_run(run({"-vh"}), 0, line(version_line));
+    expect_run(run({"-h", "-t", "nvme"}), 0, line(kUsage));
+    expect_run(run({"-v", "-b", "abc"}), 0, line(kVersionLine));
+    expect_run(run({"-hv"}), 0, line(kUsage));
+    expect_run(run({"-vh"}), 0, line(kVersionLine));
 }
 
 TEST(FlashType, OfAnUnknownWordEndsTheRunAtOnce) {
@@ -71,7 +71,7 @@ TEST(Options, AreEchoedInTheOrderInWhichTheyAreGiven) {
     std::string expected = line("input firmware is 'fw'") + line("output directory is 'dir'") +
                            line("flash type is 'slc'") + line("block size is '128'") +
                            line("page size is '2'") + line("oob size is '64'") + line("2k data page on.") +
-                           line("page linked list on.") + line(version_line);
+                           line("page linked list on.") + line(kVersionLine);
     expect_run(run({"-i", "fw", "-o", "dir", "-t", "slc", "-b", "128", "-p", "2", "-s", "64", "-2",
                     "--page_list", "-v"}),
                0, expected);
@@ -87,7 +87,7 @@ TEST(Options, AreEchoedInTheOrderInWhichTheyAreGiven) {
     std::string reversed = line("page linked list on.") + line("2k data page on.") +
                            line("oob size is '64'") + line("page size is '2'") + line("block size is '128'") +
                            line("flash type is 'slc'") + line("output directory is 'dir'") +
-                           line("input firmware is 'fw'") + line(version_line);
+                           line("input firmware is 'fw'") + line(kVersionLine);
     expect_run(
         run({"--page_list", "-2s", "64", "-p", "2", "-b", "128", "-t", "slc", "-o", "dir", "-i", "fw", "-v"}),
         0, reversed);
@@ -103,7 +103,7 @@ TEST(Options, LetArgumentsThatAreNoOptionsPassInTheirOrder) {
     expect_run(run({"first", "-2", "second", "", "-", "-v"}), 0,
                line("regular argument 'first'") + line("2k data page on.") +
                    line("regular argument 'second'") + line("regular argument ''") +
-                   line("regular argument '-'") + line(version_line));
+                   line("regular argument '-'") + line(kVersionLine));
 }
 
 TEST(Options, EndAtADoubleDash) {
@@ -114,20 +114,20 @@ TEST(Options, EndAtADoubleDash) {
 TEST(Options, OfUnknownNameAreReportedAndParsingGoesOn) {
     expect_run(run({"-x", "-2", "-L", "-v"}), 0,
                line("Unknown option x") + line("2k data page on.") + line("Unknown option L") +
-                   line(version_line));
+                   line(kVersionLine));
     expect_run(run({"-2x2", "-v"}), 0,
                line("2k data page on.") + line("Unknown option x") + line("2k data page on.") +
-                   line(version_line));
+                   line(kVersionLine));
 }
 
 // The letter of an option that has none is a NUL.
 TEST(Options, OfUnknownLongNameAreReportedWithoutALetter) {
-    expect_run(run({"--blocks", "-v"}), 0, line("Unknown option \0"s) + line(version_line));
+    expect_run(run({"--blocks", "-v"}), 0, line("Unknown option \0"s) + line(kVersionLine));
 }
 
 TEST(Options, GivenAValueTheyDoNotTakeAreReported) {
-    expect_run(run({"--2k_data=1", "-v"}), 0, line("Unknown option 2") + line(version_line));
-    expect_run(run({"--page_list=1", "-v"}), 0, line("Unknown option l") + line(version_line));
+    expect_run(run({"--2k_data=1", "-v"}), 0, line("Unknown option 2") + line(kVersionLine));
+    expect_run(run({"--page_list=1", "-v"}), 0, line("Unknown option l") + line(kVersionLine));
 }
 
 std::string missing(char letter) {
@@ -154,8 +154,8 @@ TEST(Options, WithoutTheirValueAreReportedByTheirLetter) {
 
 // The usage text lists -l, but only the long option switches the page list on.
 TEST(PageList, HasNoShortOption) {
-    expect_run(run({"-l", "-v"}), 0, line("Unknown option l") + line(version_line));
-    expect_run(run({"--page_list", "-v"}), 0, line("page linked list on.") + line(version_line));
+    expect_run(run({"-l", "-v"}), 0, line("Unknown option l") + line(kVersionLine));
+    expect_run(run({"--page_list", "-v"}), 0, line("page linked list on.") + line(kVersionLine));
 }
 
 struct SizeOption {
@@ -182,7 +182,7 @@ TEST_P(Size, MayHaveBlanksASignAndTrailingText) {
          {"12", "12abc", " \t12", "+12", "-12", "2147483647", "-2147483648", "0", "007", "1.5", "0x10"}) {
         SCOPED_TRACE(text);
         expect_run(run({option.letter, text, "-v"}), 0,
-                   line(option.what + " is '" + text + "'") + line(version_line));
+                   line(option.what + " is '" + text + "'") + line(kVersionLine));
     }
 }
 

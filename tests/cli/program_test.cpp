@@ -12,17 +12,17 @@ namespace {
 
 using namespace test_support;
 
-const std::vector<Conversion> one_of_each{{"emmc", "512", "2"},
-                                          {"spinor", "64", "2"},
-                                          {"spinand", "128", "2"},
-                                          {"slc", "16", "2", "64", true, true}};
+const std::vector<Conversion> kOneOfEach{{"emmc", "512", "2"},
+                                         {"spinor", "64", "2"},
+                                         {"spinand", "128", "2"},
+                                         {"slc", "16", "2", "64", true, true}};
 
 TEST(Program, ConvertsForEveryType) {
     for (const bool gpt : {false, true}) {
         Firmware firmware = sample_firmware({.gpt = gpt});
         firmware.items[0].part_size = 64;
         const GptEntries entries = gpt ? GptEntries(sample_gpt()) : std::nullopt;
-        for (const Conversion& conversion : one_of_each) {
+        for (const Conversion& conversion : kOneOfEach) {
             const Workbench bench(firmware);
             bench.expect(conversion, expected_run(firmware, conversion, bench.out_dir(), entries),
                          By::program);
@@ -38,14 +38,14 @@ TEST(Program, RepeatsItself) {
     for (const bool gpt : {false, true}) {
         Firmware firmware = sample_firmware({.gpt = gpt, .scramble_stages = true});
         firmware.item("rootfs").data = sparse.build();
-        for (Conversion conversion : one_of_each) {
+        for (Conversion conversion : kOneOfEach) {
             SCOPED_TRACE(testing::PrintToString(conversion));
             conversion.two_kilobytes_data = gpt;
             const Workbench bench(firmware);
             const RunResult first = bench.convert(conversion);
-            ASSERT_EQ(first.exit_status, converted) << first.out;
+            ASSERT_EQ(first.exit_status, kConverted) << first.out;
             const Files files = bench.outputs();
-            expect_run(bench.convert(conversion), converted, first.out);
+            expect_run(bench.convert(conversion), kConverted, first.out);
             bench.expect_files(files);
             EXPECT_TRUE(same_bytes(read_file(bench.firmware()), firmware.build()));
         }
@@ -58,7 +58,7 @@ struct Ending {
     std::string situation;
     std::function<void(Firmware&)> bend;
     std::string last_line;
-    int status = creation_failed;
+    int status = kCreationFailed;
     Conversion conversion{};
 };
 
@@ -87,14 +87,14 @@ TEST_P(EndingTest, HasTheStatusAndTheLinesOfTheCall) {
     bench.expect_files(files);
 }
 
-const std::vector<Ending> endings{
+const std::vector<Ending> kEndings{
     {"Geometry",
      [](Firmware&) {},
      line("page size is out of range"),
-     init_failed,
+     kInitFailed,
      {"slc", "1", "4194304", "1"}},
     {"Firmware", [](Firmware& firmware) { firmware.tag = "QZFX"; }, line("failed to load firmware,ret=1"),
-     init_failed},
+     kInitFailed},
     {"BootBlock", [](Firmware& firmware) { firmware.boot.loader.entries.clear(); },
      error_line("failed to write idblock,ret=-1")},
     {"ItemTable", [](Firmware& firmware) { firmware.item_count = 0x7FFFFFFF; },
@@ -108,19 +108,19 @@ const std::vector<Ending> endings{
     {"Preparing",
      [](Firmware& firmware) { firmware.items[2].name = "taken"; },
      error_line("failed to prepare taken"),
-     creation_failed,
+     kCreationFailed,
      {"spinand", "128", "2"}},
     {"Partition", [](Firmware& firmware) { firmware.items[2].part_size = 0; },
      error_line("failed to write misc,ret=-1")},
 };
 
-INSTANTIATE_TEST_SUITE_P(Of, EndingTest, testing::ValuesIn(endings),
+INSTANTIATE_TEST_SUITE_P(Of, EndingTest, testing::ValuesIn(kEndings),
                          [](const testing::TestParamInfo<Ending>& tested) { return tested.param.situation; });
 
 TEST(Program, EndsIn242WithoutAnOutputImage) {
     const Workbench bench(sample_firmware());
     fs::create_directory(bench.out("out_image.img"));
-    bench.expect({}, init_failed, not_created(bench.out("out_image.img"), EISDIR), By::program);
+    bench.expect({}, kInitFailed, not_created(bench.out("out_image.img"), EISDIR), By::program);
 }
 
 TEST(Program, EndsIn241WithTheVerdict) {
@@ -129,7 +129,7 @@ TEST(Program, EndsIn241WithTheVerdict) {
     fs::create_symlink("/dev/full", bench.out("out_image.img"));
     std::string text = expected_run(firmware, {}, bench.out_dir()).text;
     text.erase(text.rfind("creating"));
-    bench.expect({}, creation_failed, text + not_written(bench.out("out_image.img"), ENOSPC), By::program);
+    bench.expect({}, kCreationFailed, text + not_written(bench.out("out_image.img"), ENOSPC), By::program);
 }
 
 // A path of that many characters to the firmware.
@@ -148,25 +148,25 @@ TEST(Program, EndsIn1ForAFirmwarePathOf256Characters) {
     for (const std::size_t length : {256U, 257U, 1000U}) {
         const std::string path = path_of_length(bench, length);
         ASSERT_EQ(path.size(), length);
-        for (const Conversion& conversion : {one_of_each[0], one_of_each[2]})
+        for (const Conversion& conversion : {kOneOfEach[0], kOneOfEach[2]})
             expect_run(run(conversion.arguments(path, out)), 1,
                        conversion.echo(path, out) + line("path of firmware is too long"));
     }
     EXPECT_EQ(bench.output_names(), Names{});
     const std::string path = path_of_length(bench, 255);
-    expect_run(run(Conversion().arguments(path, out)), converted,
+    expect_run(run(Conversion().arguments(path, out)), kConverted,
                Conversion().echo(path, out) + expected_run(firmware, {}, out).text);
 }
 
 // ---- limits of the machine ----
 
 TEST(Program, FailsWithoutMemoryForAPage) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "the address sanitizer needs the address space";
     const Workbench bench(sample_firmware());
-    bench.expect({"emmc", "1048576", "1048576"}, creation_failed,
+    bench.expect({"emmc", "1048576", "1048576"}, kCreationFailed,
                  line("writing idblock...") + error_line("failed to write idblock,ret=-5"), By::program,
-                 {.address_space_limit = 256 * mib});
+                 {.address_space_limit = 256 * kMib});
 }
 
 TEST(Program, TakesALimitOnTheSizeOfFilesForAWriteError) {
@@ -178,13 +178,13 @@ TEST(Program, TakesALimitOnTheSizeOfFilesForAWriteError) {
     const ExpectedRun whole = expected_run(firmware, {}, bench.out_dir());
     const uint64_t size = whole.files.at("out_image.img").size();
     const std::string steps = whole.text.substr(0, whole.text.rfind("creating"));
-    for (const uint64_t limit : {uint64_t{0}, uint64_t{1000}, uint64_t{mib}, size - 1}) {
+    for (const uint64_t limit : {uint64_t{0}, uint64_t{1000}, uint64_t{kMib}, size - 1}) {
         SCOPED_TRACE(limit);
-        bench.expect({}, creation_failed, steps + not_written(bench.out("out_image.img"), EFBIG), By::program,
+        bench.expect({}, kCreationFailed, steps + not_written(bench.out("out_image.img"), EFBIG), By::program,
                      {.file_size_limit = limit});
         EXPECT_LE(fs::file_size(bench.out("out_image.img")), limit);
     }
-    bench.expect({}, converted, whole.text, By::program, {.file_size_limit = size});
+    bench.expect({}, kConverted, whole.text, By::program, {.file_size_limit = size});
     bench.expect_files(whole.files);
 }
 
@@ -198,7 +198,7 @@ TEST(Program, CountsTheListIndexAsThePageListSays) {
         SCOPED_TRACE(option);
         Arguments arguments = Conversion{"slc", "16", "2", "64"}.arguments(bench.firmware(), bench.out_dir());
         arguments.emplace_back(option);
-        ASSERT_EQ(run(arguments).exit_status, converted);
+        ASSERT_EQ(run(arguments).exit_status, kConverted);
         for (const auto& [name, file] : bench.outputs())
             for (const std::size_t page : {0U, 1U, 2U})
                 EXPECT_EQ(get32(file, page * 2112 + 1024), page * step) << name;
@@ -212,7 +212,7 @@ TEST(Program, DoesNotOverwriteAFirmwareOfARelativePath) {
     for (const std::string path : {"out_image.img", "./out_image.img", "../out/out_image.img"}) {
         SCOPED_TRACE(path);
         expect_run(run(Conversion().arguments(path, "."), {.working_directory = bench.out_dir()}),
-                   init_failed, Conversion().echo(path, ".") + not_created("./out_image.img", EBUSY));
+                   kInitFailed, Conversion().echo(path, ".") + not_created("./out_image.img", EBUSY));
         EXPECT_TRUE(same_bytes(bench.output("out_image.img"), firmware.build()));
     }
 }

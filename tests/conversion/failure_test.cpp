@@ -12,13 +12,13 @@ namespace {
 
 using namespace test_support;
 
-const Conversion emmc{"emmc", "512", "2"};
+const Conversion kEmmc{"emmc", "512", "2"};
 
 // Bytes that stay in out_image.img, zeros but for the boot blocks.
-constexpr std::size_t nothing = 0;
-constexpr std::size_t boot_blocks = 1088 * sector_size + 512 * kib;
+constexpr std::size_t kNothing = 0;
+constexpr std::size_t kBootBlocks = 1088 * kSectorSize + 512 * kIb;
 constexpr std::size_t up_to(std::size_t sector) {
-    return sector * sector_size;
+    return sector * kSectorSize;
 }
 
 struct Failure {
@@ -26,7 +26,7 @@ struct Failure {
     std::function<Bytes()> firmware;
     std::string printed;  // after "writing idblock...", up to the coloured line
     std::string error;
-    std::size_t left = boot_blocks;
+    std::size_t left = kBootBlocks;
 };
 
 void PrintTo(const Failure& failure, std::ostream* out) {
@@ -43,12 +43,12 @@ TEST_P(FailureTest, HasItsLineAndKeepsWhatIsWritten) {
     const Failure& failure = GetParam();
     const Workbench bench;
     bench.pack(failure.firmware());
-    bench.expect(emmc, creation_failed,
+    bench.expect(kEmmc, kCreationFailed,
                  line("writing idblock...") + failure.printed + error_line(failure.error));
     EXPECT_EQ(bench.output_names(), Names{"out_image.img"});
     Bytes left;
-    if (failure.left != nothing) {
-        const Bytes copy = zero_padded(boot_block(sample_firmware()), 512 * kib);
+    if (failure.left != kNothing) {
+        const Bytes copy = zero_padded(boot_block(sample_firmware()), 512 * kIb);
         left = ExpectedImage().write(64, copy).write(1088, copy).bytes();
         left.resize(failure.left, 0);
     }
@@ -76,19 +76,19 @@ std::function<Bytes()> bent_bytes(const std::function<void(Bytes&, const Firmwar
 // ---- boot block ----
 
 // The largest stage that 16 bits can count in sectors of whole 2 KB units.
-constexpr uint32_t largest_stage = 65532 * sector_size;
+constexpr uint32_t kLargestStage = 65532 * kSectorSize;
 
 using BendEntry = std::function<void(BootEntry&)>;
 
 Failure no_loader(const std::string& situation, int code, const std::function<void(BootEntryList&)>& bend) {
     return {situation, bent([bend](Firmware& firmware) { bend(firmware.boot.loader); }), "",
-            "failed to write idblock,ret=" + std::to_string(code), nothing};
+            "failed to write idblock,ret=" + std::to_string(code), kNothing};
 }
 
 // FlashData is entry 0, FlashBoot entry 1.
 Failure no_size(const std::string& situation, std::size_t index) {
     return no_loader(situation, index == 0 ? -2 : -1,
-                     [index](BootEntryList& loader) { loader.entries[index].data_size = largest_stage + 1; });
+                     [index](BootEntryList& loader) { loader.entries[index].data_size = kLargestStage + 1; });
 }
 
 Failure unreadable(const std::string& situation, const std::vector<std::size_t>& entries,
@@ -102,7 +102,7 @@ Failure unreadable(const std::string& situation, const std::vector<std::size_t>&
     return failure;
 }
 
-const std::vector<Failure> boot_block_failures{
+const std::vector<Failure> kBootBlockFailures{
     no_loader("NoEntries", -1, [](BootEntryList& loader) { loader.entries.clear(); }),
     no_loader("NoFlashBoot", -1, [](BootEntryList& loader) { loader.entries[1].name = "Flashboots"; }),
     no_loader("NoFlashData", -2, [](BootEntryList& loader) { loader.entries.erase(loader.entries.begin()); }),
@@ -110,22 +110,22 @@ const std::vector<Failure> boot_block_failures{
     no_loader("TableOutside", -1, [](BootEntryList& loader) { loader.table_offset = 0xFFFFFFF0; }),
     no_size("FlashBootOfTooManySectors", 1),
     no_size("FlashDataOfTooManySectors", 0),
-    unreadable("FlashBootTooLong", {1}, [](BootEntry& entry) { entry.data_size = largest_stage; }),
-    unreadable("FlashDataTooLong", {0}, [](BootEntry& entry) { entry.data_size = largest_stage; }),
+    unreadable("FlashBootTooLong", {1}, [](BootEntry& entry) { entry.data_size = kLargestStage; }),
+    unreadable("FlashDataTooLong", {0}, [](BootEntry& entry) { entry.data_size = kLargestStage; }),
     unreadable("FlashBootOutside", {1}, [](BootEntry& entry) { entry.data_offset = 0x7FFFFFFF; }),
     unreadable("FlashDataOutside", {0}, [](BootEntry& entry) { entry.data_offset = 0xFFFFFFFF; }),
     unreadable("BothOutside", {0, 1}, [](BootEntry& entry) { entry.data_offset = 0x7FFFFFFF; }),
 };
 
-INSTANTIATE_TEST_SUITE_P(BootBlock, FailureTest, testing::ValuesIn(boot_block_failures), situation_of);
+INSTANTIATE_TEST_SUITE_P(BootBlock, FailureTest, testing::ValuesIn(kBootBlockFailures), situation_of);
 
 // ---- item table ----
 
-const std::string no_header = "failed to get header of firmware";
-const std::string no_table = "failed to get extended info of firmware";
-const std::string no_items = "not found any of partition items in the firmware";
-const std::string no_parameter = "not found parameter in the firmware";
-const std::string no_buffer = "failed to create param buffer";
+const std::string kNoHeader = "failed to get header of firmware";
+const std::string kNoTable = "failed to get extended info of firmware";
+const std::string kNoItems = "not found any of partition items in the firmware";
+const std::string kNoParameter = "not found parameter in the firmware";
+const std::string kNoBuffer = "failed to create param buffer";
 
 Failure cut(const std::string& situation, uint64_t bytes_of_package, const std::string& error) {
     return {situation, bent_bytes([bytes_of_package](Bytes& bytes, const FirmwareLayout& where) {
@@ -146,34 +146,34 @@ Failure counted(const std::string& situation, int32_t count, std::optional<uint1
 }
 
 Failure without_parameter(const std::string& situation, const std::function<void(Firmware&)>& bend) {
-    return {situation, bent(bend), "", no_parameter};
+    return {situation, bent(bend), "", kNoParameter};
 }
 
-const std::vector<Failure> table_failures{
-    cut("EndsBeforeTheHeader", 0, no_header),
-    cut("EndsAtItsFirstByte", 1, no_header),
-    cut("EndsInTheHeader", 1931, no_header),
-    cut("EndsAtTheEndOfTheHeader", 1932, no_table),
-    cut("EndsInTheTable", 2047, no_table),
+const std::vector<Failure> kTableFailures{
+    cut("EndsBeforeTheHeader", 0, kNoHeader),
+    cut("EndsAtItsFirstByte", 1, kNoHeader),
+    cut("EndsInTheHeader", 1931, kNoHeader),
+    cut("EndsAtTheEndOfTheHeader", 1932, kNoTable),
+    cut("EndsInTheTable", 2047, kNoTable),
     {"PackageBehindTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout&) {
-         put32_at(bytes, head_field::package_offset, 0xFFFFFFFF);
+         put32_at(bytes, head_field::kPackageOffset, 0xFFFFFFFF);
      }),
-     "", no_header},
-    counted("Of584Items", 584, std::nullopt, no_table),
-    counted("Of65535Items", 65535, std::nullopt, no_table),
-    counted("OfItemsThatWrapToALength", 0x01249249, std::nullopt, no_table),
-    counted("Of584ItemsByTheExtension", 583, 1, no_table),
-    counted("Of584ItemsAfterANegativeCount", 584 - 65535, 65535, no_table),
-    counted("OfAsManyAs31BitsCount", 0x7FFFFFFF, std::nullopt, no_table),
-    counted("OfMoreThan31BitsCount", 0x7FFFFFFF, 65535, no_table),
-    counted("OfNoItem", 0, std::nullopt, no_items),
-    counted("OfMinusOneItem", -1, std::nullopt, no_items),
-    counted("OfNoItemByTheExtension", -20, 20, no_items),
-    counted("OfMinusOneItemByTheExtension", -21, 20, no_items),
-    counted("OfALengthBelowZero", -100, std::nullopt, no_table),
-    counted("OfMinus65536Items", -65536, std::nullopt, no_table),
-    counted("OfTheLeastCountButOne", INT32_MIN + 1, std::nullopt, no_table),
-    counted("OfTheLeastCount", INT32_MIN, std::nullopt, no_table),
+     "", kNoHeader},
+    counted("Of584Items", 584, std::nullopt, kNoTable),
+    counted("Of65535Items", 65535, std::nullopt, kNoTable),
+    counted("OfItemsThatWrapToALength", 0x01249249, std::nullopt, kNoTable),
+    counted("Of584ItemsByTheExtension", 583, 1, kNoTable),
+    counted("Of584ItemsAfterANegativeCount", 584 - 65535, 65535, kNoTable),
+    counted("OfAsManyAs31BitsCount", 0x7FFFFFFF, std::nullopt, kNoTable),
+    counted("OfMoreThan31BitsCount", 0x7FFFFFFF, 65535, kNoTable),
+    counted("OfNoItem", 0, std::nullopt, kNoItems),
+    counted("OfMinusOneItem", -1, std::nullopt, kNoItems),
+    counted("OfNoItemByTheExtension", -20, 20, kNoItems),
+    counted("OfMinusOneItemByTheExtension", -21, 20, kNoItems),
+    counted("OfALengthBelowZero", -100, std::nullopt, kNoTable),
+    counted("OfMinus65536Items", -65536, std::nullopt, kNoTable),
+    counted("OfTheLeastCountButOne", INT32_MIN + 1, std::nullopt, kNoTable),
+    counted("OfTheLeastCount", INT32_MIN, std::nullopt, kNoTable),
     without_parameter("NoParameter",
                       [](Firmware& firmware) { firmware.items.erase(firmware.items.begin()); }),
     without_parameter("ParameterInUpperCase",
@@ -181,7 +181,7 @@ const std::vector<Failure> table_failures{
     without_parameter("ParameterWithMoreAfterIt",
                       [](Firmware& firmware) { firmware.items[0].name = "parameter1"; }),
     without_parameter("ParameterNotPlaced",
-                      [](Firmware& firmware) { firmware.items[0].flash_offset = not_placed; }),
+                      [](Firmware& firmware) { firmware.items[0].flash_offset = kNotPlaced; }),
     without_parameter("ParameterBehindTheCount",
                       [](Firmware& firmware) {
                           std::swap(firmware.items[0], firmware.items[1]);
@@ -189,7 +189,7 @@ const std::vector<Failure> table_failures{
                       }),
 };
 
-INSTANTIATE_TEST_SUITE_P(ItemTable, FailureTest, testing::ValuesIn(table_failures), situation_of);
+INSTANTIATE_TEST_SUITE_P(ItemTable, FailureTest, testing::ValuesIn(kTableFailures), situation_of);
 
 // With 27 bytes of it an item cannot even be asked for its header, with 28 it can.
 TEST(FailureLines, NameUnreadableItemsBeforeTheMissingParameter) {
@@ -202,16 +202,16 @@ TEST(FailureLines, NameUnreadableItemsBeforeTheMissingParameter) {
         bytes.resize(firmware.layout().item_data[0] + size);
         const Workbench bench;
         bench.pack(bytes);
-        bench.expect(emmc, creation_failed,
+        bench.expect(kEmmc, kCreationFailed,
                      line("writing idblock...") + (size == 27 ? line("failed to get sparse info") : "") +
-                         error_line(no_parameter));
+                         error_line(kNoParameter));
     }
 }
 
 // ---- parameter and GPT ----
 
 Failure parameter(const std::string& situation, const std::function<void(Item&)>& bend,
-                  const std::string& error = no_buffer) {
+                  const std::string& error = kNoBuffer) {
     return {situation, bent([bend](Firmware& firmware) { bend(firmware.items[0]); }), "", error};
 }
 
@@ -239,13 +239,13 @@ std::string text_with_partitions(uint32_t count) {
     return parameter_text(partitions, true);
 }
 
-const std::vector<Failure> parameter_failures{
+const std::vector<Failure> kParameterFailures{
     parameter("LongerThanTheFile", [](Item& item) { item.size = 0x100000; }),
     parameter("AsLongAs32BitsCount", [](Item& item) { item.size = 0xFFFFFFFF; }),
     {"BehindTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout& where) {
-         put32_at(bytes, where.item_records[0] + item_field::offset, 0x7FFFFFFF);
+         put32_at(bytes, where.item_records[0] + item_field::kOffset, 0x7FFFFFFF);
      }),
-     "", no_buffer},
+     "", kNoBuffer},
     small_parameter("InNoSector", [](Item& item) { item.part_size = 0; }),
     small_parameter("In3Pages", [](Item& item) { item.part_size = 12; }),
     small_parameter("Of17PagesIn64", [](Item& item) { item.data.resize(16 * 2048 + 1, ' '); }),
@@ -254,7 +254,7 @@ const std::vector<Failure> parameter_failures{
     gpt("Gpt1000Partitions", text_with_partitions(1000), "too many partitions for gpt", -3),
 };
 
-INSTANTIATE_TEST_SUITE_P(Parameter, FailureTest, testing::ValuesIn(parameter_failures), situation_of);
+INSTANTIATE_TEST_SUITE_P(Parameter, FailureTest, testing::ValuesIn(kParameterFailures), situation_of);
 
 // The trailer is missing, and a byte of the last item: of both, only the item's byte is missed.
 TEST(LastByte, OfTheFirmwareIsNeeded) {
@@ -266,12 +266,12 @@ TEST(LastByte, OfTheFirmwareIsNeeded) {
         Bytes bytes = tested.build();
         bytes.resize(tested.layout().item_data.back() + tested.items.back().data.size());
         bench.pack(bytes);
-        EXPECT_EQ(bench.call(emmc).status, converted);
+        EXPECT_EQ(bench.call(kEmmc).status, kConverted);
         bytes.pop_back();
         bench.pack(bytes);
-        const Result result = bench.call(emmc);
-        EXPECT_EQ(result.status, creation_failed);
-        const std::string error = parameter_alone ? no_buffer : "failed to write rootfs,ret=-2";
+        const Result result = bench.call(kEmmc);
+        EXPECT_EQ(result.status, kCreationFailed);
+        const std::string error = parameter_alone ? kNoBuffer : "failed to write rootfs,ret=-2";
         EXPECT_EQ(result.text.substr(result.text.find("\x1b[30;41m")), error_line(error));
     }
 }
@@ -279,7 +279,7 @@ TEST(LastByte, OfTheFirmwareIsNeeded) {
 // ---- partitions ----
 
 // All that is printed before the partition "boot".
-const std::string before_boot = line("start to write partitions...gpt=0") +
+const std::string kBeforeBoot = line("start to write partitions...gpt=0") +
                                 preparing_line("parameter", 0x2000) + table_lines("parameter") +
                                 preparing_line("boot", 0x2100) + line("writing boot...");
 
@@ -294,30 +294,30 @@ Failure boot_item(const std::string& situation, const std::string& reason, int c
                 firmware.items[1].flash_offset = 0x100;
                 firmware.items[1].name = "boot";
             }),
-            before_boot + reason, "failed to write boot,ret=" + std::to_string(code), up_to(0x2100)};
+            kBeforeBoot + reason, "failed to write boot,ret=" + std::to_string(code), up_to(0x2100)};
 }
 
-const std::string too_small = line("partition size is too small");
+const std::string kTooSmall = line("partition size is too small");
 
 SparseImage sparse_of(uint32_t block_size, uint32_t blocks) {
     return {
         .block_size = block_size, .total_blocks = blocks, .chunks = {SparseChunk::raw(patterned(4096, 1))}};
 }
 
-const std::vector<Failure> partition_failures{
-    boot_item("OfNoSector", too_small, -1, {.part_size = 0, .data = patterned(28, 1)}),
-    boot_item("APageTooSmall", too_small, -1, {.part_size = 8, .data = patterned(4097, 1)}),
-    boot_item("TooSmallFor64Bits", too_small, -1,
+const std::vector<Failure> kPartitionFailures{
+    boot_item("OfNoSector", kTooSmall, -1, {.part_size = 0, .data = patterned(28, 1)}),
+    boot_item("APageTooSmall", kTooSmall, -1, {.part_size = 8, .data = patterned(4097, 1)}),
+    boot_item("TooSmallFor64Bits", kTooSmall, -1,
               {.part_size = 0x80, .data = patterned(5000, 1), .size = (uint64_t{1} << 32) + 5000}),
     boot_item("DataBehindTheFile", line("failed to get data from firmware"), -2,
-              {.part_size = grows_to_end, .data = patterned(28, 1), .size = uint64_t{1} << 33}),
-    boot_item("SparseInNoSector", too_small, -2, {.part_size = 0, .data = sparse_of(4096, 1).build()}),
-    boot_item("SparseInHalf", too_small, -2, {.part_size = 4, .data = sparse_of(4096, 1).build()}),
-    boot_item("SparseOf12GiB", too_small, -2,
+              {.part_size = kGrowsToEnd, .data = patterned(28, 1), .size = uint64_t{1} << 33}),
+    boot_item("SparseInNoSector", kTooSmall, -2, {.part_size = 0, .data = sparse_of(4096, 1).build()}),
+    boot_item("SparseInHalf", kTooSmall, -2, {.part_size = 4, .data = sparse_of(4096, 1).build()}),
+    boot_item("SparseOf12GiB", kTooSmall, -2,
               {.part_size = 0x10000, .data = sparse_of(0x80000000, 6).build()}),
 };
 
-INSTANTIATE_TEST_SUITE_P(Partition, FailureTest, testing::ValuesIn(partition_failures), situation_of);
+INSTANTIATE_TEST_SUITE_P(Partition, FailureTest, testing::ValuesIn(kPartitionFailures), situation_of);
 
 // Of the sample, the pages of rootfs before those that the file lacks.
 TEST(CutFirmware, KeepsThePagesBeforeTheCut) {
@@ -326,10 +326,10 @@ TEST(CutFirmware, KeepsThePagesBeforeTheCut) {
     Bytes bytes = firmware.build();
     bytes.resize(firmware.layout().item_data[3] + 5 * 2048 + 100);
     bench.pack(bytes);
-    const ExpectedRun whole = expected_run(firmware, emmc, bench.out_dir());
+    const ExpectedRun whole = expected_run(firmware, kEmmc, bench.out_dir());
     const std::string half = redrawn("writing rootfs...50%");
     const std::string printed = whole.text.substr(0, whole.text.rfind(half) + half.size());
-    bench.expect(emmc, creation_failed,
+    bench.expect(kEmmc, kCreationFailed,
                  printed + line("failed to get data from firmware") +
                      error_line("failed to write rootfs,ret=-2"));
     EXPECT_TRUE(same_bytes(bench.output("out_image.img"),
@@ -339,14 +339,14 @@ TEST(CutFirmware, KeepsThePagesBeforeTheCut) {
 TEST(CutFirmware, KeepsThePartitionsBeforeAFailedOne) {
     Firmware firmware = sample_firmware();
     const Workbench bench;
-    const ExpectedRun whole = expected_run(firmware, emmc, bench.out_dir());
+    const ExpectedRun whole = expected_run(firmware, kEmmc, bench.out_dir());
     firmware.items[2].part_size = 1;
     firmware.items[2].data = patterned(2049, 1);
     bench.pack(firmware);
     const std::string preparing = preparing_line("misc", 0x2180);
-    bench.expect(emmc, creation_failed,
+    bench.expect(kEmmc, kCreationFailed,
                  whole.text.substr(0, whole.text.find(preparing)) + preparing + line("writing misc...") +
-                     too_small + error_line("failed to write misc,ret=-1"));
+                     kTooSmall + error_line("failed to write misc,ret=-1"));
     EXPECT_TRUE(
         same_bytes(bench.output("out_image.img"), slice(whole.files.at("out_image.img"), 0, 0x2180 * 512)));
 }
@@ -361,14 +361,14 @@ protected:
         image.chunks = {SparseChunk::raw(patterned(12288, 1)), SparseChunk::dont_care(2),
                         SparseChunk::fill(0x44332211, 3)};
         m_firmware.items.resize(2);
-        m_firmware.items[1].part_size = grows_to_end;
+        m_firmware.items[1].part_size = kGrowsToEnd;
         m_firmware.items[1].data = image.build();
         m_firmware.md5.clear();
         m_firmware.item_alignment = 1;
         m_bench.pack(m_firmware);
     }
 
-    std::string before() const { return line("writing idblock...") + before_boot; }
+    std::string before() const { return line("writing idblock...") + kBeforeBoot; }
 
     Firmware m_firmware = sample_firmware();
     Workbench m_bench{};
@@ -385,15 +385,15 @@ TEST_F(SparseFailureTest, EndsInTheCodeOfWhatIsMissing) {
         const SparseExpansion expansion = expand_sparse(image, 2048);
         ASSERT_EQ(expansion.status, code);
         m_bench.pack(bytes);
-        m_bench.expect(emmc, creation_failed,
-                       line("writing idblock...") + before_boot.substr(0, before_boot.rfind("writing boot")) +
+        m_bench.expect(kEmmc, kCreationFailed,
+                       line("writing idblock...") + kBeforeBoot.substr(0, kBeforeBoot.rfind("writing boot")) +
                            sparse_lines("boot", image, 2048, 0, code) +
                            error_line("failed to write boot,ret=" + std::to_string(code)));
         EXPECT_TRUE(same_bytes(m_bench.output("unsparse_tmp.bin"), expansion.image));
         EXPECT_EQ(fs::file_size(m_bench.out("out_image.img")), up_to(0x2100));
     }
     m_bench.pack(m_firmware);  // the next run is whole
-    m_bench.expect(emmc, expected_run(m_firmware, emmc, m_bench.out_dir()));
+    m_bench.expect(kEmmc, expected_run(m_firmware, kEmmc, m_bench.out_dir()));
 }
 
 TEST_F(SparseFailureTest, NeedsItsTemporaryFile) {
@@ -405,7 +405,7 @@ TEST_F(SparseFailureTest, NeedsItsTemporaryFile) {
             fs::create_directory(temporary);
         else
             fs::create_symlink(link, temporary);
-        m_bench.expect(emmc, creation_failed,
+        m_bench.expect(kEmmc, kCreationFailed,
                        before() + not_created(temporary, error) + error_line("failed to write boot,ret=-3"));
         fs::remove(temporary);
     }
@@ -426,7 +426,7 @@ TEST(OutputImage, ThatCannotBeCreatedEndsTheRun) {
         else
             fs::create_symlink(link, image);
         for (const std::string type : {"emmc", "spinor"})
-            bench.expect({.type = type}, init_failed, not_created(image, error));
+            bench.expect({.type = type}, kInitFailed, not_created(image, error));
         fs::remove(image);
     }
     EXPECT_TRUE(same_bytes(read_file(bench.firmware()), firmware.build()));
@@ -452,7 +452,7 @@ TEST(OwnFirmware, IsSeenThroughEverySpelling) {
             const std::string& to = paths.second;
             SCOPED_TRACE(from + " to " + to);
             int result = 0;
-            EXPECT_EQ(output_of([&] { result = convert_by_call(emmc, from, to); }),
+            EXPECT_EQ(output_of([&] { result = convert_by_call(kEmmc, from, to); }),
                       not_created(to + "/out_image.img", EBUSY));
             EXPECT_EQ(result, -14);
             EXPECT_TRUE(same_bytes(bench.output("out_image.img"), firmware.build()));

@@ -10,7 +10,7 @@ namespace {
 
 using namespace test_support;
 
-const Conversion emmc{"emmc", "512", "2"};
+const Conversion kEmmc{"emmc", "512", "2"};
 
 Item plain(const std::string& name, uint32_t flash_offset, uint32_t sectors, std::size_t bytes,
            uint32_t seed) {
@@ -29,18 +29,18 @@ Firmware with_items(const std::vector<Item>& items) {
 // Items that are not placed, up to so many items in all.
 void fill_up(Firmware& firmware, std::size_t count) {
     while (firmware.items.size() < count)
-        firmware.items.push_back({.name = "filler", .flash_offset = not_placed});
+        firmware.items.push_back({.name = "filler", .flash_offset = kNotPlaced});
 }
 
 // The image of a conversion that prints what the model does.
 Bytes image_of(const Firmware& firmware) {
     const Workbench bench(firmware);
-    bench.expect(emmc, expected_run(firmware, emmc, bench.out_dir()));
+    bench.expect(kEmmc, expected_run(firmware, kEmmc, bench.out_dir()));
     return bench.output("out_image.img");
 }
 
 Bytes at_sector(const Bytes& image, std::size_t sector, std::size_t size) {
-    return slice(image, sector * sector_size, size);
+    return slice(image, sector * kSectorSize, size);
 }
 
 // ---- order and place ----
@@ -48,9 +48,9 @@ Bytes at_sector(const Bytes& image, std::size_t sector, std::size_t size) {
 TEST(ItemTable, MayHoldTheParameterAlone) {
     const Firmware firmware = with_items({});
     ExpectedImage image;
-    const Bytes copy = zero_padded(boot_block(firmware), 512 * kib);
+    const Bytes copy = zero_padded(boot_block(firmware), 512 * kIb);
     image.write(64, copy).write(1088, copy);
-    image.write(0x2000, parameter_pages(firmware.items[0].data, 2048, 8, 8, 1)).pad_to_block(512 * kib);
+    image.write(0x2000, parameter_pages(firmware.items[0].data, 2048, 8, 8, 1)).pad_to_block(512 * kIb);
     EXPECT_TRUE(same_bytes(image_of(firmware), image.bytes()));
 }
 
@@ -80,17 +80,17 @@ TEST(ItemTable, SectorSumMayWrapToTheStart) {
 TEST(ItemTable, PartitionMayOverwriteABootBlockOfAGptImage) {
     Firmware firmware = sample_firmware({.gpt = true});
     firmware.items[1].flash_offset = 60;
-    expect_converted(firmware, emmc, sample_gpt());
+    expect_converted(firmware, kEmmc, sample_gpt());
 }
 
 TEST(ItemTable, PartitionMayLieBeyond4Gigabytes) {
     const Workbench bench(with_items({plain("far", 0x00900000, 8, 4096, 1)}));
-    bench.expect(emmc, converted,
+    bench.expect(kEmmc, kConverted,
                  opening_lines() + preparing_line("parameter", 0x2000) + table_lines("parameter") +
                      preparing_line("far", 0x902000) + writing_lines("far", 2) +
                      line("creating programming image ok."));
-    const uint64_t start = 0x902000 * uint64_t{sector_size};
-    EXPECT_EQ(fs::file_size(bench.out("out_image.img")), start + 512 * kib);
+    const uint64_t start = 0x902000 * uint64_t{kSectorSize};
+    EXPECT_EQ(fs::file_size(bench.out("out_image.img")), start + 512 * kIb);
     std::ifstream image(bench.out("out_image.img"), std::ios::binary);
     image.seekg(static_cast<std::streamoff>(start));
     Bytes found(4096);
@@ -102,28 +102,28 @@ TEST(ItemTable, PartitionMayLieBeyond4Gigabytes) {
 
 TEST(ItemTable, ItemsThatAreNotPlacedAreNotLookedAt) {
     const Item parameter{
-        .name = "parameter", .flash_offset = not_placed, .data = to_bytes("12345678TYPE: GPT\n....")};
+        .name = "parameter", .flash_offset = kNotPlaced, .data = to_bytes("12345678TYPE: GPT\n....")};
     const Firmware firmware =
-        with_items({plain("boot", 0x200, 8, 4096, 1), parameter, plain("notes", not_placed, 0, 5000, 2)});
+        with_items({plain("boot", 0x200, 8, 4096, 1), parameter, plain("notes", kNotPlaced, 0, 5000, 2)});
     Bytes bytes = firmware.build();
     for (const std::size_t i : {2U, 3U})  // nothing can be read there
-        put32_at(bytes, firmware.layout().item_records[i] + item_field::offset, 0x70000000);
+        put32_at(bytes, firmware.layout().item_records[i] + item_field::kOffset, 0x70000000);
     const Workbench bench;
     bench.pack(bytes);
-    bench.expect(emmc, expected_run(firmware, emmc, bench.out_dir()));
+    bench.expect(kEmmc, expected_run(firmware, kEmmc, bench.out_dir()));
 }
 
 TEST(ItemTable, EmptyItemsAreLookedAtButNotWritten) {
     const Firmware firmware = with_items({plain("empty", 0x200, 64, 0, 1), plain("boot", 0x200, 8, 4096, 2)});
-    ExpectedRun expected = expected_run(firmware, emmc, {});
+    ExpectedRun expected = expected_run(firmware, kEmmc, {});
     const Workbench bench(firmware);
-    bench.expect(emmc, expected);
+    bench.expect(kEmmc, expected);
 
     Bytes bytes = firmware.build();
-    put32_at(bytes, firmware.layout().item_records[1] + item_field::offset, 0xFFFFFF00);
+    put32_at(bytes, firmware.layout().item_records[1] + item_field::kOffset, 0xFFFFFF00);
     bench.pack(bytes);
     expected.text.replace(0, opening_lines().size(), opening_lines(1));
-    bench.expect(emmc, expected);
+    bench.expect(kEmmc, expected);
 }
 
 TEST(ItemTable, EmptyParameterItemIsWritten) {
@@ -135,13 +135,13 @@ TEST(ItemTable, EmptyParameterItemIsWritten) {
 TEST(ItemTable, ItemsBehindTheCountAreNotLookedAt) {
     Firmware firmware = with_items({});
     const Workbench bench;
-    const ExpectedRun one = expected_run(firmware, emmc, bench.out_dir());
+    const ExpectedRun one = expected_run(firmware, kEmmc, bench.out_dir());
     firmware.items.push_back(plain("boot", 64, 4, 7, 1));
     for (const auto& [count, expected] :
-         {std::pair{1, one}, std::pair{2, expected_run(firmware, emmc, bench.out_dir())}}) {
+         {std::pair{1, one}, std::pair{2, expected_run(firmware, kEmmc, bench.out_dir())}}) {
         firmware.item_count = count;
         bench.pack(firmware);
-        bench.expect(emmc, expected);
+        bench.expect(kEmmc, expected);
     }
 }
 
@@ -172,7 +172,7 @@ TEST(ParameterItem, IsTheLaterOfTwo) {
 }
 
 TEST(ParameterItem, ThatIsNotPlacedReplacesNone) {
-    Firmware firmware = with_items({{.name = "parameter", .flash_offset = not_placed, .data = Bytes(50, 7)}});
+    Firmware firmware = with_items({{.name = "parameter", .flash_offset = kNotPlaced, .data = Bytes(50, 7)}});
     EXPECT_EQ(at_sector(image_of(firmware), 0x2000, firmware.items[0].data.size()), firmware.items[0].data);
 }
 
@@ -221,14 +221,14 @@ TEST(ItemCount, NeedsBothLettersBeforeTheExtension) {
     firmware.item_count = 2;
     Bytes bytes = firmware.build();
     const std::size_t header = firmware.layout().package_offset;
-    put16_at(bytes, header + package_field::count_extension, 1);
+    put16_at(bytes, header + package_field::kCountExtension, 1);
     firmware.items.pop_back();
     for (const std::string mark : {"uf", "UF", "Ug", "Xf", "U "}) {
         SCOPED_TRACE(mark);
-        put_text_at(bytes, header + package_field::count_extension_mark, mark, 2);
+        put_text_at(bytes, header + package_field::kCountExtensionMark, mark, 2);
         const Workbench bench;
         bench.pack(bytes);
-        bench.expect(emmc, expected_run(firmware, emmc, bench.out_dir()));
+        bench.expect(kEmmc, expected_run(firmware, kEmmc, bench.out_dir()));
     }
 }
 
@@ -245,7 +245,7 @@ TEST(PlainPartition, TakesThePagesOfItsSectors) {
 
 TEST(PlainPartition, ThatGrowsTakesItsDataPages) {
     image_of(with_items(
-        {plain("exact", 0x200, grows_to_end, 4096, 1), plain("more", 0x300, grows_to_end, 4097, 2)}));
+        {plain("exact", 0x200, kGrowsToEnd, 4096, 1), plain("more", 0x300, kGrowsToEnd, 4097, 2)}));
 }
 
 TEST(PlainPartition, ShowsWholePercentages) {
@@ -258,15 +258,15 @@ TEST(Padding, EndsAtTheBlockOrGoesPastItByLessThanAPage) {
     const Workbench bench(with_items({plain("boot", 9164 - 8192, 600, 1, 1)}));
     for (const auto& [conversion, size] : {std::pair{Conversion{"emmc", "512", "2"}, 5242880U},
                                            std::pair{Conversion{"emmc", "512", "3"}, 5244928U}}) {
-        EXPECT_EQ(bench.call(conversion).status, converted);
+        EXPECT_EQ(bench.call(conversion).status, kConverted);
         EXPECT_EQ(fs::file_size(bench.out("out_image.img")), size);
     }
 }
 
 TEST(Padding, IsNotNeededAtABlockBoundary) {
     const Workbench bench(with_items({plain("boot", 0x300, 0x100, 1, 1)}));
-    EXPECT_EQ(bench.call({"emmc", "128", "2"}).status, converted);
-    EXPECT_EQ(fs::file_size(bench.out("out_image.img")), 0x2400 * sector_size);
+    EXPECT_EQ(bench.call({"emmc", "128", "2"}).status, kConverted);
+    EXPECT_EQ(fs::file_size(bench.out("out_image.img")), 0x2400 * kSectorSize);
 }
 
 // ---- sparse items ----
@@ -279,9 +279,9 @@ Bytes sparse_block() {
 // Data that the sparse writer takes for a header of one block without chunks: it writes zeros in its place.
 Bytes data_like_a_header() {
     Bytes data = patterned(4096, 32);
-    put32_at(data, sparse_field::block_size, 4096);
-    put32_at(data, sparse_field::total_blocks, 1);
-    put32_at(data, sparse_field::total_chunks, 0);
+    put32_at(data, sparse_field::kBlockSize, 4096);
+    put32_at(data, sparse_field::kTotalBlocks, 1);
+    put32_at(data, sparse_field::kTotalChunks, 0);
     return data;
 }
 
@@ -308,8 +308,8 @@ TEST(SparseItem, SharesItsMarkWithThose32PlacesAway) {
         for (const std::size_t i : {0U, 2U, 31U, 32U, 33U})
             firmware.items[i].data = i == sparse ? sparse_block() : data_like_a_header();
         const Workbench bench(firmware);
-        const Result result = bench.call(emmc);
-        EXPECT_EQ(result.status, converted);
+        const Result result = bench.call(kEmmc);
+        EXPECT_EQ(result.status, kConverted);
         const std::string other = sparse == 0 ? "32" : "first";
         EXPECT_NE(result.text.find(sparse_lines(other, std::vector<uint64_t>{}, 4096, 2)), std::string::npos);
         const Bytes image = bench.output("out_image.img");
@@ -337,7 +337,7 @@ TEST(SparseItem, WhoseHeaderIsCutIsPlainOrEndsInACode) {
     bytes.resize(firmware.layout().item_data[33] + 27);
     const Workbench bench;
     bench.pack(bytes);
-    bench.expect(emmc, creation_failed,
+    bench.expect(kEmmc, kCreationFailed,
                  opening_lines(1) + preparing_line("parameter", 0x2000) + table_lines("parameter") +
                      preparing_line("system", 0x2040) + sparse_lines("system", sparse_block(), 2048, 4) +
                      preparing_line("short", 0x2080) + line("writing short...") +
@@ -349,9 +349,9 @@ TEST(SparseItem, WhoseHeaderIsCutIsPlainOrEndsInACode) {
     bytes = firmware.build();
     bytes.resize(firmware.layout().item_data[1] + 27);
     bench.pack(bytes);
-    ExpectedRun expected = expected_run(firmware, emmc, bench.out_dir());
+    ExpectedRun expected = expected_run(firmware, kEmmc, bench.out_dir());
     expected.text.replace(0, opening_lines().size(), opening_lines(1));
-    bench.expect(emmc, expected);
+    bench.expect(kEmmc, expected);
 }
 
 }  // namespace

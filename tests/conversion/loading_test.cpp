@@ -9,7 +9,7 @@ namespace {
 
 using namespace test_support;
 
-const std::vector<std::string> types{"emmc", "spinor", "spinand", "slc"};
+const std::vector<std::string> kTypes{"emmc", "spinor", "spinand", "slc"};
 
 // ---- geometry: sizes are kept in bytes and in sectors of 32 bits ----
 
@@ -17,8 +17,8 @@ TEST(GeometryTest, ThatWrapsToZeroIsRefused) {
     const Workbench bench(sample_firmware());
     const auto expect_refused = [&](const std::string& block_kb, const std::string& page_kb,
                                     const std::string& message) {
-        for (const std::string& type : types) {
-            bench.expect({type, block_kb, page_kb, "64"}, init_failed, line(message));
+        for (const std::string& type : kTypes) {
+            bench.expect({type, block_kb, page_kb, "64"}, kInitFailed, line(message));
             EXPECT_EQ(bench.output_names(), Names{});
         }
     };
@@ -57,8 +57,8 @@ TEST_P(LoadingTest, FailsWithOneLine) {
     GetParam().bend(firmware, bytes);
     const Workbench bench;
     bench.pack(bytes);
-    for (const std::string& type : types) {
-        bench.expect({.type = type, .spare_bytes = "64"}, init_failed, line("failed to load firmware,ret=1"));
+    for (const std::string& type : kTypes) {
+        bench.expect({.type = type, .spare_bytes = "64"}, kInitFailed, line("failed to load firmware,ret=1"));
         EXPECT_EQ(bench.output_names(), Names{});
     }
 }
@@ -67,12 +67,12 @@ TEST_P(LoadingTest, FailsWithOneLine) {
 void cut_container(Firmware& firmware, Bytes& bytes) {
     if (bytes.empty())
         return;
-    put32_at(bytes, head_field::boot_offset, static_cast<uint32_t>(bytes.size()));
+    put32_at(bytes, head_field::kBootOffset, static_cast<uint32_t>(bytes.size()));
     put_bytes(bytes, firmware.boot.build());
     bytes.pop_back();
 }
 
-const std::vector<BadFirmware> bad_firmware{
+const std::vector<BadFirmware> kBadFirmware{
     {"EmptyFile", [](Firmware&, Bytes& bytes) { bytes.clear(); }},
     {"TagAlone", [](Firmware&, Bytes& bytes) { bytes = to_bytes("QZFW"); }},
     {"WrongTag", [](Firmware& firmware, Bytes&) { firmware.tag = "qZFW"; }},
@@ -89,7 +89,7 @@ const std::vector<BadFirmware> bad_firmware{
      }},
 };
 
-INSTANTIATE_TEST_SUITE_P(Firmware, LoadingTest, testing::ValuesIn(bad_firmware),
+INSTANTIATE_TEST_SUITE_P(Firmware, LoadingTest, testing::ValuesIn(kBadFirmware),
                          [](const testing::TestParamInfo<BadFirmware>& tested) {
                              return tested.param.situation;
                          });
@@ -114,7 +114,7 @@ TEST(SingleMode, IsChosenByThePath) {
         single.pack(boot.build());
         single.expect({}, expected_boot_run(boot, {}));
         single.pack(sample_firmware());
-        single.expect({}, init_failed, line("failed to load firmware,ret=1"));
+        single.expect({}, kInitFailed, line("failed to load firmware,ret=1"));
     }
 }
 
@@ -122,7 +122,7 @@ TEST(EarlierImage, StaysWhenNothingIsLoaded) {
     const Workbench bench;
     bench.pack(to_bytes("no firmware"));
     write_file(bench.out("out_image.img"), to_bytes("an earlier image"));
-    bench.expect({}, init_failed, line("failed to load firmware,ret=1"));
+    bench.expect({}, kInitFailed, line("failed to load firmware,ret=1"));
     EXPECT_EQ(to_text(bench.output("out_image.img")), "an earlier image");
 }
 

@@ -12,7 +12,7 @@ using namespace test_support;
 class NandFilesTest : public testing::TestWithParam<std::string> {
 protected:
     // The run fails after these lines.
-    void expect_failure(const std::string& text) const { m_bench.expect(m_nand, creation_failed, text); }
+    void expect_failure(const std::string& text) const { m_bench.expect(m_nand, kCreationFailed, text); }
 
     // All that is printed before the file is created.
     std::string before(const std::string& name) const {
@@ -108,7 +108,7 @@ TEST_P(NandFilesTest, AreWrittenWhateverSizeAndPlaceSay) {
 }
 
 TEST_P(NandFilesTest, OfOneNameReplaceEachOther) {
-    m_firmware.items[1].data = patterned(30 * kib, 1);
+    m_firmware.items[1].data = patterned(30 * kIb, 1);
     m_firmware.items[2].name = "boot";
     m_bench.pack(m_firmware);
     m_bench.expect(m_nand, expected_run(m_firmware, m_nand, m_bench.out_dir()));
@@ -125,8 +125,8 @@ TEST_P(NandFilesTest, AreNamedAsTheItemsStand) {
 }
 
 TEST_P(NandFilesTest, ThatEndAtABlockBoundaryAreNotPadded) {
-    m_firmware.items[1].data = patterned(16 * kib, 1);
-    m_firmware.items[2].data = patterned(16 * kib + 1, 2);
+    m_firmware.items[1].data = patterned(16 * kIb, 1);
+    m_firmware.items[2].data = patterned(16 * kIb + 1, 2);
     m_bench.pack(m_firmware);
     m_bench.expect(m_nand, expected_run(m_firmware, m_nand, m_bench.out_dir()));
     const uint64_t pages = fs::file_size(m_bench.out("misc.img")) / 16;
@@ -204,7 +204,7 @@ TEST(GptText, BecomesTheTable) {
                               {.name = "a\xC3", .first = 0x9000, .last = 0x900F},
                               {.name = "Data\0GROW"s,
                                .first = 0x10000,
-                               .last = last_usable_sector,
+                               .last = kLastUsableSector,
                                .guid = Bytes{0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66, 0x88, 0x99, 0xAA,
                                              0xBB, 0xCC, 0xDD, 0xEE, 0xFF}}}};
     expect_converted(firmware, {"spinor", "4", "2"}, entries);
@@ -247,7 +247,7 @@ TEST(SpareArea, ThatIsTooSmallDropsEveryPageWithALine) {
         for (const int percent : {22, 45, 68, 77, 100})  // 2,048 bytes thrice, 856, 2,000 of 9,000
             expected += redrawn("extracting... rootfs..." + std::to_string(percent) + "%");
         expected += line("") + pages("rootfs", 5) + line("creating programming image ok.");
-        bench.expect({"slc", "16", "2", spare}, converted, expected);
+        bench.expect({"slc", "16", "2", spare}, kConverted, expected);
         bench.expect_files({{"boot.img", {}},
                             {"idblock.img", {}},
                             {"misc.img", {}},
@@ -262,7 +262,7 @@ TEST(SpareArea, OfAByteLessIsNotEnough) {
              {"1", "31"}, {"3", "95"}, {"4", "127"}, {"8", "255"}}) {
         SCOPED_TRACE(page_kb);
         const Result result = bench.call({"slc", "96", page_kb, spare});
-        EXPECT_EQ(result.status, converted);
+        EXPECT_EQ(result.status, kConverted);
         EXPECT_NE(result.text.find(error_line("size of oob is not enough")), std::string::npos);
         EXPECT_EQ(fs::file_size(bench.out("rootfs.img")), 0U);
     }

@@ -33,7 +33,7 @@ TEST_P(SampleTest, IsConvertedToTheByte) {
 }
 
 // The boot block of the sample has 16 sectors: header, 8 of FlashData, 4 of FlashBoot.
-const std::vector<Case> cases{
+const std::vector<Case> kCases{
     {"Emmc", {"emmc", "512", "2"}},
     {"EmmcGpt", {"emmc", "512", "2"}, true},
     {"EmmcScrambled", {"emmc", "512", "2"}, false, true},
@@ -96,7 +96,7 @@ const std::vector<Case> cases{
     {"SlcBlocksSmallerThanAPage", {"slc", "1", "4", "128"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Conversion, SampleTest, testing::ValuesIn(cases),
+INSTANTIATE_TEST_SUITE_P(Conversion, SampleTest, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<Case>& tested) { return tested.param.situation; });
 
 // What the model says of one image of each kind, by hand.
@@ -104,19 +104,19 @@ TEST(SampleLayout, IsThatOfTheFormats) {
     const Firmware firmware = sample_firmware();
     const auto files_of = [&](const Conversion& conversion) {
         const Workbench bench(firmware);
-        EXPECT_EQ(bench.call(conversion).status, converted);
+        EXPECT_EQ(bench.call(conversion).status, kConverted);
         return bench.outputs();
     };
     const Bytes block = boot_block(firmware);
     for (const auto& [conversion, second_copy, copy, size] :
-         {std::tuple{Conversion{"emmc", "512", "2"}, 1088U, 512 * kib, 4608 * kib},
-          std::tuple{Conversion{"spinor", "64", "2"}, 256U, 64 * kib, 4352 * kib}}) {
+         {std::tuple{Conversion{"emmc", "512", "2"}, 1088U, 512 * kIb, 4608 * kIb},
+          std::tuple{Conversion{"spinor", "64", "2"}, 256U, 64 * kIb, 4352 * kIb}}) {
         const Bytes image = files_of(conversion).at("out_image.img");
         EXPECT_EQ(image.size(), size);
         EXPECT_TRUE(same_bytes(slice(image, 64 * 512, copy), zero_padded(block, copy)));
         EXPECT_TRUE(same_bytes(slice(image, second_copy * 512, copy), zero_padded(block, copy)));
         for (std::size_t i = 0; i < 8; ++i)
-            EXPECT_EQ(slice(image, 0x2000 * 512 + i * 16 * kib, firmware.items[0].data.size()),
+            EXPECT_EQ(slice(image, 0x2000 * 512 + i * 16 * kIb, firmware.items[0].data.size()),
                       firmware.items[0].data);
         EXPECT_EQ(slice(image, 0x2100 * 512, 5000), firmware.items[1].data);
         EXPECT_EQ(slice(image, 0x2180 * 512, 1024), firmware.items[2].data);
@@ -139,7 +139,7 @@ TEST(SampleLayout, IsThatOfTheFormats) {
 TEST(SampleLayout, BootRomFindsBothBlocks) {
     const Firmware firmware = sample_firmware({.gpt = true, .scramble_stages = true});
     const Workbench bench(firmware);
-    ASSERT_EQ(bench.call({}).status, converted);
+    ASSERT_EQ(bench.call({}).status, kConverted);
     for (const uint64_t sector : {64U, 1088U}) {
         const BootBlock found = read_boot_block(bench.output("out_image.img"), sector);
         ASSERT_TRUE(found.found) << sector;
@@ -160,9 +160,9 @@ TEST(SampleLayout, HasLongGapsWith2KInPagesOf64) {
 
 TEST(SampleLayout, IsTheUsualOneForSizesThatWrapToIt) {
     const Workbench bench(sample_firmware());
-    ASSERT_EQ(bench.call({"emmc", "512", "2"}).status, converted);
+    ASSERT_EQ(bench.call({"emmc", "512", "2"}).status, kConverted);
     const Bytes usual = bench.output("out_image.img");
-    ASSERT_EQ(bench.call({"emmc", "-2147483136", "-2147483646"}).status, converted);
+    ASSERT_EQ(bench.call({"emmc", "-2147483136", "-2147483646"}).status, kConverted);
     EXPECT_TRUE(same_bytes(bench.output("out_image.img"), usual));
 }
 
@@ -220,7 +220,7 @@ TEST(BareContainer, GivesTheBootBlockAlone) {
             fs::create_directory(bench.out_dir());
             bench.expect(conversion, expected_boot_run(boot, conversion));
         }
-        EXPECT_EQ(bench.output("out_image.img").size() % (6 * kib), 4 * kib) << "nothing is padded";
+        EXPECT_EQ(bench.output("out_image.img").size() % (6 * kIb), 4 * kIb) << "nothing is padded";
     }
 }
 
@@ -231,11 +231,11 @@ TEST(EarlierOutput, IsReplacedWhole) {
     for (const Conversion& conversion : {Conversion{"emmc", "512", "2"}, Conversion{"spinand", "128", "2"},
                                          Conversion{"slc", "16", "2", "64"}}) {
         const Workbench bench(firmware);
-        ASSERT_EQ(bench.call(conversion).status, converted);
+        ASSERT_EQ(bench.call(conversion).status, kConverted);
         const Files files = bench.outputs();
         for (const auto& [name, bytes] : files)
             write_file(bench.out(name), Bytes(bytes.size() + 12345, 0xEE));
-        ASSERT_EQ(bench.call(conversion).status, converted);
+        ASSERT_EQ(bench.call(conversion).status, kConverted);
         bench.expect_files(files);
     }
 }

@@ -12,12 +12,12 @@ namespace {
 
 using namespace test_support;
 
-const std::string success = line("creating programming image ok.");
+const std::string kSuccess = line("creating programming image ok.");
 
 // The run's lines, with the verdict in the place of success.
 std::string with_verdict(const std::string& whole, const fs::path& path, int error) {
-    EXPECT_EQ(whole.substr(whole.size() - success.size()), success);
-    return whole.substr(0, whole.size() - success.size()) + not_written(path, error);
+    EXPECT_EQ(whole.substr(whole.size() - kSuccess.size()), kSuccess);
+    return whole.substr(0, whole.size() - kSuccess.size()) + not_written(path, error);
 }
 
 // The sample with a sparse "rootfs".
@@ -41,11 +41,12 @@ void expect_full(const Firmware& firmware, const Conversion& conversion, const s
     const Workbench bench(firmware);
     const ExpectedRun whole = expected_run(firmware, conversion, bench.out_dir(), gpt);
     fs::create_symlink("/dev/full", bench.out(full));
-    bench.expect(conversion, creation_failed, with_verdict(whole.text, bench.out(full), ENOSPC));
-    for (const auto& [name, bytes] : whole.files)
-        if (name != full && (full != "unsparse_tmp.bin" || name != "rootfs.img")) {
-            EXPECT_TRUE(same_bytes(bench.output(name), bytes)) << name;
-        }
+    bench.expect(conversion, kCreationFailed, with_verdict(whole.text, bench.out(full), ENOSPC));
+    for (const auto& [name, bytes] : whole.files) {
+        if (name == full || (full == "unsparse_tmp.bin" && name == "rootfs.img"))
+            continue;
+        EXPECT_TRUE(same_bytes(bench.output(name), bytes)) << name;
+    }
     EXPECT_FALSE(fs::exists(bench.out("unsparse_tmp.bin")));
 }
 
@@ -71,7 +72,7 @@ TEST(FullDevice, EndsARunOnABareContainer) {
         const Conversion conversion{type, "64", "2", "64"};
         const fs::path output = bench.out(conversion.is_whole_device() ? "out_image.img" : "idblock.img");
         fs::create_symlink("/dev/full", output);
-        bench.expect(conversion, creation_failed, line("writing idblock...") + not_written(output, ENOSPC));
+        bench.expect(conversion, kCreationFailed, line("writing idblock...") + not_written(output, ENOSPC));
         fs::remove(output);
     }
 }
@@ -79,7 +80,7 @@ TEST(FullDevice, EndsARunOnABareContainer) {
 TEST(FullDevice, BehindOneNandFileLeavesTheOthersWhole) {
     Firmware firmware = sample_firmware();
     firmware.items[0].part_size = 64;
-    firmware.items[1].data = patterned(3 * mib, 1);  // far more than is gathered before a write
+    firmware.items[1].data = patterned(3 * kMib, 1);  // far more than is gathered before a write
     for (const std::string name : {"boot.img", "idblock.img", "misc.img", "parameter.img", "rootfs.img"})
         expect_full(firmware, {"spinand", "64", "2"}, name);
     firmware.items[1].data = patterned(5000, 1);
@@ -97,7 +98,7 @@ TEST(FullDevice, BehindSeveralFilesIsReportedForTheFirst) {
             fs::create_symlink("/dev/full", bench.out(first));
             fs::create_symlink("/dev/full", bench.out(second));
             const std::string whole = expected_run(firmware, conversion, bench.out_dir()).text;
-            bench.expect(conversion, creation_failed, with_verdict(whole, bench.out(first), ENOSPC));
+            bench.expect(conversion, kCreationFailed, with_verdict(whole, bench.out(first), ENOSPC));
         }
     }
 }
@@ -110,7 +111,7 @@ TEST(FullDevice, IsNotReportedWhenAStepFailsAfterwards) {
     firmware.item("misc").data.resize(5000, 0);
     bench.pack(firmware);
     fs::create_symlink("/dev/full", bench.out("out_image.img"));
-    bench.expect({}, creation_failed,
+    bench.expect({}, kCreationFailed,
                  whole.substr(0, whole.find("writing misc")) + line("writing misc...") +
                      line("partition size is too small") + error_line("failed to write misc,ret=-1"));
 }
@@ -125,7 +126,7 @@ TEST(FullDevice, BehindASparseImageOrItsFileIsReported) {
     fs::create_symlink("/dev/full", bench.out("unsparse_tmp.bin"));
     const Conversion emmc{"emmc", "4", "2"};
     const std::string whole = expected_run(firmware, emmc, bench.out_dir()).text;
-    bench.expect(emmc, creation_failed, with_verdict(whole, bench.out("unsparse_tmp.bin"), ENOSPC));
+    bench.expect(emmc, kCreationFailed, with_verdict(whole, bench.out("unsparse_tmp.bin"), ENOSPC));
 }
 
 // The way to the verdict is short however large the image was to be.
@@ -137,7 +138,7 @@ TEST(FullDevice, EndsAHugeImageInMoments) {
     firmware.items[0].data = parameter_record("TYPE: GPT\nCMDLINE: mtdparts=x:-@0x0(a)\n");
     const Workbench bench(firmware);
     fs::create_symlink("/dev/full", bench.out("out_image.img"));
-    bench.expect({}, creation_failed,
+    bench.expect({}, kCreationFailed,
                  opening_lines(0, true) + preparing_line("gpt", 0) + table_lines("gpt") +
                      preparing_line("boot", 0xFFFF0000) + writing_lines("boot", 100) +
                      not_written(bench.out("out_image.img"), ENOSPC));
@@ -145,11 +146,11 @@ TEST(FullDevice, EndsAHugeImageInMoments) {
 
 TEST(FullDevice, LetsNothingMoreBeEncoded) {
     Firmware firmware = sample_firmware();
-    firmware.items[1].data = patterned(16 * mib, 1);
+    firmware.items[1].data = patterned(16 * kMib, 1);
     const Workbench bench(firmware);
     fs::create_symlink("/dev/full", bench.out("boot.img"));
     const uint64_t before = bch_encoded_codewords();
-    EXPECT_EQ(bench.call({"slc", "128", "2", "64"}).status, creation_failed);
+    EXPECT_EQ(bench.call({"slc", "128", "2", "64"}).status, kCreationFailed);
     // Of 16,384 codewords only those are made that are gathered before the first write shows the failure.
     EXPECT_LT(bch_encoded_codewords() - before, 4096U);
 }
@@ -166,13 +167,13 @@ TEST(FileSize, ThatIsLimitedKeepsTheStartOfTheImage) {
     for (const std::size_t size : {33000U, 4200000U, 4428400U}) {
         fs::remove(bench.out("out_image.img"));
         const FileSizeLimit limit(size);
-        bench.expect({}, creation_failed, with_verdict(whole.text, bench.out("out_image.img"), EFBIG));
+        bench.expect({}, kCreationFailed, with_verdict(whole.text, bench.out("out_image.img"), EFBIG));
         EXPECT_TRUE(same_bytes(bench.output("out_image.img"), slice(image, 0, size)));
     }
     // The image ends in zeros, of which nothing but the length has to reach the disk.
     {
         const FileSizeLimit limit(image.size() - 1);
-        bench.expect({}, creation_failed, with_verdict(whole.text, bench.out("out_image.img"), EFBIG));
+        bench.expect({}, kCreationFailed, with_verdict(whole.text, bench.out("out_image.img"), EFBIG));
         const Bytes left = bench.output("out_image.img");
         EXPECT_LT(left.size(), image.size());
         EXPECT_TRUE(same_bytes(left, slice(image, 0, left.size())));
@@ -188,7 +189,7 @@ TEST(FileSize, IsReportedForTheFirstFileThatReachesIt) {
         const Workbench bench(firmware);
         const std::string whole = expected_run(firmware, conversion, bench.out_dir()).text;
         const FileSizeLimit limit(100000);  // only the parameter partition, of 128 KB, is larger
-        bench.expect(conversion, creation_failed, with_verdict(whole, bench.out("parameter.img"), EFBIG));
+        bench.expect(conversion, kCreationFailed, with_verdict(whole, bench.out("parameter.img"), EFBIG));
     }
 }
 
@@ -201,7 +202,7 @@ TEST(FileSize, OfTheTemporaryFileAloneIsReported) {
     const Conversion nand{"spinand", "4", "2"};
     const std::string whole = expected_run(firmware, nand, bench.out_dir()).text;
     const FileSizeLimit limit(200000);
-    bench.expect(nand, creation_failed, with_verdict(whole, bench.out("unsparse_tmp.bin"), EFBIG));
+    bench.expect(nand, kCreationFailed, with_verdict(whole, bench.out("unsparse_tmp.bin"), EFBIG));
 }
 
 }  // namespace

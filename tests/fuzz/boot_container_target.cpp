@@ -16,13 +16,13 @@ using namespace test_support;
 
 namespace {
 
-constexpr int name_bytes = 20;
-constexpr int largest_index = 255;
+constexpr int kNameBytes = 20;
+constexpr int kLargestIndex = 255;
 
 void check_entry(CQZBoot& boot, ENUM_QZBOOTENTRY type, uint8_t index, const Bytes& input) {
     uint32_t size = 0;
     uint32_t delay = 0;
-    const auto name = std::make_unique<char[]>(name_bytes);  // of exactly the size that may be written
+    const auto name = std::make_unique<char[]>(kNameBytes);  // of exactly the size that may be written
     if (!boot.GetEntryProperty(type, index, size, delay, name.get()))
         return;
     require(boot.GetEntryProperty(type, index, size, delay), "an entry is there only once");
@@ -38,13 +38,13 @@ void check_names(CQZBoot& boot, ENUM_QZBOOTENTRY type) {
     for (const char* wanted :
          {"FlashData", "flashboot", "FlashHead", "", "a name of twenty and more letters"}) {
         const auto index = static_cast<uint8_t>(boot.GetIndexByName(type, wanted));
-        if (index == largest_index)
+        if (index == kLargestIndex)
             continue;
         uint32_t size = 0;
         uint32_t delay = 0;
-        char name[name_bytes];
+        char name[kNameBytes];
         require(boot.GetEntryProperty(type, index, size, delay, name), "a named entry is not there");
-        require(::strncasecmp(name, wanted, name_bytes) == 0, "an entry of another name was found");
+        require(::strncasecmp(name, wanted, kNameBytes) == 0, "an entry of another name was found");
     }
 }
 
@@ -71,9 +71,9 @@ void run_boot_container(const Bytes& input) {
     const int counts[] = {boot.GetEntry471Count(), boot.GetEntry472Count(), boot.GetEntryLoaderCount()};
     const ENUM_QZBOOTENTRY types[] = {ENTRY471, ENTRY472, ENTRYLOADER};
     for (int i = 0; i < 3; ++i) {
-        for (int index = 0; index <= std::min(counts[i] + 1, largest_index); ++index)
+        for (int index = 0; index <= std::min(counts[i] + 1, kLargestIndex); ++index)
             check_entry(boot, types[i], static_cast<uint8_t>(index), input);
-        check_entry(boot, types[i], largest_index, input);
+        check_entry(boot, types[i], kLargestIndex, input);
         check_names(boot, types[i]);
         check_saving(boot, types[i], input);
     }

@@ -52,23 +52,23 @@ int convert(ENUM_FLASH_TYPE type, const Geometry& geometry, const std::filesyste
         if (type == FLASH_SLC_NAND && geometry.bch_path)
             bch_select_path(*geometry.bch_path);
         if (!storage->storage_init())
-            return status_init_failed;
-        return storage->create_image() ? status_success : status_creation_failed;
+            return kStatusInitFailed;
+        return storage->create_image() ? kStatusSuccess : kStatusCreationFailed;
     } catch (const std::bad_alloc&) {
-        return status_out_of_memory;
+        return kStatusOutOfMemory;
     }
 }
 
 FileSizeLimit::FileSizeLimit(uint64_t bytes) {
     std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit lowered{bytes, before_.rlim_max};
+    ::getrlimit(RLIMIT_FSIZE, &m_before);
+    const rlimit lowered{bytes, m_before.rlim_max};
     if (::setrlimit(RLIMIT_FSIZE, &lowered) != 0)
         throw std::runtime_error("cannot limit the size of files");
 }
 
 FileSizeLimit::~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &before_);
+    ::setrlimit(RLIMIT_FSIZE, &m_before);
 }
 
 }  // namespace robustness

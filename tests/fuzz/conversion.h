@@ -14,7 +14,7 @@
 
 namespace robustness {
 
-inline constexpr std::array<ENUM_FLASH_TYPE, 4> storage_types = {FLASH_EMMC, FLASH_NOR, FLASH_SPI_NAND,
+inline constexpr std::array<ENUM_FLASH_TYPE, 4> kStorageTypes = {FLASH_EMMC, FLASH_NOR, FLASH_SPI_NAND,
                                                                  FLASH_SLC_NAND};
 
 // As it stands behind -t.
@@ -34,10 +34,10 @@ std::unique_ptr<CStorage> make_storage(ENUM_FLASH_TYPE type, const Geometry& geo
                                        const std::filesystem::path& output);
 
 // Exit statuses of the program that a conversion can come to.
-inline constexpr int status_success = 0;
-inline constexpr int status_out_of_memory = 240;
-inline constexpr int status_creation_failed = 241;
-inline constexpr int status_init_failed = 242;
+inline constexpr int kStatusSuccess = 0;
+inline constexpr int kStatusOutOfMemory = 240;
+inline constexpr int kStatusCreationFailed = 241;
+inline constexpr int kStatusInitFailed = 242;
 
 // Like a process of its own: random numbers start afresh.
 int convert(ENUM_FLASH_TYPE type, const Geometry& geometry, const std::filesystem::path& firmware,
@@ -52,7 +52,7 @@ public:
     ~FileSizeLimit();
 
 private:
-    rlimit before_{};
+    rlimit m_before{};
 };
 
 }  // namespace robustness

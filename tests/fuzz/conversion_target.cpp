@@ -22,14 +22,14 @@ const ScratchFiles& scratch() {
 }
 
 ENUM_FLASH_TYPE type_of(const ControlBytes& input) {
-    return storage_types[input[0] % storage_types.size()];
+    return kStorageTypes[input[0] % kStorageTypes.size()];
 }
 
 // NAND has a file for each of up to hundreds of items, so its files are kept small; an image without a GPT
 // begins its partitions at 4 MiB and has to have room behind that.
 uint64_t largest_file_of(ENUM_FLASH_TYPE type) {
     const bool has_many = type == FLASH_SPI_NAND || type == FLASH_SLC_NAND;
-    return has_many ? 1024 * 1024 : largest_fuzzed_file;
+    return has_many ? 1024 * 1024 : kLargestFuzzedFile;
 }
 
 Geometry geometry_of(const ControlBytes& input) {
@@ -83,7 +83,7 @@ void run_on_every_path(Geometry geometry, const std::filesystem::path& firmware,
 }  // namespace
 
 void run_conversion(const Bytes& input) {
-    const ControlBytes bent(input, conversion_controls);
+    const ControlBytes bent(input, kConversionControls);
     // A name with ".bin" in it makes the file a bare boot container.
     const std::filesystem::path firmware =
         bent.flag(0, 7) ? scratch().top / "loader.bin" : scratch().firmware;

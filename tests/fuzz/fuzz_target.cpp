@@ -15,12 +15,12 @@ Structure nothing_to_bend(const Bytes&) {
 }
 
 Structure conversion_structure(const Bytes& input) {
-    const ControlBytes bent(input, conversion_controls);
+    const ControlBytes bent(input, kConversionControls);
     return bent.flag(0, 7) ? container_structure(bent.body()) : image_structure(bent.body());
 }
 
 Structure expansion_structure(const Bytes& input) {
-    return sparse_structure(ControlBytes(input, sparse_controls).body());
+    return sparse_structure(ControlBytes(input, kSparseControls).body());
 }
 
 }  // namespace

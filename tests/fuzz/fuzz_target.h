@@ -56,26 +56,26 @@ class ControlBytes {
 public:
     // An input that is shorter has control bytes of 0 behind it.
     ControlBytes(const test_support::Bytes& input, std::size_t count)
-        : body_(input.begin(), input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size()))),
-          values_(input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size())), input.end()) {
-        values_.resize(count);
+        : m_body(input.begin(), input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size()))),
+          m_values(input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size())), input.end()) {
+        m_values.resize(count);
     }
 
-    const test_support::Bytes& body() const { return body_; }
-    uint8_t operator[](std::size_t index) const { return values_[index]; }
-    bool flag(std::size_t index, unsigned bit) const { return (values_[index] >> bit & 1) != 0; }
+    const test_support::Bytes& body() const { return m_body; }
+    uint8_t operator[](std::size_t index) const { return m_values[index]; }
+    bool flag(std::size_t index, unsigned bit) const { return (m_values[index] >> bit & 1) != 0; }
     template <typename Value, std::size_t count>
     Value choice(std::size_t index, const Value (&values)[count]) const {
-        return values[values_[index] % count];
+        return values[m_values[index] % count];
     }
 
 private:
-    test_support::Bytes body_;
-    test_support::Bytes values_;
+    test_support::Bytes m_body;
+    test_support::Bytes m_values;
 };
 
-inline constexpr std::size_t parameter_controls = 1;
-inline constexpr std::size_t sparse_controls = 3;
-inline constexpr std::size_t conversion_controls = 4;
+inline constexpr std::size_t kParameterControls = 1;
+inline constexpr std::size_t kSparseControls = 3;
+inline constexpr std::size_t kConversionControls = 4;
 
 }  // namespace robustness

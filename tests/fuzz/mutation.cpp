@@ -12,7 +12,7 @@ using namespace test_support;
 namespace {
 
 // The words of a parameter text, and numbers whose sums and products wrap.
-constexpr std::string_view words[] = {
+constexpr std::string_view kWords[] = {
     "mtdparts",
     ":",
     "uuid:",
@@ -50,11 +50,11 @@ std::vector<Span> regions(const Structure& structure) {
         spans.push_back(
             {structure.container->offset, structure.container_tables_end - structure.container->offset});
     if (structure.head)
-        spans.push_back({0, head_field::head_bytes});
+        spans.push_back({0, head_field::kHeadBytes});
     if (structure.package)
-        spans.push_back({*structure.package, package_field::items});
+        spans.push_back({*structure.package, package_field::kItems});
     for (const std::size_t item : structure.items)
-        spans.push_back({item, item_field::record_bytes});
+        spans.push_back({item, item_field::kRecordBytes});
     spans.insert(spans.end(), structure.item_data.begin(), structure.item_data.end());
     std::erase_if(spans, [](const Span& span) { return span.size == 0; });
     return spans;
@@ -63,7 +63,7 @@ std::vector<Span> regions(const Structure& structure) {
 }  // namespace
 
 void Mutation::apply(Bytes& input, std::size_t largest) {
-    const Structure structure = target_.structure(input);
+    const Structure structure = m_target.structure(input);
     const std::size_t way = below(8);
     if (way < 3)
         bend_numbers(input, structure);
@@ -72,11 +72,11 @@ void Mutation::apply(Bytes& input, std::size_t largest) {
     else if (way == 5)
         insert_word(input);
     else
-        blind_(input, largest);
+        m_blind(input, largest);
     if (input.size() > largest)
         input.resize(largest);
     if (!one_in(16))
-        repair_checksum(input, target_.structure(input));
+        repair_checksum(input, m_target.structure(input));
 }
 
 void Mutation::bend_numbers(Bytes& input, const Structure& structure) {
@@ -115,18 +115,18 @@ uint64_t Mutation::number_for(const Bytes& input, const Field& field, const std:
 void Mutation::change_region(Bytes& input, const Structure& structure) {
     const std::vector<Span> spans = regions(structure);
     if (spans.empty())
-        return blind_(input, input.size());
+        return m_blind(input, input.size());
     const Span span = spans[below(spans.size())];
     Bytes region = slice(input, span.offset, span.size);
-    blind_(region, span.size);
+    m_blind(region, span.size);
     region.resize(span.size);
     put_bytes_at(input, span.offset, region);
 }
 
 // Into the parameter text where there is one, over what follows; else anywhere, moving it.
 void Mutation::insert_word(Bytes& input) {
-    const Bytes word = to_bytes(words[below(std::size(words))]);
-    const Structure structure = target_.structure(input);
+    const Bytes word = to_bytes(kWords[below(std::size(kWords))]);
+    const Structure structure = m_target.structure(input);
     if (structure.parameter && structure.parameter->size > 8 + word.size()) {
         const std::size_t room = structure.parameter->size - 8 - word.size();
         put_bytes_at(input, structure.parameter->offset + 8 + below(room), word);

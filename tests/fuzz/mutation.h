@@ -18,21 +18,21 @@ using BlindMutation = std::function<void(test_support::Bytes& bytes, std::size_t
 class Mutation {
 public:
     Mutation(const FuzzTarget& target, unsigned seed, BlindMutation blind)
-        : target_(target), random_(seed), blind_(std::move(blind)) {}
+        : m_target(target), m_random(seed), m_blind(std::move(blind)) {}
 
     void apply(test_support::Bytes& input, std::size_t largest);
 
 private:
-    bool one_in(unsigned count) { return random_() % count == 0; }
-    std::size_t below(std::size_t count) { return random_() % count; }
+    bool one_in(unsigned count) { return m_random() % count == 0; }
+    std::size_t below(std::size_t count) { return m_random() % count; }
     void bend_numbers(test_support::Bytes& input, const Structure& structure);
     uint64_t number_for(const test_support::Bytes& input, const Field& field, const std::vector<Field>& all);
     void change_region(test_support::Bytes& input, const Structure& structure);
     void insert_word(test_support::Bytes& input);
 
-    const FuzzTarget& target_;
-    std::minstd_rand random_;
-    BlindMutation blind_;
+    const FuzzTarget& m_target;
+    std::minstd_rand m_random;
+    BlindMutation m_blind;
 };
 
 }  // namespace robustness

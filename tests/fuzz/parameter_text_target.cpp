@@ -13,7 +13,7 @@ using namespace test_support;
 
 namespace {
 
-constexpr std::size_t gpt_bytes = 17408;
+constexpr std::size_t kGptBytes = 17408;
 
 // A copy of exactly the text's size and its NUL, so that a sanitizer sees any access beside it.
 void check_parsing(OpenStorage& storage, const Bytes& text) {
@@ -25,7 +25,7 @@ void check_parsing(OpenStorage& storage, const Bytes& text) {
     UUID_ITEM_VECTOR uuids;
     require(storage.get_uuid_from_parameter(copy.get(), uuids) == !uuids.empty(), "UUIDs of no line");
 
-    const auto table = std::make_unique<uint8_t[]>(gpt_bytes);
+    const auto table = std::make_unique<uint8_t[]>(kGptBytes);
     storage.create_gpt_buffer(table.get(), parts, uuids, 0xFFFFFFFF);
 }
 
@@ -62,8 +62,8 @@ void check_partition(OpenStorage& storage, STRUCT_QZIMAGE_ITEM item, uint32_t pa
 
 void run_parameter_text(const Bytes& input) {
     static SingleItem firmware("parameter");
-    const FileSizeLimit limit(largest_fuzzed_file);
-    const ControlBytes text(input, parameter_controls);
+    const FileSizeLimit limit(kLargestFuzzedFile);
+    const ControlBytes text(input, kParameterControls);
     const uint32_t page_kb = text.choice(0, {1U, 2U, 64U});
     const uint32_t part_sectors = text.flag(0, 6) ? 0x40 : 0x180;
 

@@ -18,17 +18,17 @@ public:
         std::string pattern = (fast_root() / "nandsmith-scratch-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("cannot create " + pattern);
-        path_ = pattern;
+        m_path = pattern;
     }
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
     ~ScratchDirectory() {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(m_path, ignored);
     }
 
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::filesystem::path& name) const { return path_ / name; }
+    const std::filesystem::path& path() const { return m_path; }
+    std::filesystem::path operator/(const std::filesystem::path& name) const { return m_path / name; }
 
 private:
     static std::filesystem::path fast_root() {
@@ -36,7 +36,7 @@ private:
         return ::access(in_memory, W_OK | X_OK) == 0 ? in_memory : std::filesystem::temp_directory_path();
     }
 
-    std::filesystem::path path_;
+    std::filesystem::path m_path;
 };
 
 }  // namespace robustness

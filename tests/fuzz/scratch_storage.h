@@ -25,7 +25,7 @@ public:
 };
 
 // No output file grows beyond this in a fuzzed run: such a write fails, and the run goes on to its verdict.
-inline constexpr uint64_t largest_fuzzed_file = 6 * 1024 * 1024;
+inline constexpr uint64_t kLargestFuzzedFile = 6 * 1024 * 1024;
 
 struct ScratchFiles {
     ScratchDirectory top{};

@@ -38,7 +38,7 @@ Firmware with_signature() {
 Firmware with_many_items() {
     Firmware firmware = small_firmware({.gpt = true});
     for (int i = 0; i < 20; ++i)
-        firmware.items.push_back({.name = "extra" + std::to_string(i), .flash_offset = not_placed});
+        firmware.items.push_back({.name = "extra" + std::to_string(i), .flash_offset = kNotPlaced});
     firmware.item_count_extension = static_cast<uint16_t>(4);
     return firmware;
 }

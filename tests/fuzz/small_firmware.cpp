@@ -43,7 +43,7 @@ Firmware small_firmware(const SmallFirmwareOptions& options) {
          .data = small_sparse_image().build()},
         {.name = "data",
          .file = "data.img",
-         .part_size = grows_to_end,
+         .part_size = kGrowsToEnd,
          .flash_offset = data.offset,
          .data = patterned(100, 16)},
     };

@@ -15,20 +15,20 @@ using namespace test_support;
 
 namespace {
 
-constexpr uint64_t largest_modelled = 512 * 1024;
+constexpr uint64_t kLargestModelled = 512 * 1024;
 
 // The bytes that header and chunks announce together, as far as they can be read.
 uint64_t announced_size(const Bytes& image) {
-    if (image.size() < sparse_field::header_bytes)
+    if (image.size() < sparse_field::kHeaderBytes)
         return 0;
-    const uint64_t block_size = get32(image, sparse_field::block_size);
-    uint64_t sum = block_size * get32(image, sparse_field::total_blocks);
+    const uint64_t block_size = get32(image, sparse_field::kBlockSize);
+    uint64_t sum = block_size * get32(image, sparse_field::kTotalBlocks);
     // Any position may turn out to be a chunk header, because unknown chunks are not skipped.
-    for (std::size_t at = sparse_field::header_bytes; at + sparse_field::chunk_header_bytes <= image.size();
+    for (std::size_t at = sparse_field::kHeaderBytes; at + sparse_field::kChunkHeaderBytes <= image.size();
          ++at) {
-        const uint16_t type = get16(image, at + sparse_field::chunk_type);
-        if (type == SparseChunk::fill_type || type == SparseChunk::dont_care_type)
-            sum += std::min<uint64_t>(block_size * get32(image, at + sparse_field::chunk_blocks),
+        const uint16_t type = get16(image, at + sparse_field::kChunkType);
+        if (type == SparseChunk::kFillType || type == SparseChunk::kDontCareType)
+            sum += std::min<uint64_t>(block_size * get32(image, at + sparse_field::kChunkBlocks),
                                       uint64_t{1} << 40);
     }
     return sum;
@@ -41,11 +41,11 @@ struct Expectation {
 
 Expectation expectation(const Bytes& image, std::size_t page_size, uint8_t fill_byte,
                         std::optional<uint32_t> part_sectors) {
-    if (image.size() < sparse_field::header_bytes)
+    if (image.size() < sparse_field::kHeaderBytes)
         return {.status = -1};
     const uint64_t declared =
-        uint64_t{get32(image, sparse_field::block_size)} * get32(image, sparse_field::total_blocks);
-    if (part_sectors && round_up(*part_sectors * sector_size, page_size) < declared)
+        uint64_t{get32(image, sparse_field::kBlockSize)} * get32(image, sparse_field::kTotalBlocks);
+    if (part_sectors && round_up(*part_sectors * test_support::kSectorSize, page_size) < declared)
         return {.status = -2};
     const SparseExpansion model = expand_sparse(image, page_size, fill_byte);
     if (model.status != 0)
@@ -73,8 +73,8 @@ int expand_into(const std::string& name, SingleItem& firmware, const STRUCT_QZIM
 
 void run_sparse_expansion(const Bytes& input) {
     static SingleItem firmware("root");
-    const FileSizeLimit limit(largest_fuzzed_file);
-    const ControlBytes image(input, sparse_controls);
+    const FileSizeLimit limit(kLargestFuzzedFile);
+    const ControlBytes image(input, kSparseControls);
     const uint32_t page_kb = image.choice(0, {1U, 2U, 3U, 64U});
     const uint8_t fill_byte = image[1];
     const std::optional<uint32_t> part_sectors =
@@ -84,7 +84,7 @@ void run_sparse_expansion(const Bytes& input) {
     if (part_sectors)
         item.part_size = *part_sectors;
     const int status = expand_into("out.img", firmware, item, page_kb, fill_byte);
-    if (announced_size(image.body()) <= largest_modelled) {
+    if (announced_size(image.body()) <= kLargestModelled) {
         const Expectation wanted =
             expectation(image.body(), std::size_t{page_kb} * 1024, fill_byte, part_sectors);
         require(status == wanted.status, "another result than the model's");

@@ -107,7 +107,7 @@ void check_item_table() {
 }  // namespace
 
 void run_update_image(const Bytes& input) {
-    const FileSizeLimit limit(largest_fuzzed_file);
+    const FileSizeLimit limit(kLargestFuzzedFile);
     write_file(scratch().firmware, input);
     check_image(input);
     check_item_table();

@@ -15,9 +15,8 @@ std::string guid_text(const Bytes& guid) {
     std::string text;
     for (const int i : {3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15}) {
         std::array<char, 3> digits{};
-        if (i >= 0) {
+        if (i >= 0)
             std::snprintf(digits.data(), digits.size(), "%02X", guid.at(static_cast<std::size_t>(i)));
-        }
         text += i < 0 ? "-" : digits.data();
     }
     return text;
@@ -38,18 +37,16 @@ std::vector<ExpectedPartition> expected_partitions(const Sample& firmware) {
     static_cast<void>(guids.next());  // of the disk
     std::vector<ExpectedPartition> partitions;
     for (const PackedItem& item : firmware.items()) {
-        if (item.name == "parameter") {
+        if (item.name == "parameter")
             continue;
-        }
         ExpectedPartition partition{.name = item.name, .first = item.flash_offset};
         partition.last =
-            item.part_size == grows_to_end ? 0xFFFFFFDD : uint64_t{item.flash_offset} + item.part_size - 1;
+            item.part_size == kGrowsToEnd ? 0xFFFFFFDD : uint64_t{item.flash_offset} + item.part_size - 1;
         partition.bootable = item.name == "boot";
         partition.type = guid_text(guids.next());
         partition.guid = guid_text(guids.next());
-        if (item.name == "rootfs") {
+        if (item.name == "rootfs")
             partition.guid = "7A3C19E4-52D0-4F6B-9E81-C0FFEE123456";
-        }
         partitions.push_back(partition);
     }
     return partitions;
@@ -69,35 +66,30 @@ class GptDisk : public testing::TestWithParam<Conversion> {
 protected:
     void SetUp() override {
         REQUIRE_SAMPLE_TOOLS();
-        convert(sample(true, true), GetParam(), directory_ / "out");
-        fs::rename(directory_ / "out/out_image.img", disk());
+        convert(sample(true, true), GetParam(), m_directory / "out");
+        fs::rename(m_directory / "out/out_image.img", disk());
         std::error_code error;
-        fs::resize_file(disk(), uint64_t{0xFFFFFFFF} * sector_size, error);
-        if (error) {
+        fs::resize_file(disk(), uint64_t{0xFFFFFFFF} * kSectorSize, error);
+        if (error)
             GTEST_SKIP() << "no file of 2 TiB here: " << error.message();
-        }
-        table_ = slice_of_disk();
+        m_table = slice_of_disk();
     }
 
-    fs::path disk() const { return directory_ / "disk.img"; }
+    fs::path disk() const { return m_directory / "disk.img"; }
 
     // Tools that only look change nothing.
-    void TearDown() override {
-        if (!table_.empty()) {
-            EXPECT_TRUE(slice_of_disk() == table_);
-        }
-    }
+    void TearDown() override { EXPECT_TRUE(m_table.empty() || slice_of_disk() == m_table); }
 
 private:
     Bytes slice_of_disk() const {
-        Bytes bytes(gpt_bytes);
+        Bytes bytes(kGptBytes);
         std::ifstream(disk(), std::ios::binary)
             .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
         return bytes;
     }
 
-    TemporaryDirectory directory_{};
-    Bytes table_{};
+    TemporaryDirectory m_directory{};
+    Bytes m_table{};
 };
 
 TEST_P(GptDisk, IsListedBySfdiskWhichMissesTheBackupAlone) {
@@ -151,9 +143,8 @@ TEST_P(GptDisk, IsDescribedBySgdisk) {
               "First sector: " + std::to_string(partition.first) + " ",
               "Last sector: " + std::to_string(partition.last) + " ",
               std::string("Attribute flags: 000000000000000") + (partition.bootable ? "4" : "0") + "\n",
-              "Partition name: '" + partition.name + "'\n"}) {
+              "Partition name: '" + partition.name + "'\n"})
             EXPECT_TRUE(contains(result.out, line)) << line << result.out;
-        }
     }
 }
 

@@ -8,7 +8,7 @@ namespace {
 
 using namespace test_support;
 
-constexpr uint64_t gib = uint64_t{1} << 30;
+constexpr uint64_t kGib = uint64_t{1} << 30;
 
 Bytes read_at(const fs::path& path, uint64_t offset, std::size_t size) {
     std::ifstream file(path, std::ios::binary);
@@ -24,7 +24,7 @@ Firmware with_far_item(uint64_t offset, Bytes data) {
     Firmware firmware = sample_firmware();
     firmware.items.resize(1);
     firmware.items.push_back({.name = "far",
-                              .part_size = grows_to_end,
+                              .part_size = kGrowsToEnd,
                               .flash_offset = 0x200,
                               .data = std::move(data),
                               .offset = offset});
@@ -37,7 +37,7 @@ void expect_far_item(const Firmware& firmware, const Bytes& partition) {
         SCOPED_TRACE(type);
         const auto result = bench.convert({type, "64", "2"});
         ASSERT_EQ(result.exit_status, 0) << result.out;
-        EXPECT_TRUE(same_bytes(read_at(bench.out("out_image.img"), 0x2200 * sector_size, partition.size()),
+        EXPECT_TRUE(same_bytes(read_at(bench.out("out_image.img"), 0x2200 * kSectorSize, partition.size()),
                                partition))
             << "partition";
     }
@@ -48,8 +48,8 @@ void expect_far_item(const Firmware& firmware, const Bytes& partition) {
 
 TEST(LargeFirmware, HoldsAnItemBeyond4Gigabytes) {
     const Bytes data = patterned(300001, 1);
-    const Firmware firmware = with_far_item(5 * gib + 2048, data);
-    ASSERT_GT(firmware.layout().package_size, 4 * gib);
+    const Firmware firmware = with_far_item(5 * kGib + 2048, data);
+    ASSERT_GT(firmware.layout().package_size, 4 * kGib);
     expect_far_item(firmware, data);
 }
 
@@ -57,9 +57,9 @@ TEST(LargeFirmware, HoldsAnItemAcrossTheEdgeOf4Gigabytes) {
     const Firmware near = with_far_item(0, {});
     const uint64_t package = near.layout().package_offset;
     const Bytes data = patterned(300001, 2);
-    expect_far_item(with_far_item(4 * gib - 150000, data), data);
-    expect_far_item(with_far_item(4 * gib - package - 1, data), data);  // across that of the file
-    expect_far_item(with_far_item(4 * gib - package, data), data);
+    expect_far_item(with_far_item(4 * kGib - 150000, data), data);
+    expect_far_item(with_far_item(4 * kGib - package - 1, data), data);  // across that of the file
+    expect_far_item(with_far_item(4 * kGib - package, data), data);
 }
 
 TEST(LargeFirmware, HoldsASparseItemBeyond4Gigabytes) {
@@ -67,7 +67,7 @@ TEST(LargeFirmware, HoldsASparseItemBeyond4Gigabytes) {
     image.chunks = {SparseChunk::raw(patterned(100000, 1)), SparseChunk::dont_care(7),
                     SparseChunk::fill(0x11223344, 5)};
     const Bytes sparse = image.build();
-    expect_far_item(with_far_item(6 * gib, sparse), expected_sparse_partition(sparse, 2048));
+    expect_far_item(with_far_item(6 * kGib, sparse), expected_sparse_partition(sparse, 2048));
 }
 
 TEST(LargeFirmware, MayMarkItemsThatAreNotLarge) {
@@ -79,10 +79,10 @@ TEST(LargeFirmware, MayMarkItemsThatAreNotLarge) {
 
 // Of an item of 8193 pages the file holds 100: that they are a percent of it shows how large it is taken for.
 TEST(LargeFirmware, HoldsAnItemLargerThan4Gigabytes) {
-    const std::size_t page_size = 512 * kib;
+    const std::size_t page_size = 512 * kIb;
     Firmware firmware = with_far_item(70000, patterned(5000, 1));
     firmware.items[0].part_size = 0x4000;
-    firmware.items[1].size = 4 * gib + 1;
+    firmware.items[1].size = 4 * kGib + 1;
     firmware.items[1].islands = {{.at = 100 * page_size - 100, .bytes = patterned(100, 2)}};
     firmware.md5.clear();
     const Workbench bench(firmware);
@@ -90,7 +90,7 @@ TEST(LargeFirmware, HoldsAnItemLargerThan4Gigabytes) {
 
     const Conversion nand{"spinand", "1024", "512"};
     const fs::path out = bench.out_dir();
-    bench.expect(nand, creation_failed,
+    bench.expect(nand, kCreationFailed,
                  opening_lines() + preparing_line("parameter", out) + table_lines("parameter") +
                      preparing_line("far", out) + line("writing far...") +
                      redrawn("writing far...1%") +  // page 82
@@ -109,10 +109,10 @@ TEST(LargeFirmware, ReadsTheParameterItemWithoutItsMarks) {
         const Workbench bench;
         Bytes bytes = firmware.build();
         const std::size_t record = firmware.layout().item_records[0];
-        put8_at(bytes, record + item_field::offset_mark, 'H');
-        put32_at(bytes, record + item_field::offset_high, 1);
-        put8_at(bytes, record + item_field::size_mark, 'H');
-        put32_at(bytes, record + item_field::size_high, 1);
+        put8_at(bytes, record + item_field::kOffsetMark, 'H');
+        put32_at(bytes, record + item_field::kOffsetHigh, 1);
+        put8_at(bytes, record + item_field::kSizeMark, 'H');
+        put32_at(bytes, record + item_field::kSizeHigh, 1);
         write_file(bench.firmware(), bytes);
         const GptEntries entries = gpt ? GptEntries(sample_gpt()) : std::nullopt;
         bench.expect({}, expected_run(firmware, {}, bench.out_dir(), entries), By::program);

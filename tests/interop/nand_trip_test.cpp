@@ -27,7 +27,7 @@ void expect_files(const Sample& firmware, const fs::path& out, std::size_t page_
         if (item.name == "parameter") {
             const Bytes table = read(read_file(out / table_name(firmware)));
             const Bytes start = firmware.gpt() ? to_bytes("EFI PART") : item.data;
-            EXPECT_TRUE(slice(table, firmware.gpt() ? sector_size : 0, start.size()) == start);
+            EXPECT_TRUE(slice(table, firmware.gpt() ? kSectorSize : 0, start.size()) == start);
             continue;
         }
         SCOPED_TRACE(item.name);
@@ -36,9 +36,8 @@ void expect_files(const Sample& firmware, const fs::path& out, std::size_t page_
         EXPECT_TRUE(same_bytes(slice(data, 0, contents.size()), contents)) << item.name;
         EXPECT_TRUE(all_bytes_are(data, 0, contents.size(), data.size() - contents.size()));
         EXPECT_EQ(data.size() % page_size, 0U);
-        if (item.name == "rootfs") {
+        if (item.name == "rootfs")
             expect_clean_ext4(slice(data, 0, contents.size()));
-        }
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()),
               static_cast<std::ptrdiff_t>(files));
@@ -89,16 +88,14 @@ std::string name_of(const testing::TestParamInfo<NandGeometry>& tested) {
            (tested.param.two_kilobytes_data ? "With2K" : "") + (tested.param.page_list ? "List" : "");
 }
 
-constexpr std::array<uint32_t, 5> page_sizes_kb{1, 2, 3, 4, 8};
+constexpr std::array<uint32_t, 5> kPageSizesKb{1, 2, 3, 4, 8};
 
 std::vector<NandGeometry> all_geometries() {
     std::vector<NandGeometry> geometries;
-    for (const uint32_t page_kb : page_sizes_kb) {
-        for (const bool two_kilobytes_data : {false, true}) {
-            for (const bool page_list : {false, true}) {
+    for (const uint32_t page_kb : kPageSizesKb) {
+        for (const bool two_kilobytes_data : {false, true})
+            for (const bool page_list : {false, true})
                 geometries.push_back({page_kb, two_kilobytes_data, page_list});
-            }
-        }
     }
     return geometries;
 }
@@ -147,7 +144,7 @@ TEST_P(SpiNandTrip, GivesThePartitionsBack) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sample, SpiNandTrip, testing::ValuesIn(page_sizes_kb),
+INSTANTIATE_TEST_SUITE_P(Sample, SpiNandTrip, testing::ValuesIn(kPageSizesKb),
                          [](const testing::TestParamInfo<uint32_t>& tested) {
                              return "Pages" + std::to_string(tested.param);
                          });

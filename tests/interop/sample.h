@@ -48,71 +48,68 @@ inline std::string text_up_to_nul(const Bytes& bytes) {
 
 class Sample {
 public:
-    Sample(bool gpt, bool sparse) : gpt_(gpt) {
-        Arguments arguments{"--out", firmware(), "--work", directory_.path(), "--rootfs-mb", "4"};
-        if (gpt) {
+    Sample(bool gpt, bool sparse) : m_gpt(gpt) {
+        Arguments arguments{"--out", firmware(), "--work", m_directory.path(), "--rootfs-mb", "4"};
+        if (gpt)
             arguments.emplace_back("--gpt");
-        }
-        if (!sparse) {
+        if (!sparse)
             arguments.emplace_back("--no-sparse");
-        }
         const RunResult made = run_program(MAKE_SAMPLE_FIRMWARE, arguments);
-        if (!made.succeeded()) {
+        if (!made.succeeded())
             throw std::runtime_error(made.err);
-        }
-        root_file_system_ = read_file(root_file_system_path());
+        m_root_file_system = read_file(root_file_system_path());
         take_parts(read_file(firmware()));
     }
 
-    fs::path firmware() const { return directory_ / "sample.img"; }
-    bool gpt() const { return gpt_; }
-    const std::vector<PackedItem>& items() const { return items_; }  // those that are placed
-    const Bytes& first_stage() const { return first_stage_; }
-    const Bytes& second_stage() const { return second_stage_; }
+    fs::path firmware() const { return m_directory / "sample.img"; }
+    bool gpt() const { return m_gpt; }
+    const std::vector<PackedItem>& items() const { return m_items; }  // those that are placed
+    const Bytes& first_stage() const { return m_first_stage; }
+    const Bytes& second_stage() const { return m_second_stage; }
 
     // The ext4 file system that the item "rootfs" holds, plain or sparse.
-    const Bytes& root_file_system() const { return root_file_system_; }
-    fs::path root_file_system_path() const { return directory_ / "rootfs.ext4"; }
+    const Bytes& root_file_system() const { return m_root_file_system; }
+    fs::path root_file_system_path() const { return m_directory / "rootfs.ext4"; }
     // The bytes that the partition starts with.
     const Bytes& contents(const PackedItem& item) const {
-        return item.name == "rootfs" ? root_file_system_ : item.data;
+        return item.name == "rootfs" ? m_root_file_system : item.data;
     }
 
 private:
     void take_parts(const Bytes& firmware_bytes) {
-        const std::size_t package = get32(firmware_bytes, head_field::package_offset);
-        const uint32_t count = get32(firmware_bytes, package + package_field::item_count);
+        const std::size_t package = get32(firmware_bytes, head_field::kPackageOffset);
+        const uint32_t count = get32(firmware_bytes, package + package_field::kItemCount);
         for (std::size_t i = 0; i < count; ++i) {
             const Bytes record =
-                slice(firmware_bytes, package + package_field::items + i * item_field::record_bytes,
-                      item_field::record_bytes);
-            if (get32(record, item_field::flash_offset) != not_placed) {
-                items_.push_back({.name = text_up_to_nul(slice(record, 0, item_field::name_bytes)),
-                                  .part_size = get32(record, item_field::part_size),
-                                  .flash_offset = get32(record, item_field::flash_offset),
-                                  .data = slice(firmware_bytes, package + get32(record, item_field::offset),
-                                                get32(record, item_field::size))});
+                slice(firmware_bytes, package + package_field::kItems + i * item_field::kRecordBytes,
+                      item_field::kRecordBytes);
+            if (get32(record, item_field::kFlashOffset) != kNotPlaced) {
+                m_items.push_back({.name = text_up_to_nul(slice(record, 0, item_field::kNameBytes)),
+                                   .part_size = get32(record, item_field::kPartSize),
+                                   .flash_offset = get32(record, item_field::kFlashOffset),
+                                   .data = slice(firmware_bytes, package + get32(record, item_field::kOffset),
+                                                 get32(record, item_field::kSize))});
             }
         }
-        const Bytes boot = slice(firmware_bytes, get32(firmware_bytes, head_field::boot_offset),
-                                 get32(firmware_bytes, head_field::boot_size));
-        first_stage_ = loader_entry(boot, 0);
-        second_stage_ = loader_entry(boot, 1);
+        const Bytes boot = slice(firmware_bytes, get32(firmware_bytes, head_field::kBootOffset),
+                                 get32(firmware_bytes, head_field::kBootSize));
+        m_first_stage = loader_entry(boot, 0);
+        m_second_stage = loader_entry(boot, 1);
     }
 
     static Bytes loader_entry(const Bytes& boot, std::size_t index) {
         const std::size_t record =
-            get32(boot, boot_field::offset_loader) + index * boot.at(boot_field::size_loader);
-        return slice(boot, get32(boot, record + boot_entry_field::data_offset),
-                     get32(boot, record + boot_entry_field::data_size));
+            get32(boot, boot_field::kOffsetLoader) + index * boot.at(boot_field::kSizeLoader);
+        return slice(boot, get32(boot, record + boot_entry_field::kDataOffset),
+                     get32(boot, record + boot_entry_field::kDataSize));
     }
 
-    TemporaryDirectory directory_{};
-    bool gpt_;
-    std::vector<PackedItem> items_{};
-    Bytes first_stage_{};
-    Bytes second_stage_{};
-    Bytes root_file_system_{};
+    TemporaryDirectory m_directory{};
+    bool m_gpt;
+    std::vector<PackedItem> m_items{};
+    Bytes m_first_stage{};
+    Bytes m_second_stage{};
+    Bytes m_root_file_system{};
 };
 
 inline const Sample& sample(bool gpt, bool sparse) {

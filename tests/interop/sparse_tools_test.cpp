@@ -21,17 +21,15 @@ std::optional<Bytes> expanded_by_simg2img(const Bytes& sparse, const fs::path& s
 std::vector<Bytes> expanded_by_program(const std::vector<Bytes>& images, const std::string& page_kb) {
     Firmware firmware = sample_firmware();
     firmware.items.resize(1);
-    for (const Bytes& image : images) {
+    for (const Bytes& image : images)
         firmware.items.push_back({.name = "part" + std::to_string(firmware.items.size() - 1), .data = image});
-    }
     const Workbench bench(firmware);
     const RunResult result = bench.convert({"spinand", page_kb, page_kb});
     EXPECT_EQ(result.exit_status, 0) << result.out;
     EXPECT_FALSE(fs::exists(bench.out("unsparse_tmp.bin")));
     std::vector<Bytes> expanded;
-    for (std::size_t i = 0; i < images.size(); ++i) {
+    for (std::size_t i = 0; i < images.size(); ++i)
         expanded.push_back(bench.output("part" + std::to_string(i) + ".img"));
-    }
     return expanded;
 }
 
@@ -39,24 +37,22 @@ std::vector<Bytes> expanded_by_program(const std::vector<Bytes>& images, const s
 
 class Generator {
 public:
-    explicit Generator(uint32_t seed) : random_(seed) {}
+    explicit Generator(uint32_t seed) : m_random(seed) {}
 
     // Chunks of all kinds in any order; every third image ends in a hole.
     SparseImage image() {
         SparseImage image;
         image.block_size = block_size();
         const uint32_t chunks = 1 + below(9);
-        for (uint32_t i = 0; i < chunks; ++i) {
+        for (uint32_t i = 0; i < chunks; ++i)
             image.chunks.push_back(chunk(image.block_size));
-        }
-        if (below(3) == 0) {
+        if (below(3) == 0)
             image.chunks.push_back(SparseChunk::dont_care(1 + below(20)));
-        }
         return image;
     }
 
 private:
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(m_random() % limit); }
 
     // Others take multiples of four alone; most of these are no multiple of any page.
     uint32_t block_size() {
@@ -69,18 +65,18 @@ private:
         switch (below(5)) {
         case 0:
         case 1:
-            return SparseChunk::raw(patterned(blocks * block_size, static_cast<uint32_t>(random_())),
+            return SparseChunk::raw(patterned(blocks * block_size, static_cast<uint32_t>(m_random())),
                                     block_size);
         case 2:
-            return SparseChunk::fill(below(4) == 0 ? 0 : static_cast<uint32_t>(random_()), blocks);
+            return SparseChunk::fill(below(4) == 0 ? 0 : static_cast<uint32_t>(m_random()), blocks);
         case 3:
             return SparseChunk::dont_care(blocks);
         default:
-            return SparseChunk::crc(static_cast<uint32_t>(random_()));
+            return SparseChunk::crc(static_cast<uint32_t>(m_random()));
         }
     }
 
-    std::mt19937 random_;
+    std::mt19937 m_random;
 };
 
 class GeneratedSparseImages : public testing::TestWithParam<std::string> {};

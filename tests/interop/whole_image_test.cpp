@@ -37,29 +37,27 @@ private:
     static void expect_boot_blocks(const Sample& firmware, const Bytes& image, uint64_t second_copy) {
         expect_boot_block(image, 64, firmware);
         expect_boot_block(image, second_copy, firmware);
-        const std::size_t distance = (second_copy - 64) * sector_size;
-        EXPECT_TRUE(same_bytes(slice(image, second_copy * sector_size, distance),
-                               slice(image, 64 * sector_size, distance)))
+        const std::size_t distance = (second_copy - 64) * kSectorSize;
+        EXPECT_TRUE(same_bytes(slice(image, second_copy * kSectorSize, distance),
+                               slice(image, 64 * kSectorSize, distance)))
             << "second copy";
     }
 
     static void expect_partitions(const Sample& firmware, const Bytes& image) {
         const uint64_t first_sector = firmware.gpt() ? 0 : 8192;
         for (const PackedItem& item : firmware.items()) {
-            if (item.name == "parameter") {
+            if (item.name == "parameter")
                 continue;
-            }
             SCOPED_TRACE(item.name);
             const Bytes& contents = firmware.contents(item);
-            const std::size_t start = (item.flash_offset + first_sector) * sector_size;
+            const std::size_t start = (item.flash_offset + first_sector) * kSectorSize;
             EXPECT_TRUE(same_bytes(slice(image, start, contents.size()), contents)) << item.name;
-            if (item.part_size != grows_to_end) {
+            if (item.part_size != kGrowsToEnd) {
                 EXPECT_TRUE(all_bytes_are(image, 0, start + contents.size(),
-                                          item.part_size * sector_size - contents.size()));
+                                          item.part_size * kSectorSize - contents.size()));
             }
-            if (item.name == "rootfs") {
+            if (item.name == "rootfs")
                 expect_clean_ext4(slice(image, start, contents.size()));
-            }
         }
     }
 };

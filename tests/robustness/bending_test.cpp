@@ -53,14 +53,14 @@ std::vector<std::size_t> structure_bytes(const Structure& structure) {
     add_range(positions, container, structure.container_tables_end - container);
     if (!structure.head)
         return positions;
-    add_range(positions, 0, head_field::head_bytes);
-    add_range(positions, structure.package.value(), package_field::items);
+    add_range(positions, 0, head_field::kHeadBytes);
+    add_range(positions, structure.package.value(), package_field::kItems);
     for (const std::size_t item : structure.items)
-        add_range(positions, item, item_field::record_bytes);
+        add_range(positions, item, item_field::kRecordBytes);
     add_range(positions, structure.parameter.value().offset, 8);
-    add_range(positions, structure.sparse.value(), sparse_field::header_bytes);
+    add_range(positions, structure.sparse.value(), sparse_field::kHeaderBytes);
     for (const std::size_t chunk : structure.chunks)
-        add_range(positions, chunk, sparse_field::chunk_header_bytes);
+        add_range(positions, chunk, sparse_field::kChunkHeaderBytes);
     return positions;
 }
 
@@ -82,11 +82,11 @@ BentRuns bent_bytes(const Specimen& specimen) {
 // ---- size, offset and count fields ----
 
 // 0, 1 and, of the field's width, the largest positive number, the smallest negative one, and all bits.
-constexpr std::size_t extremes = 5;
+constexpr std::size_t kExtremes = 5;
 
 uint64_t extreme(std::size_t which, const Field& field) {
     const uint64_t top = field.largest() / 2 + 1;
-    return std::array<uint64_t, extremes>{0, 1, top - 1, top, field.largest()}[which];
+    return std::array<uint64_t, kExtremes>{0, 1, top - 1, top, field.largest()}[which];
 }
 
 // Bends the field and says so.
@@ -98,12 +98,12 @@ std::string bend_to(Bytes& bytes, const Field& field, uint64_t value) {
 BentRuns bent_numbers(const Specimen& specimen) {
     const std::vector<Field> fields = number_fields(specimen.structure);
     const auto make = [specimen, fields](std::size_t index) {
-        const Field& field = fields[index / extremes];
+        const Field& field = fields[index / kExtremes];
         Bytes bytes = specimen.bytes;
-        const std::string what = bend_to(bytes, field, extreme(index % extremes, field));
+        const std::string what = bend_to(bytes, field, extreme(index % kExtremes, field));
         return bent_firmware(what, std::move(bytes), specimen);
     };
-    return {.count = fields.size() * extremes, .make = make};
+    return {.count = fields.size() * kExtremes, .make = make};
 }
 
 // Two numbers of one structure at a time: sizes that only their product or sum makes wild.
@@ -112,12 +112,12 @@ BentRuns bent_pairs(const Specimen& specimen, const std::vector<Field>& fields) 
     for (std::size_t i = 0; i < fields.size(); ++i)
         for (std::size_t j = 0; j < i; ++j)
             pairs.emplace_back(fields[i], fields[j]);
-    constexpr std::size_t ways = extremes * extremes;
+    constexpr std::size_t ways = kExtremes * kExtremes;
     const auto make = [specimen, pairs](std::size_t index) {
         const auto& [one, other] = pairs[index / ways];
         Bytes bytes = specimen.bytes;
-        std::string what = bend_to(bytes, one, extreme(index % extremes, one));
-        what += ", " + bend_to(bytes, other, extreme(index / extremes % extremes, other));
+        std::string what = bend_to(bytes, one, extreme(index % kExtremes, one));
+        what += ", " + bend_to(bytes, other, extreme(index / kExtremes % kExtremes, other));
         return bent_firmware(what, std::move(bytes), specimen);
     };
     return {.count = pairs.size() * ways, .make = make};
@@ -201,8 +201,8 @@ TEST_P(Bending, TwoExtremeNumbersOfASparseImageEndOrderly) {
     const std::size_t record = specimen.structure.items.at(2);
     specimen.structure.chunks.resize(2);  // a raw one and a fill
     std::vector<Field> fields = sparse_fields(specimen.structure);
-    fields.push_back({"part_size", record + item_field::part_size});
-    fields.push_back({"size", record + item_field::size});
+    fields.push_back({"part_size", record + item_field::kPartSize});
+    fields.push_back({"size", record + item_field::kSize});
     expect_orderly_ends(GetParam(), bent_pairs(specimen, fields));
 }
 
@@ -212,7 +212,7 @@ TEST_P(Bending, TwoExtremeNumbersOfAPlainImageEndOrderly) {
     expect_orderly_ends(GetParam(), bent_pairs(specimen, fields));
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, Bending, testing::ValuesIn(storage_types),
+INSTANTIATE_TEST_SUITE_P(Types, Bending, testing::ValuesIn(kStorageTypes),
                          [](const auto& type) { return std::string(type_name(type.param)); });
 
 }  // namespace

@@ -18,12 +18,12 @@ using namespace test_support;
 
 namespace {
 
-constexpr uint64_t largest_output = 8 * 1024 * 1024;
-constexpr double cpu_seconds = sanitized ? 10 : 1;
-constexpr unsigned wall_seconds =
-    sanitized ? 60 : 15;  // a run that waits for something costs no processor time
-constexpr long memory_kb = 64 * 1024;
-constexpr char success_line[] = "creating programming image ok.\n";
+constexpr uint64_t kLargestOutput = 8 * 1024 * 1024;
+constexpr double kCpuSeconds = kSanitized ? 10 : 1;
+constexpr unsigned kWallSeconds =
+    kSanitized ? 60 : 15;  // a run that waits for something costs no processor time
+constexpr long kMemoryKb = 64 * 1024;
+constexpr char kSuccessLine[] = "creating programming image ok.\n";
 
 // What the child tells the parent, also when it dies.
 struct Shared {
@@ -34,43 +34,43 @@ struct Shared {
 class SharedMemory {
 public:
     SharedMemory()
-        : shared_(static_cast<Shared*>(
+        : m_shared(static_cast<Shared*>(
               ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
-        if (shared_ == MAP_FAILED)
+        if (m_shared == MAP_FAILED)
             throw std::runtime_error("no shared memory");
-        new (shared_) Shared();
+        new (m_shared) Shared();
     }
     SharedMemory(const SharedMemory&) = delete;
     SharedMemory& operator=(const SharedMemory&) = delete;
-    ~SharedMemory() { ::munmap(shared_, sizeof(Shared)); }
+    ~SharedMemory() { ::munmap(m_shared, sizeof(Shared)); }
 
-    Shared* operator->() const { return shared_; }
+    Shared* operator->() const { return m_shared; }
 
 private:
-    Shared* shared_;
+    Shared* m_shared;
 };
 
 // Standard output as a file in memory, of which each run's part can be taken out.
 class CapturedOutput {
 public:
-    CapturedOutput() : descriptor_(::memfd_create("output", MFD_CLOEXEC)) {
+    CapturedOutput() : m_descriptor(::memfd_create("output", MFD_CLOEXEC)) {
         std::fflush(stdout);
-        if (descriptor_ < 0 || ::dup2(descriptor_, STDOUT_FILENO) < 0)
+        if (m_descriptor < 0 || ::dup2(m_descriptor, STDOUT_FILENO) < 0)
             throw std::runtime_error("cannot capture the output");
     }
 
     std::string take() {
         std::fflush(stdout);
-        const off_t size = ::lseek(descriptor_, 0, SEEK_END);
+        const off_t size = ::lseek(m_descriptor, 0, SEEK_END);
         std::string text(static_cast<std::size_t>(size), '\0');
-        if (::pread(descriptor_, text.data(), text.size(), 0) != size || ::ftruncate(descriptor_, 0) != 0 ||
-            ::lseek(descriptor_, 0, SEEK_SET) != 0)
+        if (::pread(m_descriptor, text.data(), text.size(), 0) != size || ::ftruncate(m_descriptor, 0) != 0 ||
+            ::lseek(m_descriptor, 0, SEEK_SET) != 0)
             throw std::runtime_error("cannot read the captured output");
         return text;
     }
 
 private:
-    int descriptor_;
+    int m_descriptor;
 };
 
 double cpu_now() {
@@ -87,37 +87,37 @@ long peak_memory_kb() {
 
 // What the program prints after a conversion that failed.
 const char* last_line_of_main(int status) {
-    if (status == status_creation_failed)
+    if (status == kStatusCreationFailed)
         return "Failed to create programming image.\n";
-    return status == status_out_of_memory ? "out of memory\n" : "";
+    return status == kStatusOutOfMemory ? "out of memory\n" : "";
 }
 
 class Child {
 public:
     Child(ENUM_FLASH_TYPE type, const BentRuns& runs)
-        : type_(type), runs_(runs), firmware_(top_ / (runs.container ? "loader.bin" : "firmware.img")),
-          output_(top_ / "out") {
-        std::filesystem::create_directory(output_);
+        : m_type(type), m_runs(runs), m_firmware(m_top / (runs.container ? "loader.bin" : "firmware.img")),
+          m_output(m_top / "out") {
+        std::filesystem::create_directory(m_output);
     }
 
     // Empty, or what is wrong with the run.
     std::string run(const BentFirmware& bent) {
-        write_file(firmware_, bent.bytes);
+        write_file(m_firmware, bent.bytes);
         const double start = cpu_now();
-        ::alarm(wall_seconds);
+        ::alarm(kWallSeconds);
         const int status = limited_conversion();
         ::alarm(0);
         const double spent = cpu_now() - start;
-        const std::string out = captured_.take() + last_line_of_main(status);
+        const std::string out = m_captured.take() + last_line_of_main(status);
 
         std::string problem;
-        if (spent > cpu_seconds)
+        if (spent > kCpuSeconds)
             problem = "takes " + std::to_string(spent) + " seconds";
-        else if (status == status_success && !out.ends_with(success_line))
+        else if (status == kStatusSuccess && !out.ends_with(kSuccessLine))
             problem = "succeeds without saying so:\n" + out;
-        else if (status != status_success && !wrong_reason(status, out).empty())
+        else if (status != kStatusSuccess && !wrong_reason(status, out).empty())
             problem = "fails for another reason than it gives: " + wrong_reason(status, out) + "\n" + out;
-        else if (read_file(firmware_) != bent.bytes)
+        else if (read_file(m_firmware) != bent.bytes)
             problem = "changes the firmware";
         else
             problem = strangers();
@@ -127,28 +127,28 @@ public:
 
 private:
     int limited_conversion() const {
-        const FileSizeLimit limit(largest_output);
-        return convert(type_, runs_.geometry, firmware_, output_);
+        const FileSizeLimit limit(kLargestOutput);
+        return convert(m_type, m_runs.geometry, m_firmware, m_output);
     }
 
     std::string strangers() const {
-        for (const auto& entry : std::filesystem::directory_iterator(top_.path()))
-            if (entry.path() != firmware_ && entry.path() != output_)
+        for (const auto& entry : std::filesystem::directory_iterator(m_top.path()))
+            if (entry.path() != m_firmware && entry.path() != m_output)
                 return "leaves the output directory: " + entry.path().filename().string();
         return {};
     }
 
     void clear_output() const {
-        for (const auto& entry : std::filesystem::directory_iterator(output_))
+        for (const auto& entry : std::filesystem::directory_iterator(m_output))
             std::filesystem::remove_all(entry.path());
     }
 
-    const ENUM_FLASH_TYPE type_;
-    const BentRuns& runs_;
-    ScratchDirectory top_;
-    const std::filesystem::path firmware_;
-    const std::filesystem::path output_;
-    CapturedOutput captured_;
+    const ENUM_FLASH_TYPE m_type;
+    const BentRuns& m_runs;
+    ScratchDirectory m_top;
+    const std::filesystem::path m_firmware;
+    const std::filesystem::path m_output;
+    CapturedOutput m_captured;
 };
 
 void report(Shared& shared, const std::string& problem) {
@@ -167,7 +167,7 @@ void run_in_child(ENUM_FLASH_TYPE type, const BentRuns& runs, Shared& shared) {
         if (shared.done == first)
             memory_before = peak_memory_kb();  // with everything that one run needs in any case
         const long grown = peak_memory_kb() - memory_before;
-        if (!sanitized && grown > memory_kb)
+        if (!kSanitized && grown > kMemoryKb)
             return report(shared, "takes " + std::to_string(grown) + " KB of memory");
     }
 }

@@ -15,9 +15,9 @@ namespace {
 
 using namespace test_support;
 
-constexpr uint64_t mib = uint64_t{1} << 20;
-constexpr uint64_t gib = uint64_t{1} << 30;
-constexpr Geometry usual{.block_kb = 128, .page_kb = 2, .oob_bytes = 64};
+constexpr uint64_t kMib = uint64_t{1} << 20;
+constexpr uint64_t kGib = uint64_t{1} << 30;
+constexpr Geometry kUsual{.block_kb = 128, .page_kb = 2, .oob_bytes = 64};
 
 // A GPT, and one plain image of so many bytes.
 Firmware firmware_with_data(std::size_t size) {
@@ -44,12 +44,12 @@ long total_calls(const std::string& table) {
 class SystemCalls : public testing::TestWithParam<ENUM_FLASH_TYPE> {
 protected:
     void SetUp() override {
-        if (sanitized)
+        if (kSanitized)
             GTEST_SKIP() << "needs a build without sanitizers";
-        strace_ = find_program("strace");
-        if (strace_.empty())
+        m_strace = find_program("strace");
+        if (m_strace.empty())
             GTEST_SKIP() << "missing tool: strace";
-        if (!run_program(strace_, {"-f", "-c", "-o", counts(), "true"}).succeeded())
+        if (!run_program(m_strace, {"-f", "-c", "-o", counts(), "true"}).succeeded())
             GTEST_SKIP() << "strace is not allowed to trace here";
     }
 
@@ -58,9 +58,9 @@ protected:
         place.empty_output();
         std::vector<std::string> arguments = {"-f", "-c", "-o", counts(), NANDSMITH_PROGRAM};
         const std::vector<std::string> more =
-            program_arguments(GetParam(), usual, place.firmware(), place.output());
+            program_arguments(GetParam(), kUsual, place.firmware(), place.output());
         arguments.insert(arguments.end(), more.begin(), more.end());
-        const RunResult run = run_program(strace_, arguments);
+        const RunResult run = run_program(m_strace, arguments);
         EXPECT_TRUE(run.succeeded()) << run.out << run.err;
         return total_calls(to_text(read_file(counts())));
     }
@@ -77,15 +77,15 @@ protected:
     }
 
     std::string counts() const {
-        return files_ / "counts";
+        return m_files / "counts";
     }
 
-    std::filesystem::path strace_;
-    ScratchDirectory files_;
+    std::filesystem::path m_strace;
+    ScratchDirectory m_files;
 };
 
 TEST_P(SystemCalls, AreAtMostOneFor64KibOfData) {
-    constexpr uint64_t size = 32 * mib;
+    constexpr uint64_t size = 32 * kMib;
     expect_at_most_one_for_64_kib(firmware_with_data(4096), firmware_with_data(size), size);
 }
 
@@ -95,16 +95,16 @@ TEST_P(SystemCalls, AreAtMostOneFor64KibOfASparseImage) {
     Firmware small = firmware_with_data(0);
     small.item("rootfs").data = image.build();
     for (int i = 0; i < 16; ++i) {
-        image.chunks.push_back(SparseChunk::raw(patterned(mib, 2)));
+        image.chunks.push_back(SparseChunk::raw(patterned(kMib, 2)));
         image.chunks.push_back(SparseChunk::dont_care(256));
     }
     Firmware large = small;
     large.item("rootfs").data = image.build();
     // The temporary file and the output hold every byte.
-    expect_at_most_one_for_64_kib(small, large, 2 * 32 * mib);
+    expect_at_most_one_for_64_kib(small, large, 2 * 32 * kMib);
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, SystemCalls, testing::ValuesIn(storage_types),
+INSTANTIATE_TEST_SUITE_P(Types, SystemCalls, testing::ValuesIn(kStorageTypes),
                          [](const auto& tested) { return std::string(type_name(tested.param)); });
 
 // ---- encoder ----
@@ -115,7 +115,7 @@ uint64_t codewords_of(const Firmware& firmware, const Geometry& geometry) {
     testing::internal::CaptureStdout();
     const int status = convert(FLASH_SLC_NAND, geometry, place.firmware(), place.output());
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(status, status_success) << out;
+    EXPECT_EQ(status, kStatusSuccess) << out;
     return bch_encoded_codewords() - before;
 }
 
@@ -135,9 +135,9 @@ TEST(EncoderCalls, DoNotGrowWithFillPages) {
 }
 
 TEST(EncoderCalls, AreOneForAKilobyteOfData) {
-    constexpr std::size_t size = 4 * mib;
+    constexpr std::size_t size = 4 * kMib;
     for (const BchPath& path : available_bch_paths()) {
-        Geometry geometry = usual;
+        Geometry geometry = kUsual;
         geometry.bch_path = path;
         const uint64_t base = codewords_of(firmware_with_data(2048), geometry);
         const uint64_t calls = codewords_of(firmware_with_data(2048 + size), geometry);
@@ -150,7 +150,7 @@ TEST(EncoderCalls, AreOneForAKilobyteOfData) {
 class PeakMemory : public testing::TestWithParam<ENUM_FLASH_TYPE> {
 protected:
     void SetUp() override {
-        if (sanitized)
+        if (kSanitized)
             GTEST_SKIP() << "needs a build without sanitizers";
 #ifdef __GLIBC__
         ::malloc_trim(0);  // what this process holds counts in until it has become the program
@@ -162,7 +162,7 @@ protected:
 TEST_P(PeakMemory, IsAtMost16MibForAFirmwareOf1Gib) {
     Firmware firmware = firmware_with_data(4096);
     Item& rootfs = firmware.item("rootfs");
-    rootfs.size = gib;
+    rootfs.size = kGib;
     rootfs.reserve_size = true;
     const ScratchDirectory top;
     const std::filesystem::path output = top / "out";
@@ -172,12 +172,12 @@ TEST_P(PeakMemory, IsAtMost16MibForAFirmwareOf1Gib) {
         std::filesystem::create_symlink("/dev/null", output / name);
 
     const RunResult run =
-        run_program(NANDSMITH_PROGRAM, program_arguments(GetParam(), usual, top / "firmware.img", output));
+        run_program(NANDSMITH_PROGRAM, program_arguments(GetParam(), kUsual, top / "firmware.img", output));
     ASSERT_TRUE(run.succeeded()) << run.out;
     EXPECT_LE(run.max_rss_kb, 16 * 1024);
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, PeakMemory, testing::ValuesIn(storage_types),
+INSTANTIATE_TEST_SUITE_P(Types, PeakMemory, testing::ValuesIn(kStorageTypes),
                          [](const auto& tested) { return std::string(type_name(tested.param)); });
 
 }  // namespace

@@ -29,7 +29,7 @@ namespace {
 
 enum class CallClass { none, open, read, seek, write, close, stat, truncate, reserve, unlink, alloc };
 
-constexpr const char* class_names[] = {"none", "open",     "read",    "seek",   "write", "close",
+constexpr const char* kClassNames[] = {"none", "open",     "read",    "seek",   "write", "close",
                                        "stat", "truncate", "reserve", "unlink", "alloc"};
 
 enum class How { error, short_count, nothing };
@@ -39,14 +39,14 @@ struct Failure {
     int error = EIO;
 };
 
-constexpr long most_failures_in_a_row = 4;
+constexpr long kMostFailuresInARow = 4;
 
 struct Plan {
     bool started = false;  // main() was called
     bool armed = false;
     CallClass call_class = CallClass::none;
     long at = 0;
-    Failure ways[most_failures_in_a_row];
+    Failure ways[kMostFailuresInARow];
     long way_count = 0;
     bool always = false;
     long calls = 0;
@@ -174,13 +174,13 @@ Failure way_of(const char* words) {
 
 void read_plan() {
     const char* name = variable("FAILING_CALLS_CLASS");
-    for (int i = 0; i < static_cast<int>(sizeof(class_names) / sizeof(class_names[0])); ++i)
-        if (std::strcmp(name, class_names[i]) == 0)
+    for (int i = 0; i < static_cast<int>(sizeof(kClassNames) / sizeof(kClassNames[0])); ++i)
+        if (std::strcmp(name, kClassNames[i]) == 0)
             plan.call_class = static_cast<CallClass>(i);
     plan.at = std::atol(variable("FAILING_CALLS_AT"));
     plan.always = *variable("FAILING_CALLS_ALWAYS") != '\0';
 
-    for (const char* how = variable("FAILING_CALLS_HOW"); plan.way_count < most_failures_in_a_row;) {
+    for (const char* how = variable("FAILING_CALLS_HOW"); plan.way_count < kMostFailuresInARow;) {
         plan.ways[plan.way_count++] = way_of(how);
         how = std::strchr(how, ',');
         if (how == nullptr)

@@ -54,7 +54,7 @@ void PrintTo(const Fault& fault, std::ostream* out) {
 // A sanitizer has an allocator of its own, in which nothing fails.
 std::vector<Fault> faults() {
     std::vector<Fault> faults(std::begin(kFaults), std::end(kFaults));
-    if (sanitized)
+    if (kSanitized)
         std::erase_if(faults, [](const Fault& fault) { return std::string(fault.call_class) == "alloc"; });
     return faults;
 }

@@ -14,7 +14,7 @@ FailingRun FailingProgram::run(ENUM_FLASH_TYPE type, const FailingCalls& failing
                            {"FAILING_CALLS_ALWAYS", failing.always ? "1" : ""},
                            {"FAILING_CALLS_NO_POOL", failing.no_pool ? "1" : ""},
                            {"FAILING_CALLS_REPORT", report_path()}};
-    if (sanitized)
+    if (kSanitized)
         options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
     FailingRun run;
     run.result = m_place.run(type, {}, options);

@@ -67,7 +67,7 @@ TEST(DeviceOutput, SeekThatFailsIsAWriteError) {
         for (long at = 1; at <= undisturbed.calls; ++at) {
             const FailingRun failed = program.run(type, {"seek", "EIO", at});
             EXPECT_EQ(failed.failures, 1);
-            EXPECT_EQ(failed.result.exit_status, status_creation_failed);
+            EXPECT_EQ(failed.result.exit_status, kStatusCreationFailed);
             EXPECT_TRUE(failed.result.out.ends_with(told)) << failed.result.out;
             const FailingRun interrupted = program.run(type, {"seek", "EINTR", at});
             EXPECT_EQ(interrupted.failures, 1);
@@ -80,7 +80,7 @@ TEST(DeviceOutput, SeekThatFailsIsAWriteError) {
 
 // Without memory for an exception the language ends the program: no catch sees it, and nothing is flushed.
 TEST(OutOfMemory, IsToldWithoutMemoryForAnException) {
-    if (sanitized)
+    if (kSanitized)
         GTEST_SKIP() << "needs a build without sanitizers";
     const Workplace place(small_firmware({.gpt = true}));
     const FailingProgram program(place);
@@ -94,7 +94,7 @@ TEST(OutOfMemory, IsToldWithoutMemoryForAnException) {
         if (run.reported)
             continue;
         ++ended_without_main;
-        EXPECT_EQ(run.result.exit_status, status_out_of_memory);
+        EXPECT_EQ(run.result.exit_status, kStatusOutOfMemory);
         EXPECT_TRUE(run.result.out.ends_with("out of memory\n")) << "call " << at << ":\n" << run.result.out;
         EXPECT_EQ(run.result.err, "");
     }

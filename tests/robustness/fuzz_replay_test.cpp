@@ -23,7 +23,7 @@ using namespace test_support;
 // The program's messages go nowhere while the object lives.
 class MutedOutput {
 public:
-    MutedOutput() : kept_(::dup(STDOUT_FILENO)) {
+    MutedOutput() : m_kept(::dup(STDOUT_FILENO)) {
         std::fflush(stdout);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         ::dup2(nowhere, STDOUT_FILENO);
@@ -33,12 +33,12 @@ public:
     MutedOutput& operator=(const MutedOutput&) = delete;
     ~MutedOutput() {
         std::fflush(stdout);
-        ::dup2(kept_, STDOUT_FILENO);
-        ::close(kept_);
+        ::dup2(m_kept, STDOUT_FILENO);
+        ::close(m_kept);
     }
 
 private:
-    int kept_;
+    int m_kept;
 };
 
 // Empty, or what the target has against the input.
@@ -132,7 +132,7 @@ class FuzzFinding : public testing::TestWithParam<Finding> {};
 
 // In a process of its own, because a finding may end the process or take hours.
 TEST_P(FuzzFinding, PassesInSeconds) {
-    constexpr rlim_t cpu_seconds = sanitized ? 60 : 5;
+    constexpr rlim_t cpu_seconds = kSanitized ? 60 : 5;
     const auto run = [] {
         const rlimit limit{cpu_seconds, cpu_seconds};
         if (::setrlimit(RLIMIT_CPU, &limit) != 0)

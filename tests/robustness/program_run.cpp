@@ -45,8 +45,8 @@ std::vector<std::string> program_arguments(ENUM_FLASH_TYPE type, const Geometry&
     return arguments;
 }
 
-Workplace::Workplace(const Firmware& firmware) : firmware_bytes_(firmware.build()) {
-    write_file(this->firmware(), firmware_bytes_);
+Workplace::Workplace(const Firmware& firmware) : m_firmware_bytes(firmware.build()) {
+    write_file(this->firmware(), m_firmware_bytes);
     std::filesystem::create_directory(output());
 }
 
@@ -57,7 +57,7 @@ void Workplace::empty_output() const {
 
 RunResult Workplace::run(ENUM_FLASH_TYPE type, const Geometry& geometry, RunOptions options) const {
     if (!options.timeout_seconds)
-        options.timeout_seconds = sanitized ? 60 : 20;
+        options.timeout_seconds = kSanitized ? 60 : 20;
     return run_program(NANDSMITH_PROGRAM, program_arguments(type, geometry, firmware(), output()), options);
 }
 
@@ -72,7 +72,7 @@ Files Workplace::undisturbed(ENUM_FLASH_TYPE type, const Geometry& geometry) con
 }
 
 std::string Workplace::damage() const {
-    if (read_file(firmware()) != firmware_bytes_)
+    if (read_file(firmware()) != m_firmware_bytes)
         return "the firmware was changed";
     for (const auto& entry : std::filesystem::directory_iterator(top()))
         if (entry.path() != firmware() && entry.path() != output())

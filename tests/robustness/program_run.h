@@ -19,15 +19,15 @@
 namespace robustness {
 
 #if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool sanitized = true;
+inline constexpr bool kSanitized = true;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-inline constexpr bool sanitized = true;
+inline constexpr bool kSanitized = true;
 #else
-inline constexpr bool sanitized = false;
+inline constexpr bool kSanitized = false;
 #endif
 #else
-inline constexpr bool sanitized = false;
+inline constexpr bool kSanitized = false;
 #endif
 
 // Names and contents of the regular files of a directory.
@@ -47,9 +47,9 @@ class Workplace {
 public:
     explicit Workplace(const test_support::Firmware& firmware);
 
-    std::filesystem::path firmware() const { return top_ / "firmware.img"; }
-    std::filesystem::path output() const { return top_ / "out"; }
-    const std::filesystem::path& top() const { return top_.path(); }
+    std::filesystem::path firmware() const { return m_top / "firmware.img"; }
+    std::filesystem::path output() const { return m_top / "out"; }
+    const std::filesystem::path& top() const { return m_top.path(); }
 
     void empty_output() const;
     test_support::RunResult run(ENUM_FLASH_TYPE type, const Geometry& geometry,
@@ -62,8 +62,8 @@ public:
     std::string damage() const;
 
 private:
-    ScratchDirectory top_;
-    test_support::Bytes firmware_bytes_;
+    ScratchDirectory m_top;
+    test_support::Bytes m_firmware_bytes;
 };
 
 // Empty when a run that may have failed ended as it should: success with exactly the wanted files in the

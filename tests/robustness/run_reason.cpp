@@ -29,12 +29,12 @@ constexpr Ending kEndings[] = {
     {kOutputNotADirectory, "* is not a directory"},
     {kFirmwareNotAccessible, "* failed to access"},
     {kFirmwareNotAFile, "* is not a file"},
-    {status_init_failed, "page size is out of range"},
-    {status_init_failed, "block size is out of range"},
-    {status_init_failed, "failed to load firmware,ret=1"},
-    {status_init_failed, "failed to create */out_image.img,err=#"},
-    {status_creation_failed, "Failed to create programming image."},
-    {status_out_of_memory, "out of memory"},
+    {kStatusInitFailed, "page size is out of range"},
+    {kStatusInitFailed, "block size is out of range"},
+    {kStatusInitFailed, "failed to load firmware,ret=1"},
+    {kStatusInitFailed, "failed to create */out_image.img,err=#"},
+    {kStatusCreationFailed, "Failed to create programming image."},
+    {kStatusOutOfMemory, "out of memory"},
 };
 
 // What a failed creation says in colour before its last line, and the line before that: the cause. A step
@@ -139,7 +139,7 @@ std::string wrong_reason(int exit_status, const std::string& out) {
             return ending.exit_status == exit_status && matches(last, ending.last_line);
         }))
         return "status " + std::to_string(exit_status) + " with the last line: " + std::string(last);
-    if (exit_status != status_creation_failed)
+    if (exit_status != kStatusCreationFailed)
         return {};
     const std::string_view verdict = error_text(line_from_end(lines, 1));
     const std::string_view cause = line_from_end(lines, 2);

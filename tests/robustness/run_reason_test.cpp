@@ -14,14 +14,14 @@ std::string creation(const std::string& cause, const std::string& verdict) {
 }
 
 TEST(RunReason, IsTheLineOfTheStatus) {
-    EXPECT_EQ(wrong_reason(status_init_failed, "failed to load firmware,ret=1\n"), "");
-    EXPECT_EQ(wrong_reason(status_init_failed, "failed to create out/out_image.img,err=13\n"), "");
-    EXPECT_EQ(wrong_reason(status_out_of_memory, "writing idblock...\nout of memory\n"), "");
+    EXPECT_EQ(wrong_reason(kStatusInitFailed, "failed to load firmware,ret=1\n"), "");
+    EXPECT_EQ(wrong_reason(kStatusInitFailed, "failed to create out/out_image.img,err=13\n"), "");
+    EXPECT_EQ(wrong_reason(kStatusOutOfMemory, "writing idblock...\nout of memory\n"), "");
     EXPECT_EQ(wrong_reason(247, "out failed to access\n"), "");
-    EXPECT_EQ(wrong_reason(status_creation_failed,
+    EXPECT_EQ(wrong_reason(kStatusCreationFailed,
                            creation("\033[1A\033[2Kwriting boot...OK", "failed to write out/a.img,err=28")),
               "");
-    EXPECT_EQ(wrong_reason(status_creation_failed,
+    EXPECT_EQ(wrong_reason(kStatusCreationFailed,
                            creation("failed to get sparse chunk", "failed to write rootfs,ret=-4")),
               "");
 }
@@ -30,16 +30,16 @@ TEST(RunReason, IsNotAnyLineWithAFailure) {
     const std::string any = "failed to get sparse info\n";
     for (const int status : {247, 246, 245, 244, 242, 241, 240, 1, 139})
         EXPECT_NE(wrong_reason(status, any), "") << status;
-    EXPECT_NE(wrong_reason(status_init_failed, ""), "");
-    EXPECT_NE(wrong_reason(status_init_failed, "failed to load firmware,ret=1"), "");
-    EXPECT_NE(wrong_reason(status_init_failed, "failed to load firmware,ret=1\nwriting idblock...\n"), "");
-    EXPECT_NE(wrong_reason(status_init_failed, "failed to load firmware,ret=-2\n"), "");
-    EXPECT_NE(wrong_reason(status_creation_failed, any + "Failed to create programming image.\n"), "");
+    EXPECT_NE(wrong_reason(kStatusInitFailed, ""), "");
+    EXPECT_NE(wrong_reason(kStatusInitFailed, "failed to load firmware,ret=1"), "");
+    EXPECT_NE(wrong_reason(kStatusInitFailed, "failed to load firmware,ret=1\nwriting idblock...\n"), "");
+    EXPECT_NE(wrong_reason(kStatusInitFailed, "failed to load firmware,ret=-2\n"), "");
+    EXPECT_NE(wrong_reason(kStatusCreationFailed, any + "Failed to create programming image.\n"), "");
 }
 
 TEST(RunReason, HasTheCauseOfItsResult) {
     const auto wrong = [](const std::string& cause, const std::string& verdict) {
-        return wrong_reason(status_creation_failed, creation(cause, verdict));
+        return wrong_reason(kStatusCreationFailed, creation(cause, verdict));
     };
     EXPECT_EQ(wrong("failed to get fill chunk data", "failed to write rootfs,ret=-6"), "");
     EXPECT_NE(wrong("failed to get fill chunk data", "failed to write rootfs,ret=-5"), "");

@@ -15,21 +15,21 @@ namespace {
 
 namespace slow {
 
-constexpr int field_degree = 14;
-constexpr int field_order = (1 << field_degree) - 1;
-constexpr int low_polynomial = 0x1D5;  // x^14 = x^8 + x^7 + x^6 + x^4 + x^2 + 1
+constexpr int kFieldDegree = 14;
+constexpr int kFieldOrder = (1 << kFieldDegree) - 1;
+constexpr int kLowPolynomial = 0x1D5;  // x^14 = x^8 + x^7 + x^6 + x^4 + x^2 + 1
 
 struct Field {
     std::vector<int> power;      // power[i] = alpha^i
     std::vector<int> logarithm;  // the inverse, -1 for 0
 
-    Field() : power(field_order), logarithm(field_order + 1, -1) {
+    Field() : power(kFieldOrder), logarithm(kFieldOrder + 1, -1) {
         int value = 1;
-        for (int i = 0; i < field_order; ++i) {
+        for (int i = 0; i < kFieldOrder; ++i) {
             power[static_cast<std::size_t>(i)] = value;
             logarithm[static_cast<std::size_t>(value)] = i;
             const bool overflows = (value & 0x2000) != 0;
-            value = overflows ? low_polynomial ^ ((value ^ 0x2000) << 1) : value << 1;
+            value = overflows ? kLowPolynomial ^ ((value ^ 0x2000) << 1) : value << 1;
         }
     }
 
@@ -37,7 +37,7 @@ struct Field {
         if (value == 0)
             return 0;
         const int sum = logarithm[static_cast<std::size_t>(value)] + exponent;
-        return power[static_cast<std::size_t>(sum % field_order)];
+        return power[static_cast<std::size_t>(sum % kFieldOrder)];
     }
 };
 
@@ -46,9 +46,9 @@ std::set<int> root_exponents(unsigned t) {
     std::set<int> exponents;
     for (int first = 1; first <= static_cast<int>(2 * t); ++first) {
         int exponent = first;
-        for (int j = 0; j < field_degree; ++j) {
+        for (int j = 0; j < kFieldDegree; ++j) {
             exponents.insert(exponent);
-            exponent = exponent * 2 % field_order;
+            exponent = exponent * 2 % kFieldOrder;
         }
     }
     return exponents;
@@ -73,23 +73,23 @@ class Encoder {
 public:
     explicit Encoder(unsigned t) {
         const std::vector<int> generator = generator_polynomial(t);
-        degree_ = generator.size() - 1;
-        for (std::size_t b = 0; b < degree_; ++b)
-            taps_.push_back(static_cast<uint8_t>(generator[degree_ - 1 - b]));
-        correction_.assign(degree_, 0);
+        m_degree = generator.size() - 1;
+        for (std::size_t b = 0; b < m_degree; ++b)
+            m_taps.push_back(static_cast<uint8_t>(generator[m_degree - 1 - b]));
+        m_correction.assign(m_degree, 0);
         if (t == 16 || t == 24 || t == 60) {
-            const Bytes erased(bch_message_bytes, 0xFF);
-            correction_ = remainder(erased.data());
-            for (uint8_t& bit : correction_)
+            const Bytes erased(kBchMessageBytes, 0xFF);
+            m_correction = remainder(erased.data());
+            for (uint8_t& bit : m_correction)
                 bit ^= 1U;
         }
     }
 
     Bytes parity(const uint8_t* message) const {
         const std::vector<uint8_t> bits = remainder(message);
-        Bytes bytes((degree_ + 7) / 8, 0);
-        for (std::size_t b = 0; b < degree_; ++b) {
-            const unsigned bit = static_cast<unsigned>(bits[b] ^ correction_[b]);
+        Bytes bytes((m_degree + 7) / 8, 0);
+        for (std::size_t b = 0; b < m_degree; ++b) {
+            const unsigned bit = static_cast<unsigned>(bits[b] ^ m_correction[b]);
             bytes[b / 8] = static_cast<uint8_t>(bytes[b / 8] | (bit << (b % 8)));
         }
         return bytes;
@@ -98,21 +98,21 @@ public:
 private:
     // The register after the last message bit: element b is the coefficient of x^(degree - 1 - b).
     std::vector<uint8_t> remainder(const uint8_t* message) const {
-        std::vector<uint8_t> shift_register(degree_, 0);
-        for (std::size_t i = 0; i < bch_message_bits; ++i) {
+        std::vector<uint8_t> shift_register(m_degree, 0);
+        for (std::size_t i = 0; i < kBchMessageBits; ++i) {
             const unsigned input = static_cast<unsigned>(message[i / 8]) >> (i % 8) & 1U;
             const bool feedback = (input ^ shift_register[0]) != 0;
             std::copy(shift_register.begin() + 1, shift_register.end(), shift_register.begin());
             shift_register.back() = 0;
-            for (std::size_t b = 0; feedback && b < degree_; ++b)
-                shift_register[b] ^= taps_[b];
+            for (std::size_t b = 0; feedback && b < m_degree; ++b)
+                shift_register[b] ^= m_taps[b];
         }
         return shift_register;
     }
 
-    std::size_t degree_ = 0;
-    std::vector<uint8_t> taps_{};
-    std::vector<uint8_t> correction_{};
+    std::size_t m_degree = 0;
+    std::vector<uint8_t> m_taps{};
+    std::vector<uint8_t> m_correction{};
 };
 
 }  // namespace slow
@@ -121,8 +121,8 @@ private:
 
 namespace textbook {
 
-constexpr uint32_t order = 16383;                  // of the multiplicative group of GF(2^14)
-constexpr uint32_t primitive_polynomial = 0x41D5;  // x^14 + x^8 + x^7 + x^6 + x^4 + x^2 + 1
+constexpr uint32_t kOrder = 16383;                 // of the multiplicative group of GF(2^14)
+constexpr uint32_t kPrimitivePolynomial = 0x41D5;  // x^14 + x^8 + x^7 + x^6 + x^4 + x^2 + 1
 
 using Element = uint16_t;
 
@@ -130,27 +130,27 @@ class GaloisField {
 public:
     GaloisField() {
         uint32_t element = 1;
-        for (uint32_t i = 0; i < order; ++i) {
-            exp_[i] = exp_[i + order] = static_cast<Element>(element);
-            log_[element] = static_cast<Element>(i);
+        for (uint32_t i = 0; i < kOrder; ++i) {
+            m_exp[i] = m_exp[i + kOrder] = static_cast<Element>(element);
+            m_log[element] = static_cast<Element>(i);
             element <<= 1;
-            if (element > order)
-                element ^= primitive_polynomial;
+            if (element > kOrder)
+                element ^= kPrimitivePolynomial;
         }
     }
 
-    Element alpha(uint64_t exponent) const { return exp_[exponent % order]; }
-    uint32_t log(Element a) const { return log_[a]; }
+    Element alpha(uint64_t exponent) const { return m_exp[exponent % kOrder]; }
+    uint32_t log(Element a) const { return m_log[a]; }
     Element multiply(Element a, Element b) const {
-        return a == 0 || b == 0 ? Element{0} : exp_[uint32_t{log_[a]} + log_[b]];
+        return a == 0 || b == 0 ? Element{0} : m_exp[uint32_t{m_log[a]} + m_log[b]];
     }
     Element divide(Element a, Element b) const {
-        return a == 0 ? Element{0} : exp_[uint32_t{log_[a]} + order - log_[b]];
+        return a == 0 ? Element{0} : m_exp[uint32_t{m_log[a]} + kOrder - m_log[b]];
     }
 
 private:
-    std::array<Element, 2 * order> exp_{};
-    std::array<Element, order + 1> log_{};
+    std::array<Element, 2 * kOrder> m_exp{};
+    std::array<Element, kOrder + 1> m_log{};
 };
 
 const GaloisField& field() {
@@ -186,9 +186,9 @@ using Polynomial = std::vector<Element>;  // index = power
 
 class Decoder {
 public:
-    explicit Decoder(unsigned t) : t_(t), parity_bits_(14 * std::size_t{t}) {
+    explicit Decoder(unsigned t) : m_t(t), m_parity_bits(14 * std::size_t{t}) {
         for (uint32_t j = 1; j < 2 * t; j += 2)
-            tables_.emplace_back(j);
+            m_tables.emplace_back(j);
     }
 
     DecodeResult decode(const uint8_t* message, const uint8_t* parity) const {
@@ -201,7 +201,7 @@ public:
         }
         const Polynomial locator = error_locator(all_syndromes(odd));
         const std::size_t errors = locator.size() - 1;
-        if (errors > t_)
+        if (errors > m_t)
             return result;
         result.wrong_bits = roots(locator);
         if (result.wrong_bits.size() == errors)
@@ -212,14 +212,14 @@ public:
     }
 
 private:
-    std::size_t word_bits() const { return bch_message_bits + parity_bits_; }
+    std::size_t word_bits() const { return kBchMessageBits + m_parity_bits; }
 
     // Where an erased page has to be valid, the words that are stored are the complements of plain codewords:
     // the parity was XORed with a constant that makes the all-ones word one of them, and the code is linear.
     Bytes received_word(const uint8_t* message, const uint8_t* parity) const {
-        Bytes word(message, message + bch_message_bytes);
-        word.insert(word.end(), parity, parity + bch_parity_bytes(t_));
-        if (t_ == 16 || t_ == 24 || t_ == 60) {
+        Bytes word(message, message + kBchMessageBytes);
+        word.insert(word.end(), parity, parity + bch_parity_bytes(m_t));
+        if (m_t == 16 || m_t == 24 || m_t == 60) {
             std::transform(word.begin(), word.end(), word.begin(),
                            [](uint8_t byte) { return static_cast<uint8_t>(~byte); });
         }
@@ -228,11 +228,11 @@ private:
 
     // S_1, S_3, S_5, ...: the received polynomial at alpha^1, alpha^3, ...
     std::vector<Element> odd_syndromes(const Bytes& word) const {
-        std::vector<Element> syndromes(tables_.size(), 0);
+        std::vector<Element> syndromes(m_tables.size(), 0);
         const std::size_t whole_bytes = word_bits() / 8;
         for (std::size_t i = 0; i < whole_bytes; ++i)
             for (std::size_t k = 0; k < syndromes.size(); ++k)
-                syndromes[k] = tables_[k].after(syndromes[k], word[i]);
+                syndromes[k] = m_tables[k].after(syndromes[k], word[i]);
         for (std::size_t i = 8 * whole_bytes; i < word_bits(); ++i) {
             const unsigned bit = static_cast<unsigned>(word[i / 8]) >> (i % 8) & 1U;
             for (std::size_t k = 0; k < syndromes.size(); ++k) {
@@ -299,7 +299,7 @@ private:
         std::vector<std::size_t> positions;
         for (std::size_t position = 0; position < word_bits(); ++position) {
             const std::size_t power = word_bits() - 1 - position;
-            const uint64_t inverse = (order - power % order) % order;
+            const uint64_t inverse = (kOrder - power % kOrder) % kOrder;
             Element value = 0;
             for (std::size_t i = 0; i < locator.size(); ++i) {
                 value =
@@ -311,9 +311,9 @@ private:
         return positions;
     }
 
-    const unsigned t_;
-    const std::size_t parity_bits_;
-    std::vector<SyndromeTable> tables_{};
+    const unsigned m_t;
+    const std::size_t m_parity_bits;
+    std::vector<SyndromeTable> m_tables{};
 };
 
 }  // namespace textbook

@@ -17,8 +17,8 @@
 
 namespace test_support {
 
-inline constexpr std::size_t bch_message_bytes = 1028;
-inline constexpr std::size_t bch_message_bits = 8 * bch_message_bytes;
+inline constexpr std::size_t kBchMessageBytes = 1028;
+inline constexpr std::size_t kBchMessageBits = 8 * kBchMessageBytes;
 
 // Bytes that hold the parity of a code that corrects t bits.
 constexpr std::size_t bch_parity_bytes(unsigned t) {

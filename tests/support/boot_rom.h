@@ -12,8 +12,8 @@
 
 namespace test_support {
 
-inline constexpr uint32_t boot_block_tag = 0x0FF0AA55;
-inline constexpr std::size_t boot_header_sectors = 4;
+inline constexpr uint32_t kBootBlockTag = 0x0FF0AA55;
+inline constexpr std::size_t kBootHeaderSectors = 4;
 
 struct BootBlock {
     bool found = false;  // the tag is there and both stages lie inside the image

@@ -24,12 +24,12 @@ namespace test_support {
 
 using Bytes = std::vector<uint8_t>;
 
-inline constexpr std::size_t sector_size = 512;
-inline constexpr std::size_t kib = 1024;
-inline constexpr std::size_t mib = 1024 * kib;
+inline constexpr std::size_t kSectorSize = 512;
+inline constexpr std::size_t kIb = 1024;
+inline constexpr std::size_t kMib = 1024 * kIb;
 
 // The key with which the target's boot ROM descrambles the boot block.
-inline constexpr std::string_view device_rc4_key = "nandsmith-devkey";
+inline constexpr std::string_view kDeviceRc4Key = "nandsmith-devkey";
 
 inline uint64_t round_up(uint64_t value, uint64_t unit) {
     return (value + unit - 1) / unit * unit;
@@ -207,20 +207,20 @@ public:
         std::string pattern = (std::filesystem::temp_directory_path() / "nandsmith-test-XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("cannot create " + pattern);
-        path_ = pattern;
+        m_path = pattern;
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
     ~TemporaryDirectory() {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(m_path, ignored);
     }
 
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::filesystem::path& name) const { return path_ / name; }
+    const std::filesystem::path& path() const { return m_path; }
+    std::filesystem::path operator/(const std::filesystem::path& name) const { return m_path / name; }
 
 private:
-    std::filesystem::path path_;
+    std::filesystem::path m_path;
 };
 
 // ---- checksums and scrambling ----
@@ -258,7 +258,7 @@ inline uint32_t crc32_standard(const Bytes& bytes) {
 }
 
 // RC4 over the whole of `data` with a fresh keystream; applying it twice gives the input back.
-inline Bytes rc4_scrambled(Bytes data, std::string_view key = device_rc4_key) {
+inline Bytes rc4_scrambled(Bytes data, std::string_view key = kDeviceRc4Key) {
     std::array<uint8_t, 256> state{};
     std::iota(state.begin(), state.end(), uint8_t{0});
     uint8_t j = 0;
@@ -278,11 +278,11 @@ inline Bytes rc4_scrambled(Bytes data, std::string_view key = device_rc4_key) {
 }
 
 // RC4 with the keystream started afresh at every sector, as the boot ROM reads scrambled boot stages.
-inline Bytes rc4_scrambled_by_sector(const Bytes& data, std::string_view key = device_rc4_key) {
+inline Bytes rc4_scrambled_by_sector(const Bytes& data, std::string_view key = kDeviceRc4Key) {
     Bytes result;
-    for (std::size_t offset = 0; offset < data.size(); offset += sector_size) {
+    for (std::size_t offset = 0; offset < data.size(); offset += kSectorSize) {
         put_bytes(result,
-                  rc4_scrambled(slice(data, offset, std::min(sector_size, data.size() - offset)), key));
+                  rc4_scrambled(slice(data, offset, std::min(kSectorSize, data.size() - offset)), key));
     }
     return result;
 }

@@ -9,13 +9,13 @@ namespace test_support {
 
 namespace {
 
-constexpr uint64_t package_alignment = 2048;  // the item table is read in units of 2048 bytes
-constexpr uint64_t memory_limit = uint64_t{1} << 30;
+constexpr uint64_t kPackageAlignment = 2048;  // the item table is read in units of 2048 bytes
+constexpr uint64_t kMemoryLimit = uint64_t{1} << 30;
 
 void put_utf16_name(Bytes& bytes, const std::string& name) {
-    if (name.size() > boot_entry_field::name_units)
+    if (name.size() > boot_entry_field::kNameUnits)
         throw std::invalid_argument("entry name is longer than 20 units: " + name);
-    for (std::size_t i = 0; i < boot_entry_field::name_units; ++i)
+    for (std::size_t i = 0; i < boot_entry_field::kNameUnits; ++i)
         put16(bytes, i < name.size() ? static_cast<uint16_t>(static_cast<uint8_t>(name[i])) : uint16_t{0});
 }
 
@@ -39,7 +39,7 @@ void place_table(const BootEntryList& list, std::size_t& cursor, BootListLayout&
         where.records.push_back(cursor + i * list.record_size);
     if (!list.entries.empty()) {
         cursor = std::max(cursor + list.entries.size() * list.record_size,
-                          where.records.back() + boot_entry_field::record_bytes);
+                          where.records.back() + boot_entry_field::kRecordBytes);
     }
 }
 
@@ -78,20 +78,20 @@ void put_list(Bytes& bytes, const BootEntryList& list, const BootListLayout& whe
 Bytes item_record(const Item& item, uint64_t offset) {
     const uint64_t size = item.recorded_size();
     Bytes record;
-    put_text(record, item.name, item_field::name_bytes);
-    put_text(record, item.file, item_field::file_bytes);
+    put_text(record, item.name, item_field::kNameBytes);
+    put_text(record, item.file, item_field::kFileBytes);
     put32(record, item.part_size);
     put32(record, low_half(offset));
     put32(record, item.flash_offset);
     put32(record, item.use_space);
     put32(record, low_half(size));
     if (item.force_large_marks || high_half(offset) != 0) {
-        put8_at(record, item_field::offset_mark, 'H');
-        put32_at(record, item_field::offset_high, high_half(offset));
+        put8_at(record, item_field::kOffsetMark, 'H');
+        put32_at(record, item_field::kOffsetHigh, high_half(offset));
     }
     if (item.force_large_marks || high_half(size) != 0) {
-        put8_at(record, item_field::size_mark, 'H');
-        put32_at(record, item_field::size_high, high_half(size));
+        put8_at(record, item_field::kSizeMark, 'H');
+        put32_at(record, item_field::kSizeHigh, high_half(size));
     }
     return record;
 }
@@ -115,7 +115,7 @@ void ReleaseTime::append_to(Bytes& bytes) const {
 
 BootLayout BootContainer::layout() const {
     BootLayout where;
-    std::size_t cursor = boot_field::head_bytes;
+    std::size_t cursor = boot_field::kHeadBytes;
     place_table(entries_471, cursor, where.entries_471);
     place_table(entries_472, cursor, where.entries_472);
     place_table(loader, cursor, where.loader);
@@ -141,7 +141,7 @@ Bytes BootContainer::build() const {
     put_list_head(bytes, loader, where.loader);
     put8(bytes, sign_flag);
     put8(bytes, rc4_flag);
-    put_bytes(bytes, resized(reserved, boot_field::reserved_bytes));
+    put_bytes(bytes, resized(reserved, boot_field::kReservedBytes));
     bytes.resize(where.size, 0);
 
     put_list(bytes, entries_471, where.entries_471, 1);
@@ -167,17 +167,17 @@ Item& Firmware::item(const std::string& name) {
 
 FirmwareLayout Firmware::layout() const {
     FirmwareLayout where;
-    where.boot_offset = boot_offset.value_or(head_field::head_bytes);
+    where.boot_offset = boot_offset.value_or(head_field::kHeadBytes);
     where.boot_size = boot_bytes ? boot_bytes->size() : boot.layout().size;
-    const uint64_t behind_boot = round_up(where.boot_offset + where.boot_size, package_alignment);
+    const uint64_t behind_boot = round_up(where.boot_offset + where.boot_size, kPackageAlignment);
     where.package_offset = package_offset ? *package_offset : behind_boot;
 
-    const uint64_t table_end = package_field::items + items.size() * item_field::record_bytes;
-    uint64_t cursor = round_up(std::max<uint64_t>(table_end, package_field::header_bytes), package_alignment);
+    const uint64_t table_end = package_field::kItems + items.size() * item_field::kRecordBytes;
+    uint64_t cursor = round_up(std::max<uint64_t>(table_end, package_field::kHeaderBytes), kPackageAlignment);
     uint64_t package_end = cursor;
     for (std::size_t i = 0; i < items.size(); ++i) {
-        where.item_records.push_back(where.package_offset + package_field::items +
-                                     i * item_field::record_bytes);
+        where.item_records.push_back(where.package_offset + package_field::kItems +
+                                     i * item_field::kRecordBytes);
         const uint64_t offset = items[i].offset.value_or(cursor);
         where.item_data.push_back(where.package_offset + offset);
         cursor = round_up(offset + item_extent(items[i]), item_alignment);
@@ -202,12 +202,12 @@ Bytes Firmware::head_bytes(const FirmwareLayout& where) const {
     put32(bytes, boot_size.value_or(static_cast<uint32_t>(where.boot_size)));
     put32(bytes, static_cast<uint32_t>(where.package_offset));
     put32(bytes, low_half(recorded_package_size));
-    put_bytes(bytes, resized(reserved, head_field::reserved_bytes));
-    put32_at(bytes, head_field::os_type, os_type);
-    put16_at(bytes, head_field::backup_size, backup_size);
+    put_bytes(bytes, resized(reserved, head_field::kReservedBytes));
+    put32_at(bytes, head_field::kOsType, os_type);
+    put16_at(bytes, head_field::kBackupSize, backup_size);
     if (force_large_package_mark || high_half(recorded_package_size) != 0) {
-        put_text_at(bytes, head_field::large_mark, "HI", 2);
-        put32_at(bytes, head_field::package_size_high, high_half(recorded_package_size));
+        put_text_at(bytes, head_field::kLargeMark, "HI", 2);
+        put32_at(bytes, head_field::kPackageSizeHigh, high_half(recorded_package_size));
     }
     return bytes;
 }
@@ -224,12 +224,12 @@ Bytes Firmware::package_header_bytes(const FirmwareLayout& where) const {
     put32(bytes, package_version);
     put32(bytes, static_cast<uint32_t>(item_count.value_or(fixed_count)));
     if (item_count_extension) {
-        put_text_at(bytes, package_field::count_extension_mark, "Uf", 2);
-        put16_at(bytes, package_field::count_extension, *item_count_extension);
+        put_text_at(bytes, package_field::kCountExtensionMark, "Uf", 2);
+        put16_at(bytes, package_field::kCountExtension, *item_count_extension);
     }
     for (std::size_t i = 0; i < items.size(); ++i)
         put_bytes(bytes, item_record(items[i], where.item_data[i] - where.package_offset));
-    bytes.resize(std::max(bytes.size(), package_field::header_bytes), 0);
+    bytes.resize(std::max(bytes.size(), package_field::kHeaderBytes), 0);
     return bytes;
 }
 
@@ -248,7 +248,7 @@ void Firmware::for_each_piece(const FirmwareLayout& where, const PieceSink& sink
 
 Bytes Firmware::build() const {
     const FirmwareLayout where = layout();
-    if (where.file_size > memory_limit)
+    if (where.file_size > kMemoryLimit)
         throw std::length_error("firmware is too large for memory");
     Bytes image(where.file_size, 0);
     for_each_piece(where,
@@ -332,7 +332,7 @@ Firmware sample_firmware(const SampleOptions& options) {
          .data = patterned(1024, 4)},
         {.name = "rootfs",
          .file = "rootfs.img",
-         .part_size = grows_to_end,
+         .part_size = kGrowsToEnd,
          .flash_offset = rootfs.offset,
          .data = patterned(20001, 5)},
     };

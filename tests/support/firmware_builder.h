@@ -15,48 +15,48 @@
 
 namespace test_support {
 
-inline constexpr uint32_t not_placed =
+inline constexpr uint32_t kNotPlaced =
     0xFFFFFFFFU;  // flash offset of an item that does not go to the storage
-inline constexpr uint32_t grows_to_end = 0xFFFFFFFFU;  // partition size of the partition that grows
+inline constexpr uint32_t kGrowsToEnd = 0xFFFFFFFFU;  // partition size of the partition that grows
 
 // Field offsets, for tests that bend bytes of a built image.
 namespace boot_field {
-inline constexpr std::size_t tag = 0, head_size = 4, version = 6, merge_version = 10, release_time = 14,
-                             chip = 21;
-inline constexpr std::size_t count_471 = 25, offset_471 = 26, size_471 = 30;
-inline constexpr std::size_t count_472 = 31, offset_472 = 32, size_472 = 36;
-inline constexpr std::size_t count_loader = 37, offset_loader = 38, size_loader = 42;
-inline constexpr std::size_t sign_flag = 43, rc4_flag = 44, reserved = 45, head_bytes = 102;
-inline constexpr std::size_t reserved_bytes = 57;
+inline constexpr std::size_t kTag = 0, kHeadSize = 4, kVersion = 6, kMergeVersion = 10, kReleaseTime = 14,
+                             kChip = 21;
+inline constexpr std::size_t kCount471 = 25, kOffset471 = 26, kSize471 = 30;
+inline constexpr std::size_t kCount472 = 31, kOffset472 = 32, kSize472 = 36;
+inline constexpr std::size_t kCountLoader = 37, kOffsetLoader = 38, kSizeLoader = 42;
+inline constexpr std::size_t kSignFlag = 43, kRc4Flag = 44, kReserved = 45, kHeadBytes = 102;
+inline constexpr std::size_t kReservedBytes = 57;
 }  // namespace boot_field
 
 namespace boot_entry_field {
-inline constexpr std::size_t record_size = 0, type = 1, name = 5, data_offset = 45, data_size = 49,
-                             delay = 53;
-inline constexpr std::size_t record_bytes = 57, name_units = 20;
+inline constexpr std::size_t kRecordSize = 0, kType = 1, kName = 5, kDataOffset = 45, kDataSize = 49,
+                             kDelay = 53;
+inline constexpr std::size_t kRecordBytes = 57, kNameUnits = 20;
 }  // namespace boot_entry_field
 
 namespace head_field {
-inline constexpr std::size_t tag = 0, head_size = 4, version = 6, merge_version = 10, release_time = 14,
-                             chip = 21;
-inline constexpr std::size_t boot_offset = 25, boot_size = 29, package_offset = 33, package_size = 37;
-inline constexpr std::size_t reserved = 41, os_type = 45, backup_size = 53, large_mark = 55,
-                             package_size_high = 57;
-inline constexpr std::size_t head_bytes = 102, reserved_bytes = 61;
+inline constexpr std::size_t kTag = 0, kHeadSize = 4, kVersion = 6, kMergeVersion = 10, kReleaseTime = 14,
+                             kChip = 21;
+inline constexpr std::size_t kBootOffset = 25, kBootSize = 29, kPackageOffset = 33, kPackageSize = 37;
+inline constexpr std::size_t kReserved = 41, kOsType = 45, kBackupSize = 53, kLargeMark = 55,
+                             kPackageSizeHigh = 57;
+inline constexpr std::size_t kHeadBytes = 102, kReservedBytes = 61;
 }  // namespace head_field
 
 namespace package_field {
-inline constexpr std::size_t tag = 0, size = 4, machine_model = 8, machine_info = 42, manufacturer = 72;
-inline constexpr std::size_t count_extension_mark = 128, count_extension = 130, version = 132,
-                             item_count = 136;
-inline constexpr std::size_t items = 140, header_bytes = 1932;
+inline constexpr std::size_t kTag = 0, kSize = 4, kMachineModel = 8, kMachineInfo = 42, kManufacturer = 72;
+inline constexpr std::size_t kCountExtensionMark = 128, kCountExtension = 130, kVersion = 132,
+                             kItemCount = 136;
+inline constexpr std::size_t kItems = 140, kHeaderBytes = 1932;
 }  // namespace package_field
 
 namespace item_field {
-inline constexpr std::size_t name = 0, file = 32, offset_mark = 82, offset_high = 83, size_mark = 87,
-                             size_high = 88;
-inline constexpr std::size_t part_size = 92, offset = 96, flash_offset = 100, use_space = 104, size = 108;
-inline constexpr std::size_t record_bytes = 112, name_bytes = 32, file_bytes = 60;
+inline constexpr std::size_t kName = 0, kFile = 32, kOffsetMark = 82, kOffsetHigh = 83, kSizeMark = 87,
+                             kSizeHigh = 88;
+inline constexpr std::size_t kPartSize = 92, kOffset = 96, kFlashOffset = 100, kUseSpace = 104, kSize = 108;
+inline constexpr std::size_t kRecordBytes = 112, kNameBytes = 32, kFileBytes = 60;
 }  // namespace item_field
 
 struct ReleaseTime {
@@ -83,7 +83,7 @@ struct BootEntry {
 
 struct BootEntryList {
     std::vector<BootEntry> entries{};
-    uint8_t record_size = boot_entry_field::record_bytes;  // distance from record to record
+    uint8_t record_size = boot_entry_field::kRecordBytes;  // distance from record to record
     std::optional<uint8_t> count{};                        // what the head says
     std::optional<uint32_t> table_offset{};                // what the head says
 };
@@ -105,7 +105,7 @@ struct BootLayout {
 
 struct BootContainer {
     std::string tag = "BOOT";
-    uint16_t head_size = boot_field::head_bytes;
+    uint16_t head_size = boot_field::kHeadBytes;
     uint32_t version = 0x00010203;
     uint32_t merge_version = 0x00010004;
     ReleaseTime release_time{};
@@ -163,7 +163,7 @@ struct FirmwareLayout {
 
 struct Firmware {
     std::string tag = "QZFW";
-    uint16_t head_size = head_field::head_bytes;
+    uint16_t head_size = head_field::kHeadBytes;
     uint32_t version = 0x02000001;
     uint32_t merge_version = 0x02000002;
     ReleaseTime release_time{};

@@ -23,7 +23,7 @@ constexpr uint32_t kOutputBudget = 40 * kMib;  // of item data, as it lies in th
 constexpr uint32_t kDataBudget = 6 * kMib;     // of item data in the firmware
 
 uint32_t sectors_of(uint64_t bytes) {
-    return static_cast<uint32_t>((bytes + sector_size - 1) / sector_size);
+    return static_cast<uint32_t>((bytes + kSectorSize - 1) / kSectorSize);
 }
 
 /// Random numbers that are the same with every standard library, which its distributions are not.
@@ -240,9 +240,9 @@ Item RandomRun::parameter_item(const std::vector<Item>& items) {
     Item item{.name = "parameter", .data = parameter_record(text_for(items))};
     const uint32_t record = sectors_of(round_up(item.data.size(), m_page));
     const uint32_t more = 8 * record + m_dice.below(40 * m_page_kb);
-    const uint32_t most = std::max<uint32_t>(kOutputBudget / 2 / m_growth / sector_size, 8 * record);
+    const uint32_t most = std::max<uint32_t>(kOutputBudget / 2 / m_growth / kSectorSize, 8 * record);
     item.part_size = std::min(m_dice.one_of({8 * record, more, 8 * record - 1, 4 * record, 0x2000U}), most);
-    m_dice.bend(15, item.part_size, {0U, record, 4 * record - 1, grows_to_end});
+    m_dice.bend(15, item.part_size, {0U, record, 4 * record - 1, kGrowsToEnd});
     m_dice.bend(100, item.flash_offset, {m_dice.below(0x8000)});
     const uint32_t other_size = m_dice.below(item.data.size() + 4 * m_page);
     m_dice.bend(30, item.size, {0U, 7U, 11U, 12U, 13U, 0xFFFFFFFFU, other_size, other_size, other_size});
@@ -262,9 +262,9 @@ uint32_t RandomRun::data_size() {
 
 uint32_t RandomRun::partition_size(uint64_t bytes) {
     const auto needed = sectors_of(std::min<uint64_t>(bytes, UINT32_MAX));
-    const uint32_t more = needed + m_dice.below(kOutputBudget / m_growth / sector_size / 8);
+    const uint32_t more = needed + m_dice.below(kOutputBudget / m_growth / kSectorSize / 8);
     uint32_t sectors = m_dice.one_of({needed, needed, needed + m_dice.below(64), more});
-    m_dice.bend(100, sectors, {grows_to_end});
+    m_dice.bend(100, sectors, {kGrowsToEnd});
     m_dice.bend(12, sectors, {m_dice.below(uint64_t{needed} + 1)});  // mostly too small
     return sectors;
 }
@@ -273,7 +273,7 @@ uint32_t RandomRun::flash_offset() {
     uint32_t offset = m_next_sector;
     m_dice.bend(150, offset, {m_next_sector + m_dice.below(0x2000)});
     m_dice.bend(80, offset, {m_dice.below(uint64_t{m_next_sector} + 1)});
-    m_dice.bend(60, offset, {not_placed});
+    m_dice.bend(60, offset, {kNotPlaced});
     m_dice.bend(3, offset,
                 {0xFFFFFFFEU, 0xFFFFE000U, 0xFFFFE100U, 0x7FFFFFFFU});  // far, or wraps to the start
     return offset;
@@ -294,8 +294,8 @@ Item RandomRun::data_item(std::size_t index) {
     }
     item.part_size = partition_size(bytes);
     item.flash_offset = flash_offset();
-    if (item.flash_offset != not_placed)
-        m_next_sector = item.flash_offset % 0x20000 + (item.part_size == grows_to_end ? 0 : item.part_size);
+    if (item.flash_offset != kNotPlaced)
+        m_next_sector = item.flash_offset % 0x20000 + (item.part_size == kGrowsToEnd ? 0 : item.part_size);
     item.force_large_marks = m_dice.in_1000(150);
     m_dice.bend(8, item.file, {std::string(60, 'H')});  // size and offset of many GiB
     m_dice.bend(15, item.size, {0U, m_dice.below(kMib), 0xFFFFFFFFU});
@@ -341,10 +341,10 @@ void RandomRun::bend_bytes(Bytes& bytes, const FirmwareLayout& where) {
         bytes.resize(bytes.size() -
                      m_dice.below(m_dice.one_of<uint64_t>({5000, bytes.size()})) % bytes.size());
     const std::pair<uint64_t, uint64_t> structures[] = {
-        {0, head_field::head_bytes},
+        {0, head_field::kHeadBytes},
         {where.boot_offset, 400},
-        {where.package_offset + package_field::count_extension_mark, 12},
-        {where.package_offset + package_field::items, where.item_records.size() * item_field::record_bytes}};
+        {where.package_offset + package_field::kCountExtensionMark, 12},
+        {where.package_offset + package_field::kItems, where.item_records.size() * item_field::kRecordBytes}};
     const auto [start, size] = m_dice.one_of({structures[0], structures[1], structures[2], structures[3]});
     for (uint32_t i = m_dice.in_1000(120) ? m_dice.between(1, 3) : 0; i > 0; --i) {
         const uint64_t position = start + m_dice.below(std::max<uint64_t>(size, 1));

@@ -21,17 +21,17 @@ using namespace test_support;
 
 namespace {
 
-constexpr time_t build_time = 1700000000;  // of every file in the image
-constexpr std::string_view rootfs_uuid = "7a3c19e4-52d0-4f6b-9e81-c0ffee123456";
-constexpr uint64_t mib = uint64_t{1} << 20;
-constexpr uint64_t kib = 1024;
+constexpr time_t kBuildTime = 1700000000;  // of every file in the image
+constexpr std::string_view kRootfsUuid = "7a3c19e4-52d0-4f6b-9e81-c0ffee123456";
+constexpr uint64_t kMib = uint64_t{1} << 20;
+constexpr uint64_t kIb = 1024;
 
 // Partition starts in sectors. The boot block copies of an eMMC with large erase blocks reach beyond sector
 // 9000, so the first partition after the table starts at sector 0x4000 (8 MiB).
-constexpr uint32_t parameter_sectors = 0x2000;
-constexpr uint32_t misc_start = 0x4000, misc_sectors = 0x800;
-constexpr uint32_t boot_start = 0x4800, boot_sectors = 0x4000;
-constexpr uint32_t rootfs_start = 0x8800;
+constexpr uint32_t kParameterSectors = 0x2000;
+constexpr uint32_t kMiscStart = 0x4000, kMiscSectors = 0x800;
+constexpr uint32_t kBootStart = 0x4800, kBootSectors = 0x4000;
+constexpr uint32_t kRootfsStart = 0x8800;
 
 struct Arguments {
     fs::path out{};
@@ -92,7 +92,7 @@ void run_tool(const std::string& name, const std::vector<std::string>& arguments
     const fs::path program = find_program(name);
     if (program.empty())
         throw std::runtime_error("missing tool: " + name);
-    const std::string clock = std::to_string(build_time);
+    const std::string clock = std::to_string(kBuildTime);
     RunOptions options;
     options.environment = {{"E2FSPROGS_FAKE_TIME", clock},
                            {"SOURCE_DATE_EPOCH", clock},
@@ -123,9 +123,9 @@ Bytes text_file(std::size_t size, uint32_t seed) {
 // Mostly zeros, with a block of data every 64 KB.
 Bytes zero_heavy_file(std::size_t size, uint32_t seed) {
     Bytes bytes(size, 0);
-    const std::size_t step = 64 * kib;
+    const std::size_t step = 64 * kIb;
     for (std::size_t offset = 0; offset + step <= size; offset += step)
-        put_bytes_at(bytes, offset, patterned(4 * kib, seed + static_cast<uint32_t>(offset / step)));
+        put_bytes_at(bytes, offset, patterned(4 * kIb, seed + static_cast<uint32_t>(offset / step)));
     return bytes;
 }
 
@@ -136,16 +136,16 @@ void make_root_tree(const fs::path& root, uint64_t size) {
         fs::create_directories(root / directory);
     write_file(root / "etc/hostname", to_bytes("sample\n"));
     write_file(root / "etc/empty", {});
-    write_file(root / "bin/init", patterned(180 * kib + 77, 11));
+    write_file(root / "bin/init", patterned(180 * kIb + 77, 11));
     fs::create_symlink("../bin/init", root / "lib/init");
     fs::create_symlink("/var/log", root / "usr/logs");
 
-    uint64_t written = 180 * kib;
+    uint64_t written = 180 * kIb;
     for (uint32_t i = 0; written < size; ++i) {
         const std::string number = std::to_string(i);
-        const std::size_t library_size = 200 * kib + i * 7919 % (300 * kib);
-        const std::size_t log_size = 100 * kib + i * 104729 % (150 * kib);
-        const std::size_t database_size = 256 * kib;
+        const std::size_t library_size = 200 * kIb + i * 7919 % (300 * kIb);
+        const std::size_t log_size = 100 * kIb + i * 104729 % (150 * kIb);
+        const std::size_t database_size = 256 * kIb;
         const std::size_t setting_size = 10 + i * 31 % 4000;
         write_file(root / ("lib/lib" + number + ".so.1"), patterned(library_size, 1000 + i));
         fs::create_symlink("lib" + number + ".so.1", root / ("lib/lib" + number + ".so"));
@@ -159,7 +159,7 @@ void make_root_tree(const fs::path& root, uint64_t size) {
 }
 
 void set_build_time(const fs::path& path) {
-    const timespec stamp{build_time, 0};
+    const timespec stamp{kBuildTime, 0};
     const timespec both[2] = {stamp, stamp};
     if (utimensat(AT_FDCWD, path.c_str(), both, AT_SYMLINK_NOFOLLOW) != 0)
         throw std::runtime_error("cannot set the time of " + path.string());
@@ -187,11 +187,10 @@ void fix_owners_and_times(const fs::path& tree, const fs::path& image, const fs:
         inside.push_back((fs::path("/") / entry.path().lexically_relative(tree)).string());
     std::string commands = "set_super_value kbytes_written 0\n";
     for (const std::string& path : inside) {
-        for (const std::string owner : {"uid", "gid"}) {
+        for (const std::string owner : {"uid", "gid"})
             commands += "set_inode_field " + path + " " + owner + " 0\n";
-        }
         for (const std::string time : {"atime", "ctime"}) {
-            commands += "set_inode_field " + path + " " + time + " @" + std::to_string(build_time) + "\n";
+            commands += "set_inode_field " + path + " " + time + " @" + std::to_string(kBuildTime) + "\n";
             commands += "set_inode_field " + path + " " + time + "_extra 0\n";
         }
     }
@@ -201,7 +200,7 @@ void fix_owners_and_times(const fs::path& tree, const fs::path& image, const fs:
 
 void make_ext4(const Arguments& arguments, const fs::path& scratch, const fs::path& image) {
     const fs::path tree = scratch / "root";
-    make_root_tree(tree, arguments.rootfs_mb * mib);
+    make_root_tree(tree, arguments.rootfs_mb * kMib);
     set_modes_and_times(tree);
     const uint64_t image_mb = arguments.rootfs_mb * 3 / 2 + 8;  // journal and inode tables take their share
     run_tool(
@@ -213,8 +212,8 @@ void make_ext4(const Arguments& arguments, const fs::path& scratch, const fs::pa
          "-m",           "1",
          "-L",           "rootfs",
          "-O",           "has_journal,extent,64bit,flex_bg,metadata_csum,sparse_super,large_file,dir_index",
-         "-U",           std::string(rootfs_uuid),
-         "-E",           "root_owner=0:0,hash_seed=" + std::string(rootfs_uuid),
+         "-U",           std::string(kRootfsUuid),
+         "-E",           "root_owner=0:0,hash_seed=" + std::string(kRootfsUuid),
          "-d",           tree.string(),
          image.string(), std::to_string(image_mb) + "M"});
     fix_owners_and_times(tree, image, scratch / "owners_and_times.debugfs");
@@ -234,7 +233,7 @@ Bytes rootfs_image(const Arguments& arguments, const fs::path& scratch, uint64_t
 
 Bytes kernel_blob() {
     Bytes kernel = to_bytes("KERNEL  ");
-    put_bytes(kernel, patterned(3 * mib + 1234, 21));
+    put_bytes(kernel, patterned(3 * kMib + 1234, 21));
     return kernel;
 }
 
@@ -249,7 +248,7 @@ Bytes boot_image(const fs::path& scratch) {
     write_file(settings, to_bytes("console=ttyS0,115200 root=PARTLABEL=rootfs\n"));
     set_build_time(kernel);
     set_build_time(settings);
-    const uint64_t image_kib = boot_sectors * uint64_t{sector_size} / kib;
+    const uint64_t image_kib = kBootSectors * uint64_t{kSectorSize} / kIb;
     run_tool("mkfs.fat", {"--invariant", "-F", "16", "-s", "1", "-n", "BOOT", "-C", image.string(),
                           std::to_string(image_kib)});
     run_tool("mcopy", {"-m", "-i", image.string(), kernel.string(), settings.string(), "::/"});
@@ -257,7 +256,7 @@ Bytes boot_image(const fs::path& scratch) {
 }
 
 Bytes misc_image() {
-    Bytes misc(16 * kib, 0);
+    Bytes misc(16 * kIb, 0);
     put_text_at(misc, 0, "boot-normal", 32);
     put_bytes(misc, text_file(5000, 31));
     return misc;
@@ -278,42 +277,42 @@ BootContainer boot_container() {
 Firmware make_firmware(const Arguments& arguments, const fs::path& scratch) {
     uint64_t rootfs_bytes = 0;
     Bytes rootfs = rootfs_image(arguments, scratch, rootfs_bytes);
-    const auto rootfs_sectors = static_cast<uint32_t>(round_up(rootfs_bytes + 2 * mib, mib) / sector_size);
-    const uint32_t userdata_start = rootfs_start + rootfs_sectors;
-    const std::string text = parameter_text({{"misc", misc_start, misc_sectors},
-                                             {"boot:bootable", boot_start, boot_sectors},
-                                             {"rootfs", rootfs_start, rootfs_sectors},
+    const auto rootfs_sectors = static_cast<uint32_t>(round_up(rootfs_bytes + 2 * kMib, kMib) / kSectorSize);
+    const uint32_t userdata_start = kRootfsStart + rootfs_sectors;
+    const std::string text = parameter_text({{"misc", kMiscStart, kMiscSectors},
+                                             {"boot:bootable", kBootStart, kBootSectors},
+                                             {"rootfs", kRootfsStart, rootfs_sectors},
                                              {"userdata:grow", userdata_start, std::nullopt}},
-                                            arguments.gpt, {{"rootfs", std::string(rootfs_uuid)}});
+                                            arguments.gpt, {{"rootfs", std::string(kRootfsUuid)}});
     Firmware firmware;
     firmware.boot = boot_container();
     firmware.items = {
         {.name = "notes",
          .file = "notes.txt",
-         .flash_offset = not_placed,
+         .flash_offset = kNotPlaced,
          .data = to_bytes("Sample firmware.\n")},
         {.name = "parameter",
          .file = "parameter.txt",
-         .part_size = parameter_sectors,
+         .part_size = kParameterSectors,
          .data = parameter_record(text)},
         {.name = "misc",
          .file = "misc.img",
-         .part_size = misc_sectors,
-         .flash_offset = misc_start,
+         .part_size = kMiscSectors,
+         .flash_offset = kMiscStart,
          .data = misc_image()},
         {.name = "boot",
          .file = "boot.img",
-         .part_size = boot_sectors,
-         .flash_offset = boot_start,
+         .part_size = kBootSectors,
+         .flash_offset = kBootStart,
          .data = boot_image(scratch)},
         {.name = "rootfs",
          .file = "rootfs.img",
          .part_size = rootfs_sectors,
-         .flash_offset = rootfs_start,
+         .flash_offset = kRootfsStart,
          .data = std::move(rootfs)},
         {.name = "userdata",
          .file = "userdata.img",
-         .part_size = grows_to_end,
+         .part_size = kGrowsToEnd,
          .flash_offset = userdata_start,
          .data = text_file(700001, 51)},
     };

@@ -14,15 +14,15 @@
 namespace test_support {
 
 #if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool address_sanitizer = true;
+inline constexpr bool kAddressSanitizer = true;
 #elif defined(__has_feature)
-inline constexpr bool address_sanitizer = __has_feature(address_sanitizer);
+inline constexpr bool kAddressSanitizer = __has_feature(address_sanitizer);
 #else
-inline constexpr bool address_sanitizer = false;
+inline constexpr bool kAddressSanitizer = false;
 #endif
 
 // The sanitizer reserves the address space for its shadow memory.
-inline constexpr bool memory_can_be_limited = !address_sanitizer;
+inline constexpr bool kMemoryCanBeLimited = !kAddressSanitizer;
 
 class SoftLimit {
 public:

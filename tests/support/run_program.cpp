@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 class Pipe {
 public:
     Pipe() {
-        if (pipe2(ends_.data(), O_CLOEXEC) != 0)
+        if (pipe2(m_ends.data(), O_CLOEXEC) != 0)
             throw std::runtime_error(std::string("cannot make a pipe: ") + std::strerror(errno));
     }
     Pipe(const Pipe&) = delete;
@@ -34,20 +34,20 @@ public:
         close_end(1);
     }
 
-    int read_end() const { return ends_[0]; }
-    int write_end() const { return ends_[1]; }
+    int read_end() const { return m_ends[0]; }
+    int write_end() const { return m_ends[1]; }
     void close_read_end() { close_end(0); }
     void close_write_end() { close_end(1); }
 
 private:
     void close_end(std::size_t end) {
-        if (ends_[end] >= 0) {
-            close(ends_[end]);
-            ends_[end] = -1;
+        if (m_ends[end] >= 0) {
+            close(m_ends[end]);
+            m_ends[end] = -1;
         }
     }
 
-    std::array<int, 2> ends_{-1, -1};
+    std::array<int, 2> m_ends{-1, -1};
 };
 
 [[noreturn]] void give_up(const std::string& what) {

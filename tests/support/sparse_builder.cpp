@@ -17,43 +17,43 @@ bool lies_inside(const Bytes& bytes, uint64_t offset, uint64_t size) {
 class Expander {
 public:
     Expander(const Bytes& source, std::size_t page_size, uint8_t fill_byte)
-        : source_(source), page_size_(page_size), fill_byte_(fill_byte) {}
+        : m_source(source), m_page_size(page_size), m_fill_byte(fill_byte) {}
 
     SparseExpansion run() {
-        if (!lies_inside(source_, 0, sparse_field::header_bytes)) {
-            result_.status = -1;
-            return std::move(result_);
+        if (!lies_inside(m_source, 0, sparse_field::kHeaderBytes)) {
+            m_result.status = -1;
+            return std::move(m_result);
         }
-        block_size_ = get32(source_, sparse_field::block_size);
-        result_.declared_size = block_size_ * get32(source_, sparse_field::total_blocks);
-        const uint32_t chunks = get32(source_, sparse_field::total_chunks);
-        for (uint32_t i = 0; i < chunks && result_.status == 0; ++i)
-            if (!lies_inside(source_, position_, sparse_field::chunk_header_bytes))
-                result_.status = -4;
+        m_block_size = get32(m_source, sparse_field::kBlockSize);
+        m_result.declared_size = m_block_size * get32(m_source, sparse_field::kTotalBlocks);
+        const uint32_t chunks = get32(m_source, sparse_field::kTotalChunks);
+        for (uint32_t i = 0; i < chunks && m_result.status == 0; ++i)
+            if (!lies_inside(m_source, m_position, sparse_field::kChunkHeaderBytes))
+                m_result.status = -4;
             else
                 expand_chunk();
-        return std::move(result_);
+        return std::move(m_result);
     }
 
 private:
     void expand_chunk() {
-        const auto header = static_cast<std::size_t>(position_);
-        const uint64_t length = block_size_ * get32(source_, header + sparse_field::chunk_blocks);
-        position_ += sparse_field::chunk_header_bytes;
-        switch (get16(source_, header + sparse_field::chunk_type)) {
-        case SparseChunk::raw_type:
-            copy_raw(get32(source_, header + sparse_field::chunk_total_size));
+        const auto header = static_cast<std::size_t>(m_position);
+        const uint64_t length = m_block_size * get32(m_source, header + sparse_field::kChunkBlocks);
+        m_position += sparse_field::kChunkHeaderBytes;
+        switch (get16(m_source, header + sparse_field::kChunkType)) {
+        case SparseChunk::kRawType:
+            copy_raw(get32(m_source, header + sparse_field::kChunkTotalSize));
             break;
-        case SparseChunk::fill_type:
+        case SparseChunk::kFillType:
             repeat_value(length);
             break;
-        case SparseChunk::dont_care_type:
-            result_.image.resize(static_cast<std::size_t>(result_.image.size() + length), fill_byte_);
-            for (uint64_t left = length; left > 0; left -= result_.pieces.back())
-                result_.pieces.push_back(std::min<uint64_t>(left, page_size_));
+        case SparseChunk::kDontCareType:
+            m_result.image.resize(static_cast<std::size_t>(m_result.image.size() + length), m_fill_byte);
+            for (uint64_t left = length; left > 0; left -= m_result.pieces.back())
+                m_result.pieces.push_back(std::min<uint64_t>(left, m_page_size));
             break;
-        case SparseChunk::crc_type:
-            position_ += sizeof(uint32_t);
+        case SparseChunk::kCrcType:
+            m_position += sizeof(uint32_t);
             break;
         default:
             break;  // only the header is skipped: what follows is taken for the next header
@@ -61,46 +61,46 @@ private:
     }
 
     void copy_raw(uint32_t total_size) {
-        uint64_t left = total_size > sparse_field::chunk_header_bytes
-                            ? total_size - uint64_t{sparse_field::chunk_header_bytes}
+        uint64_t left = total_size > sparse_field::kChunkHeaderBytes
+                            ? total_size - uint64_t{sparse_field::kChunkHeaderBytes}
                             : 0;
         while (left > 0) {
-            const uint64_t piece = std::min<uint64_t>(left, page_size_);
-            if (!lies_inside(source_, position_, piece)) {
-                result_.status = -5;
+            const uint64_t piece = std::min<uint64_t>(left, m_page_size);
+            if (!lies_inside(m_source, m_position, piece)) {
+                m_result.status = -5;
                 return;
             }
-            const auto from = source_.begin() + static_cast<std::ptrdiff_t>(position_);
-            result_.image.insert(result_.image.end(), from, from + static_cast<std::ptrdiff_t>(piece));
-            result_.pieces.push_back(piece);
-            position_ += piece;
+            const auto from = m_source.begin() + static_cast<std::ptrdiff_t>(m_position);
+            m_result.image.insert(m_result.image.end(), from, from + static_cast<std::ptrdiff_t>(piece));
+            m_result.pieces.push_back(piece);
+            m_position += piece;
             left -= piece;
         }
     }
 
     void repeat_value(uint64_t length) {
-        if (!lies_inside(source_, position_, sizeof(uint32_t))) {
-            result_.status = -6;
+        if (!lies_inside(m_source, m_position, sizeof(uint32_t))) {
+            m_result.status = -6;
             return;
         }
-        const Bytes value = slice(source_, static_cast<std::size_t>(position_), sizeof(uint32_t));
-        position_ += sizeof(uint32_t);
+        const Bytes value = slice(m_source, static_cast<std::size_t>(m_position), sizeof(uint32_t));
+        m_position += sizeof(uint32_t);
         for (uint64_t left = length; left > 0;) {
-            const uint64_t piece = std::min<uint64_t>(left, page_size_);
+            const uint64_t piece = std::min<uint64_t>(left, m_page_size);
             const uint64_t whole_values = piece / value.size() * value.size();
             for (uint64_t i = 0; i < piece; ++i)
-                result_.image.push_back(i < whole_values ? value[i % value.size()] : fill_byte_);
-            result_.pieces.push_back(piece);
+                m_result.image.push_back(i < whole_values ? value[i % value.size()] : m_fill_byte);
+            m_result.pieces.push_back(piece);
             left -= piece;
         }
     }
 
-    const Bytes& source_;
-    const std::size_t page_size_;
-    const uint8_t fill_byte_;
-    uint64_t block_size_ = 0;
-    uint64_t position_ = sparse_field::header_bytes;
-    SparseExpansion result_{};
+    const Bytes& m_source;
+    const std::size_t m_page_size;
+    const uint8_t m_fill_byte;
+    uint64_t m_block_size = 0;
+    uint64_t m_position = sparse_field::kHeaderBytes;
+    SparseExpansion m_result{};
 };
 
 SparseExpansion expanded_or_throw(const Bytes& bytes, std::size_t page_size, uint8_t fill_byte) {
@@ -121,7 +121,7 @@ SparseChunk SparseChunk::raw(Bytes data, uint32_t block_size) {
 
 SparseChunk SparseChunk::fill(uint32_t value, uint32_t blocks) {
     SparseChunk chunk;
-    chunk.type = fill_type;
+    chunk.type = kFillType;
     chunk.blocks = blocks;
     put32(chunk.data, value);
     return chunk;
@@ -129,14 +129,14 @@ SparseChunk SparseChunk::fill(uint32_t value, uint32_t blocks) {
 
 SparseChunk SparseChunk::dont_care(uint32_t blocks) {
     SparseChunk chunk;
-    chunk.type = dont_care_type;
+    chunk.type = kDontCareType;
     chunk.blocks = blocks;
     return chunk;
 }
 
 SparseChunk SparseChunk::crc(uint32_t value) {
     SparseChunk chunk;
-    chunk.type = crc_type;
+    chunk.type = kCrcType;
     put32(chunk.data, value);
     return chunk;
 }
@@ -164,7 +164,7 @@ Bytes SparseImage::build() const {
     put32(bytes, total_chunks.value_or(static_cast<uint32_t>(chunks.size())));
     put32(bytes, image_checksum);
     for (const SparseChunk& chunk : chunks) {
-        const std::size_t real_size = sparse_field::chunk_header_bytes + chunk.data.size();
+        const std::size_t real_size = sparse_field::kChunkHeaderBytes + chunk.data.size();
         put16(bytes, chunk.type);
         put16(bytes, chunk.reserved);
         put32(bytes, chunk.blocks);
@@ -176,10 +176,10 @@ Bytes SparseImage::build() const {
 
 std::vector<std::size_t> SparseImage::chunk_offsets() const {
     std::vector<std::size_t> offsets;
-    std::size_t cursor = sparse_field::header_bytes;
+    std::size_t cursor = sparse_field::kHeaderBytes;
     for (const SparseChunk& chunk : chunks) {
         offsets.push_back(cursor);
-        cursor += sparse_field::chunk_header_bytes + chunk.data.size();
+        cursor += sparse_field::kChunkHeaderBytes + chunk.data.size();
     }
     return offsets;
 }
@@ -197,7 +197,7 @@ Bytes expand(const Bytes& bytes, std::size_t page_size, uint8_t fill_byte) {
 Bytes expected_sparse_partition(const Bytes& bytes, std::size_t page_size, uint8_t fill_byte,
                                 std::optional<uint32_t> part_sectors) {
     SparseExpansion expansion = expanded_or_throw(bytes, page_size, fill_byte);
-    const uint64_t wanted = part_sectors ? uint64_t{*part_sectors} * sector_size : expansion.declared_size;
+    const uint64_t wanted = part_sectors ? uint64_t{*part_sectors} * kSectorSize : expansion.declared_size;
     if (round_up(wanted, page_size) < expansion.declared_size)
         throw std::runtime_error("partition is too small for the sparse image");
     expansion.image.resize(static_cast<std::size_t>(round_up(wanted, page_size)), fill_byte);

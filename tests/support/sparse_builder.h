@@ -12,22 +12,22 @@
 
 namespace test_support {
 
-inline constexpr uint32_t sparse_magic = 0xED26FF3AU;
+inline constexpr uint32_t kSparseMagic = 0xED26FF3AU;
 
 namespace sparse_field {
-inline constexpr std::size_t magic = 0, major_version = 4, minor_version = 6, file_header_size = 8;
-inline constexpr std::size_t chunk_header_size = 10, block_size = 12, total_blocks = 16, total_chunks = 20;
-inline constexpr std::size_t image_checksum = 24, header_bytes = 28;
-inline constexpr std::size_t chunk_type = 0, chunk_blocks = 4, chunk_total_size = 8, chunk_header_bytes = 12;
+inline constexpr std::size_t kMagic = 0, kMajorVersion = 4, kMinorVersion = 6, kFileHeaderSize = 8;
+inline constexpr std::size_t kChunkHeaderSize = 10, kBlockSize = 12, kTotalBlocks = 16, kTotalChunks = 20;
+inline constexpr std::size_t kImageChecksum = 24, kHeaderBytes = 28;
+inline constexpr std::size_t kChunkType = 0, kChunkBlocks = 4, kChunkTotalSize = 8, kChunkHeaderBytes = 12;
 }  // namespace sparse_field
 
 struct SparseChunk {
-    static constexpr uint16_t raw_type = 0xCAC1;
-    static constexpr uint16_t fill_type = 0xCAC2;
-    static constexpr uint16_t dont_care_type = 0xCAC3;
-    static constexpr uint16_t crc_type = 0xCAC4;
+    static constexpr uint16_t kRawType = 0xCAC1;
+    static constexpr uint16_t kFillType = 0xCAC2;
+    static constexpr uint16_t kDontCareType = 0xCAC3;
+    static constexpr uint16_t kCrcType = 0xCAC4;
 
-    uint16_t type = raw_type;
+    uint16_t type = kRawType;
     uint16_t reserved = 0;
     uint32_t blocks = 0;
     Bytes data{};                          // what follows the chunk header
@@ -42,11 +42,11 @@ struct SparseChunk {
 };
 
 struct SparseImage {
-    uint32_t magic = sparse_magic;
+    uint32_t magic = kSparseMagic;
     uint16_t major_version = 1;
     uint16_t minor_version = 0;
-    uint16_t file_header_size = sparse_field::header_bytes;
-    uint16_t chunk_header_size = sparse_field::chunk_header_bytes;
+    uint16_t file_header_size = sparse_field::kHeaderBytes;
+    uint16_t chunk_header_size = sparse_field::kChunkHeaderBytes;
     uint32_t block_size = 4096;
     std::optional<uint32_t> total_blocks{};  // else the sum over the chunks
     std::optional<uint32_t> total_chunks{};  // else the number of chunks
@@ -68,7 +68,7 @@ struct SparseExpansion {
 
 // Block size times total blocks, as the header says.
 inline uint64_t declared_size(const Bytes& image) {
-    return uint64_t{get32(image, sparse_field::block_size)} * get32(image, sparse_field::total_blocks);
+    return uint64_t{get32(image, sparse_field::kBlockSize)} * get32(image, sparse_field::kTotalBlocks);
 }
 
 // Expands the image that starts at byte 0. Bytes behind the image belong to `bytes` too when a test wants to

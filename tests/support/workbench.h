@@ -25,9 +25,9 @@ constexpr int status_of(int code) {
     return code & 0xFF;
 }
 
-inline constexpr int converted = 0;
-inline constexpr int init_failed = status_of(-14);
-inline constexpr int creation_failed = status_of(-15);
+inline constexpr int kConverted = 0;
+inline constexpr int kInitFailed = status_of(-14);
+inline constexpr int kCreationFailed = status_of(-15);
 
 enum class By {
     call,    // in this process
@@ -83,7 +83,7 @@ public:
     void expect(const Conversion& conversion, int status, const std::string& text, By by = By::call,
                 const RunOptions& options = {}) const {
         if (by == By::program) {
-            const bool failed = status == creation_failed;
+            const bool failed = status == kCreationFailed;
             expect_run(convert(conversion, options), status,
                        echo(conversion) + text + (failed ? "Failed to create programming image.\n" : ""));
             return;
@@ -96,7 +96,7 @@ public:
     // The run, its text and all files are those of the model; the firmware is what it was.
     void expect(const Conversion& conversion, const ExpectedRun& expected, By by = By::call) const {
         const Bytes before = read_file(firmware());
-        expect(conversion, converted, expected.text, by);
+        expect(conversion, kConverted, expected.text, by);
         expect_files(expected.files);
         EXPECT_TRUE(same_bytes(read_file(firmware()), before)) << "firmware";
     }

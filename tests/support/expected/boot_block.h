@@ -11,7 +11,7 @@ namespace test_support {
 
 // A loader entry takes whole units of 2 KB.
 inline uint16_t stage_sectors(const Bytes& stage) {
-    return static_cast<uint16_t>(round_up(stage.size(), 2048) / sector_size);
+    return static_cast<uint16_t>(round_up(stage.size(), 2048) / kSectorSize);
 }
 
 inline Bytes header_sector0(uint32_t rc4_flag, uint16_t flash_data_sectors, uint16_t flash_boot_sectors) {
@@ -29,18 +29,18 @@ inline Bytes header_sector0(uint32_t rc4_flag, uint16_t flash_data_sectors, uint
 }
 
 inline Bytes header_sector1() {
-    return zero_padded({12, 0, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 'Q', 'Z', '2', '8'}, sector_size);
+    return zero_padded({12, 0, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 'Q', 'Z', '2', '8'}, kSectorSize);
 }
 
 // Header and both stages, without the zeros after them.
 inline Bytes boot_block(const Bytes& flash_data, const Bytes& flash_boot, bool scrambled) {
     const auto stored = [scrambled](const Bytes& stage) {
         return zero_padded(scrambled ? rc4_scrambled_by_sector(stage) : stage,
-                           stage_sectors(stage) * sector_size);
+                           stage_sectors(stage) * kSectorSize);
     };
     const Bytes first =
         header_sector0(scrambled ? 1 : 0, stage_sectors(flash_data), stage_sectors(flash_boot));
-    const Bytes empty = rc4_scrambled(Bytes(sector_size, 0));
+    const Bytes empty = rc4_scrambled(Bytes(kSectorSize, 0));
     return rc4_scrambled(first) + header_sector1() + empty + empty + stored(flash_data) + stored(flash_boot);
 }
 

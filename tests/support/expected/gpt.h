@@ -13,8 +13,8 @@
 
 namespace test_support {
 
-inline constexpr std::size_t gpt_bytes = 34 * sector_size;
-inline constexpr uint64_t last_usable_sector = 0xFFFFFFDD;  // of a disk of 0xFFFFFFFF sectors
+inline constexpr std::size_t kGptBytes = 34 * kSectorSize;
+inline constexpr uint64_t kLastUsableSector = 0xFFFFFFDD;  // of a disk of 0xFFFFFFFF sectors
 
 // The random GUIDs of the C library's sequence from a seed on: of four draws each, the top, the upper middle,
 // the lower middle and the bottom byte make one word; then version 4 and the variant's top bit.
@@ -42,7 +42,7 @@ struct GptEntry {
 };
 
 inline Bytes protective_mbr() {
-    Bytes mbr(sector_size, 0);
+    Bytes mbr(kSectorSize, 0);
     put8_at(mbr, 450, 0xEE);
     put32_at(mbr, 454, 1);
     put32_at(mbr, 458, 0xFFFFFFFF);
@@ -85,7 +85,7 @@ inline Bytes gpt_table(const std::vector<GptEntry>& entries, uint64_t disk_secto
     put32(header, 128);
     put32(header, crc32_standard(array));
     put32_at(header, 16, crc32_standard(header));
-    return protective_mbr() + zero_padded(header, sector_size) + array;
+    return protective_mbr() + zero_padded(header, kSectorSize) + array;
 }
 
 }  // namespace test_support

@@ -20,7 +20,7 @@ public:
     // Whole pages from the sector on. Before it a gap is filled with zeros; a step across a gap counts one
     // page, but takes a page for every 2 KB of data.
     ExpectedImage& write(uint64_t sector, const Bytes& data) {
-        const auto offset = static_cast<std::size_t>(sector * sector_size);
+        const auto offset = static_cast<std::size_t>(sector * kSectorSize);
         if (m_bytes.size() < offset) {
             const std::size_t missing = offset - m_bytes.size();
             if (m_two_kilobytes_data)

@@ -20,7 +20,7 @@ inline Bytes parameter_pages(const Bytes& record, std::size_t page_size, std::si
 
 // A partition of so many sectors: eight copies, or four where eight do not fit.
 inline Bytes parameter_partition(const Bytes& record, uint64_t sectors, std::size_t page_size) {
-    const std::size_t pages = round_up(sectors * sector_size, page_size) / page_size;
+    const std::size_t pages = round_up(sectors * kSectorSize, page_size) / page_size;
     const std::size_t record_pages = round_up(record.size(), page_size) / page_size;
     const std::size_t copies = record_pages * 8 <= pages ? 8 : 4;
     return parameter_pages(record, page_size, pages, copies, pages / copies);

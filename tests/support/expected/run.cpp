@@ -15,7 +15,7 @@ namespace test_support {
 namespace {
 
 bool is_sparse(const Bytes& data) {
-    return data.size() >= sparse_field::header_bytes && get32(data, sparse_field::magic) == sparse_magic;
+    return data.size() >= sparse_field::kHeaderBytes && get32(data, sparse_field::kMagic) == kSparseMagic;
 }
 
 class Model {
@@ -31,7 +31,7 @@ public:
         const std::size_t parameter = parameter_index();
         for (std::size_t i = 0; i < m_firmware.items.size(); ++i) {
             const Item& item = m_firmware.items[i];
-            if (item.flash_offset == not_placed)
+            if (item.flash_offset == kNotPlaced)
                 continue;
             if (i == parameter)
                 write_table(item);
@@ -57,7 +57,7 @@ private:
     std::size_t parameter_index() const {
         std::size_t index = m_firmware.items.size();
         for (std::size_t i = 0; i < m_firmware.items.size(); ++i)
-            if (m_firmware.items[i].name == "parameter" && m_firmware.items[i].flash_offset != not_placed)
+            if (m_firmware.items[i].name == "parameter" && m_firmware.items[i].flash_offset != kNotPlaced)
                 index = i;
         return index;
     }
@@ -66,7 +66,7 @@ private:
         const Bytes block = padded(boot_block(m_firmware), m_page_size);
         if (m_conversion.is_whole_device()) {
             const BootBlockPlace place = boot_block_place(block.size(), m_conversion);
-            const Bytes copy = zero_padded(block, place.sectors * sector_size);
+            const Bytes copy = zero_padded(block, place.sectors * kSectorSize);
             m_image.write(64, copy).write(place.second_copy, copy);
         } else {
             add_file("idblock", block, true);
@@ -81,12 +81,12 @@ private:
     }
 
     void write_item(const Item& item) {
-        const bool bounded = m_conversion.is_whole_device() && item.part_size != grows_to_end;
+        const bool bounded = m_conversion.is_whole_device() && item.part_size != kGrowsToEnd;
         const auto sectors = bounded ? std::optional(item.part_size) : std::nullopt;
         const bool sparse = is_sparse(item.data) && item.name != "parameter";
         const Bytes pages =
             sparse ? expected_sparse_partition(item.data, m_page_size, 0, sectors)
-                   : padded(zero_padded(item.data, bounded ? item.part_size * sector_size : item.data.size()),
+                   : padded(zero_padded(item.data, bounded ? item.part_size * kSectorSize : item.data.size()),
                             m_page_size);
         place(item, item.name, pages);
         const uint64_t count = pages.size() / m_page_size;
@@ -158,7 +158,7 @@ std::vector<GptEntry> sample_gpt() {
             {.name = "misc", .first = 0x2080, .last = 0x20BF},
             {.name = std::string("rootfs\0grow", 11),
              .first = 0x20C0,
-             .last = last_usable_sector,
+             .last = kLastUsableSector,
              .guid = Bytes{0xE4, 0x19, 0x3C, 0x7A, 0xD0, 0x52, 0x6B, 0x4F, 0x9E, 0x81, 0xC0, 0xFF, 0xEE, 0x12,
                            0x34, 0x56}}};
 }
@@ -182,9 +182,9 @@ std::string preparing_line(const std::string& name, const std::filesystem::path&
 
 BootBlockPlace boot_block_place(std::size_t block_bytes, const Conversion& conversion) {
     const std::size_t size = round_up(block_bytes, conversion.block_size());
-    const std::size_t end = round_up(64 * sector_size + size, conversion.block_size());
-    return {.sectors = round_up(size, conversion.page_size()) / sector_size,
-            .second_copy = conversion.type == "emmc" ? 1088 : round_up(end, 64 * kib) / sector_size};
+    const std::size_t end = round_up(64 * kSectorSize + size, conversion.block_size());
+    return {.sectors = round_up(size, conversion.page_size()) / kSectorSize,
+            .second_copy = conversion.type == "emmc" ? 1088 : round_up(end, 64 * kIb) / kSectorSize};
 }
 
 }  // namespace test_support

@@ -42,13 +42,12 @@ inline Bytes parity_of(const Bytes& message) {
 }
 
 inline Bytes random_message(uint32_t seed) {
-    return test_support::patterned(test_support::bch_message_bytes, seed);
+    return test_support::patterned(test_support::kBchMessageBytes, seed);
 }
 
 inline Bytes exclusive_or(Bytes a, const Bytes& b) {
-    for (std::size_t i = 0; i < a.size(); ++i) {
+    for (std::size_t i = 0; i < a.size(); ++i)
         a[i] = static_cast<uint8_t>(a[i] ^ b.at(i));
-    }
     return a;
 }
 

@@ -24,18 +24,19 @@ struct FieldPolynomial {
 // generate_gf for one degree, with tables of its own.
 class BchField : public BchTest, public ::testing::WithParamInterface<FieldPolynomial> {
 protected:
-    BchField() : order((1U << GetParam().degree) - 1), powers(order + 1, -7), logarithms(order + 1, -7) {
+    BchField()
+        : m_order((1U << GetParam().degree) - 1), m_powers(m_order + 1, -7), m_logarithms(m_order + 1, -7) {
         mm = GetParam().degree;
-        alpha_to = powers.data();
-        index_of = logarithms.data();
+        alpha_to = m_powers.data();
+        index_of = m_logarithms.data();
         generate_gf();
         alpha_to = nullptr;
         index_of = nullptr;
     }
 
-    const uint32_t order;
-    std::vector<int32_t> powers;
-    std::vector<int32_t> logarithms;
+    const uint32_t m_order;
+    std::vector<int32_t> m_powers;
+    std::vector<int32_t> m_logarithms;
 };
 
 TEST_P(BchField, UsesThePolynomialOfItsDegree) {
@@ -50,31 +51,29 @@ TEST_P(BchField, UsesThePolynomialOfItsDegree) {
 TEST_P(BchField, MultipliesEachPowerByXToGetTheNext) {
     uint32_t element = 1;
     uint32_t wrong = 0;
-    for (uint32_t i = 0; i < order; ++i) {
-        wrong += powers[i] == static_cast<int32_t>(element) ? 0U : 1U;
+    for (uint32_t i = 0; i < m_order; ++i) {
+        wrong += m_powers[i] == static_cast<int32_t>(element) ? 0U : 1U;
         element <<= 1;
-        if (element > order) {
+        if (element > m_order)
             element ^= GetParam().coefficients;
-        }
     }
     EXPECT_EQ(wrong, 0U);
     EXPECT_EQ(element, 1U);  // the order of x divides 2^degree - 1
 }
 
 TEST_P(BchField, ReachesEveryElementButZero) {
-    std::vector<int32_t> sorted(powers.begin(), powers.begin() + order);
+    std::vector<int32_t> sorted(m_powers.begin(), m_powers.begin() + m_order);
     std::sort(sorted.begin(), sorted.end());
-    std::vector<int32_t> elements(order);
+    std::vector<int32_t> elements(m_order);
     std::iota(elements.begin(), elements.end(), 1);
     EXPECT_TRUE(sorted == elements);
 }
 
 TEST_P(BchField, HasLogarithmsThatInvertThePowers) {
-    EXPECT_EQ(logarithms[0], -1);
+    EXPECT_EQ(m_logarithms[0], -1);
     uint32_t wrong = 0;
-    for (uint32_t i = 0; i < order; ++i) {
-        wrong += logarithms[static_cast<uint32_t>(powers[i])] == static_cast<int32_t>(i) ? 0U : 1U;
-    }
+    for (uint32_t i = 0; i < m_order; ++i)
+        wrong += m_logarithms[static_cast<uint32_t>(m_powers[i])] == static_cast<int32_t>(i) ? 0U : 1U;
     EXPECT_EQ(wrong, 0U);
 }
 
@@ -105,9 +104,8 @@ uint32_t multiply(uint32_t a, uint32_t b) {
 // The generator's value at a field element.
 uint32_t generator_at(uint32_t element) {
     uint32_t value = 0;
-    for (uint32_t i = rr + 1; i-- > 0;) {
+    for (uint32_t i = rr + 1; i-- > 0;)
         value = multiply(value, element) ^ gg[i];
-    }
     return value;
 }
 
@@ -141,15 +139,13 @@ TEST_F(BchGenerator, DividesXToTheFieldOrderPlusOne) {
     for (uint16_t t = 1; t <= kStrongest; ++t) {
         bch_init(t);
         Polynomial generator;
-        for (uint32_t i = 0; i <= rr; ++i) {
+        for (uint32_t i = 0; i <= rr; ++i)
             generator[i] = gg[i] != 0;
-        }
         Polynomial remainder(1);
         for (uint32_t i = 0; i < 16383; ++i) {
             remainder <<= 1;
-            if (remainder[rr]) {
+            if (remainder[rr])
                 remainder ^= generator;
-            }
         }
         ASSERT_EQ(remainder, Polynomial(1)) << t;
     }

@@ -39,15 +39,12 @@ Names expected_names() {
 #if defined(__x86_64__)
     const bool multiplies_128 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("pclmul");
     const bool multiplies_256 = multiplies_128 && __builtin_cpu_supports("vpclmulqdq");
-    if (multiplies_256 && __builtin_cpu_supports("avx512f")) {
+    if (multiplies_256 && __builtin_cpu_supports("avx512f"))
         names.push_back("carry_less_512");
-    }
-    if (multiplies_256) {
+    if (multiplies_256)
         names.push_back("carry_less_256");
-    }
-    if (multiplies_128) {
+    if (multiplies_128)
         names.push_back("carry_less_128");
-    }
 #endif
     names.push_back("portable");
     return names;
@@ -57,11 +54,9 @@ Names expected_names() {
 TEST(BchPathTable, OffersWhatThisProcessorHas) {
     const Names known = {"carry_less_512", "carry_less_256", "carry_less_128", "portable"};
     Names offered;
-    for (const BchPath& path : available_bch_paths()) {
-        if (std::ranges::find(known, path.name) != known.end()) {
+    for (const BchPath& path : available_bch_paths())
+        if (std::ranges::find(known, path.name) != known.end())
             offered.push_back(path.name);
-        }
-    }
     EXPECT_EQ(offered, expected_names());
 }
 
@@ -83,13 +78,11 @@ TEST(BchFastestPath, IsTheFirstThatIsAvailable) {
     for (unsigned available = 1; available < 16; ++available) {
         const Names names = {"first", "second", "third", "fourth"};
         std::vector<BchPath> paths;
-        for (std::size_t i = 0; i < names.size(); ++i) {
+        for (std::size_t i = 0; i < names.size(); ++i)
             paths.push_back(made_up(names[i], (available >> i & 1) != 0));
-        }
         std::size_t first = 0;
-        while ((available >> first & 1) == 0) {
+        while ((available >> first & 1) == 0)
             ++first;
-        }
         EXPECT_EQ(&bch_fastest_path(paths), &paths[first]) << "available: bits of " << available;
     }
 }
@@ -118,9 +111,8 @@ TEST_F(BchTest, EncodesByTheSelectedPath) {
     counted_codewords = 0;
     Bytes page = test_support::patterned(std::size_t{9} * AllBytesNum, 6);
     std::vector<uint8_t*> units;
-    for (std::size_t i = 0; i < 9; ++i) {
+    for (std::size_t i = 0; i < 9; ++i)
         units.push_back(page.data() + i * AllBytesNum);
-    }
     bch_encode_units(units.data(), 9);
     EXPECT_EQ(counted_codewords, 9U);
     bch_encode(page.data(), page.data());

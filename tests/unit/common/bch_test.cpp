@@ -136,9 +136,8 @@ TEST_P(BchStrength, ChangesTwiceTParityBitsWithOneDataBit) {
         Bytes flipped = message;
         flip_bit(flipped, bit);
         std::size_t changed = 0;
-        for (const uint8_t byte : exclusive_or(before, parity_of(flipped))) {
+        for (const uint8_t byte : exclusive_or(before, parity_of(flipped)))
             changed += std::bitset<8>(byte).count();
-        }
         EXPECT_GE(changed, 2 * MaxBitsNum) << "bit " << bit;
     }
 }
@@ -149,12 +148,10 @@ TEST_P(BchStrength, ReplacesSystemBytesAsIfEncodedAnew) {
     codeword.resize(AllBytesNum + 8, 0x77);
     std::vector<uint32_t> values = {0,      1,       2,          0x80,       0x100,
                                     0xFFFF, 0x10000, 0x80000000, 0xFFFFFFFF, 0xFFFFFFFF};
-    for (uint32_t page = 0; page < 300; page += 4) {
+    for (uint32_t page = 0; page < 300; page += 4)
         values.push_back(page);
-    }
-    for (uint32_t bit = 0; bit < 32; ++bit) {
+    for (uint32_t bit = 0; bit < 32; ++bit)
         values.push_back(uint32_t{1} << bit);
-    }
     for (const uint32_t value : values) {
         Bytes expected = message;
         test_support::put32_at(expected, 1024, value);
@@ -175,9 +172,8 @@ TEST_F(BchTest, CountsTheCodewordsThatItEncodes) {
     bch_encode(page.data(), page.data());
     EXPECT_EQ(bch_encoded_codewords(), before + 1);
     std::vector<uint8_t*> units;
-    for (std::size_t i = 0; i < 9; ++i) {
+    for (std::size_t i = 0; i < 9; ++i)
         units.push_back(page.data() + i * AllBytesNum);
-    }
     bch_encode_units(units.data(), 9);
     EXPECT_EQ(bch_encoded_codewords(), before + 10);
     bch_encode_units(units.data(), 0);
@@ -199,9 +195,8 @@ TEST_F(BchTest, MakesAnErasedPageValidForThreeStrengths) {
 
 TEST_F(BchTest, KeepsTheBareRemainderForAllOtherStrengths) {
     for (uint16_t t = 1; t <= kStrongest; ++t) {
-        if (t == 16 || t == 24 || t == 60) {
+        if (t == 16 || t == 24 || t == 60)
             continue;
-        }
         bch_init(t);
         ASSERT_EQ(parity_of(Bytes(1028, 0)), Bytes(CodecBytesNum, 0)) << "t = " << t;
         ASSERT_NE(parity_of(Bytes(1028, 0xFF)), Bytes(CodecBytesNum, 0xFF)) << "t = " << t;
@@ -227,9 +222,8 @@ std::vector<std::size_t> random_bits(std::size_t count, std::size_t codeword_bit
     std::vector<std::size_t> bits;
     while (bits.size() < count) {
         const std::size_t bit = generator() % codeword_bits;
-        if (std::find(bits.begin(), bits.end(), bit) == bits.end()) {
+        if (std::find(bits.begin(), bits.end(), bit) == bits.end())
             bits.push_back(bit);
-        }
     }
     std::sort(bits.begin(), bits.end());
     return bits;
@@ -241,9 +235,8 @@ TEST_F(BchTest, MakesCodewordsInWhichUpTo16WrongBitsAreFound) {
         for (uint32_t round = 0; round < 4; ++round) {
             Bytes codeword = encoded(random_message(flips * 10 + round));
             const std::vector<std::size_t> bits = random_bits(flips, AllBitsNum, flips * 20 + round);
-            for (const std::size_t bit : bits) {
+            for (const std::size_t bit : bits)
                 flip_bit(codeword, bit);
-            }
             const auto result = test_support::bch_decode(codeword.data(), codeword.data() + 1028, 16);
             ASSERT_EQ(result.status, test_support::DecodeResult::Status::corrected) << flips;
             ASSERT_EQ(result.wrong_bits, bits);
@@ -267,9 +260,8 @@ TEST_F(BchTest, NeverMakes17WrongBitsLookClean) {
     bch_init(16);
     for (uint32_t round = 0; round < 5; ++round) {
         Bytes codeword = encoded(random_message(round));
-        for (const std::size_t bit : random_bits(17, AllBitsNum, round)) {
+        for (const std::size_t bit : random_bits(17, AllBitsNum, round))
             flip_bit(codeword, bit);
-        }
         EXPECT_FALSE(test_support::bch_decode(codeword.data(), codeword.data() + 1028, 16).clean());
     }
 }

@@ -16,35 +16,32 @@ class BitSerialLanes {
 public:
     using Bytes = test_support::Bytes;
 
-    static constexpr std::size_t lanes = 64;
+    static constexpr std::size_t kLanes = 64;
 
-    explicit BitSerialLanes(unsigned t) : degree_(14 * std::size_t{t}) {
+    explicit BitSerialLanes(unsigned t) : m_degree(14 * std::size_t{t}) {
         // A message whose last bit alone is set leaves the register as the feedback taps.
-        Bytes message(test_support::bch_message_bytes, 0);
-        correction_ = test_support::bch_slow_parity(message.data(), t);
+        Bytes message(test_support::kBchMessageBytes, 0);
+        m_correction = test_support::bch_slow_parity(message.data(), t);
         message.back() = 0x80;
         const Bytes taps = test_support::bch_slow_parity(message.data(), t);
-        for (std::size_t bit = 0; bit < degree_; ++bit) {
-            if (((taps[bit / 8] ^ correction_[bit / 8]) >> (bit % 8) & 1) != 0) {
-                taps_.push_back(bit);
-            }
-        }
+        for (std::size_t bit = 0; bit < m_degree; ++bit)
+            if (((taps[bit / 8] ^ m_correction[bit / 8]) >> (bit % 8) & 1) != 0)
+                m_taps.push_back(bit);
     }
 
     // The parity of each of up to 64 messages.
     std::vector<Bytes> parities(const std::vector<Bytes>& messages) const {
-        std::vector<uint64_t> ring(degree_, 0);  // the register; its bit 0 is at `head`
+        std::vector<uint64_t> ring(m_degree, 0);  // the register; its bit 0 is at `head`
         std::size_t head = 0;
-        for (std::size_t bit = 0; bit < test_support::bch_message_bits; ++bit) {
+        for (std::size_t bit = 0; bit < test_support::kBchMessageBits; ++bit) {
             const uint64_t feedback = ring[head] ^ input_bits(messages, bit);
             ring[head] = 0;
-            head = head + 1 == degree_ ? 0 : head + 1;
+            head = head + 1 == m_degree ? 0 : head + 1;
             add_taps(ring.data(), head, feedback);
         }
         std::vector<Bytes> result;
-        for (std::size_t lane = 0; lane < messages.size(); ++lane) {
+        for (std::size_t lane = 0; lane < messages.size(); ++lane)
             result.push_back(parity_of_lane(ring, head, lane));
-        }
         return result;
     }
 
@@ -53,36 +50,33 @@ private:
     static uint64_t input_bits(const std::vector<Bytes>& messages, std::size_t bit) {
         uint64_t bits = 0;
         const Bytes* message = messages.data();
-        for (std::size_t lane = messages.size(); lane-- > 0;) {
+        for (std::size_t lane = messages.size(); lane-- > 0;)
             bits = bits << 1 | (message[lane].data()[bit / 8] >> (bit % 8) & 1U);
-        }
         return bits;
     }
 
     void add_taps(uint64_t* ring, std::size_t head, uint64_t feedback) const {
-        const std::size_t after_head = degree_ - head;
-        const std::size_t* tap = taps_.data();
-        const std::size_t* end = tap + taps_.size();
-        for (; tap != end && *tap < after_head; ++tap) {
+        const std::size_t after_head = m_degree - head;
+        const std::size_t* tap = m_taps.data();
+        const std::size_t* end = tap + m_taps.size();
+        for (; tap != end && *tap < after_head; ++tap)
             ring[head + *tap] ^= feedback;
-        }
-        for (; tap != end; ++tap) {
+        for (; tap != end; ++tap)
             ring[*tap - after_head] ^= feedback;
-        }
     }
 
     Bytes parity_of_lane(const std::vector<uint64_t>& ring, std::size_t head, std::size_t lane) const {
-        Bytes parity = correction_;
-        for (std::size_t bit = 0; bit < degree_; ++bit) {
-            const uint64_t value = ring[(head + bit) % degree_] >> lane & 1U;
+        Bytes parity = m_correction;
+        for (std::size_t bit = 0; bit < m_degree; ++bit) {
+            const uint64_t value = ring[(head + bit) % m_degree] >> lane & 1U;
             parity[bit / 8] = static_cast<uint8_t>(parity[bit / 8] ^ (value << bit % 8));
         }
         return parity;
     }
 
-    std::size_t degree_;
-    Bytes correction_{};
-    std::vector<std::size_t> taps_{};
+    std::size_t m_degree;
+    Bytes m_correction{};
+    std::vector<std::size_t> m_taps{};
 };
 
 }  // namespace bch_tests

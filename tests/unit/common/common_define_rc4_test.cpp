@@ -18,9 +18,8 @@ using test_support::to_bytes;
 
 Bytes from_hex(std::string_view text) {
     Bytes bytes;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2)
         bytes.push_back(static_cast<uint8_t>(std::stoul(std::string(text.substr(i, 2)), nullptr, 16)));
-    }
     return bytes;
 }
 
@@ -80,16 +79,14 @@ constexpr KeystreamPiece kRandomKeystream[] = {
 
 TEST(Rc4WithKey, GivesThePublishedKeystreamOfTheCountingKey) {
     const Bytes keystream = scrambled_with(from_hex(kCountingKey), Bytes(4112, 0));
-    for (const KeystreamPiece& piece : kCountingKeystream) {
+    for (const KeystreamPiece& piece : kCountingKeystream)
         EXPECT_EQ(slice(keystream, piece.offset, 16), from_hex(piece.bytes)) << "offset " << piece.offset;
-    }
 }
 
 TEST(Rc4WithKey, GivesThePublishedKeystreamOfTheRandomKey) {
     const Bytes keystream = scrambled_with(from_hex(kRandomKey), Bytes(4112, 0));
-    for (const KeystreamPiece& piece : kRandomKeystream) {
+    for (const KeystreamPiece& piece : kRandomKeystream)
         EXPECT_EQ(slice(keystream, piece.offset, 16), from_hex(piece.bytes)) << "offset " << piece.offset;
-    }
 }
 
 TEST(Rc4WithKey, XorsTheKeystreamOverTheBytes) {
@@ -128,17 +125,15 @@ TEST(Rc4, StartsTheKeystreamAfreshAtEveryCall) {
     const Bytes second = patterned(512, 5);
     const Bytes scrambled_first = scrambled(first);
     const Bytes scrambled_second = scrambled(second);
-    for (std::size_t i = 0; i < first.size(); ++i) {
+    for (std::size_t i = 0; i < first.size(); ++i)
         ASSERT_EQ(first[i] ^ scrambled_first[i], second[i] ^ scrambled_second[i]) << i;
-    }
 }
 
 TEST(Rc4, OfTheFirstBytesOfASectorIsTheStartOfTheScrambledSector) {
     const Bytes sector = patterned(512, 6);
     const Bytes whole = scrambled(sector);
-    for (const std::size_t length : {1U, 2U, 255U, 256U, 257U, 511U}) {
+    for (const std::size_t length : {1U, 2U, 255U, 256U, 257U, 511U})
         EXPECT_EQ(scrambled(slice(sector, 0, length)), slice(whole, 0, length)) << length;
-    }
 }
 
 TEST(Rc4, TouchesNothingBehindItsLength) {

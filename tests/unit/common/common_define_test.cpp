@@ -41,9 +41,8 @@ TEST(Crc32, StartsFromTheValueThatInitPointsTo) {
     const uint32_t crc = boot_crc(data, &init);
     // A start value does the same as its bytes added to the first four of the data.
     const Bytes start = {0x12, 0x34, 0x56, 0x78};
-    for (std::size_t i = 0; i < start.size(); ++i) {
+    for (std::size_t i = 0; i < start.size(); ++i)
         data[i] = static_cast<uint8_t>(data[i] ^ start[i]);
-    }
     EXPECT_EQ(crc, test_support::crc32_boot(data));
     EXPECT_EQ(boot_crc(start, &init), 0U);
 }
@@ -94,9 +93,8 @@ TEST(Crc32Le, GivesTheCommonCheckValue) {
 }
 
 TEST(Crc32Le, OfNothingReturnsTheSeedItself) {
-    for (const uint32_t seed : {0U, 1U, 0x12345678U, 0xFFFFFFFFU}) {
+    for (const uint32_t seed : {0U, 1U, 0x12345678U, 0xFFFFFFFFU})
         EXPECT_EQ(crc32_le(nullptr, 0, seed), seed);
-    }
 }
 
 TEST(Crc32Le, RunsOverSeveralBuffersThroughTheSeed) {
@@ -130,9 +128,8 @@ TEST(Crc32LeTable, IsTheOrdinaryReflectedTable) {
 // ---- make_crc_table ----
 
 uint32_t msb_first_crc(const std::array<uint32_t, 256>& table, const Bytes& bytes, uint32_t crc) {
-    for (const uint8_t byte : bytes) {
+    for (const uint8_t byte : bytes)
         crc = crc << 8 ^ table[crc >> 24 ^ byte];
-    }
     return crc;
 }
 
@@ -159,9 +156,8 @@ TEST(MakeCrcTable, WritesExactly256Entries) {
 TEST(MakeCrcTable, DiffersFromTheTableOfTheBootContainer) {
     std::array<uint32_t, 256> table{};
     make_crc_table(table.data());
-    for (std::size_t i = 1; i < table.size(); ++i) {
+    for (std::size_t i = 1; i < table.size(); ++i)
         ASSERT_NE(table[i], gCrc32Table[i]) << i;
-    }
 }
 
 // ---- crc16 and its table ----
@@ -170,9 +166,8 @@ uint16_t check_value(uint16_t poly) {
     std::array<uint16_t, 256> table{};
     BuildCrc16Table(poly, table.data());
     uint16_t crc = 0;
-    for (const uint8_t byte : kCheckDigits) {
+    for (const uint8_t byte : kCheckDigits)
         crc = static_cast<uint16_t>(crc << 8 ^ table[static_cast<std::size_t>(crc >> 8 ^ byte)]);
-    }
     return crc;
 }
 
@@ -246,9 +241,8 @@ TEST(CrcCalculate, GoesOnFromAnyValue) {
     EXPECT_EQ(crc_calculate(0x0000, 0xFF), 0x1EF0);
     EXPECT_EQ(crc_calculate(0xFFFF, 0xFF), 0xFF00);
     uint16_t crc = 0;
-    for (const uint8_t byte : kCheckDigits) {
+    for (const uint8_t byte : kCheckDigits)
         crc = crc_calculate(crc, byte);
-    }
     EXPECT_EQ(crc, 0x31C3);
 }
 

@@ -13,18 +13,16 @@ using Pieces = std::vector<std::string>;
 Pieces pieces_of(std::string_view text, char separator) {
     Pieces pieces;
     std::string_view piece;
-    while (next_piece(text, separator, piece)) {
+    while (next_piece(text, separator, piece))
         pieces.emplace_back(piece);
-    }
     return pieces;
 }
 
 Pieces lines_of(std::string_view text) {
     Pieces lines;
     std::string_view line;
-    while (next_line(text, line)) {
+    while (next_line(text, line))
         lines.emplace_back(line);
-    }
     return lines;
 }
 

@@ -30,9 +30,8 @@ inline int init_code(const Bytes& container) {
 inline std::string to_text(const STRUCT_QZTIME& time) {
     const uint16_t year = time.usYear;  // the record is packed
     std::string text = std::to_string(year);
-    for (const uint8_t part : {time.ucMonth, time.ucDay, time.ucHour, time.ucMinute, time.ucSecond}) {
+    for (const uint8_t part : {time.ucMonth, time.ucDay, time.ucHour, time.ucMinute, time.ucSecond})
         text += " " + std::to_string(part);
-    }
     return text;
 }
 
@@ -40,9 +39,8 @@ inline std::string to_text(const STRUCT_QZTIME& time) {
 inline Bytes short_container(std::size_t size, const std::string& tag) {
     Bytes bytes = test_support::BootContainer{.tag = tag}.build();
     bytes.resize(size, 0);
-    if (size >= sizeof(uint32_t)) {
+    if (size >= sizeof(uint32_t))
         test_support::repair_boot_crc(bytes);
-    }
     return bytes;
 }
 

@@ -36,9 +36,9 @@ struct Trailer {
 // Gives every test a directory, an image object, and a path whose name does not select single mode.
 class QZImageTest : public ::testing::Test {
 protected:
-    std::filesystem::path path() const { return directory / "firmware.img"; }
+    std::filesystem::path path() const { return m_directory / "firmware.img"; }
 
-    int init(const std::filesystem::path& file) { return image.ObjectInit(file.string(), false); }
+    int init(const std::filesystem::path& file) { return m_image.ObjectInit(file.string(), false); }
 
     int init(const Firmware& firmware) {
         firmware.write(path());
@@ -53,11 +53,11 @@ protected:
     // What GetData reads, if anything.
     std::optional<Bytes> data(uint64_t offset, uint32_t size) {
         Bytes bytes(size, 0xEE);
-        return image.GetData(offset, size, bytes.data()) ? std::optional(bytes) : std::nullopt;
+        return m_image.GetData(offset, size, bytes.data()) ? std::optional(bytes) : std::nullopt;
     }
 
-    test_support::TemporaryDirectory directory;
-    CQZImage image;
+    test_support::TemporaryDirectory m_directory;
+    CQZImage m_image;
 };
 
 // A firmware of a few kilobytes without items.

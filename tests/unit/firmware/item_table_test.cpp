@@ -130,9 +130,9 @@ TEST_F(ItemTableTest, DataIsReadFromItsPlaceOn) {
     ASSERT_EQ(read(firmware), ItemTableResult::kRead);
     ASSERT_EQ(init(firmware), 0);
     Bytes out(5000);
-    EXPECT_TRUE(read_item_data(image, m_items[1], 0, 5000, out.data()));
+    EXPECT_TRUE(read_item_data(m_image, m_items[1], 0, 5000, out.data()));
     EXPECT_EQ(out, patterned(5000, 1));
-    EXPECT_TRUE(read_item_data(image, m_items[2], 4000, 1000, out.data()));
+    EXPECT_TRUE(read_item_data(m_image, m_items[2], 4000, 1000, out.data()));
     EXPECT_EQ(slice(out, 0, 1000), slice(patterned(5000, 2), 4000, 1000));
 }
 
@@ -144,8 +144,8 @@ TEST_F(ItemTableTest, DataMayBeReadUpToTheEndOfTheFile) {
     ASSERT_EQ(read(firmware), ItemTableResult::kRead);
     ASSERT_EQ(init(firmware), 0);
     Bytes out(10);
-    EXPECT_TRUE(read_item_data(image, m_items[0], 4990, 10, out.data()));
-    EXPECT_FALSE(read_item_data(image, m_items[0], 4991, 10, out.data()));
+    EXPECT_TRUE(read_item_data(m_image, m_items[0], 4990, 10, out.data()));
+    EXPECT_FALSE(read_item_data(m_image, m_items[0], 4991, 10, out.data()));
 }
 
 TEST_F(ItemTableTest, DataBeyond4GiBIsRead) {
@@ -153,9 +153,9 @@ TEST_F(ItemTableTest, DataBeyond4GiBIsRead) {
     firmware.items.push_back(
         {.name = "boot", .data = patterned(5000, 1), .offset = (uint64_t{1} << 32) + 4096});
     ASSERT_EQ(init(firmware), 0);
-    ASSERT_EQ(read_item_table(image, m_items), ItemTableResult::kRead);
+    ASSERT_EQ(read_item_table(m_image, m_items), ItemTableResult::kRead);
     Bytes out(5000);
-    EXPECT_TRUE(read_item_data(image, m_items[0], 0, 5000, out.data()));
+    EXPECT_TRUE(read_item_data(m_image, m_items[0], 0, 5000, out.data()));
     EXPECT_EQ(out, patterned(5000, 1));
 }
 

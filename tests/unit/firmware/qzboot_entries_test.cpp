@@ -55,9 +55,8 @@ std::string property_of(CQZBoot& boot, ENUM_QZBOOTENTRY kind, uint8_t index) {
     uint32_t size = 0;
     uint32_t delay = 0;
     std::string name(21, '#');
-    if (!boot.GetEntryProperty(kind, index, size, delay, name.data())) {
+    if (!boot.GetEntryProperty(kind, index, size, delay, name.data()))
         return "none";
-    }
     EXPECT_EQ(name[20], '#');
     return std::to_string(size) + " " + std::to_string(delay) + " " + name.substr(0, 20);
 }
@@ -157,10 +156,8 @@ TEST(QZBootEntries, AreFoundByNameIgnoringCase) {
 
 TEST(QZBootEntries, AreFoundByTheirWholeNameInTheirOwnTable) {
     const auto boot = loaded(sample_container());
-    for (const char* name :
-         {"", "Flash", "FlashBoo", "FlashBoot1", " FlashBoot", "MemoryInit", "UsbLoader"}) {
+    for (const char* name : {"", "Flash", "FlashBoo", "FlashBoot1", " FlashBoot", "MemoryInit", "UsbLoader"})
         EXPECT_EQ(index_of(*boot, ENTRYLOADER, name), 0xFF) << name;
-    }
     EXPECT_EQ(index_of(*boot, ENTRY471, "FlashBoot"), 0xFF);
     EXPECT_EQ(index_of(*boot, ENTRY472, "FlashBoot"), 0xFF);
 }
@@ -194,7 +191,7 @@ TEST(QZBootEntries, MayUseAll20UnitsOfTheName) {
 TEST(QZBootEntries, HaveNamesMadeOfTheLowByteOfEachUnit) {
     const BootContainer sample = sample_container();
     Bytes container = sample.build();
-    const std::size_t name = sample.layout().loader.records[0] + field::name;
+    const std::size_t name = sample.layout().loader.records[0] + field::kName;
     container[name + 1] = 0x4E;      // the high byte of the first unit
     container[name + 2 * 12] = 'z';  // a unit behind the NUL
     repair_boot_crc(container);
@@ -268,7 +265,7 @@ std::unique_ptr<CQZBoot> with_table_at(uint32_t offset, uint8_t count = 2, uint8
     container.loader.table_offset = offset;
     container.loader.count = count;
     Bytes bytes = container.build();
-    bytes[test_support::boot_field::size_loader] = record_size;
+    bytes[test_support::boot_field::kSizeLoader] = record_size;
     repair_boot_crc(bytes);
     return loaded(bytes);
 }

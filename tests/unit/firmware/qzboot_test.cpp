@@ -59,7 +59,7 @@ TEST(QZBoot, TooShortForACrcFailsTheCrcCheck) {
 }
 
 TEST(QZBoot, TooShortForItsHeadFailsTheTagCheck) {
-    for (std::size_t size = 4; size < field::head_bytes + 4; ++size) {
+    for (std::size_t size = 4; size < field::kHeadBytes + 4; ++size) {
         EXPECT_TRUE(boot_object(short_container(size, "BOOT"))->CrcCheck()) << size;
         EXPECT_EQ(init_code(short_container(size, "BOOT")), -3) << size;
         EXPECT_EQ(init_code(short_container(size, "LDR ")), -3) << size;
@@ -67,9 +67,8 @@ TEST(QZBoot, TooShortForItsHeadFailsTheTagCheck) {
 }
 
 TEST(QZBoot, NeedsRoomForHeadAndCrcOnly) {
-    for (std::size_t size = field::head_bytes + 4; size <= 110; ++size) {
+    for (std::size_t size = field::kHeadBytes + 4; size <= 110; ++size)
         EXPECT_EQ(init_code(short_container(size, "BOOT")), 0) << size;
-    }
 }
 
 TEST(QZBoot, RejectsAWrongCrc) {
@@ -102,12 +101,10 @@ TEST(QZBoot, LooksAtTheCrcBeforeTheTag) {
 }
 
 TEST(QZBoot, KnowsTwoTags) {
-    for (const char* tag : {"BOOT", "LDR "}) {
+    for (const char* tag : {"BOOT", "LDR "})
         EXPECT_EQ(init_code(BootContainer{.tag = tag}.build()), 0) << tag;
-    }
-    for (const char* tag : {"boot", "BOOU", "COOT", "LDR", "LDR_", "ldr ", "TOOB", "QZFW", ""}) {
+    for (const char* tag : {"boot", "BOOU", "COOT", "LDR", "LDR_", "ldr ", "TOOB", "QZFW", ""})
         EXPECT_EQ(init_code(BootContainer{.tag = tag}.build()), -3) << tag;
-    }
 }
 
 TEST(QZBoot, BoundsTheMergeVersionOfALoaderContainer) {
@@ -123,9 +120,8 @@ TEST(QZBoot, BoundsTheMergeVersionOfALoaderContainer) {
 }
 
 TEST(QZBoot, AcceptsAnyMergeVersionOfABootContainer) {
-    for (const uint32_t version : {0x1000000U, 0x1000001U, 0xFFFFFFFFU}) {
+    for (const uint32_t version : {0x1000000U, 0x1000001U, 0xFFFFFFFFU})
         EXPECT_EQ(init_code(BootContainer{.merge_version = version}.build()), 0) << version;
-    }
 }
 
 // ---- what the head says ----
@@ -212,7 +208,7 @@ TEST(QZBoot, DoesNotInterpretItsHeadSizeOrReservedBytes) {
     for (const int size : {0, 1, 101, 103, 0xFFFF}) {
         BootContainer container = sample_container();
         container.head_size = static_cast<uint16_t>(size);
-        container.reserved = Bytes(field::reserved_bytes, 0xFF);
+        container.reserved = Bytes(field::kReservedBytes, 0xFF);
         EXPECT_EQ(init_code(container.build()), 0) << size;
     }
 }

@@ -59,21 +59,21 @@ TEST_F(QZImageTrailer, OfAtMost159BytesIsNoSignature) {
 TEST_F(QZImageTrailer, Of160BytesHasASignatureOf128) {
     const Firmware firmware = with_trailer(160);
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_TRUE(image.SignFlag);
-    EXPECT_EQ(Trailer(image).signature_size, 128);
-    EXPECT_EQ(Trailer(image).md5, firmware.md5);
+    EXPECT_TRUE(m_image.SignFlag);
+    EXPECT_EQ(Trailer(m_image).signature_size, 128);
+    EXPECT_EQ(Trailer(m_image).md5, firmware.md5);
     Bytes expected = firmware.signature;
     expected.resize(256, 0);
-    EXPECT_EQ(Trailer(image).signature, expected);
+    EXPECT_EQ(Trailer(m_image).signature, expected);
 }
 
 TEST_F(QZImageTrailer, Of288BytesHasASignatureOf256) {
     const Firmware firmware = with_trailer(288);
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_TRUE(image.SignFlag);
-    EXPECT_EQ(Trailer(image).signature_size, 256);
-    EXPECT_EQ(Trailer(image).md5, firmware.md5);
-    EXPECT_EQ(Trailer(image).signature, firmware.signature);
+    EXPECT_TRUE(m_image.SignFlag);
+    EXPECT_EQ(Trailer(m_image).signature_size, 256);
+    EXPECT_EQ(Trailer(m_image).md5, firmware.md5);
+    EXPECT_EQ(Trailer(m_image).signature, firmware.signature);
 }
 
 TEST_F(QZImageTrailer, LongerThan288BytesIsCutTo256BytesOfSignature) {
@@ -94,9 +94,9 @@ TEST_F(QZImageTrailer, MayBeMissing) {
     Firmware firmware = small_firmware();
     firmware.md5.clear();
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_FALSE(image.SignFlag);
+    EXPECT_FALSE(m_image.SignFlag);
     const Bytes bytes = firmware.build();
-    EXPECT_EQ(Trailer(image).md5, slice(bytes, bytes.size() - 32, 32));
+    EXPECT_EQ(Trailer(m_image).md5, slice(bytes, bytes.size() - 32, 32));
 }
 
 TEST_F(QZImageTrailer, IsNotThereWhenThePackageEndsBehindTheFile) {
@@ -118,9 +118,9 @@ TEST_F(QZImageTrailer, HasASigned32BitLength) {
     firmware.write(path());
     std::filesystem::resize_file(path(), package_end + 0x7FFFFFFF);
     ASSERT_EQ(init(path()), 0);
-    EXPECT_TRUE(image.SignFlag);
-    EXPECT_EQ(Trailer(image).signature_size, 256);
-    EXPECT_EQ(Trailer(image).md5, firmware.md5);
+    EXPECT_TRUE(m_image.SignFlag);
+    EXPECT_EQ(Trailer(m_image).signature_size, 256);
+    EXPECT_EQ(Trailer(m_image).md5, firmware.md5);
 
     std::filesystem::resize_file(path(), package_end + 0x80000000);
     CQZImage longer;
@@ -141,11 +141,11 @@ TEST_F(QZImageTrailer, IsReadWhereThePackageEndsIn64Bits) {
     firmware.signature = patterned(200, 7);
     firmware.package_size = firmware.layout().package_size + kFourGiB;
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_TRUE(image.SignFlag);
-    EXPECT_EQ(Trailer(image).signature_size, 200);
-    EXPECT_EQ(Trailer(image).md5, Bytes(32, 0));
-    EXPECT_EQ(Trailer(image).signature, Bytes(256, 0));
-    EXPECT_EQ(static_cast<uint64_t>(image.FWSize), *firmware.package_size);
+    EXPECT_TRUE(m_image.SignFlag);
+    EXPECT_EQ(Trailer(m_image).signature_size, 200);
+    EXPECT_EQ(Trailer(m_image).md5, Bytes(32, 0));
+    EXPECT_EQ(Trailer(m_image).signature, Bytes(256, 0));
+    EXPECT_EQ(static_cast<uint64_t>(m_image.FWSize), *firmware.package_size);
 }
 
 TEST_F(QZImageTrailer, OfAPackageThatEndsWhereNoFileReachesIsEmpty) {
@@ -167,7 +167,7 @@ TEST_F(QZImageTest, WidensThePackageSizeByItsHighHalf) {
     Firmware firmware = small_firmware();
     firmware.package_size = firmware.layout().package_size + kFourGiB;
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_EQ(static_cast<uint64_t>(image.FWSize), firmware.layout().package_size + kFourGiB);
+    EXPECT_EQ(static_cast<uint64_t>(m_image.FWSize), firmware.layout().package_size + kFourGiB);
 }
 
 TEST_F(QZImageTest, TakesTheHighHalfOnlyWithBothMarks) {
@@ -183,9 +183,8 @@ TEST_F(QZImageTest, TakesTheHighHalfOnlyWithBothMarks) {
     };
     const uint64_t plain = small_firmware().layout().package_size;
     EXPECT_EQ(package_size("HI"), plain + kFourGiB);
-    for (const char* mark : {"", "H", "hi", "Hi", "IH", "HJ", "GI"}) {
+    for (const char* mark : {"", "H", "hi", "Hi", "IH", "HJ", "GI"})
         EXPECT_EQ(package_size(mark), plain) << mark;
-    }
 }
 
 TEST_F(QZImageTest, EndsThePackageModulo4GiBWithoutAHighHalf) {
@@ -193,7 +192,7 @@ TEST_F(QZImageTest, EndsThePackageModulo4GiBWithoutAHighHalf) {
     firmware.package_offset = 0x1000;
     firmware.package_size = 0xFFFFFFFF;  // ends at 0xFFF, one byte before it starts
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_EQ(static_cast<uint64_t>(image.FWSize), std::numeric_limits<uint64_t>::max());
+    EXPECT_EQ(static_cast<uint64_t>(m_image.FWSize), std::numeric_limits<uint64_t>::max());
 
     firmware.force_large_package_mark = true;
     firmware.write(path());
@@ -234,7 +233,7 @@ TEST_F(QZImageGetData, EndsWithTheFile) {
 TEST_F(QZImageGetData, DoesNotReadOutsideTheFile) {
     ASSERT_EQ(init(small_firmware()), 0);
     Bytes buffer(16, 0xEE);
-    EXPECT_FALSE(image.GetData(image.GetImageSize() - 15, 16, buffer.data()));
+    EXPECT_FALSE(m_image.GetData(m_image.GetImageSize() - 15, 16, buffer.data()));
     EXPECT_EQ(buffer, Bytes(16, 0xEE));
 }
 
@@ -246,7 +245,7 @@ TEST_F(QZImageGetData, DoesNotWrapAtTheEndOf64Bits) {
     EXPECT_EQ(data(largest - 15, 16), std::nullopt);
     EXPECT_EQ(data(largest - 7, 100), std::nullopt);
     EXPECT_EQ(data(uint64_t{1} << 63, 1), std::nullopt);
-    EXPECT_EQ(image.GetReadError(), 0);  // nothing was read at all
+    EXPECT_EQ(m_image.GetReadError(), 0);  // nothing was read at all
 }
 
 TEST_F(QZImageGetData, FailsForBytesThatTheFileHasLostSince) {
@@ -254,25 +253,25 @@ TEST_F(QZImageGetData, FailsForBytesThatTheFileHasLostSince) {
     const std::size_t size = bytes.size();
     bytes.resize(1000000, 0x55);
     ASSERT_EQ(init(bytes), 0);
-    EXPECT_EQ(image.GetReadError(), 0);
+    EXPECT_EQ(m_image.GetReadError(), 0);
     std::filesystem::resize_file(path(), size);
     EXPECT_EQ(data(500000, 400000), std::nullopt);
-    EXPECT_EQ(image.GetReadError(), EIO);
+    EXPECT_EQ(m_image.GetReadError(), EIO);
     EXPECT_EQ(data(0, 1000000), std::nullopt);
     EXPECT_EQ(data(999999, 1), std::nullopt);
-    EXPECT_EQ(image.GetReadError(), EIO);
+    EXPECT_EQ(m_image.GetReadError(), EIO);
 }
 
 TEST_F(QZImageGetData, TakesAPlaceOutsideTheFileForNoReadError) {
     ASSERT_EQ(init(small_firmware()), 0);
-    EXPECT_EQ(data(image.GetImageSize(), 1), std::nullopt);
-    EXPECT_EQ(image.GetReadError(), 0);
+    EXPECT_EQ(data(m_image.GetImageSize(), 1), std::nullopt);
+    EXPECT_EQ(m_image.GetReadError(), 0);
 }
 
 TEST_F(QZImageGetData, NeedsAnOpenFile) {
     EXPECT_EQ(data(0, 1), std::nullopt);
     EXPECT_EQ(data(0, 0), std::nullopt);
-    EXPECT_EQ(init(directory / "absent.img"), -1);
+    EXPECT_EQ(init(m_directory / "absent.img"), -1);
     EXPECT_EQ(data(0, 1), std::nullopt);
 }
 
@@ -306,19 +305,19 @@ TEST_F(QZImageTest, ClosesItsFileInTheEnd) {
 }
 
 TEST_F(QZImageTest, ClosesItsFileAtOnceInSingleMode) {
-    write_file(directory / "loader.bin", sample_container().build());
+    write_file(m_directory / "loader.bin", sample_container().build());
     const std::ptrdiff_t before = open_files();
-    ASSERT_EQ(init(directory / "loader.bin"), 0);
+    ASSERT_EQ(init(m_directory / "loader.bin"), 0);
     EXPECT_EQ(open_files(), before);
 }
 
 TEST_F(QZImageTest, ClosesItsFileAfterAFailure) {
-    write_file(directory / "loader.bin", Bytes(200, 1));
+    write_file(m_directory / "loader.bin", Bytes(200, 1));
     const std::ptrdiff_t before = open_files();
     for (const char* name : {"loader.bin", "firmware.img"}) {
         write_file(path(), Bytes(200, 1));
         CQZImage failed;
-        ASSERT_NE(failed.ObjectInit(directory / name, false), 0);
+        ASSERT_NE(failed.ObjectInit(m_directory / name, false), 0);
         EXPECT_EQ(open_files(), before + 1) << name;
     }
     EXPECT_EQ(open_files(), before);
@@ -328,7 +327,7 @@ TEST_F(QZImageTest, KnowsWhichFileItIs) {
     ASSERT_EQ(init(small_firmware()), 0);
     struct stat status {};
     ASSERT_EQ(::stat(path().c_str(), &status), 0);
-    EXPECT_TRUE(image.GetIdentity().is(status));
+    EXPECT_TRUE(m_image.GetIdentity().is(status));
 }
 
 // ---- beyond 4 GiB ----
@@ -345,15 +344,15 @@ TEST_F(QZImageTest, ReadsBytesBeyond4GiB) {
     const auto where = firmware.layout();
     ASSERT_GT(where.item_data[1], kFourGiB);
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_EQ(image.GetImageSize(), where.file_size);
-    EXPECT_EQ(static_cast<uint64_t>(image.FWSize), where.package_size);
+    EXPECT_EQ(m_image.GetImageSize(), where.file_size);
+    EXPECT_EQ(static_cast<uint64_t>(m_image.FWSize), where.package_size);
     EXPECT_EQ(data(where.item_data[1], 3000), firmware.items[1].data);
     EXPECT_EQ(data(where.item_data[0] + kFourGiB - 10, 20), firmware.items[0].islands[0].bytes);
     EXPECT_EQ(data(where.item_data[0], 100), firmware.items[0].data);
     EXPECT_EQ(data(where.file_size - 1, 2), std::nullopt);
-    EXPECT_TRUE(image.SignFlag);
-    EXPECT_EQ(Trailer(image).md5, firmware.md5);
-    EXPECT_EQ(slice(Trailer(image).signature, 0, 128), firmware.signature);
+    EXPECT_TRUE(m_image.SignFlag);
+    EXPECT_EQ(Trailer(m_image).md5, firmware.md5);
+    EXPECT_EQ(slice(Trailer(m_image).signature, 0, 128), firmware.signature);
 }
 
 }  // namespace

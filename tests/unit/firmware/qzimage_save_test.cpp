@@ -23,16 +23,16 @@ class QZImageSave : public QZImageTest {};
 TEST_F(QZImageSave, CopiesTheBootContainer) {
     const Firmware firmware = sample_firmware();
     ASSERT_EQ(init(firmware), 0);
-    ASSERT_TRUE(image.SaveBootFile(directory / "copy"));
-    EXPECT_EQ(read_file(directory / "copy"), firmware.boot.build());
+    ASSERT_TRUE(m_image.SaveBootFile(m_directory / "copy"));
+    EXPECT_EQ(read_file(m_directory / "copy"), firmware.boot.build());
 }
 
 TEST_F(QZImageSave, CopiesThePackage) {
     const Firmware firmware = sample_firmware();
     const auto where = firmware.layout();
     ASSERT_EQ(init(firmware), 0);
-    ASSERT_TRUE(image.SaveFWFile(directory / "copy"));
-    EXPECT_EQ(read_file(directory / "copy"),
+    ASSERT_TRUE(m_image.SaveFWFile(m_directory / "copy"));
+    EXPECT_EQ(read_file(m_directory / "copy"),
               slice(firmware.build(), where.package_offset, where.package_size));
 }
 
@@ -45,24 +45,24 @@ TEST_F(QZImageSave, CopiesPackagesOfAnySize) {
         firmware.write(path());
         CQZImage sized;
         ASSERT_EQ(sized.ObjectInit(path(), false), 0);
-        ASSERT_TRUE(sized.SaveFWFile(directory / "copy")) << size;
-        EXPECT_EQ(read_file(directory / "copy"), slice(bytes, plain.layout().package_offset, size)) << size;
+        ASSERT_TRUE(sized.SaveFWFile(m_directory / "copy")) << size;
+        EXPECT_EQ(read_file(m_directory / "copy"), slice(bytes, plain.layout().package_offset, size)) << size;
     }
 }
 
 TEST_F(QZImageSave, ReplacesAnOlderFile) {
-    write_file(directory / "copy", patterned(100000, 1));
+    write_file(m_directory / "copy", patterned(100000, 1));
     const Firmware firmware = small_firmware();
     ASSERT_EQ(init(firmware), 0);
-    ASSERT_TRUE(image.SaveBootFile(directory / "copy"));
-    EXPECT_EQ(read_file(directory / "copy"), firmware.boot.build());
+    ASSERT_TRUE(m_image.SaveBootFile(m_directory / "copy"));
+    EXPECT_EQ(read_file(m_directory / "copy"), firmware.boot.build());
 }
 
 TEST_F(QZImageSave, LeavesTheImageReadable) {
     const Firmware firmware = sample_firmware();
     ASSERT_EQ(init(firmware), 0);
-    ASSERT_TRUE(image.SaveFWFile(directory / "package"));
-    ASSERT_TRUE(image.SaveBootFile(directory / "boot"));
+    ASSERT_TRUE(m_image.SaveFWFile(m_directory / "package"));
+    ASSERT_TRUE(m_image.SaveBootFile(m_directory / "boot"));
     EXPECT_EQ(data(0, 4), test_support::to_bytes("QZFW"));
     EXPECT_EQ(read_file(path()), firmware.build());
 }
@@ -71,51 +71,51 @@ TEST_F(QZImageSave, CopiesADamagedBootContainerToo) {
     Firmware firmware = small_firmware();
     firmware.boot.crc = 0x12345678;
     ASSERT_EQ(init(firmware), -2006);
-    ASSERT_TRUE(image.SaveBootFile(directory / "copy"));
-    EXPECT_EQ(read_file(directory / "copy"), firmware.boot.build());
+    ASSERT_TRUE(m_image.SaveBootFile(m_directory / "copy"));
+    EXPECT_EQ(read_file(m_directory / "copy"), firmware.boot.build());
 }
 
 // ---- failures ----
 
 TEST_F(QZImageSave, NeedsALoadedImage) {
-    EXPECT_FALSE(image.SaveBootFile(directory / "copy"));
-    EXPECT_FALSE(image.SaveFWFile(directory / "copy"));
-    EXPECT_FALSE(std::filesystem::exists(directory / "copy"));
+    EXPECT_FALSE(m_image.SaveBootFile(m_directory / "copy"));
+    EXPECT_FALSE(m_image.SaveFWFile(m_directory / "copy"));
+    EXPECT_FALSE(std::filesystem::exists(m_directory / "copy"));
 }
 
 TEST_F(QZImageSave, FailsWhereNoFileCanBeMade) {
     ASSERT_EQ(init(sample_firmware()), 0);
-    EXPECT_FALSE(image.SaveBootFile(directory / "absent" / "copy"));
-    EXPECT_FALSE(image.SaveFWFile(directory / "absent" / "copy"));
-    EXPECT_FALSE(image.SaveFWFile(directory.path()));
+    EXPECT_FALSE(m_image.SaveBootFile(m_directory / "absent" / "copy"));
+    EXPECT_FALSE(m_image.SaveFWFile(m_directory / "absent" / "copy"));
+    EXPECT_FALSE(m_image.SaveFWFile(m_directory.path()));
 }
 
 TEST_F(QZImageSave, FailsWhenTheCopyCannotBeWritten) {
     ASSERT_EQ(init(sample_firmware()), 0);
-    EXPECT_FALSE(image.SaveBootFile("/dev/full"));
-    EXPECT_FALSE(image.SaveFWFile("/dev/full"));
+    EXPECT_FALSE(m_image.SaveBootFile("/dev/full"));
+    EXPECT_FALSE(m_image.SaveFWFile("/dev/full"));
 }
 
 TEST_F(QZImageSave, FailsWhenTheFirmwareEndsBeforeThePackage) {
     Firmware firmware = small_firmware();
     firmware.package_size = firmware.layout().package_size + 100000;
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_FALSE(image.SaveFWFile(directory / "copy"));
+    EXPECT_FALSE(m_image.SaveFWFile(m_directory / "copy"));
 }
 
 TEST_F(QZImageSave, NeverOverwritesTheFirmwareItself) {
     const Firmware firmware = sample_firmware();
     ASSERT_EQ(init(firmware), 0);
-    std::filesystem::create_hard_link(path(), directory / "hard.img");
-    std::filesystem::create_symlink("firmware.img", directory / "soft.img");
-    std::filesystem::create_directory(directory / "sub");
+    std::filesystem::create_hard_link(path(), m_directory / "hard.img");
+    std::filesystem::create_symlink("firmware.img", m_directory / "soft.img");
+    std::filesystem::create_directory(m_directory / "sub");
     for (const char* name :
          {"firmware.img", "./firmware.img", "sub/../firmware.img", "hard.img", "soft.img"}) {
         errno = 0;
-        EXPECT_FALSE(image.SaveBootFile(directory / name)) << name;
+        EXPECT_FALSE(m_image.SaveBootFile(m_directory / name)) << name;
         EXPECT_EQ(errno, EBUSY) << name;
         errno = 0;
-        EXPECT_FALSE(image.SaveFWFile(directory / name)) << name;
+        EXPECT_FALSE(m_image.SaveFWFile(m_directory / name)) << name;
         EXPECT_EQ(errno, EBUSY) << name;
         EXPECT_EQ(read_file(path()), firmware.build()) << name;
     }

@@ -29,36 +29,36 @@ namespace head = test_support::head_field;
 
 TEST_F(QZImageTest, LoadsAFirmware) {
     EXPECT_EQ(init(sample_firmware()), 0);
-    EXPECT_FALSE(image.SingleFlag);
-    ASSERT_NE(image.GetBootObject(), nullptr);
-    EXPECT_EQ(static_cast<uint8_t>(image.GetBootObject()->EntryLoaderCount), 2);
-    EXPECT_EQ(static_cast<uint8_t>(image.GetBootObject()->GetIndexByName(ENTRYLOADER, "FlashBoot")), 1);
+    EXPECT_FALSE(m_image.SingleFlag);
+    ASSERT_NE(m_image.GetBootObject(), nullptr);
+    EXPECT_EQ(static_cast<uint8_t>(m_image.GetBootObject()->EntryLoaderCount), 2);
+    EXPECT_EQ(static_cast<uint8_t>(m_image.GetBootObject()->GetIndexByName(ENTRYLOADER, "FlashBoot")), 1);
 }
 
 TEST_F(QZImageTest, IgnoresTheWishToCheck) {
     small_firmware().write(path());
-    EXPECT_EQ(image.ObjectInit(path(), true), 0);
-    EXPECT_TRUE(image.Md5Check(0));
-    EXPECT_TRUE(image.Md5Check(UINT64_MAX));
+    EXPECT_EQ(m_image.ObjectInit(path(), true), 0);
+    EXPECT_TRUE(m_image.Md5Check(0));
+    EXPECT_TRUE(m_image.Md5Check(UINT64_MAX));
 }
 
 TEST_F(QZImageTest, WithoutAFileHasNoStatus) {
-    EXPECT_EQ(init(directory / "absent.img"), -1);
-    EXPECT_EQ(init(directory / "absent" / "firmware.img"), -1);
+    EXPECT_EQ(init(m_directory / "absent.img"), -1);
+    EXPECT_EQ(init(m_directory / "absent" / "firmware.img"), -1);
     EXPECT_EQ(init(std::filesystem::path()), -1);
-    std::filesystem::create_symlink("absent.img", directory / "dangling.img");
-    EXPECT_EQ(init(directory / "dangling.img"), -1);
-    write_file(directory / "file", {1});
-    EXPECT_EQ(init(directory / "file" / "firmware.img"), -1);
-    EXPECT_EQ(image.GetBootObject(), nullptr);
+    std::filesystem::create_symlink("absent.img", m_directory / "dangling.img");
+    EXPECT_EQ(init(m_directory / "dangling.img"), -1);
+    write_file(m_directory / "file", {1});
+    EXPECT_EQ(init(m_directory / "file" / "firmware.img"), -1);
+    EXPECT_EQ(m_image.GetBootObject(), nullptr);
 }
 
 TEST_F(QZImageTest, IsNoDirectory) {
-    EXPECT_EQ(init(directory.path()), -2);
-    std::filesystem::create_directory(directory / "loader.bin");
-    EXPECT_EQ(init(directory / "loader.bin"), -2);
-    std::filesystem::create_directory_symlink("loader.bin", directory / "link");
-    EXPECT_EQ(init(directory / "link"), -2);
+    EXPECT_EQ(init(m_directory.path()), -2);
+    std::filesystem::create_directory(m_directory / "loader.bin");
+    EXPECT_EQ(init(m_directory / "loader.bin"), -2);
+    std::filesystem::create_directory_symlink("loader.bin", m_directory / "link");
+    EXPECT_EQ(init(m_directory / "link"), -2);
 }
 
 TEST_F(QZImageTest, HasToBeOpened) {
@@ -71,14 +71,13 @@ TEST_F(QZImageTest, HasToBeOpened) {
     ASSERT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     EXPECT_EQ(init(path()), -3);
     ::close(socket);
-    EXPECT_EQ(image.GetBootObject(), nullptr);
+    EXPECT_EQ(m_image.GetBootObject(), nullptr);
 }
 
 TEST_F(QZImageTest, HasToBeReadable) {
     // Nothing is mapped at address 0, so that reading there is an I/O error.
-    if (!std::ifstream("/proc/self/mem")) {
+    if (!std::ifstream("/proc/self/mem"))
         GTEST_SKIP() << "/proc/self/mem cannot be opened here";
-    }
     EXPECT_EQ(init(std::filesystem::path("/proc/self/mem")), -5);
 }
 
@@ -97,9 +96,9 @@ TEST_F(QZImageTest, LooksAtTheTagBeforeAllElse) {
     firmware.tag = "none";
     firmware.boot.crc = 0x12345678;
     EXPECT_EQ(init(firmware), -4);
-    EXPECT_EQ(image.GetBootObject(), nullptr);
-    EXPECT_EQ(static_cast<uint32_t>(image.Version), 0U);
-    EXPECT_EQ(static_cast<uint32_t>(image.FWOffset), 0U);
+    EXPECT_EQ(m_image.GetBootObject(), nullptr);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.Version), 0U);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.FWOffset), 0U);
 }
 
 TEST_F(QZImageTest, PassesOnTheCodesOfTheBootContainer) {
@@ -124,7 +123,7 @@ TEST_F(QZImageTest, WithoutABootContainerHasNoData) {
     Bytes bytes = small_firmware().build();
     const auto size = static_cast<uint32_t>(bytes.size());
     for (const uint32_t offset : {size, size + 1, 0x80000000U, 0xFFFFFFFFU}) {
-        put32_at(bytes, head::boot_offset, offset);
+        put32_at(bytes, head::kBootOffset, offset);
         write_file(path(), bytes);
         EXPECT_EQ(CQZImage().ObjectInit(path(), false), -1006) << offset;
     }
@@ -146,17 +145,17 @@ TEST_F(QZImageTest, RejectsABootContainerThatTheFileCutsOff) {
     // What is left of it has a right CRC, but it is not the container that the head tells of.
     Bytes bytes = small_firmware().build();
     const Bytes container = sample_container().build();
-    put32_at(bytes, head::boot_offset, static_cast<uint32_t>(bytes.size()));
+    put32_at(bytes, head::kBootOffset, static_cast<uint32_t>(bytes.size()));
     test_support::put_bytes(bytes, container);
     const auto size = static_cast<uint32_t>(container.size());
     for (const uint32_t claimed : {size + 1, size + 1000, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
-        put32_at(bytes, head::boot_size, claimed);
+        put32_at(bytes, head::kBootSize, claimed);
         write_file(path(), bytes);
         CQZImage cut;
         EXPECT_EQ(cut.ObjectInit(path(), false), -2006) << claimed;
         EXPECT_NE(cut.GetBootObject(), nullptr);
     }
-    put32_at(bytes, head::boot_size, size);
+    put32_at(bytes, head::kBootSize, size);
     EXPECT_EQ(init(bytes), 0);
 }
 
@@ -166,13 +165,12 @@ TEST_F(QZImageTest, TellsForEveryPrefixWhatIsMissing) {
     const auto where = firmware.layout();
     for (std::size_t size = 0; size <= where.boot_offset + where.boot_size + 40; ++size) {
         int expected = 0;
-        if (size < 4) {
+        if (size < 4)
             expected = -4;
-        } else if (size <= where.boot_offset) {
+        else if (size <= where.boot_offset)
             expected = -1006;
-        } else if (size < where.boot_offset + where.boot_size) {
+        else if (size < where.boot_offset + where.boot_size)
             expected = -2006;
-        }
         write_file(path(), slice(bytes, 0, size));
         ASSERT_EQ(CQZImage().ObjectInit(path(), false), expected) << size << " bytes";
     }
@@ -190,19 +188,19 @@ TEST_F(QZImageTest, PublishesItsHead) {
     firmware.boot_offset = 120;
     const auto where = firmware.layout();
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_EQ(static_cast<uint32_t>(image.Version), 0x89ABCDEFU);
-    EXPECT_EQ(static_cast<uint32_t>(image.MergeVersion), 0xFEDCBA98U);
-    EXPECT_EQ(to_text(image.ReleaseTime), "2031 12 25 23 59 58");
-    EXPECT_EQ(static_cast<ENUM_QZDEVICE_TYPE>(image.SupportDevice), 0x80706050U);
-    EXPECT_EQ(static_cast<ENUM_OS_TYPE>(image.OsType), ANDROID_OS);
-    EXPECT_EQ(static_cast<uint16_t>(image.BackupSize), 0xFEDC);
-    EXPECT_EQ(static_cast<uint32_t>(image.BootOffset), 120U);
-    EXPECT_EQ(static_cast<uint32_t>(image.BootSize), where.boot_size);
-    EXPECT_EQ(static_cast<uint32_t>(image.FWOffset), where.package_offset);
-    EXPECT_EQ(static_cast<uint64_t>(image.FWSize), where.package_size);
-    EXPECT_FALSE(image.SignFlag);
-    EXPECT_FALSE(image.SingleFlag);
-    EXPECT_EQ(image.GetImageSize(), where.file_size);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.Version), 0x89ABCDEFU);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.MergeVersion), 0xFEDCBA98U);
+    EXPECT_EQ(to_text(m_image.ReleaseTime), "2031 12 25 23 59 58");
+    EXPECT_EQ(static_cast<ENUM_QZDEVICE_TYPE>(m_image.SupportDevice), 0x80706050U);
+    EXPECT_EQ(static_cast<ENUM_OS_TYPE>(m_image.OsType), ANDROID_OS);
+    EXPECT_EQ(static_cast<uint16_t>(m_image.BackupSize), 0xFEDC);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.BootOffset), 120U);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.BootSize), where.boot_size);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.FWOffset), where.package_offset);
+    EXPECT_EQ(static_cast<uint64_t>(m_image.FWSize), where.package_size);
+    EXPECT_FALSE(m_image.SignFlag);
+    EXPECT_FALSE(m_image.SingleFlag);
+    EXPECT_EQ(m_image.GetImageSize(), where.file_size);
 }
 
 TEST_F(QZImageTest, BindsEveryPropertyToItsGetter) {
@@ -210,19 +208,19 @@ TEST_F(QZImageTest, BindsEveryPropertyToItsGetter) {
     firmware.signature = Bytes(128, 1);
     firmware.backup_size = 7;
     ASSERT_EQ(init(firmware), 0);
-    EXPECT_EQ(image.GetVersion(), static_cast<uint32_t>(image.Version));
-    EXPECT_EQ(image.GetMergeVersion(), static_cast<uint32_t>(image.MergeVersion));
-    EXPECT_EQ(to_text(image.GetReleaseTime()), to_text(image.ReleaseTime));
-    EXPECT_EQ(image.GetSupportDevice(), static_cast<ENUM_QZDEVICE_TYPE>(image.SupportDevice));
-    EXPECT_EQ(image.GetOsType(), static_cast<ENUM_OS_TYPE>(image.OsType));
-    EXPECT_EQ(image.GetBackupSize(), 7);
-    EXPECT_EQ(image.GetBootOffset(), static_cast<uint32_t>(image.BootOffset));
-    EXPECT_EQ(image.GetBootSize(), static_cast<uint32_t>(image.BootSize));
-    EXPECT_EQ(image.GetFWOffset(), static_cast<uint32_t>(image.FWOffset));
-    EXPECT_EQ(image.GetFWSize(), static_cast<uint64_t>(image.FWSize));
-    EXPECT_TRUE(image.GetSignFlag());
-    EXPECT_TRUE(image.SignFlag);
-    EXPECT_FALSE(image.GetSingleFlag());
+    EXPECT_EQ(m_image.GetVersion(), static_cast<uint32_t>(m_image.Version));
+    EXPECT_EQ(m_image.GetMergeVersion(), static_cast<uint32_t>(m_image.MergeVersion));
+    EXPECT_EQ(to_text(m_image.GetReleaseTime()), to_text(m_image.ReleaseTime));
+    EXPECT_EQ(m_image.GetSupportDevice(), static_cast<ENUM_QZDEVICE_TYPE>(m_image.SupportDevice));
+    EXPECT_EQ(m_image.GetOsType(), static_cast<ENUM_OS_TYPE>(m_image.OsType));
+    EXPECT_EQ(m_image.GetBackupSize(), 7);
+    EXPECT_EQ(m_image.GetBootOffset(), static_cast<uint32_t>(m_image.BootOffset));
+    EXPECT_EQ(m_image.GetBootSize(), static_cast<uint32_t>(m_image.BootSize));
+    EXPECT_EQ(m_image.GetFWOffset(), static_cast<uint32_t>(m_image.FWOffset));
+    EXPECT_EQ(m_image.GetFWSize(), static_cast<uint64_t>(m_image.FWSize));
+    EXPECT_TRUE(m_image.GetSignFlag());
+    EXPECT_TRUE(m_image.SignFlag);
+    EXPECT_FALSE(m_image.GetSingleFlag());
 }
 
 TEST_F(QZImageTest, KeepsTheReservedBytesWhole) {
@@ -234,13 +232,13 @@ TEST_F(QZImageTest, KeepsTheReservedBytesWhole) {
     ASSERT_EQ(init(firmware), 0);
     uint8_t* reserved = nullptr;
     uint16_t size = 0;
-    image.GetReservedData(reserved, size);
+    m_image.GetReservedData(reserved, size);
     EXPECT_EQ(size, 61);
-    EXPECT_EQ(Bytes(reserved, reserved + size), slice(firmware.build(), head::reserved, 61));
+    EXPECT_EQ(Bytes(reserved, reserved + size), slice(firmware.build(), head::kReserved, 61));
     EXPECT_EQ(reserved[4], 0x11);
     EXPECT_EQ(reserved[13], 0x66);
-    EXPECT_EQ(static_cast<uint32_t>(image.GetOsType()), 0x44332211U);
-    EXPECT_EQ(image.GetBackupSize(), 0x6655);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.GetOsType()), 0x44332211U);
+    EXPECT_EQ(m_image.GetBackupSize(), 0x6655);
 }
 
 TEST_F(QZImageTest, KnowsItsHeadAlsoWhenTheBootContainerIsDamaged) {
@@ -248,10 +246,10 @@ TEST_F(QZImageTest, KnowsItsHeadAlsoWhenTheBootContainerIsDamaged) {
     firmware.version = 77;
     firmware.boot.crc = 0x12345678;
     ASSERT_EQ(init(firmware), -2006);
-    EXPECT_EQ(static_cast<uint32_t>(image.Version), 77U);
-    EXPECT_EQ(static_cast<uint32_t>(image.FWOffset), firmware.layout().package_offset);
-    ASSERT_NE(image.GetBootObject(), nullptr);
-    EXPECT_FALSE(image.GetBootObject()->CrcCheck());
+    EXPECT_EQ(static_cast<uint32_t>(m_image.Version), 77U);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.FWOffset), firmware.layout().package_offset);
+    ASSERT_NE(m_image.GetBootObject(), nullptr);
+    EXPECT_FALSE(m_image.GetBootObject()->CrcCheck());
 }
 
 TEST(QZImage, IsEmptyBeforeItIsLoaded) {
@@ -282,24 +280,24 @@ TEST_F(QZImageSingleMode, TakesTheWholeFileAsBootContainer) {
     test_support::BootContainer container = sample_container();
     container.chip = 0x12345678;
     const Bytes bytes = container.build();
-    write_file(directory / "loader.bin", bytes);
-    ASSERT_EQ(init(directory / "loader.bin"), 0);
-    EXPECT_TRUE(image.SingleFlag);
-    EXPECT_EQ(static_cast<uint32_t>(image.BootOffset), 0U);
-    EXPECT_EQ(static_cast<uint32_t>(image.BootSize), bytes.size());
-    EXPECT_EQ(static_cast<ENUM_QZDEVICE_TYPE>(image.SupportDevice), 0x12345678U);
-    EXPECT_EQ(static_cast<ENUM_OS_TYPE>(image.OsType), QZ_OS);
-    EXPECT_EQ(static_cast<uint32_t>(image.FWOffset), 0U);
-    EXPECT_EQ(static_cast<uint64_t>(image.FWSize), 0U);
-    EXPECT_EQ(image.GetImageSize(), bytes.size());
-    EXPECT_FALSE(image.SignFlag);
-    EXPECT_EQ(static_cast<uint8_t>(image.GetBootObject()->GetIndexByName(ENTRYLOADER, "FlashBoot")), 1);
+    write_file(m_directory / "loader.bin", bytes);
+    ASSERT_EQ(init(m_directory / "loader.bin"), 0);
+    EXPECT_TRUE(m_image.SingleFlag);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.BootOffset), 0U);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.BootSize), bytes.size());
+    EXPECT_EQ(static_cast<ENUM_QZDEVICE_TYPE>(m_image.SupportDevice), 0x12345678U);
+    EXPECT_EQ(static_cast<ENUM_OS_TYPE>(m_image.OsType), QZ_OS);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.FWOffset), 0U);
+    EXPECT_EQ(static_cast<uint64_t>(m_image.FWSize), 0U);
+    EXPECT_EQ(m_image.GetImageSize(), bytes.size());
+    EXPECT_FALSE(m_image.SignFlag);
+    EXPECT_EQ(static_cast<uint8_t>(m_image.GetBootObject()->GetIndexByName(ENTRYLOADER, "FlashBoot")), 1);
 }
 
 TEST_F(QZImageSingleMode, IsChosenByDotBinAnywhereInThePathInAnyCase) {
     const Bytes container = sample_container().build();
     for (const char* name : {"loader.BIN", "x.bin", "a.Bin.old", ".bin", "x.bin.d/firmware.img"}) {
-        const std::filesystem::path file = directory / name;
+        const std::filesystem::path file = m_directory / name;
         std::filesystem::create_directories(file.parent_path());
         write_file(file, container);
         CQZImage loader;
@@ -311,23 +309,23 @@ TEST_F(QZImageSingleMode, IsChosenByDotBinAnywhereInThePathInAnyCase) {
 TEST_F(QZImageSingleMode, IsNotChosenByNamesThatOnlyLookAlike) {
     const Bytes bytes = small_firmware().build();
     for (const char* name : {"loaderbin", "loader.bi", "loader.b.in", "bin.img", "loader. bin"}) {
-        write_file(directory / name, bytes);
+        write_file(m_directory / name, bytes);
         CQZImage firmware;
-        EXPECT_EQ(firmware.ObjectInit(directory / name, false), 0) << name;
+        EXPECT_EQ(firmware.ObjectInit(m_directory / name, false), 0) << name;
         EXPECT_FALSE(firmware.SingleFlag) << name;
     }
 }
 
 TEST_F(QZImageSingleMode, OpensThePathAsItIsWritten) {
-    write_file(directory / "Loader.BIN", sample_container().build());
-    EXPECT_EQ(init(directory / "Loader.BIN"), 0);
-    EXPECT_EQ(CQZImage().ObjectInit(directory / "loader.bin", false), -1);
+    write_file(m_directory / "Loader.BIN", sample_container().build());
+    EXPECT_EQ(init(m_directory / "Loader.BIN"), 0);
+    EXPECT_EQ(CQZImage().ObjectInit(m_directory / "loader.bin", false), -1);
 }
 
 TEST_F(QZImageSingleMode, GivesTheCodesOfTheContainer) {
     const auto code = [this](const Bytes& bytes) {
-        write_file(directory / "loader.bin", bytes);
-        return CQZImage().ObjectInit(directory / "loader.bin", false);
+        write_file(m_directory / "loader.bin", bytes);
+        return CQZImage().ObjectInit(m_directory / "loader.bin", false);
     };
     EXPECT_EQ(code({}), -1006);
     EXPECT_EQ(code(Bytes(3, 0)), -2006);
@@ -338,24 +336,24 @@ TEST_F(QZImageSingleMode, GivesTheCodesOfTheContainer) {
 }
 
 TEST_F(QZImageSingleMode, HasNoFileToReadFrom) {
-    write_file(directory / "loader.bin", sample_container().build());
-    ASSERT_EQ(init(directory / "loader.bin"), 0);
+    write_file(m_directory / "loader.bin", sample_container().build());
+    ASSERT_EQ(init(m_directory / "loader.bin"), 0);
     EXPECT_EQ(data(0, 1), std::nullopt);
     EXPECT_EQ(data(0, 0), std::nullopt);
-    EXPECT_FALSE(image.SaveBootFile(directory / "copy"));
-    EXPECT_FALSE(image.SaveFWFile(directory / "copy"));
-    EXPECT_FALSE(std::filesystem::exists(directory / "copy"));
+    EXPECT_FALSE(m_image.SaveBootFile(m_directory / "copy"));
+    EXPECT_FALSE(m_image.SaveFWFile(m_directory / "copy"));
+    EXPECT_FALSE(std::filesystem::exists(m_directory / "copy"));
 }
 
 TEST_F(QZImageSingleMode, TakesTheLow32BitsOfTheFileSize) {
     const Bytes container = sample_container().build();
-    write_file(directory / "loader.bin", container);
-    std::filesystem::resize_file(directory / "loader.bin", (uint64_t{1} << 32) + container.size());
-    EXPECT_EQ(init(directory / "loader.bin"), 0);
-    EXPECT_EQ(static_cast<uint32_t>(image.BootSize), container.size());
-    EXPECT_EQ(image.GetImageSize(), (uint64_t{1} << 32) + container.size());
-    std::filesystem::resize_file(directory / "loader.bin", uint64_t{1} << 32);
-    EXPECT_EQ(CQZImage().ObjectInit(directory / "loader.bin", false), -1006);
+    write_file(m_directory / "loader.bin", container);
+    std::filesystem::resize_file(m_directory / "loader.bin", (uint64_t{1} << 32) + container.size());
+    EXPECT_EQ(init(m_directory / "loader.bin"), 0);
+    EXPECT_EQ(static_cast<uint32_t>(m_image.BootSize), container.size());
+    EXPECT_EQ(m_image.GetImageSize(), (uint64_t{1} << 32) + container.size());
+    std::filesystem::resize_file(m_directory / "loader.bin", uint64_t{1} << 32);
+    EXPECT_EQ(CQZImage().ObjectInit(m_directory / "loader.bin", false), -1006);
 }
 
 // ---- length of the path ----
@@ -367,7 +365,7 @@ std::filesystem::path path_of_length(const std::filesystem::path& directory, std
 }
 
 TEST_F(QZImageTest, TakesAPathOf255Characters) {
-    const std::filesystem::path file = path_of_length(directory.path(), 255);
+    const std::filesystem::path file = path_of_length(m_directory.path(), 255);
     ASSERT_EQ(file.string().size(), 255U);
     small_firmware().write(file);
     EXPECT_EQ(init(file), 0);
@@ -377,7 +375,7 @@ using QZImageDeathTest = QZImageTest;
 
 TEST_F(QZImageDeathTest, EndsTheProgramForAPathOf256Characters) {
     for (const std::size_t length : {256U, 257U}) {
-        const std::filesystem::path file = path_of_length(directory.path(), length);
+        const std::filesystem::path file = path_of_length(m_directory.path(), length);
         ASSERT_EQ(file.string().size(), length);
         // The line goes to standard output; a death test looks at standard error.
         EXPECT_EXIT((::dup2(STDERR_FILENO, STDOUT_FILENO), init(file)),

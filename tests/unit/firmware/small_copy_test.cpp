@@ -15,23 +15,23 @@ constexpr std::size_t kFileBuffer = 1024;  // no C library has less
 class SmallCopy : public QZImageTest {
 protected:
     void SetUp() override {
-        firmware.boot.loader.entries = {{.name = "FlashData", .data = test_support::patterned(100, 1)}};
-        firmware.package_size = 100;
-        ASSERT_LT(firmware.boot.build().size(), kFileBuffer);
-        ASSERT_EQ(init(firmware), 0);
+        m_firmware.boot.loader.entries = {{.name = "FlashData", .data = test_support::patterned(100, 1)}};
+        m_firmware.package_size = 100;
+        ASSERT_LT(m_firmware.boot.build().size(), kFileBuffer);
+        ASSERT_EQ(init(m_firmware), 0);
     }
 
-    Firmware firmware = small_firmware();
+    Firmware m_firmware = small_firmware();
 };
 
 TEST_F(SmallCopy, OfThePackageFailsOnAFullDevice) {
-    ASSERT_TRUE(image.SaveFWFile(directory / "copy"));
-    EXPECT_FALSE(image.SaveFWFile(kFullDevice));
+    ASSERT_TRUE(m_image.SaveFWFile(m_directory / "copy"));
+    EXPECT_FALSE(m_image.SaveFWFile(kFullDevice));
 }
 
 TEST_F(SmallCopy, OfTheBootContainerFailsOnAFullDevice) {
-    ASSERT_TRUE(image.SaveBootFile(directory / "copy"));
-    EXPECT_FALSE(image.SaveBootFile(kFullDevice));
+    ASSERT_TRUE(m_image.SaveBootFile(m_directory / "copy"));
+    EXPECT_FALSE(m_image.SaveBootFile(kFullDevice));
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ TEST_F(OutputFileTest, FullDeviceIsNoticedAtTheLatestAtTheClose) {
 
 TEST_F(OutputFileTest, FullDeviceGetsZerosAsBytes) {
     m_file.open("/dev/full");
-    m_file.write_fill(0, 1, 2 * largest_block);
+    m_file.write_fill(0, 1, 2 * kLargestBlock);
     EXPECT_TRUE(m_file.bad());
     EXPECT_EQ(m_failure.error, ENOSPC);
 }
@@ -184,7 +184,7 @@ TEST_F(OutputFileTest, WorksWithoutARecordOfFailures) {
 }
 
 TEST_F(OutputFileTest, DiskThatIsFullHalfWayKeepsWhatFitted) {
-    const Bytes data = patterned(largest_block + 1000, 3);
+    const Bytes data = patterned(kLargestBlock + 1000, 3);
     const FileSizeLimit limit(100000);
     m_file.open(path());
     put(m_file, data);

@@ -16,10 +16,10 @@
 namespace storage_test {
 
 // No more than this is gathered before it is written.
-inline constexpr uint64_t largest_block = 1024 * 1024;
+inline constexpr uint64_t kLargestBlock = 1024 * 1024;
 
 // To open a file without emptying it.
-inline constexpr auto in_out = std::ios_base::in | std::ios_base::out | std::ios_base::binary;
+inline constexpr auto kInOut = std::ios_base::in | std::ios_base::out | std::ios_base::binary;
 
 inline void put(OutputFile& file, const test_support::Bytes& bytes) {
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));

@@ -87,7 +87,7 @@ TEST_F(OutputFileTest, OnlyZerosBecomeHoles) {
 
 TEST_F(OutputFileTest, KeptZeroBytesAreWrittenOut) {
     m_file.file().keep_zero_bytes();
-    m_file.open(path(), in_out | std::ios_base::trunc);
+    m_file.open(path(), kInOut | std::ios_base::trunc);
     put(m_file, Bytes(2 << 20, 0));
     m_file.write_fill(0, 2, 1 << 20);
     m_file.close();
@@ -129,7 +129,7 @@ TEST_F(OutputFileTest, ZerosFromInsideTheDataToBehindItsEndClearTheData) {
 
 TEST_F(OutputFileTest, ZerosOverwriteTheContentOfAFileThatWasKept) {
     write_file(path(), Bytes(600000, 0xAA));
-    m_file.open(path(), in_out);
+    m_file.open(path(), kInOut);
     m_file.write_fill(0, 1, 590000);
     m_file.close();
     Bytes expected(590000, 0);

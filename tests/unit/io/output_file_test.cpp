@@ -39,7 +39,7 @@ TEST_F(OutputFileTest, OpenTruncatesByDefault) {
 
 TEST_F(OutputFileTest, OpenForReadingTooKeepsTheContentUnlessTruncated) {
     write_file(path(), to_bytes("abcdef"));
-    m_file.open(path(), in_out);
+    m_file.open(path(), kInOut);
     m_file.seekp(2);
     m_file.write("XY", 2);
     m_file.seekp(0, std::ios_base::end);
@@ -47,7 +47,7 @@ TEST_F(OutputFileTest, OpenForReadingTooKeepsTheContentUnlessTruncated) {
     m_file.close();
     EXPECT_EQ(to_text(read_file(path())), "abXYef");
 
-    m_file.open(path(), in_out | std::ios_base::trunc);
+    m_file.open(path(), kInOut | std::ios_base::trunc);
     m_file.write("new", 3);
     m_file.flush();
     char text[3] = {};
@@ -62,7 +62,7 @@ TEST_F(OutputFileTest, AppendingStartsAtTheEndOfWhatIsThere) {
     m_file.open(path(), std::ios_base::out | std::ios_base::app);
     EXPECT_EQ(m_file.tellp(), 3);
     m_file.write("def", 3);
-    m_file.open(path(), in_out | std::ios_base::ate);
+    m_file.open(path(), kInOut | std::ios_base::ate);
     EXPECT_EQ(m_file.tellp(), 6);
     m_file.write("ghi", 3);
     m_file.close();
@@ -72,7 +72,7 @@ TEST_F(OutputFileTest, AppendingStartsAtTheEndOfWhatIsThere) {
 TEST_F(OutputFileTest, PipeThatIsToBeReadBackIsRefused) {
     ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0);
     errno = 0;
-    m_file.open(path(), in_out | std::ios_base::trunc);
+    m_file.open(path(), kInOut | std::ios_base::trunc);
     EXPECT_EQ(errno, ESPIPE);
     EXPECT_FALSE(m_file.is_open());
 }
@@ -149,7 +149,7 @@ TEST_F(OutputFileTest, ProtectedFileIsNeverOpenedByAnyOfItsNames) {
     for (const char* name : {"firmware", "hard", "soft", "softer", "./firmware", "sub/../firmware"}) {
         expect_open_fails_with(m_file, path(name), EBUSY);
         errno = 0;
-        m_file.open(path(name), in_out);
+        m_file.open(path(name), kInOut);
         EXPECT_EQ(errno, EBUSY) << name;
         EXPECT_EQ(read_file(path("firmware")), precious) << name;
     }
@@ -270,7 +270,7 @@ TEST_F(OutputFileTest, BytesAreGatheredIntoLargeBlocks) {
         if (now == size)
             continue;
         EXPECT_GE(now - size, 128U * 1024);
-        EXPECT_LE(now - size, largest_block);
+        EXPECT_LE(now - size, kLargestBlock);
         size = now;
         ++blocks;
     }
@@ -282,14 +282,14 @@ TEST_F(OutputFileTest, BytesAreGatheredIntoLargeBlocks) {
 TEST_F(OutputFileTest, BlocksEndAtMultiplesOfTheirSize) {
     m_file.open(path());
     m_file.seekp(5000);
-    put(m_file, patterned(largest_block - 5000, 1));
-    EXPECT_EQ(std::filesystem::file_size(path()), largest_block);
+    put(m_file, patterned(kLargestBlock - 5000, 1));
+    EXPECT_EQ(std::filesystem::file_size(path()), kLargestBlock);
     m_file.seekp(100);
-    m_file.seekp(static_cast<std::streamoff>(largest_block + 70000));
-    put(m_file, patterned(largest_block - 70001, 2));
-    EXPECT_EQ(std::filesystem::file_size(path()), largest_block);
+    m_file.seekp(static_cast<std::streamoff>(kLargestBlock + 70000));
+    put(m_file, patterned(kLargestBlock - 70001, 2));
+    EXPECT_EQ(std::filesystem::file_size(path()), kLargestBlock);
     m_file.put('x');
-    EXPECT_EQ(std::filesystem::file_size(path()), 2 * largest_block);
+    EXPECT_EQ(std::filesystem::file_size(path()), 2 * kLargestBlock);
 }
 
 // ---- bytes put where they are gathered ----
@@ -298,15 +298,15 @@ TEST_F(OutputFileTest, RoomTakesBytesWithoutACopy) {
     m_file.open(path());
     m_file.write("abc", 3);
     const std::span<uint8_t> room = m_file.buffer().room();
-    ASSERT_EQ(room.size(), largest_block - 3);
+    ASSERT_EQ(room.size(), kLargestBlock - 3);
     const Bytes data = patterned(room.size(), 5);
     std::copy(data.begin(), data.end(), room.begin());
     EXPECT_EQ(m_file.tellp(), 3) << "nothing is written yet";
     m_file.write(reinterpret_cast<const char*>(room.data()), 1000);
     m_file.write(reinterpret_cast<const char*>(room.data()) + 1000,
                  static_cast<std::streamsize>(room.size()) - 1000);
-    EXPECT_EQ(m_file.tellp(), static_cast<std::streamoff>(largest_block));
-    EXPECT_EQ(m_file.buffer().room().size(), largest_block) << "a fresh block";
+    EXPECT_EQ(m_file.tellp(), static_cast<std::streamoff>(kLargestBlock));
+    EXPECT_EQ(m_file.buffer().room().size(), kLargestBlock) << "a fresh block";
     m_file.close();
     Bytes expected = to_bytes("abc");
     put_bytes(expected, data);

@@ -12,24 +12,24 @@ namespace {
 class FlakyCall {
 public:
     FlakyCall(int interruptions, ssize_t result, int error = 0)
-        : interruptions_(interruptions), result_(result), error_(error) {}
+        : m_interruptions(interruptions), m_result(result), m_error(error) {}
 
     ssize_t operator()() {
         ++calls;
-        if (calls <= interruptions_) {
+        if (calls <= m_interruptions) {
             errno = EINTR;
             return -1;
         }
-        errno = error_;
-        return result_;
+        errno = m_error;
+        return m_result;
     }
 
     int calls = 0;
 
 private:
-    int interruptions_;
-    ssize_t result_;
-    int error_;
+    int m_interruptions;
+    ssize_t m_result;
+    int m_error;
 };
 
 ssize_t result_of(FlakyCall& call) {

@@ -116,7 +116,7 @@ TEST_F(BootBlockBoundsTest, OneByteOutsideFailsTheBlock) {
 }
 
 TEST_F(BootBlockBoundsTest, WildSizeIsRefusedBeforeAnyMemory) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     constexpr uint32_t kWild = 33000000;
     const int codes[] = {kFlashDataUnreadable, kFlashBootUnreadable};

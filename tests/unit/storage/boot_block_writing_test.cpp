@@ -154,7 +154,7 @@ TEST_F(BootBlockTest, StageOutsideTheContainerFailsTheBuilder) {
 }
 
 TEST_F(BootBlockTest, BlockThatNoMemoryHoldsFails) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     load(*m_storage, sample_firmware());
     m_storage->total = 0x00800000;  // 4 GiB

@@ -11,7 +11,7 @@ namespace {
 
 using namespace storage_test;
 
-constexpr uint64_t largest = std::numeric_limits<uint64_t>::max();
+constexpr uint64_t kLargest = std::numeric_limits<uint64_t>::max();
 
 TEST(Console, LineEndsInANewline) {
     EXPECT_EQ(output_of([] { print_line("writing idblock..."); }), "writing idblock...\n");
@@ -54,21 +54,21 @@ TEST(Percentage, IsRoundedDown) {
 TEST(Percentage, OfNothingIsHundred) {
     EXPECT_EQ(percent_of(0, 0), 100U);
     EXPECT_EQ(percent_of(5, 0), 100U);
-    EXPECT_EQ(percent_of(largest, 0), 100U);
+    EXPECT_EQ(percent_of(kLargest, 0), 100U);
 }
 
 TEST(Percentage, GoesPastHundredWithTheDoneBytes) {
     EXPECT_EQ(percent_of(300, 100), 300U);
-    EXPECT_EQ(percent_of(largest, 100), largest);
+    EXPECT_EQ(percent_of(kLargest, 100), kLargest);
 }
 
 TEST(Percentage, HoldsForSizesWhoseHundredfoldDoesNotFit64Bits) {
-    EXPECT_EQ(percent_of(largest / 100, largest), 0U);
-    EXPECT_EQ(percent_of(largest / 100 + 1, largest), 1U);
-    EXPECT_EQ(percent_of(largest / 2, largest), 49U);
-    EXPECT_EQ(percent_of(largest / 2 + 1, largest), 50U);
-    EXPECT_EQ(percent_of(largest - 1, largest), 99U);
-    EXPECT_EQ(percent_of(largest, largest), 100U);
+    EXPECT_EQ(percent_of(kLargest / 100, kLargest), 0U);
+    EXPECT_EQ(percent_of(kLargest / 100 + 1, kLargest), 1U);
+    EXPECT_EQ(percent_of(kLargest / 2, kLargest), 49U);
+    EXPECT_EQ(percent_of(kLargest / 2 + 1, kLargest), 50U);
+    EXPECT_EQ(percent_of(kLargest - 1, kLargest), 99U);
+    EXPECT_EQ(percent_of(kLargest, kLargest), 100U);
     EXPECT_EQ(percent_of(uint64_t{1} << 62, uint64_t{1} << 63), 50U);
 }
 
@@ -168,21 +168,21 @@ TEST(StepsUntilChange, GoOnAfterTheEnd) {
     EXPECT_EQ(progress.steps_until_change(1009, 1000), 1U);
     EXPECT_EQ(progress.steps_until_change(10, 10), 1U);
     // Of nothing, 100 percent stay for good.
-    EXPECT_EQ(progress.steps_until_change(5, 0), largest - 5);
+    EXPECT_EQ(progress.steps_until_change(5, 0), kLargest - 5);
 }
 
 TEST(StepsUntilChange, HoldForTheLargestSizes) {
     Progress progress("");
-    EXPECT_EQ(progress.steps_until_change(0, largest), largest / 100 + 1);
+    EXPECT_EQ(progress.steps_until_change(0, kLargest), kLargest / 100 + 1);
     EXPECT_EQ(progress.steps_until_change(0, uint64_t{1} << 63), (uint64_t{1} << 63) / 100 + 1);
-    EXPECT_EQ(progress.steps_until_change(largest - 1, largest), 1U);
-    output_of([&] { progress.show(largest / 2 + 1, largest); });
+    EXPECT_EQ(progress.steps_until_change(kLargest - 1, kLargest), 1U);
+    output_of([&] { progress.show(kLargest / 2 + 1, kLargest); });
     // 51 percent of it are 9407839477591871323.65.
-    EXPECT_EQ(progress.steps_until_change(largest / 2 + 1, largest),
-              9407839477591871324U - (largest / 2 + 1));
+    EXPECT_EQ(progress.steps_until_change(kLargest / 2 + 1, kLargest),
+              9407839477591871324U - (kLargest / 2 + 1));
     // The next percentage lies behind the last number.
-    output_of([&] { progress.show(largest, largest); });
-    EXPECT_EQ(progress.steps_until_change(largest - 1, largest), 1U);
+    output_of([&] { progress.show(kLargest, kLargest); });
+    EXPECT_EQ(progress.steps_until_change(kLargest - 1, kLargest), 1U);
 }
 
 // ---- steps of which only the lines are wanted ----
@@ -218,10 +218,10 @@ TEST(ShowSteps, CostsItsLinesAndNotItsSteps) {
     std::string lines;
     for (int percent = 1; percent <= 100; ++percent)
         lines += redrawn("writing boot..." + std::to_string(percent) + "%");
-    EXPECT_EQ(in_leaps(0, largest, 1, largest), lines);
-    EXPECT_EQ(in_leaps(0, largest, 2048, largest), lines);
-    EXPECT_EQ(in_leaps(0, largest, largest, largest), redrawn("writing boot...100%"));
-    EXPECT_EQ(in_leaps(0, largest, 1, 0), redrawn("writing boot...100%"));
+    EXPECT_EQ(in_leaps(0, kLargest, 1, kLargest), lines);
+    EXPECT_EQ(in_leaps(0, kLargest, 2048, kLargest), lines);
+    EXPECT_EQ(in_leaps(0, kLargest, kLargest, kLargest), redrawn("writing boot...100%"));
+    EXPECT_EQ(in_leaps(0, kLargest, 1, 0), redrawn("writing boot...100%"));
 }
 
 }  // namespace

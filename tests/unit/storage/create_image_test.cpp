@@ -96,11 +96,11 @@ TEST_F(CreateImageTest, PartitionThatFailedIsNotEnded) {
 }
 
 TEST_F(CreateImageTest, BootBlockBeyondTheMemoryHasItsCode) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     write_firmware(sample_firmware());
     const auto storage = make<Exposed<CEmmcStorage>>({.block_kb = 2097152});
-    const MemoryLimit limit(256 * mib);
+    const MemoryLimit limit(256 * kMib);
     EXPECT_EQ(output_of([&] {
                   EXPECT_TRUE(storage->storage_init());
                   EXPECT_FALSE(storage->create_image());

@@ -149,7 +149,7 @@ protected:
         load(*m_storage, firmware);
         m_item = item_in(firmware, 0);
         std::memcpy(m_item.name, "gpt", 4);
-        m_storage->m_image_fill_page_num = untouched;
+        m_storage->m_image_fill_page_num = kUntouched;
         ASSERT_TRUE(m_storage->make_param_buffer(m_item));
     }
 
@@ -165,7 +165,7 @@ protected:
 
     void expect_nothing_written() const {
         EXPECT_TRUE(m_storage->pages.empty());
-        EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+        EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
     }
 
     // The 34 sectors for these lists, as the table's own tests judge them.
@@ -180,8 +180,8 @@ protected:
     STRUCT_QZIMAGE_ITEM m_item{};
 };
 
-const std::string gpt_opening = line("writing gpt...");
-const std::pair<int, std::string> gpt_success{0, gpt_opening + redrawn("writing gpt...OK")};
+const std::string kGptOpening = line("writing gpt...");
+const std::pair<int, std::string> kGptSuccess{0, kGptOpening + redrawn("writing gpt...OK")};
 
 TEST_F(GptPartition, CoversTheTableWithWholePages) {
     struct Case {
@@ -191,7 +191,7 @@ TEST_F(GptPartition, CoversTheTableWithWholePages) {
     for (const Case& c : {Case{1, 17}, Case{2, 9}, Case{3, 6}, Case{4, 5}, Case{8, 3}, Case{16, 2},
                           Case{17, 1}, Case{18, 1}, Case{64, 1}}) {
         load_text("TYPE: GPT\nmtdparts=x:0x10@0x20(a)\n", c.page_kb);
-        EXPECT_EQ(write(), gpt_success);
+        EXPECT_EQ(write(), kGptSuccess);
         EXPECT_EQ(m_storage->pages.size(), c.pages);
         EXPECT_EQ(m_storage->m_image_fill_page_num, c.pages);
         for (const RecordedPage& page : m_storage->pages)
@@ -205,7 +205,7 @@ TEST_F(GptPartition, OfSectorPagesHasOnePagePerSector) {
     load_text("mtdparts=x:0x10@0x20(a)\n");
     m_storage->m_page_size = 512;
     m_storage->m_page_size_sector = 1;
-    EXPECT_EQ(write(), gpt_success);
+    EXPECT_EQ(write(), kGptSuccess);
     EXPECT_EQ(m_storage->pages.size(), 34U);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), table_of({{"a", 0x20, 0x10}})));
 }
@@ -213,14 +213,14 @@ TEST_F(GptPartition, OfSectorPagesHasOnePagePerSector) {
 TEST_F(GptPartition, PaddingIsZeroWhateverTheFillByte) {
     load_text("mtdparts=x:\n");
     m_storage->m_fill_byte = 0xFF;
-    EXPECT_EQ(write(), gpt_success);
+    EXPECT_EQ(write(), kGptSuccess);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), padded(table_of({}), 18432)));
 }
 
 TEST_F(GptPartition, TakesPartitionsAndUuidsFromTheText) {
     load_text("TYPE: GPT\r\nCMDLINE: mtdparts=x:0x2000@0x4000(uboot),-@0x10000(userdata:grow)\r\n"
               "uuid:UserData=00112233-4455-6677-8899-aabbccddeeff\r\n");
-    EXPECT_EQ(write(), gpt_success);
+    EXPECT_EQ(write(), kGptSuccess);
     STRUCT_UUID_ITEM uuid;
     uuid.szUUidName = "userdata";
     m_storage->string_to_uuid("00112233445566778899aabbccddeeff", uuid.szUUid);
@@ -239,7 +239,7 @@ TEST_F(GptPartition, ChecksumBehindTheTextIsOverwrittenForGood) {
     // With its checksum the text would name one partition more.
     const Bytes record = record_of("mtdparts=x:0x1@0x2(a),0x3@0x4(b", "PARMxxxx", "),\n\n");
     load_record(record);
-    EXPECT_EQ(write(), gpt_success);
+    EXPECT_EQ(write(), kGptSuccess);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), padded(table_of({{"a", 2, 1}}), 18432)));
 
     Bytes expected = record;
@@ -252,12 +252,12 @@ TEST_F(GptPartition, TextThatFillsItsPagesEndsAtTheChecksum) {
     std::string text = "mtdparts=x:0x1@0x2(a)";
     text.resize(2048 - 12, 'z');
     load_record(record_of(text));
-    EXPECT_EQ(write(), gpt_success);
+    EXPECT_EQ(write(), kGptSuccess);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), padded(table_of({{"a", 2, 1}}), 18432)));
 }
 
 TEST_F(GptPartition, NeedsAPartitionListInTheText) {
-    const std::pair<int, std::string> failure{-2, gpt_opening + line("failed to parse gpt parameter file")};
+    const std::pair<int, std::string> failure{-2, kGptOpening + line("failed to parse gpt parameter file")};
     for (std::string_view text : {"TYPE: GPT\n"sv, ""sv, "\0mtdparts=x:0x1@0x2(a)"sv}) {
         load_text(text);
         EXPECT_EQ(write(), failure);
@@ -273,7 +273,7 @@ TEST_F(GptPartition, NeedsAPartitionListInTheText) {
 
 TEST_F(GptPartition, ListWithoutPartitionsGivesAnEmptyTable) {
     load_text("mtdparts=none\n");
-    EXPECT_EQ(write(), gpt_success);
+    EXPECT_EQ(write(), kGptSuccess);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), padded(table_of({}), 18432)));
 }
 
@@ -285,22 +285,22 @@ TEST_F(GptPartition, Refuses129PartitionsBeforeAnythingIsWritten) {
         parts.push_back({"p", static_cast<uint32_t>(std::stoul(std::to_string(i), nullptr, 16)), 1});
     }
     load_text(list);
-    EXPECT_EQ(write(), gpt_success) << "pieces that do not parse are no partitions";
+    EXPECT_EQ(write(), kGptSuccess) << "pieces that do not parse are no partitions";
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), padded(table_of(parts), 18432)));
 
     load_text(list + ",0x1@0x1(p)");
-    EXPECT_EQ(write(), std::pair(-3, gpt_opening + line("too many partitions for gpt")));
+    EXPECT_EQ(write(), std::pair(-3, kGptOpening + line("too many partitions for gpt")));
     expect_nothing_written();
 }
 
 TEST_F(GptPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     load_text("mtdparts=x:0x1@0x2(a)");
-    m_storage->m_page_size = huge_page_kb * 1024;
-    m_storage->m_page_size_sector = huge_page_kb * 2;
+    m_storage->m_page_size = kHugePageKb * 1024;
+    m_storage->m_page_size_sector = kHugePageKb * 2;
     const MemoryLimit limit(256 * 1024 * 1024);
-    EXPECT_EQ(write(), std::pair(-4, gpt_opening));
+    EXPECT_EQ(write(), std::pair(-4, kGptOpening));
     expect_nothing_written();
 }
 
@@ -309,20 +309,20 @@ TEST_F(GptPartition, PageThatCannotBeWrittenChangesNothing) {
     auto storage = make<Refusing<Recorder>>();
     ASSERT_EQ(storage->m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
     ASSERT_TRUE(storage->make_param_buffer(m_item));
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_gpt(m_item), 0); }), gpt_success.second);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_gpt(m_item), 0); }), kGptSuccess.second);
     EXPECT_EQ(storage->pages.size(), 9U);
     EXPECT_EQ(storage->m_image_fill_page_num, 9U);
 }
 
 TEST_F(GptPartition, SequenceOfGuidsGoesOnFromTableToTable) {
     load_text("mtdparts=x:0x1@0x2(a)");
-    ASSERT_EQ(write(), gpt_success);
+    ASSERT_EQ(write(), kGptSuccess);
     const Bytes first = m_storage->recorded_bytes();
     m_storage->pages.clear();
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(m_storage->write_gpt(m_item), 0); }), gpt_success.second);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(m_storage->write_gpt(m_item), 0); }), kGptSuccess.second);
     EXPECT_NE(slice(m_storage->recorded_bytes(), 512 + 56, 16), slice(first, 512 + 56, 16)) << "never seeded";
     m_storage->pages.clear();
-    ASSERT_EQ(write(), gpt_success);
+    ASSERT_EQ(write(), kGptSuccess);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), first));
 }
 

@@ -13,18 +13,18 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr std::size_t entries_at = 1024;
-constexpr uint64_t whole_disk = 0xFFFFFFFF;
+constexpr std::size_t kEntriesAt = 1024;
+constexpr uint64_t kWholeDisk = 0xFFFFFFFF;
 
 class Gpt : public ::testing::Test {
 protected:
     // Builds the table into memory that held something else before; what lies behind it must stay.
-    Bytes build(PARAM_ITEM_VECTOR parts, UUID_ITEM_VECTOR uuids = {}, uint64_t disk_sectors = whole_disk) {
-        Bytes memory(gpt_bytes + 4096, 0xA5);
+    Bytes build(PARAM_ITEM_VECTOR parts, UUID_ITEM_VECTOR uuids = {}, uint64_t disk_sectors = kWholeDisk) {
+        Bytes memory(kGptBytes + 4096, 0xA5);
         std::srand(1);
         m_storage.create_gpt_buffer(memory.data(), parts, uuids, disk_sectors);
-        EXPECT_TRUE(all_bytes_are(memory, 0xA5, gpt_bytes, 4096)) << "wrote behind the table";
-        memory.resize(gpt_bytes);
+        EXPECT_TRUE(all_bytes_are(memory, 0xA5, kGptBytes, 4096)) << "wrote behind the table";
+        memory.resize(kGptBytes);
         m_parts = std::move(parts);
         return memory;
     }
@@ -109,7 +109,7 @@ TEST_F(Gpt, HeadDescribesTheWholeDisk) {
     EXPECT_EQ(get64(table, 512 + 40), 34U);
     EXPECT_EQ(get64(table, 512 + 48), 0xFFFFFFDDU) << "last usable sector";
     EXPECT_TRUE(all_bytes_are(table, 0, 512 + 92, 512 - 92));
-    EXPECT_TRUE(all_bytes_are(table, 0, entries_at, 16384));
+    EXPECT_TRUE(all_bytes_are(table, 0, kEntriesAt, 16384));
     EXPECT_EQ(get32(table, 512 + 88), 0xAB54D286U) << "CRC-32 of 16,384 zero bytes";
 }
 
@@ -132,7 +132,7 @@ TEST_F(Gpt, GrowingPartitionEndsAtTheLastUsableSector) {
     expect_entry({"rootfs:grow", 0x10000, 5}, {name, 0x10000, 0xFFFFFFDD});
 
     const Bytes small_disk = build({{"rootfs:grow", 0x10000, 5}}, {}, 0x20000);
-    EXPECT_EQ(get64(small_disk, entries_at + 40), 0x20000U - 34U);
+    EXPECT_EQ(get64(small_disk, kEntriesAt + 40), 0x20000U - 34U);
 }
 
 TEST_F(Gpt, BootablePartitionGetsTheLegacyAttribute) {
@@ -142,7 +142,7 @@ TEST_F(Gpt, BootablePartitionGetsTheLegacyAttribute) {
 TEST_F(Gpt, FlagsCountInAnyCaseAnywhereInTheName) {
     const auto attributes_and_end = [this](const std::string& name) {
         const Bytes table = build({{name, 0x100, 0x10}});
-        return std::pair(get64(table, entries_at + 48), get64(table, entries_at + 40));
+        return std::pair(get64(table, kEntriesAt + 48), get64(table, kEntriesAt + 40));
     };
     const uint64_t plain = 0x10F;
     const uint64_t grown = 0xFFFFFFDD;
@@ -186,7 +186,7 @@ TEST_F(Gpt, NameFillsAtMostItsThirtySixUnits) {
 
 TEST_F(Gpt, NameBytesAreWidenedWithTheirSign) {
     const Bytes table = build({{"\x7F\x80\xE9\xFF", 1, 1}});
-    EXPECT_EQ(slice(table, entries_at + 56, 10), (Bytes{0x7F, 0, 0x80, 0xFF, 0xE9, 0xFF, 0xFF, 0xFF, 0, 0}));
+    EXPECT_EQ(slice(table, kEntriesAt + 56, 10), (Bytes{0x7F, 0, 0x80, 0xFF, 0xE9, 0xFF, 0xFF, 0xFF, 0, 0}));
     EXPECT_TRUE(same_bytes(table, gpt_table({{"\x7F\x80\xE9\xFF", 1, 1}})));
 }
 

@@ -118,7 +118,7 @@ TEST_F(PageSourceTest, PageHasMemoryForAWholePage) {
 }
 
 TEST_F(PageSourceTest, NoMemoryForAPageIsTold) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     const MemoryLimit limit(256 * 1024 * 1024);
     EXPECT_FALSE(source(1024 * 1024 * 1024));

@@ -364,7 +364,7 @@ TEST_F(PageWriterTest, FailedPageIsNoFailureOfTheCall) {
 // ---- no memory ----
 
 TEST_F(PageWriterTest, PageThatNoMemoryHoldsFailsWhatNeedsIt) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     use({.page_kb = 1024 * 1024}, 100);
     const MemoryLimit limit(256 * 1024 * 1024);

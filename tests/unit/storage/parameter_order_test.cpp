@@ -32,7 +32,7 @@ protected:
         m_item = item_in(m_firmware, 0);
         m_storage = make<Recording<CEmmcStorage>>();
         EXPECT_EQ(m_storage->m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
-        m_storage->m_image_fill_page_num = untouched;
+        m_storage->m_image_fill_page_num = kUntouched;
     }
 
     Outcome write_parameter() {
@@ -47,10 +47,10 @@ protected:
     }
     void expect_nothing_written() const {
         EXPECT_TRUE(m_storage->pages.empty());
-        EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+        EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
     }
 
-    static constexpr uint32_t untouched = 4711;
+    static constexpr uint32_t kUntouched = 4711;
     Firmware m_firmware{};
     STRUCT_QZIMAGE_ITEM m_item{};
     std::unique_ptr<Recording<CEmmcStorage>> m_storage{};

@@ -14,9 +14,9 @@ using test_support::slice;
 
 using Recorder = Recording<CEmmcStorage>;
 
-const std::string opening = line("writing parameter...");
-const std::string success = opening + redrawn("writing parameter...OK");
-const std::string too_small = opening + line("partition size is too small");
+const std::string kOpening = line("writing parameter...");
+const std::string kSuccess = kOpening + redrawn("writing parameter...OK");
+const std::string kTooSmall = kOpening + line("partition size is too small");
 
 class ParameterRecord : public StorageTest {
 protected:
@@ -116,15 +116,15 @@ TEST_F(ParameterRecord, LargeItemMarksDoNotCount) {
 }
 
 TEST_F(ParameterRecord, PageThatNoMemoryHoldsLeavesTheEarlierRecord) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     const Firmware firmware = firmware_with({{.name = "parameter", .data = Bytes(100, 1)}});
     auto storage = make<Recorder>();
     load(*storage, firmware);
     const STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
     ASSERT_TRUE(load_record(*storage, item));
-    storage->m_page_size = huge_page_kb * 1024;
-    storage->m_page_size_sector = huge_page_kb * 2;
+    storage->m_page_size = kHugePageKb * 1024;
+    storage->m_page_size_sector = kHugePageKb * 2;
     const MemoryLimit limit(256 * 1024 * 1024);
     EXPECT_FALSE(load_record(*storage, item));
     EXPECT_EQ(Bytes(storage->m_paramBuffer, storage->m_paramBuffer + 100), Bytes(100, 1));
@@ -144,7 +144,7 @@ protected:
         m_storage = make<Recorder>(geometry);
         load(*m_storage, firmware);
         m_storage->m_fill_byte = fill_byte;
-        m_storage->m_image_fill_page_num = untouched;
+        m_storage->m_image_fill_page_num = kUntouched;
         STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
         item.part_size = part_sectors;
         EXPECT_TRUE(m_storage->make_param_buffer(item));
@@ -154,7 +154,7 @@ protected:
     }
 
     void expect_written(std::size_t pages, std::size_t copies, std::size_t slot_pages) const {
-        EXPECT_EQ(m_output, success);
+        EXPECT_EQ(m_output, kSuccess);
         EXPECT_EQ(m_storage->m_image_fill_page_num, pages);
         EXPECT_EQ(m_storage->pages.size(), pages);
         for (const RecordedPage& page : m_storage->pages)
@@ -165,8 +165,8 @@ protected:
     }
 
     void expect_refused() const {
-        EXPECT_EQ(m_output, too_small);
-        EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+        EXPECT_EQ(m_output, kTooSmall);
+        EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
         EXPECT_TRUE(m_storage->pages.empty());
     }
 
@@ -256,7 +256,7 @@ TEST_F(ParameterPartition, FlashTypeAndGrowthMakeNoDifference) {
         load(*storage, firmware);
         STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
         ASSERT_TRUE(storage->make_param_buffer(item));
-        EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), 0); }), success);
+        EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), 0); }), kSuccess);
         EXPECT_EQ(storage->pages.size(), 64U);
     }
 }
@@ -266,7 +266,7 @@ TEST_F(ParameterPartition, LengthIsNotTheItemsButTheLoadedRecords) {
     STRUCT_QZIMAGE_ITEM other{};
     other.part_size = 128;
     other.size = 20 * 1024;
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(m_storage->write_parameter(other), 0); }), success);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(m_storage->write_parameter(other), 0); }), kSuccess);
     EXPECT_EQ(m_storage->pages.size(), 128U);
     EXPECT_TRUE(same_bytes(m_storage->pages[64].bytes, slice(m_record, 0, 1024)));
 }
@@ -279,7 +279,7 @@ TEST_F(ParameterPartition, TwoKilobytesPerPageDoubleTheOutput) {
     ASSERT_TRUE(storage->storage_init());
     STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
     ASSERT_TRUE(storage->make_param_buffer(item));
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), 0); }), success);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), 0); }), kSuccess);
     storage->close_output();
 
     // 16 pages of 4 KB: eight slots of two pages, which the record fills. Each page takes two flash pages.
@@ -294,13 +294,13 @@ TEST_F(ParameterPartition, TwoKilobytesPerPageDoubleTheOutput) {
 }
 
 TEST_F(ParameterPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
-    auto storage = make<Recorder>({.page_kb = huge_page_kb});
+    auto storage = make<Recorder>({.page_kb = kHugePageKb});
     STRUCT_QZIMAGE_ITEM item{};
     item.part_size = 0xFFFFFFFF;
     const MemoryLimit limit(256 * 1024 * 1024);
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), -2); }), opening);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), -2); }), kOpening);
     EXPECT_TRUE(storage->pages.empty());
     EXPECT_EQ(storage->m_image_fill_page_num, 0U);
 }
@@ -311,7 +311,7 @@ TEST_F(ParameterPartition, PageThatCannotBeWrittenChangesNothing) {
     load(*storage, firmware);
     STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
     ASSERT_TRUE(storage->make_param_buffer(item));
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), 0); }), success);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_parameter(item), 0); }), kSuccess);
     EXPECT_EQ(storage->pages.size(), 64U);
     EXPECT_EQ(storage->m_image_fill_page_num, 64U);
 }

@@ -232,8 +232,8 @@ protected:
     }
 };
 
-const std::string some_uuid = "00112233-4455-6677-8899-aabbccddeeff";
-const std::string some_guid = "33221100554477668899aabbccddeeff";
+const std::string kSomeUuid = "00112233-4455-6677-8899-aabbccddeeff";
+const std::string kSomeGuid = "33221100554477668899aabbccddeeff";
 
 TEST_F(ParameterUuid, FirstThreeGroupsAreStoredLittleEndian) {
     const Bytes expected{0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,
@@ -266,30 +266,30 @@ TEST_F(ParameterUuid, ReadsNameAndBytesOfALine) {
 }
 
 TEST_F(ParameterUuid, IgnoresBlanksAroundNameAndUuid) {
-    EXPECT_EQ(uuids_of("uuid:  system  =  " + some_uuid + "  \n"), Texts{"system=" + some_guid});
+    EXPECT_EQ(uuids_of("uuid:  system  =  " + kSomeUuid + "  \n"), Texts{"system=" + kSomeGuid});
 }
 
 TEST_F(ParameterUuid, BlanksInsideTheUuidCountAsCharacters) {
     EXPECT_EQ(uuids_of("uuid:a=00112233 4455-6677-8899-aabbccddeeff\n"), Texts{});
     EXPECT_EQ(uuids_of("uuid:a=0011223 44556677-8899-aabbccddeeff\n"),
               Texts{"a=30221100554477668899aabbccddeeff"});
-    EXPECT_EQ(uuids_of("uuid:a=\t" + some_uuid + "\n"), Texts{});
+    EXPECT_EQ(uuids_of("uuid:a=\t" + kSomeUuid + "\n"), Texts{});
 }
 
 TEST_F(ParameterUuid, DashesMayStandAnywhere) {
     EXPECT_EQ(uuids_of("uuid:a=00112233445566778899aabbccddeeff\n"
                        "uuid:b=--0-0-1122334455667788--99aabbccddeeff-\n"),
-              (Texts{"a=" + some_guid, "b=" + some_guid}));
+              (Texts{"a=" + kSomeGuid, "b=" + kSomeGuid}));
 }
 
 TEST_F(ParameterUuid, WrongNumberOfDigitsIsIgnored) {
     EXPECT_EQ(uuids_of("uuid:short=00112233-4455-6677-8899-aabbccddeef\n"
                        "uuid:right=" +
-                       some_uuid +
+                       kSomeUuid +
                        "\n"
                        "uuid:long=00112233-4455-6677-8899-aabbccddeeff0\n"
                        "uuid:none=\nuuid:dashes=----\n"),
-              Texts{"right=" + some_guid});
+              Texts{"right=" + kSomeGuid});
 }
 
 TEST_F(ParameterUuid, DigitsAreNotChecked) {
@@ -298,38 +298,38 @@ TEST_F(ParameterUuid, DigitsAreNotChecked) {
 }
 
 TEST_F(ParameterUuid, LineNeedsTheLowerCaseKeywordAndAnEqualsSign) {
-    EXPECT_EQ(uuids_of("UUID:a=" + some_uuid + "\nuuid a=" + some_uuid + "\nuuid:" + some_uuid +
-                       "\nuuid:\nname=" + some_uuid + "\n"),
+    EXPECT_EQ(uuids_of("UUID:a=" + kSomeUuid + "\nuuid a=" + kSomeUuid + "\nuuid:" + kSomeUuid +
+                       "\nuuid:\nname=" + kSomeUuid + "\n"),
               Texts{});
 }
 
 TEST_F(ParameterUuid, KeywordMayStandAnywhereAndTheFirstOneCounts) {
-    EXPECT_EQ(uuids_of("# my uuid:a=" + some_uuid + "\npartuuid:uuid:b=" + some_uuid + "\n"),
-              (Texts{"a=" + some_guid, "uuid:b=" + some_guid}));
+    EXPECT_EQ(uuids_of("# my uuid:a=" + kSomeUuid + "\npartuuid:uuid:b=" + kSomeUuid + "\n"),
+              (Texts{"a=" + kSomeGuid, "uuid:b=" + kSomeGuid}));
 }
 
 TEST_F(ParameterUuid, NameEndsAtTheFirstEqualsSignAndMayBeEmpty) {
-    EXPECT_EQ(uuids_of("uuid:=" + some_uuid + "\nuuid:a=b=112233-4455-6677-8899-aabbccddeeff\n"),
-              (Texts{"=" + some_guid, "a=332211b0554477668899aabbccddeeff"}));
+    EXPECT_EQ(uuids_of("uuid:=" + kSomeUuid + "\nuuid:a=b=112233-4455-6677-8899-aabbccddeeff\n"),
+              (Texts{"=" + kSomeGuid, "a=332211b0554477668899aabbccddeeff"}));
 }
 
 TEST_F(ParameterUuid, AllLinesAreCollectedInOrderDuplicatesToo) {
     const std::string other = "ffffffff-0000-0000-0000-000000000001";
-    EXPECT_EQ(uuids_of("uuid:b=" + some_uuid + "\nmtdparts=flash:0x1@0x2(a)\nuuid:a=" + some_uuid +
+    EXPECT_EQ(uuids_of("uuid:b=" + kSomeUuid + "\nmtdparts=flash:0x1@0x2(a)\nuuid:a=" + kSomeUuid +
                        "\nuuid:b=" + other),
-              (Texts{"b=" + some_guid, "a=" + some_guid, "b=ffffffff000000000000000000000001"}));
+              (Texts{"b=" + kSomeGuid, "a=" + kSomeGuid, "b=ffffffff000000000000000000000001"}));
 }
 
 TEST_F(ParameterUuid, OneCarriageReturnIsTakenOffTheLine) {
     EXPECT_EQ(
-        uuids_of("\r\nuuid:a=" + some_uuid + "\r\nuuid:b=" + some_uuid + "\r\r\nuuid:c=" + some_uuid + "\r"),
-        (Texts{"a=" + some_guid, "c=" + some_guid}));
+        uuids_of("\r\nuuid:a=" + kSomeUuid + "\r\nuuid:b=" + kSomeUuid + "\r\r\nuuid:c=" + kSomeUuid + "\r"),
+        (Texts{"a=" + kSomeGuid, "c=" + kSomeGuid}));
 }
 
 TEST_F(ParameterUuid, EarlierListIsReplaced) {
     UUID_ITEM_VECTOR items(2);
-    EXPECT_TRUE(m_storage.get_uuid_from_parameter(("uuid:a=" + some_uuid).c_str(), items));
-    EXPECT_EQ(printed_uuids(items), Texts{"a=" + some_guid});
+    EXPECT_TRUE(m_storage.get_uuid_from_parameter(("uuid:a=" + kSomeUuid).c_str(), items));
+    EXPECT_EQ(printed_uuids(items), Texts{"a=" + kSomeGuid});
     EXPECT_FALSE(m_storage.get_uuid_from_parameter("nothing here\n", items));
     EXPECT_TRUE(items.empty());
 
@@ -339,7 +339,7 @@ TEST_F(ParameterUuid, EarlierListIsReplaced) {
 }
 
 TEST_F(ParameterUuid, SingleLineHandsOutNameAndBareDigits) {
-    std::string line = " system = " + some_uuid + " ";
+    std::string line = " system = " + kSomeUuid + " ";
     std::string name;
     std::string uuid;
     EXPECT_TRUE(m_storage.parse_uuid(line, name, uuid));

@@ -12,7 +12,7 @@
 namespace storage_test {
 
 // Pages of 1 GB, for tests in which no memory can be had for one.
-inline constexpr uint32_t huge_page_kb = 1024 * 1024;
+inline constexpr uint32_t kHugePageKb = 1024 * 1024;
 
 // A recorder whose page writer says that it failed.
 template <typename Recorder>

@@ -226,7 +226,7 @@ Firmware firmware_for(const Chip& chip) {
                                   .flash_offset = before.flash_offset + before.part_size + 37,
                                   .data = data});
     }
-    firmware.items.back().part_size = test_support::grows_to_end;
+    firmware.items.back().part_size = test_support::kGrowsToEnd;
     return firmware;
 }
 

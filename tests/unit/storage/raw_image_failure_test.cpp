@@ -24,7 +24,7 @@ TEST_F(RawImageTest, FirmwareThatEndsEarlyKeepsThePagesBefore) {
     std::filesystem::resize_file(firmware_path(), end);
     m_storage = make_base<Recording<CStorage>>(FLASH_EMMC);
     ASSERT_EQ(m_storage->m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
-    m_storage->m_image_fill_page_num = untouched;
+    m_storage->m_image_fill_page_num = kUntouched;
     m_item = item_in(firmware, 0);
 
     std::string output = "writing boot...\n";
@@ -32,7 +32,7 @@ TEST_F(RawImageTest, FirmwareThatEndsEarlyKeepsThePagesBefore) {
         output += redrawn("writing boot..." + std::to_string(percent) + "%");
     expect_written(output + "failed to get data from firmware\n", -2);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), slice(data, 0, 9 * 2048)));
-    EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+    EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
 }
 
 TEST_F(RawImageTest, DataBehindTheFirmwareFailsAtTheFirstPage) {
@@ -43,12 +43,12 @@ TEST_F(RawImageTest, DataBehindTheFirmwareFailsAtTheFirstPage) {
 }
 
 TEST_F(RawImageTest, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     use(FLASH_EMMC, {.page_kb = 1024 * 1024}, patterned(10, 1), 16);
     const MemoryLimit limit(256 * 1024 * 1024);
     expect_written("writing boot...\n", -3);
-    EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+    EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
 }
 
 // A page that cannot be written stops nothing: the verdict comes at the end of the run.
@@ -127,7 +127,7 @@ TEST_F(RawImageTest, LongImageWithTwoKBPerPageIsSpread) {
 
 TEST_F(RawImageTest, LongImageThatEndsEarlyKeepsEveryWholePage) {
     Firmware firmware = sample_firmware();
-    firmware.items = {{.name = "boot", .part_size = grows_to_end, .data = patterned(2048 * 1000, 1)}};
+    firmware.items = {{.name = "boot", .part_size = kGrowsToEnd, .data = patterned(2048 * 1000, 1)}};
     write_firmware(firmware);
     std::filesystem::resize_file(firmware_path(), firmware.layout().item_data[0] + 2048 * 777 + 5);
     m_storage = make_base<Recording<CStorage>>(FLASH_NOR);

@@ -16,7 +16,7 @@ class RawImageTest : public StorageTest {
 protected:
     // A storage object of that type with one item "boot" in its firmware.
     void use(ENUM_FLASH_TYPE type, const Geometry& geometry, const Bytes& data,
-             uint32_t part_size = grows_to_end) {
+             uint32_t part_size = kGrowsToEnd) {
         Firmware firmware = sample_firmware();
         firmware.items = {{.name = "boot", .part_size = part_size, .data = data}};
         use(type, geometry, firmware);
@@ -24,7 +24,7 @@ protected:
 
     void use(ENUM_FLASH_TYPE type, const Geometry& geometry, const Firmware& firmware) {
         m_storage = make_base<Recording<CStorage>>(type, geometry);
-        m_storage->m_image_fill_page_num = untouched;
+        m_storage->m_image_fill_page_num = kUntouched;
         load(*m_storage, firmware);
         m_item = item_in(firmware, 0);
     }

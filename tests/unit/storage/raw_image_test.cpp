@@ -54,7 +54,7 @@ TEST_F(RawImageTest, RestOfThePartitionIsFilledForEmmcNorAndAnyOtherType) {
 TEST_F(RawImageTest, NandFilesHoldTheDataPagesAlone) {
     const Bytes data = patterned(5000, 1);
     for (const ENUM_FLASH_TYPE type : {FLASH_SPI_NAND, FLASH_SLC_NAND})
-        for (const uint32_t part_size : {0U, 1U, 0x80U, grows_to_end}) {
+        for (const uint32_t part_size : {0U, 1U, 0x80U, kGrowsToEnd}) {
             use(type, {}, data, part_size);
             expect_written(writing_lines("boot", 3));
             expect_pages(data, 3);
@@ -63,13 +63,13 @@ TEST_F(RawImageTest, NandFilesHoldTheDataPagesAlone) {
 
 TEST_F(RawImageTest, GrowingPartitionHoldsTheDataPagesAlone) {
     const Bytes data = patterned(5000, 1);
-    use(FLASH_EMMC, {}, data, grows_to_end);
+    use(FLASH_EMMC, {}, data, kGrowsToEnd);
     expect_written(writing_lines("boot", 3));
     expect_pages(data, 3);
 }
 
 TEST_F(RawImageTest, OneSectorLessThanGrowingIsASizeLikeAnyOther) {
-    use(FLASH_EMMC, {}, patterned(5000, 1), grows_to_end - 1);
+    use(FLASH_EMMC, {}, patterned(5000, 1), kGrowsToEnd - 1);
     m_storage->m_fout.open(out_path("boot.img").string());
     m_storage->m_fout.give_up(EIO);  // half a terabyte is not written
     expect_written(writing_lines("boot", 100));
@@ -125,7 +125,7 @@ TEST_F(RawImageTest, ImageThatDoesNotFitWritesNothing) {
             use(type, {}, patterned(size, 1), part_size);
             expect_written("writing boot...\npartition size is too small\n", -1);
             EXPECT_TRUE(m_storage->pages.empty());
-            EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+            EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
         }
 }
 
@@ -140,8 +140,8 @@ TEST_F(RawImageTest, EmptyImageWritesNoPageOfItsOwn) {
     const struct {
         ENUM_FLASH_TYPE type;
         uint32_t part_size, pages;
-    } cases[] = {{FLASH_SPI_NAND, 64, 0}, {FLASH_SLC_NAND, 64, 0},       {FLASH_EMMC, 0, 0},
-                 {FLASH_NOR, 0, 0},       {FLASH_EMMC, grows_to_end, 0}, {FLASH_EMMC, 64, 16}};
+    } cases[] = {{FLASH_SPI_NAND, 64, 0}, {FLASH_SLC_NAND, 64, 0},      {FLASH_EMMC, 0, 0},
+                 {FLASH_NOR, 0, 0},       {FLASH_EMMC, kGrowsToEnd, 0}, {FLASH_EMMC, 64, 16}};
     for (const auto& wanted : cases) {
         use(wanted.type, {}, {}, wanted.part_size);
         expect_written(writing_lines("boot", wanted.pages));
@@ -166,7 +166,7 @@ TEST_F(RawImageTest, NameThatFillsItsFieldEndsAfter32Characters) {
     const std::string name = "a-name-of-exactly-32-characters.";
     ASSERT_EQ(name.size(), 32U);
     Firmware firmware = sample_firmware();
-    firmware.items = {{.name = name, .file = "file", .part_size = grows_to_end, .data = patterned(10, 1)}};
+    firmware.items = {{.name = name, .file = "file", .part_size = kGrowsToEnd, .data = patterned(10, 1)}};
     use(FLASH_EMMC, {}, firmware);
     expect_written(writing_lines(name, 1));
 }
@@ -201,7 +201,7 @@ TEST_F(RawImageTest, SizeBeyond4GiBTakesItsHighHalfFromTheMark) {
 TEST_F(RawImageTest, TerabytesBehindAFailedWriteCostAStepForEachPercent) {
     Firmware firmware = sample_firmware();
     firmware.items = {{.name = "boot",
-                       .part_size = grows_to_end,
+                       .part_size = kGrowsToEnd,
                        .data = patterned(10, 1),
                        .size = (uint64_t{1} << 42) - 1024}};
     use(FLASH_EMMC, {.page_kb = 1}, firmware);
@@ -215,7 +215,7 @@ TEST_F(RawImageTest, TerabytesBehindAFailedWriteCostAStepForEachPercent) {
 TEST_F(RawImageTest, OffsetBeyond4GiBTakesItsHighHalfFromTheMark) {
     const Bytes data = patterned(5000, 1);
     Firmware firmware = sample_firmware();
-    firmware.items = {{.name = "boot", .part_size = grows_to_end, .data = data}};
+    firmware.items = {{.name = "boot", .part_size = kGrowsToEnd, .data = data}};
     firmware.items[0].offset = (uint64_t{1} << 32) + 4096;
     m_storage = make_base<Recording<CStorage>>(FLASH_EMMC);
     load(*m_storage, firmware);

@@ -205,9 +205,9 @@ TEST_F(SlcNand, EndingAPartitionClosesAndStartsAfresh) {
 }
 
 TEST_F(SlcNand, FillPageThatNoMemoryHoldsFailsTheFile) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
-    const auto storage = make_slc({.page_kb = huge_page_kb, .spare = 32 * huge_page_kb});
+    const auto storage = make_slc({.page_kb = kHugePageKb, .spare = 32 * kHugePageKb});
     EXPECT_TRUE(storage->prepare_write_idblock());
     storage->m_idb_fill_page_num = 1;
     const MemoryLimit limit(256 * 1024 * 1024);

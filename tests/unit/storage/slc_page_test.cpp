@@ -257,9 +257,9 @@ TEST_F(SlcPage, EveryRefusedPageOfPaddingHasItsLine) {
 }
 
 TEST_F(SlcPage, ThatNoMemoryHoldsFailsTheFile) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
-    const auto storage = open({.page_kb = huge_page_kb, .spare = 32 * huge_page_kb});
+    const auto storage = open({.page_kb = kHugePageKb, .spare = 32 * kHugePageKb});
     uint8_t byte = 0;
     const MemoryLimit limit(256 * 1024 * 1024);
     EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->write_page(&byte, 1)); }), "");

@@ -81,7 +81,7 @@ private:
     // Data that is read as a chunk header, or none at all.
     Bytes hidden_chunk() {
         const Bytes built = SparseImage{.chunks = {SparseChunk::dont_care(below(4))}}.build();
-        return test_support::slice(built, test_support::sparse_field::header_bytes, below(2) == 0 ? 12 : 0);
+        return test_support::slice(built, test_support::sparse_field::kHeaderBytes, below(2) == 0 ? 12 : 0);
     }
 
     // Now and then the header tells fewer or more blocks than the chunks have.
@@ -184,7 +184,7 @@ TEST_F(SparseExpansion, WritesTheTemporaryFileInFull) {
         using SparseRecorder::SparseRecorder;
         bool write_page(uint8_t* data, uint32_t length) override {
             if (pages.empty()) {
-                const int descriptor = ::open((m_out_dir + "/" + temporary_name).c_str(), O_RDONLY);
+                const int descriptor = ::open((m_out_dir + "/" + kTemporaryName).c_str(), O_RDONLY);
                 first_hole = ::lseek(descriptor, 0, SEEK_HOLE);
                 ::close(descriptor);
             }
@@ -193,7 +193,7 @@ TEST_F(SparseExpansion, WritesTheTemporaryFileInFull) {
         off_t first_hole = -1;
     };
     const auto firmware =
-        firmware_with({{.name = "root", .part_size = test_support::grows_to_end, .data = image.build()}});
+        firmware_with({{.name = "root", .part_size = test_support::kGrowsToEnd, .data = image.build()}});
     auto storage = make_base<HoleSeeker>(FLASH_EMMC, {.page_kb = 64});
     load(*storage, firmware);
     m_item = item_in(firmware, 0);
@@ -231,30 +231,30 @@ protected:
 };
 
 TEST_F(SparsePlace, IsTheOutputDirectoryWithOrWithoutASlash) {
-    run_in(out_dir().string(), out_path(temporary_name));
-    run_in(out_dir().string() + "/", out_path(temporary_name));
+    run_in(out_dir().string(), out_path(kTemporaryName));
+    run_in(out_dir().string() + "/", out_path(kTemporaryName));
     const WorkingDirectory inside(m_directory.path());
-    run_in("out", out_path(temporary_name));
-    run_in("out/", out_path(temporary_name));
-    run_in("./out//", out_path(temporary_name));
+    run_in("out", out_path(kTemporaryName));
+    run_in("out/", out_path(kTemporaryName));
+    run_in("./out//", out_path(kTemporaryName));
 }
 
 TEST_F(SparsePlace, IsTheWorkingDirectoryForAnEmptyName) {
     const WorkingDirectory inside(out_dir());
-    run_in("", out_path(temporary_name));
+    run_in("", out_path(kTemporaryName));
 }
 
 TEST_F(SparsePlace, MayHoldAnOlderTemporaryFile) {
-    test_support::write_file(out_path(temporary_name), Bytes(100000, 0xEE));
-    run_in(out_dir().string(), out_path(temporary_name));
+    test_support::write_file(out_path(kTemporaryName), Bytes(100000, 0xEE));
+    run_in(out_dir().string(), out_path(kTemporaryName));
 }
 
 // ---- the bound on an excess ----
 
 class SparseExcess : public SparseExpansion {
 protected:
-    static constexpr uint64_t mib = 1024 * 1024;
-    static constexpr uint32_t page = 64 * 1024;
+    static constexpr uint64_t kMib = 1024 * 1024;
+    static constexpr uint32_t kPage = 64 * 1024;
 
     // Bytes in the temporary file when the copy starts, for chunks of whole 64 KB blocks.
     uint64_t temporary_size(uint32_t blocks, std::vector<SparseChunk> chunks, uint32_t part_sectors) {
@@ -263,12 +263,12 @@ protected:
             using Recording<CStorage>::Recording;
             bool write_page(uint8_t* data, uint32_t length) override {
                 if (pages.empty())
-                    size = std::filesystem::file_size(m_out_dir + "/" + temporary_name);
+                    size = std::filesystem::file_size(m_out_dir + "/" + kTemporaryName);
                 return Recording<CStorage>::write_page(data, length);
             }
             uint64_t size = 0;
         };
-        const SparseImage image{.block_size = page, .total_blocks = blocks, .chunks = std::move(chunks)};
+        const SparseImage image{.block_size = kPage, .total_blocks = blocks, .chunks = std::move(chunks)};
         const auto firmware =
             firmware_with({{.name = "root", .part_size = part_sectors, .data = image.build()}});
         auto storage = make_base<Measurer>(FLASH_EMMC, {.page_kb = 64});
@@ -285,43 +285,44 @@ protected:
 TEST_F(SparseExcess, IsKeptUpTo64MiB) {
     const uint32_t blocks_of_64_mib = 1024;
     EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib - 1)}, 2048),
-              65 * mib - page);
-    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib)}, 2048), 65 * mib);
-    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib + 1)}, 2048), 65 * mib);
+              65 * kMib - kPage);
+    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib)}, 2048), 65 * kMib);
+    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib + 1)}, 2048),
+              65 * kMib);
     EXPECT_EQ(m_result, 0);
-    EXPECT_TRUE(same_bytes(m_pages, Bytes(mib, 0x5A)));
+    EXPECT_TRUE(same_bytes(m_pages, Bytes(kMib, 0x5A)));
 }
 
 TEST_F(SparseExcess, IsCountedFromThePartitionWhenThatIsLarger) {
-    EXPECT_EQ(temporary_size(1, {SparseChunk::dont_care(0xFFFFFFFF)}, 4096), 66 * mib);
-    EXPECT_TRUE(same_bytes(m_pages, Bytes(2 * mib, 0)));
+    EXPECT_EQ(temporary_size(1, {SparseChunk::dont_care(0xFFFFFFFF)}, 4096), 66 * kMib);
+    EXPECT_TRUE(same_bytes(m_pages, Bytes(2 * kMib, 0)));
 }
 
 TEST_F(SparseExcess, OfEveryChunkKindEndsInMoments) {
-    const Bytes data = patterned(page, 1);
-    const std::vector<SparseChunk> chunks{SparseChunk::raw(data, page),
+    const Bytes data = patterned(kPage, 1);
+    const std::vector<SparseChunk> chunks{SparseChunk::raw(data, kPage),
                                           SparseChunk::fill(0x11111111, 0xFFFFFFFF),
                                           SparseChunk::dont_care(0xFFFFFFFF),
-                                          SparseChunk::raw(data, page),
+                                          SparseChunk::raw(data, kPage),
                                           SparseChunk::crc(0),
                                           SparseChunk::fill(0x22222222, 0xFFFFFFFF)};
-    EXPECT_EQ(temporary_size(32, chunks, 4096), 66 * mib);
+    EXPECT_EQ(temporary_size(32, chunks, 4096), 66 * kMib);
     EXPECT_EQ(m_result, 0);
-    EXPECT_TRUE(same_bytes(m_pages, data + Bytes(2 * mib - page, 0x11)));
+    EXPECT_TRUE(same_bytes(m_pages, data + Bytes(2 * kMib - kPage, 0x11)));
     // 2 MB declared: every page of 64 KB shows its percentage, up to the bound and not beyond it.
-    const std::vector<uint64_t> pieces(66 * mib / page, page);
-    EXPECT_EQ(m_output, sparse_lines("root", pieces, 2 * mib, 32));
+    const std::vector<uint64_t> pieces(66 * kMib / kPage, kPage);
+    EXPECT_EQ(m_output, sparse_lines("root", pieces, 2 * kMib, 32));
 }
 
 TEST_F(SparseExcess, DoesNotEndTheWalkOverTheChunks) {
-    SparseChunk cut = SparseChunk::raw(Bytes(10), page);
+    SparseChunk cut = SparseChunk::raw(Bytes(10), kPage);
     cut.total_size = 1000;
     temporary_size(1, {SparseChunk::dont_care(0xFFFFFFFF), cut}, 128);
     EXPECT_EQ(m_result, -5);
     EXPECT_EQ(m_output.substr(m_output.rfind('\n', m_output.size() - 2) + 1),
               line("failed to get raw chunk data"));
     EXPECT_EQ(m_pages, Bytes{});
-    EXPECT_EQ(std::filesystem::file_size(out_path(temporary_name)), 64 * mib + page);
+    EXPECT_EQ(std::filesystem::file_size(out_path(kTemporaryName)), 64 * kMib + kPage);
 }
 
 }  // namespace

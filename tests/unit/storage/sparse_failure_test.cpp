@@ -17,7 +17,7 @@ using test_support::SparseImage;
 
 class SparseFailure : public SparseTest {
 protected:
-    Bytes temporary_file() const { return test_support::read_file(out_path(temporary_name)); }
+    Bytes temporary_file() const { return test_support::read_file(out_path(kTemporaryName)); }
 
     // The run ended with the status that the model gives and left the expansion up to there behind.
     void expect_cut(const Bytes& image, const SparseSettings& settings) const {
@@ -130,13 +130,13 @@ TEST_F(SparseFailure, WildNumberOfChunksEndsBehindTheLast) {
 }
 
 TEST_F(SparseFailure, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     const auto firmware = firmware_with({{.name = "root", .data = image_of_all_kinds().build()}});
-    m_storage = make_base<SparseRecorder>(FLASH_SPI_NAND, {.page_kb = huge_page_kb});
+    m_storage = make_base<SparseRecorder>(FLASH_SPI_NAND, {.page_kb = kHugePageKb});
     load(*m_storage, firmware);
     m_item = item_in(firmware, 0);
-    m_storage->m_image_fill_page_num = untouched;
+    m_storage->m_image_fill_page_num = kUntouched;
     const MemoryLimit limit(256 * 1024 * 1024);
     write_item();
     expect_refused(-7, line("writing root..."));
@@ -152,7 +152,7 @@ protected:
     static Bytes image() { return image_of_all_kinds().build(); }
 
     void expect_not_created(int error) const {
-        expect_refused(-3, line("writing root...") + not_created(out_path(temporary_name), error));
+        expect_refused(-3, line("writing root...") + not_created(out_path(kTemporaryName), error));
         EXPECT_EQ(m_storage->m_write_failure.error, 0);
     }
 
@@ -162,7 +162,7 @@ protected:
         EXPECT_EQ(m_output, sparse_lines("root", image(), 1024, 10));
         EXPECT_EQ(m_storage->pages.size(), 10U);
         EXPECT_EQ(m_storage->m_image_fill_page_num, 10U);
-        EXPECT_EQ(m_storage->m_write_failure.path, out_path(temporary_name).string());
+        EXPECT_EQ(m_storage->m_write_failure.path, out_path(kTemporaryName).string());
         EXPECT_EQ(m_storage->m_write_failure.error, error);
     }
 };
@@ -177,14 +177,14 @@ TEST_F(SparseTemporaryFile, NeedsItsDirectory) {
 }
 
 TEST_F(SparseTemporaryFile, IsNeverTheOutputItself) {
-    std::filesystem::create_symlink(out_path("out_image.img"), out_path(temporary_name));
+    std::filesystem::create_symlink(out_path("out_image.img"), out_path(kTemporaryName));
     const auto firmware = firmware_with({{.name = "root", .part_size = 20, .data = image()}});
     write_firmware(firmware);
     m_item = item_in(firmware, 0);
     m_storage = make_base<SparseRecorder>(FLASH_EMMC, {.page_kb = 1});
     ASSERT_TRUE(m_storage->storage_init());
     m_storage->m_fout.write("kept", 4);
-    m_storage->m_image_fill_page_num = untouched;
+    m_storage->m_image_fill_page_num = kUntouched;
     write_item();
     expect_not_created(EBUSY);
     m_storage->close_output();
@@ -192,7 +192,7 @@ TEST_F(SparseTemporaryFile, IsNeverTheOutputItself) {
 }
 
 TEST_F(SparseTemporaryFile, CannotBeAPipe) {
-    ASSERT_EQ(::mkfifo(out_path(temporary_name).c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(out_path(kTemporaryName).c_str(), 0600), 0);
     run_good_image();
     expect_not_created(ESPIPE);
 }
@@ -200,7 +200,7 @@ TEST_F(SparseTemporaryFile, CannotBeAPipe) {
 // ---- the temporary file cannot be written or read ----
 
 TEST_F(SparseTemporaryFile, ThatCannotBeWrittenChangesNoStepButTheVerdict) {
-    std::filesystem::create_symlink("/dev/full", out_path(temporary_name));
+    std::filesystem::create_symlink("/dev/full", out_path(kTemporaryName));
     run_good_image();
     expect_done_with_failure(ENOSPC);
     EXPECT_FALSE(temporary_file_left());
@@ -208,7 +208,7 @@ TEST_F(SparseTemporaryFile, ThatCannotBeWrittenChangesNoStepButTheVerdict) {
 }
 
 TEST_F(SparseTemporaryFile, ThatGivesNothingBackIsNotTakenForBytes) {
-    std::filesystem::create_symlink("/dev/null", out_path(temporary_name));
+    std::filesystem::create_symlink("/dev/null", out_path(kTemporaryName));
     run_good_image();
     expect_done_with_failure(EIO);
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), Bytes(10 * 1024, 0)));
@@ -222,7 +222,7 @@ TEST_F(SparseTemporaryFile, ThatCannotBeWrittenShowsTheSamePercentages) {
     run(excess.build(), settings);
     const std::string good_output = m_output;
     EXPECT_EQ(good_output, sparse_lines("root", excess.build(), 4096, 512));
-    std::filesystem::create_symlink("/dev/full", out_path(temporary_name));
+    std::filesystem::create_symlink("/dev/full", out_path(kTemporaryName));
     run(excess.build(), settings);
     EXPECT_EQ(m_result, 0);
     EXPECT_TRUE(m_output == good_output) << m_output.size() << " bytes instead of " << good_output.size();
@@ -248,7 +248,7 @@ TEST_F(SparseTemporaryFile, IsNotNeededOnceTheOutputHasFailed) {
 
 TEST_F(SparseTemporaryFile, OfAHugeImageOnAFullDiskEndsInMoments) {
     // 2^62 bytes: the percentages run on, though nothing reaches the file any more.
-    std::filesystem::create_symlink("/dev/full", out_path(temporary_name));
+    std::filesystem::create_symlink("/dev/full", out_path(kTemporaryName));
     SparseImage huge{.block_size = 0x80000000, .total_blocks = 0x80000000, .chunks = {}};
     huge.chunks = {SparseChunk::dont_care(0x40000000), SparseChunk::fill(1, 0x40000000)};
     run(huge.build());
@@ -261,7 +261,7 @@ TEST_F(SparseTemporaryFile, OfAHugeImageOnAFullDiskEndsInMoments) {
 }
 
 TEST_F(SparseTemporaryFile, FirstFailureOfTheRunIsTheOneThatCounts) {
-    std::filesystem::create_symlink("/dev/full", out_path(temporary_name));
+    std::filesystem::create_symlink("/dev/full", out_path(kTemporaryName));
     write_firmware(firmware_with({{.name = "root", .part_size = 20, .data = image()}}));
     m_item = item_in(firmware_with({{.name = "root", .part_size = 20, .data = image()}}), 0);
     m_storage = make_base<SparseRecorder>(FLASH_EMMC, {.page_kb = 1});

@@ -12,7 +12,7 @@
 
 namespace storage_test {
 
-inline constexpr char temporary_name[] = "unsparse_tmp.bin";
+inline constexpr char kTemporaryName[] = "unsparse_tmp.bin";
 
 // Remembers the temporary file as it stands when the first page is taken from it.
 class SparseRecorder : public Recording<CStorage> {
@@ -21,7 +21,7 @@ public:
 
     bool write_page(uint8_t* data, uint32_t length) override {
         if (!temporary_file)
-            temporary_file = read_file(std::filesystem::path(m_out_dir) / temporary_name);
+            temporary_file = read_file(std::filesystem::path(m_out_dir) / kTemporaryName);
         return Recording<CStorage>::write_page(data, length);
     }
 
@@ -31,14 +31,14 @@ public:
 struct SparseSettings {
     ENUM_FLASH_TYPE type = FLASH_EMMC;
     uint32_t page_kb = 1;
-    uint32_t part_sectors = grows_to_end;
+    uint32_t part_sectors = kGrowsToEnd;
     uint8_t fill_byte = 0;
 
     std::size_t page_size() const { return std::size_t{page_kb} * 1024; }
     // Without it the expanded size alone decides how many pages are written.
     std::optional<uint32_t> bounded_sectors() const {
         const bool nand = type == FLASH_SPI_NAND || type == FLASH_SLC_NAND;
-        return nand || part_sectors == grows_to_end ? std::nullopt : std::optional(part_sectors);
+        return nand || part_sectors == kGrowsToEnd ? std::nullopt : std::optional(part_sectors);
     }
 };
 
@@ -59,7 +59,7 @@ protected:
         m_storage = make_base<SparseRecorder>(settings.type, {.page_kb = settings.page_kb});
         ASSERT_EQ(m_storage->m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
         m_storage->m_fill_byte = settings.fill_byte;
-        m_storage->m_image_fill_page_num = untouched;
+        m_storage->m_image_fill_page_num = kUntouched;
         write_item();
     }
 
@@ -68,7 +68,7 @@ protected:
         m_output = output_of([&] { m_result = m_storage->write_sparse_image(m_item); });
     }
 
-    bool temporary_file_left() const { return std::filesystem::exists(out_path(temporary_name)); }
+    bool temporary_file_left() const { return std::filesystem::exists(out_path(kTemporaryName)); }
 
     // The run wrote these pages and left nothing behind.
     void expect_written(const Bytes& pages, const std::string& output) const {
@@ -96,7 +96,7 @@ protected:
         EXPECT_EQ(m_result, result);
         EXPECT_EQ(m_output, output);
         EXPECT_TRUE(m_storage->pages.empty());
-        EXPECT_EQ(m_storage->m_image_fill_page_num, untouched);
+        EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
     }
 
     std::unique_ptr<SparseRecorder> m_storage{};

@@ -257,7 +257,7 @@ TEST_F(SparsePages, MustFitThePartition) {
 }
 
 TEST_F(SparsePages, OfNoBytesAreNone) {
-    for (const uint32_t sectors : {0U, test_support::grows_to_end}) {
+    for (const uint32_t sectors : {0U, test_support::kGrowsToEnd}) {
         run(one_raw(0, 1024).build(), {.part_sectors = sectors});
         expect_written({}, line("writing root...") + line("extracting root...") + line("") +
                                redrawn("writing root...OK"));

@@ -16,8 +16,8 @@ using test_support::slice;
 using test_support::SparseChunk;
 using test_support::SparseImage;
 
-constexpr std::size_t kib = 1024;
-constexpr std::size_t mib = 1024 * kib;
+constexpr std::size_t kIb = 1024;
+constexpr std::size_t kMib = 1024 * kIb;
 
 // Long stretches of raw data between other chunks; the odd ones leave every later byte at an odd position.
 SparseImage large_image(uint32_t seed) {
@@ -27,14 +27,14 @@ SparseImage large_image(uint32_t seed) {
     const auto raw = [&](std::size_t size) {
         image.chunks.push_back(SparseChunk::raw(patterned(size, seed), 1000));
     };
-    raw(below(2 * mib));
+    raw(below(2 * kMib));
     image.chunks.push_back(SparseChunk::fill(below(0xFFFFFFFF), below(700)));
-    raw(3 * mib + below(5000));
+    raw(3 * kMib + below(5000));
     image.chunks.push_back(SparseChunk::dont_care(below(2000)));
     raw(below(5000));
     image.chunks.push_back(SparseChunk::crc(0));
-    raw(256 * kib + below(3) - 1);
-    raw(mib);
+    raw(256 * kIb + below(3) - 1);
+    raw(kMib);
     image.chunks.push_back(SparseChunk::fill(0x5A5A5A5A, 1 + below(300)));
     return image;
 }
@@ -52,33 +52,34 @@ TEST_F(LargeSparse, ExpandsLikeSmallOnes) {
 }
 
 TEST_F(LargeSparse, CutInItsRawDataEndsAtTheLastWholePage) {
-    SparseImage image{
-        .block_size = 1024,
-        .chunks = {SparseChunk::raw(patterned(700, 1), 1024), SparseChunk::raw(patterned(3 * mib, 2), 1024)}};
+    SparseImage image{.block_size = 1024,
+                      .chunks = {SparseChunk::raw(patterned(700, 1), 1024),
+                                 SparseChunk::raw(patterned(3 * kMib, 2), 1024)}};
     const Bytes whole = image.build();
-    const std::size_t data_at = whole.size() - 3 * mib;
-    for (const std::size_t there : {std::size_t{0}, 256 * kib - 1, 256 * kib, 256 * kib + 1, mib - 1, mib,
-                                    mib + 1000, 2 * mib + 1023, 3 * mib - 1}) {
+    const std::size_t data_at = whole.size() - 3 * kMib;
+    for (const std::size_t there : {std::size_t{0}, 256 * kIb - 1, 256 * kIb, 256 * kIb + 1, kMib - 1, kMib,
+                                    kMib + 1000, 2 * kMib + 1023, 3 * kMib - 1}) {
         SCOPED_TRACE(std::to_string(there) + " bytes of raw data");
         const Bytes cut = slice(whole, 0, data_at + there);
         run(cut, {.part_sectors = 20480});
         expect_refused(-5, sparse_lines("root", cut, 1024, 0, -5));
-        EXPECT_TRUE(same_bytes(test_support::read_file(out_path(temporary_name)),
-                               patterned(700, 1) + slice(patterned(3 * mib, 2), 0, there / 1024 * 1024)));
+        EXPECT_TRUE(same_bytes(test_support::read_file(out_path(kTemporaryName)),
+                               patterned(700, 1) + slice(patterned(3 * kMib, 2), 0, there / 1024 * 1024)));
     }
 }
 
 TEST_F(LargeSparse, RawDataBeyondTheBoundIsDropped) {
     // 66 MB of raw data for one page: what is appended ends with the last piece within 64 MiB.
     SparseImage image{.block_size = 1024, .total_blocks = 3, .chunks = {}};
-    image.chunks = {SparseChunk::raw(patterned(100, 1), 1024), SparseChunk::raw(Bytes(66 * mib, 0x77), 1024)};
+    image.chunks = {SparseChunk::raw(patterned(100, 1), 1024),
+                    SparseChunk::raw(Bytes(66 * kMib, 0x77), 1024)};
     run(image.build(), {.page_kb = 3});
     EXPECT_EQ(m_result, 0);
     ASSERT_TRUE(m_storage->temporary_file);
-    const std::size_t bound = 64 * mib + 3 * kib;
-    const std::size_t pieces = (bound - 100) / (3 * kib);
-    EXPECT_EQ(m_storage->temporary_file->size(), test_support::round_up(100 + pieces * 3 * kib, 3 * kib));
-    EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), patterned(100, 1) + Bytes(3 * kib - 100, 0x77)));
+    const std::size_t bound = 64 * kMib + 3 * kIb;
+    const std::size_t pieces = (bound - 100) / (3 * kIb);
+    EXPECT_EQ(m_storage->temporary_file->size(), test_support::round_up(100 + pieces * 3 * kIb, 3 * kIb));
+    EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), patterned(100, 1) + Bytes(3 * kIb - 100, 0x77)));
 }
 
 // ---- into real output files ----
@@ -96,7 +97,7 @@ protected:
         m_output = output_of([&] { EXPECT_EQ(storage->write_sparse_image(item), 0); });
         EXPECT_TRUE(storage->post_write_partition());
         EXPECT_EQ(storage->m_write_failure.error, 0);
-        EXPECT_FALSE(std::filesystem::exists(out_path(temporary_name)));
+        EXPECT_FALSE(std::filesystem::exists(out_path(kTemporaryName)));
         return out_file("root.img");
     }
 
@@ -107,7 +108,7 @@ TEST_F(LargeSparseOutput, HoldsTheExpandedPages) {
     for (const uint32_t page_kb : {1U, 2U, 3U, 64U, 1024U, 2048U}) {
         SCOPED_TRACE(std::to_string(page_kb) + " KB pages");
         const Bytes image = large_image(100 + page_kb).build();
-        const std::size_t page_size = page_kb * kib;
+        const std::size_t page_size = page_kb * kIb;
         const Bytes expected = test_support::expected_sparse_partition(image, page_size);
         EXPECT_TRUE(same_bytes(spi_file(image, page_kb), expected));
         EXPECT_EQ(m_output, sparse_lines("root", image, page_size, expected.size() / page_size));
@@ -117,7 +118,7 @@ TEST_F(LargeSparseOutput, HoldsTheExpandedPages) {
 TEST_F(LargeSparseOutput, HoldsAllPagesWhileTheTemporaryFileIsGivenBack) {
     // Room is given back in steps of 16 MiB, some of them within a page of 3 KB or a block that is read
     // ahead.
-    const Bytes data = patterned(34 * mib, 1);
+    const Bytes data = patterned(34 * kMib, 1);
     const Bytes image = SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(data, 1024)}}.build();
     EXPECT_TRUE(same_bytes(spi_file(image, 2), data));
     EXPECT_TRUE(same_bytes(spi_file(image, 2, true), data));  // page by page
@@ -149,14 +150,14 @@ TEST_F(LargeSparseOutput, TemporaryFileThatLosesItsEndIsAnError) {
     public:
         using Exposed<CSpiStorage>::Exposed;
         bool write_page(uint8_t* data, uint32_t length) override {
-            const std::string path = m_out_dir + "/" + temporary_name;
+            const std::string path = m_out_dir + "/" + kTemporaryName;
             if (std::filesystem::exists(path))
                 std::filesystem::resize_file(path, 100);
             return Exposed<CSpiStorage>::write_page(data, length);
         }
     };
     const Bytes image =
-        SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(patterned(4 * mib, 1), 1024)}}.build();
+        SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(patterned(4 * kMib, 1), 1024)}}.build();
     const auto firmware = firmware_with({{.name = "root", .data = image}});
     const auto storage = make<Cutting>();
     load(*storage, firmware);
@@ -164,7 +165,7 @@ TEST_F(LargeSparseOutput, TemporaryFileThatLosesItsEndIsAnError) {
     output_of([&] { EXPECT_TRUE(storage->prepare_write_partition(item)); });
     EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_sparse_image(item), 0); }),
               sparse_lines("root", image, 2048, 2048));
-    EXPECT_EQ(storage->m_write_failure.path, out_path(temporary_name).string());
+    EXPECT_EQ(storage->m_write_failure.path, out_path(kTemporaryName).string());
     EXPECT_EQ(storage->m_write_failure.error, EIO);
 }
 

@@ -27,7 +27,7 @@ namespace storage_test {
 using namespace test_support;
 
 // What a counter of pages holds before a writer sets it.
-inline constexpr uint32_t untouched = 4711;
+inline constexpr uint32_t kUntouched = 4711;
 
 // A storage class with its protected members in the open: Exposed<CEmmcStorage>.
 template <typename Storage>

@@ -256,7 +256,7 @@ TEST_F(PlacementTest, NameThatFillsItsFieldEndsAfter32Characters) {
 }
 
 TEST_F(PlacementTest, GapThatNoMemoryFillsIsRefused) {
-    if (!memory_can_be_limited)
+    if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     const auto storage = make<Exposed<CNorStorage>>({.page_kb = 1024 * 1024});
     storage->m_fout.open(out_path("out.img").string());
@@ -271,7 +271,7 @@ class DispatchTest : public StorageTest {
 protected:
     void SetUp() override {
         Firmware firmware = sample_firmware();
-        firmware.items[1].part_size = grows_to_end;
+        firmware.items[1].part_size = kGrowsToEnd;
         load(*m_storage, firmware);
         m_item = item_in(firmware, 1);
         m_parameter = item_in(firmware, 0);
@@ -305,7 +305,7 @@ TEST_F(DispatchTest, ResultOfTheWriterIsPassedOn) {
     expect_dispatched(IMAGE_FILE, m_item, "writing boot...\npartition size is too small\n", -1);
     m_parameter.part_size = 0;
     expect_dispatched(IMAGE_PARAM, m_parameter, "writing parameter...\npartition size is too small\n", -1);
-    m_item.part_size = grows_to_end;
+    m_item.part_size = kGrowsToEnd;
     m_item.offset = 0xFFFFFFFF;
     expect_dispatched(IMAGE_FILE, m_item, "writing boot...\nfailed to get data from firmware\n", -2);
     m_parameter.size = 11;  // a record without a text
