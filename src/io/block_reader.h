@@ -5,21 +5,19 @@
 #include <cstdint>
 #include <optional>
 
-/// Reads pieces of an open file at given offsets through one large block, so that small pieces cost no system
-/// call each. Pieces of at least kBlockSize are read straight to where they are wanted.
+/// Reads an open file at given offsets through one large block, so that a small read costs no system call of
+/// its own. A read of at least kBlockSize bytes does not use the block.
 class BlockReader {
 public:
-    /// Large enough that a system call is a small part of its cost, small enough that the bytes are still in
-    /// the second-level cache when they are taken out.
+    /// In bytes. Large enough that the system call is a small part of the cost of a block, small enough that
+    /// its bytes are still in the second-level cache when they are copied.
     static constexpr uint64_t kBlockSize = 256 * 1024;
 
-    /// Reads from the file descriptor from now on; the caller keeps it open and closes it. Forgets all
-    /// buffered bytes.
+    /// Reads from this file descriptor from now on, with an empty block. The caller keeps it open.
     void attach(int descriptor);
 
-    /// Copies up to size bytes at the byte offset to out and returns their count. Fewer than size means that
-    /// the file ends there. Nothing when the file could not be read (errno tells why); out is then
-    /// unspecified.
+    /// Copies up to size bytes at the byte offset to out and returns their number, which is less than size
+    /// only where the file ends. Nothing, with errno set and out unspecified, when the file cannot be read.
     std::optional<uint64_t> read(uint64_t offset, uint64_t size, uint8_t* out);
 
 private:
@@ -29,5 +27,5 @@ private:
     int m_descriptor = -1;
     ByteBuffer m_block;
     uint64_t m_block_offset = 0;
-    uint64_t m_block_size = 0;  // bytes of m_block that came from the file
+    uint64_t m_block_size = 0;  // bytes in m_block that are those of the file
 };

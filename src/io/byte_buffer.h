@@ -3,26 +3,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
-/// Zero-filled heap memory whose size comes from the command line or a checked file field.
-/// An allocation that fails leaves the buffer empty instead of throwing: the operation that needed it fails.
+/// Heap memory that starts as zeros. Its size comes from the command line or a checked file field.
+/// An allocation that fails throws nothing and leaves the buffer empty.
 class ByteBuffer {
 public:
+    /// data() is a multiple of this. The kernel copies between page cache and memory up to twice as fast when
+    /// both have the same position in a page.
+    static constexpr std::size_t kAlignment = 4096;
+
     ByteBuffer() = default;
 
-    /// size bytes of zeros; large ones cost no memory before they are touched. False when there is no memory.
+    /// Allocates size bytes, as reset does. Bytes that are never touched cost no memory.
     explicit ByteBuffer(uint64_t size) { reset(size); }
 
-    /// size bytes that all hold value.
-    ByteBuffer(uint64_t size, uint8_t value) : ByteBuffer(size) {
-        if (value != 0 && *this)
-            std::memset(data(), value, static_cast<std::size_t>(size));
-    }
-
-    /// Drops the content and holds size zero bytes instead. False, with the buffer empty, when there is no
-    /// memory.
+    /// Replaces the content by size zero bytes. False, with the buffer empty, when there is no memory.
     bool reset(uint64_t size) {
         m_size = 0;
         m_data = nullptr;
@@ -37,7 +33,7 @@ public:
         return true;
     }
 
-    /// True when the last allocation succeeded, of no bytes too.
+    /// True when the last allocation succeeded, even of 0 bytes.
     explicit operator bool() const { return m_memory != nullptr; }
 
     uint8_t* data() { return m_data; }
@@ -45,10 +41,6 @@ public:
     uint64_t size() const { return m_size; }
 
 private:
-    // The kernel copies between page cache and memory up to twice as fast when both have the same position in
-    // a page.
-    static constexpr std::size_t kAlignment = 4096;
-
     struct Free {
         void operator()(void* memory) const { std::free(memory); }
     };

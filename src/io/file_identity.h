@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-/// Which file a path leads to, however many names and links it has.
+/// Tells a file from all others, whatever name or link leads to it.
 struct FileIdentity {
     bool known = false;
     dev_t device = 0;
@@ -12,7 +12,7 @@ struct FileIdentity {
     explicit FileIdentity(const struct stat& status)
         : known(true), device(status.st_dev), inode(status.st_ino) {}
 
-    /// True when status describes the same file. An unknown identity equals none.
+    /// True when status describes this file. An unknown identity is that of no file.
     bool is(const struct stat& status) const {
         return known && device == status.st_dev && inode == status.st_ino;
     }

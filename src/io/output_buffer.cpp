@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 void WriteFailure::note(const std::string& failed_path, int failed_error) {
@@ -12,10 +13,6 @@ void WriteFailure::note(const std::string& failed_path, int failed_error) {
         return;
     path = failed_path;
     error = failed_error;
-}
-
-OutputBuffer::~OutputBuffer() {
-    close();
 }
 
 bool OutputBuffer::open(const std::string& path, OutputReceiver::OpenMode mode) {
@@ -38,7 +35,7 @@ bool OutputBuffer::open(const std::string& path, OutputReceiver::OpenMode mode) 
 bool OutputBuffer::close() {
     if (!m_open)
         return false;
-    complete_block();  // also in an output that has failed: what waits must not see the next output's bytes
+    complete_block();  // also after a failure: nothing may wait for bytes that the next output replaces
     flush();
     m_open = false;
     return succeeds(m_receiver.close()) && m_error == 0;
@@ -57,14 +54,14 @@ bool OutputBuffer::succeeds(int error) {
     return error == 0;
 }
 
-/// True when count more bytes may be appended.
+/// True when count more bytes can be appended.
 bool OutputBuffer::takes(uint64_t count) {
     if (!m_open || m_error != 0)
         return false;
     return succeeds(count > kLargestOffset - position() ? EFBIG : 0);
 }
 
-/// Blocks end at multiples of their size, so that runs of zeros are found at the same places in every run.
+/// Bytes from the start of the block to the next multiple of its size, where it ends.
 uint64_t OutputBuffer::block_capacity() const {
     return kBlockSize - m_block_offset % kBlockSize;
 }
@@ -80,12 +77,12 @@ bool OutputBuffer::append(const uint8_t* bytes, uint64_t count) {
         return false;
     while (count != 0) {
         const uint64_t capacity = block_capacity();
-        const uint64_t piece = std::min(count, capacity - m_block_used);
+        const uint64_t part = std::min(count, capacity - m_block_used);
         if (bytes != m_block.data() + m_block_used)  // else they were put into the room
-            std::memcpy(m_block.data() + m_block_used, bytes, piece);
-        m_block_used += piece;
-        bytes += piece;
-        count -= piece;
+            std::memcpy(m_block.data() + m_block_used, bytes, part);
+        m_block_used += part;
+        bytes += part;
+        count -= part;
         m_size = std::max(m_size, position());
         if (m_block_used == capacity && !flush_block())
             return false;
@@ -103,13 +100,13 @@ bool OutputBuffer::append_fill(uint8_t value, uint64_t count) {
         m_size = std::max(m_size, m_block_offset);
         return true;
     }
-    uint8_t piece_bytes[4096];
-    std::memset(piece_bytes, value, sizeof(piece_bytes));
     while (count != 0) {
-        const uint64_t piece = std::min<uint64_t>(count, sizeof(piece_bytes));
-        if (!append(piece_bytes, piece))
+        const std::span<uint8_t> free = room();
+        const uint64_t part = std::min<uint64_t>(count, free.size());
+        std::memset(free.data(), value, part);
+        if (!append(free.data(), part))
             return false;
-        count -= piece;
+        count -= part;
     }
     return true;
 }
@@ -129,20 +126,20 @@ bool OutputBuffer::flush_block() {
 }
 
 bool OutputBuffer::hand_over(uint64_t offset, const uint8_t* bytes, uint64_t count) {
-    uint64_t pending = 0;  // bytes before the current piece that are to be handed over with it
+    uint64_t pending = 0;  // bytes without a run of zeros, to be handed over together
     while (pending != count) {
         const uint64_t position = offset + pending;
-        const uint64_t piece = std::min(count - pending, kHoleSize - position % kHoleSize);
-        if (position < m_receiver.zeros_from() || !holds_only(bytes + pending, piece, 0)) {
-            pending += piece;
+        const uint64_t part = std::min(count - pending, kHoleSize - position % kHoleSize);
+        if (position < m_receiver.zeros_from() || !holds_only(bytes + pending, part, 0)) {
+            pending += part;
             continue;
         }
         if (!succeeds(m_receiver.bytes(offset, bytes, pending)) ||
-            !succeeds(m_receiver.zeros(position, piece)))
+            !succeeds(m_receiver.zeros(position, part)))
             return false;
-        offset += pending + piece;
-        bytes += pending + piece;
-        count -= pending + piece;
+        offset += pending + part;
+        bytes += pending + part;
+        count -= pending + part;
         pending = 0;
     }
     return succeeds(m_receiver.bytes(offset, bytes, pending));
@@ -182,8 +179,8 @@ OutputBuffer::pos_type OutputBuffer::seekoff(off_type offset, std::ios_base::see
         base = position();
     else if (origin == std::ios_base::end)
         base = m_size;
-    const uint64_t target =
-        base + static_cast<uint64_t>(offset);  // a negative offset wraps to the one before base
+    // The sum wraps: a negative offset gives a position before base.
+    const uint64_t target = base + static_cast<uint64_t>(offset);
     return move_to(target) ? pos_type(static_cast<off_type>(target)) : pos_type(off_type(-1));
 }
 

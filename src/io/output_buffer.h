@@ -9,62 +9,63 @@
 #include <span>
 #include <streambuf>
 #include <string>
+#include <utility>
 
-/// The first failure of any output file of a run: which file, and the errno of what failed.
+/// The first failure of any output file of a run.
 struct WriteFailure {
     std::string path;
-    int error = 0;  ///< 0: nothing has failed
+    int error = 0;  ///< errno of what failed; 0: nothing has failed
 
-    /// Keeps path and error when they are the first.
+    /// Takes path and error unless there was a failure before.
     void note(const std::string& failed_path, int failed_error);
 };
 
 /// Gathers the bytes of an output into blocks and hands each block to a receiver at once. Keeps the first
-/// error, and knows position and size itself. Long runs of zeros (64 KB at multiples of it, or up to the end
-/// of a block) are handed over as zeros where the receiver takes them.
+/// error, and knows position and size itself. Long runs of zeros are handed over as zeros where the receiver
+/// takes them. Such a run has 64 KB and starts at a multiple of that, or it ends its block.
 class OutputBuffer : public std::streambuf {
 public:
-    /// Bytes of a block. Measured: the kernel puts larger writes into larger pages of its cache; twice this
-    /// no longer stays in the processor's second-level cache.
+    /// Bytes of a block. The kernel puts larger writes into larger pages of its cache. Twice this size does
+    /// not stay in the second-level cache of the processor.
     static constexpr uint64_t kBlockSize = 1024 * 1024;
 
-    /// The smallest run of zeros inside a block that is left out: with less, a file of alternating pages
-    /// would cost more system calls than bytes saved.
+    /// The shortest run of zeros inside a block that is handed over as zeros. With shorter ones a file in
+    /// which pages of zeros and of data alternate would take many system calls.
     static constexpr uint64_t kHoleSize = 64 * 1024;
 
-    /// receiver outlives the buffer; so does failure, which takes the first error when it is given.
+    /// receiver outlives the buffer. So does failure, which takes the first error when it is given.
     explicit OutputBuffer(OutputReceiver& receiver, WriteFailure* failure = nullptr)
         : m_receiver(receiver), m_failure(failure) {}
-    ~OutputBuffer() override;
+    ~OutputBuffer() override { close(); }
     OutputBuffer(const OutputBuffer&) = delete;
     OutputBuffer& operator=(const OutputBuffer&) = delete;
 
-    /// Closes what is open and starts the output named path. False, with errno set, when the receiver refuses
-    /// it or there is no memory for a block.
+    /// Closes the output that is open and starts the one named path. False, with errno set, when the receiver
+    /// refuses it or there is no memory for a block.
     bool open(const std::string& path, OutputReceiver::OpenMode mode);
     /// True from a successful open to the next close.
     bool is_open() const { return m_open; }
-    /// flush, then closes. False when any of it failed or nothing was open.
+    /// Flushes and closes. False when anything has failed for this output, or none was open.
     bool close();
 
     /// Where the next byte goes, in bytes from the start of the output.
     uint64_t position() const { return m_block_offset + m_block_used; }
-    /// Length in bytes with everything that was appended, handed over or not.
+    /// Length in bytes, with the bytes that are not handed over yet.
     uint64_t size() const { return m_size; }
     /// True when something failed for the output opened last.
     bool has_failed() const { return m_error != 0; }
-    /// Gives the output up with this error, as if handing bytes over had failed with it.
+    /// Gives the output up, as if handing bytes over had failed with this error.
     void fail(int error);
 
-    /// Where the next bytes are gathered. Bytes that are put there and then written from there are not copied
-    /// again. Empty when nothing is open or the output has failed.
+    /// The free part of the block: where the next bytes are gathered. Bytes that are put there and then
+    /// written from there are not copied again. Empty when nothing is open or the output has failed.
     std::span<uint8_t> room();
-    /// complete is called whenever gathered bytes are about to leave, first in a flush and in close: the last
-    /// moment to change bytes that were put into the room and written from there.
+    /// complete is called before gathered bytes are handed over, in every flush and close, and when a block
+    /// is full. It may still change bytes that were put into the room and written from there.
     void before_leaving(std::function<void()> complete) { m_complete = std::move(complete); }
-    /// Writes count bytes of value at the position, without taking them from memory. False when that failed.
+    /// Writes count bytes of value at the position. False when that failed.
     bool append_fill(uint8_t value, uint64_t count);
-    /// Hands everything over. False when anything has failed so far.
+    /// Hands all bytes over. False when anything has failed so far.
     bool flush();
 
 protected:
@@ -90,7 +91,7 @@ private:
     std::string m_path;
     bool m_open = false;
     int m_error = 0;
-    ByteBuffer m_block;  // bytes of [m_block_offset, m_block_offset + m_block_used), not yet handed over
+    ByteBuffer m_block;  // starts with the bytes at m_block_offset that are not handed over yet
     uint64_t m_block_offset = 0;
     uint64_t m_block_used = 0;
     uint64_t m_size = 0;

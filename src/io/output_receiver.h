@@ -3,28 +3,28 @@
 #include <cstdint>
 #include <string>
 
-/// What the gathered bytes of an output go to: a file, or whatever else wants to see them.
-/// The operations return 0 or an errno. Offsets and counts are in bytes from the start of the output.
+/// Takes the bytes of an output block by block: a file, or anything else that implements this.
+/// The operations return 0 or an errno. Offsets are in bytes from the start of the output, counts in bytes.
 class OutputReceiver {
 public:
     struct OpenMode {
-        bool readable = false;  ///< for reading back too
-        bool truncate = true;   ///< what is there already goes
+        bool readable = false;  ///< the output is also read back
+        bool truncate = true;   ///< earlier content is removed
     };
 
     virtual ~OutputReceiver() = default;
 
-    /// Starts the output named path, in place of the one before, and sets size to the bytes that it keeps.
+    /// Starts the output named path in place of the one before. Sets size to the length of what it keeps.
     virtual int open(const std::string& path, OpenMode mode, uint64_t& size) = 0;
-    /// Takes count bytes that belong at the offset.
+    /// Takes the count bytes at this offset of the output.
     virtual int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) = 0;
-    /// Takes count zero bytes at an offset of at least zeros_from(), without having them in memory.
+    /// Takes count zero bytes, which need not be in memory, at an offset of at least zeros_from().
     virtual int zeros(uint64_t offset, uint64_t count) = 0;
-    /// The offset from which on zeros() may be asked; kNoZeros when nowhere.
+    /// The lowest offset that zeros() takes; kNoZeros when it takes none.
     virtual uint64_t zeros_from() const = 0;
-    /// The output is size bytes long with all that was handed over so far. More may follow.
+    /// Completes the output as far as it was handed over: it is size bytes long. More may follow.
     virtual int end(uint64_t size) = 0;
-    /// Nothing more follows.
+    /// Ends the output.
     virtual int close() = 0;
 
     static constexpr uint64_t kNoZeros = UINT64_MAX;

@@ -5,18 +5,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-// Less is not worth a call of its own.
+// For less, reserving costs more than it saves.
 constexpr uint64_t kSmallestReserve = 256 * 1024;
 
-// Large enough that the calls do not count, small enough that what is released is soon needed again.
+// Large enough that the calls cost little, small compared with the files that need this.
 constexpr uint64_t kReleaseStep = 16 * 1024 * 1024;
 
-/// Reserves or frees disk space; the length of the file stays. False where that is not supported.
+/// Reserves or frees disk space and keeps the length of the file. False when that fails or is not supported.
 bool change_space(int descriptor, bool reserve, uint64_t offset, uint64_t count) {
 #if defined(__linux__)
     const int mode = FALLOC_FL_KEEP_SIZE | (reserve ? 0 : FALLOC_FL_PUNCH_HOLE);
@@ -50,11 +49,8 @@ int PositionedFile::open(const std::string& path, OpenMode mode, uint64_t& size)
         retry_interrupted([&] { return ::open(path.c_str(), access | O_CREAT | O_CLOEXEC, 0666); });
     if (m_descriptor < 0)
         return errno;
-    int error = 0;
-    if (retry_interrupted([&] { return ::fstat(m_descriptor, &status); }) != 0)
-        error = errno;
-    else
-        error = take_over(status, mode, size);
+    const bool has_status = retry_interrupted([&] { return ::fstat(m_descriptor, &status); }) == 0;
+    const int error = has_status ? take_over(status, mode, size) : errno;
     if (error != 0) {
         ::close(m_descriptor);
         m_descriptor = -1;
@@ -62,7 +58,8 @@ int PositionedFile::open(const std::string& path, OpenMode mode, uint64_t& size)
     return error;
 }
 
-/// Makes the file that was really opened the output; it is truncated only now that it is known.
+/// Checks the file that was opened and makes it the output. It is truncated only after this check: the path
+/// may lead to another file than before.
 int PositionedFile::take_over(const struct stat& status, OpenMode mode, uint64_t& size) {
     if (is_protected(status))
         return EBUSY;
@@ -79,8 +76,8 @@ int PositionedFile::take_over(const struct stat& status, OpenMode mode, uint64_t
     return 0;
 }
 
-/// Has the file system find space for bytes that are about to be written, all at once: that costs it far less
-/// than page after page. Where it cannot, the write says so.
+/// Reserves the space for bytes that are about to be written: for the file system this costs far less than
+/// page after page. A failure shows in the write.
 void PositionedFile::reserve(uint64_t offset, uint64_t count) {
     if (m_reserves && m_regular && count >= kSmallestReserve)
         m_reserves = change_space(m_descriptor, true, offset, count);
@@ -126,7 +123,7 @@ int PositionedFile::bytes(uint64_t offset, const uint8_t* bytes, uint64_t count)
 }
 
 int PositionedFile::zeros(uint64_t /*offset*/, uint64_t /*count*/) {
-    return 0;  // a hole, once something is written after it
+    return 0;  // they become a hole when something is written after them
 }
 
 uint64_t PositionedFile::zeros_from() const {
@@ -134,7 +131,7 @@ uint64_t PositionedFile::zeros_from() const {
 }
 
 int PositionedFile::end(uint64_t size) {
-    // A file that ends in a hole gets its length from its last byte: that works on every file system.
+    // A hole at the end of the file: writing its last byte sets the length on every file system.
     const uint8_t zero = 0;
     return !m_regular || size <= m_written_end ? 0 : bytes(size - 1, &zero, 1);
 }

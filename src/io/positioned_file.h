@@ -5,10 +5,11 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
-/// A file that is written at given offsets. Interrupted and short writes are repeated. Zeros after everything
-/// that was written to a regular file cost nothing: they become holes.
+/// A file that is written at given offsets. Interrupted and short writes are repeated. In a regular file,
+/// zeros after the last byte that was written become a hole.
 class PositionedFile : public OutputReceiver {
 public:
     PositionedFile() = default;
@@ -16,12 +17,12 @@ public:
     PositionedFile(const PositionedFile&) = delete;
     PositionedFile& operator=(const PositionedFile&) = delete;
 
-    /// Never opens this file, nor those named before: open fails with EBUSY.
+    /// Adds a file to those that open refuses with EBUSY.
     void protect(const FileIdentity& identity) { m_protected.push_back(identity); }
-    /// Leaves no holes from the next open on: zeros() is then never to be asked.
+    /// Leaves no holes from the next open on: zeros_from() is then kNoZeros.
     void keep_zero_bytes() { m_holes_allowed = false; }
 
-    /// Creates the file if it is not there. A pipe or a socket is not readable (ESPIPE).
+    /// Creates the file if it does not exist. Refuses to open a pipe or a socket readable (ESPIPE).
     int open(const std::string& path, OpenMode mode, uint64_t& size) override;
     int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) override;
     int zeros(uint64_t offset, uint64_t count) override;
@@ -31,12 +32,12 @@ public:
 
     /// True from a successful open to the next close.
     bool is_open() const { return m_descriptor >= 0; }
-    /// File descriptor to read back by what was written; -1 when no file is open.
+    /// For reading back what was written; -1 when no file is open.
     int descriptor() const { return m_descriptor; }
-    /// Which file is open; unknown when none is.
+    /// Of the open file; unknown when none is open.
     const FileIdentity& identity() const { return m_identity; }
     /// Frees the disk space of the bytes before offset, in 16 MiB steps, where the file system supports it.
-    /// Those bytes are not to be read again.
+    /// Those bytes must not be read again.
     void release_before(uint64_t offset);
 
 private:
@@ -51,8 +52,8 @@ private:
     bool m_holes_allowed = true;
     bool m_regular = false;
     bool m_reserves = true;      // until the file system refuses to reserve space
-    bool m_releases = true;      // until the file system refuses to take space back
-    uint64_t m_written_end = 0;  // end of what was really written: zeros after it need no bytes
-    uint64_t m_sequential = 0;   // where the next write to a file that is not regular goes by itself
+    bool m_releases = true;      // until the file system refuses to free space
+    uint64_t m_written_end = 0;  // end of the last byte that was written
+    uint64_t m_sequential = 0;   // where the next write to a file that is not regular goes
     uint64_t m_released = 0;     // the space before this offset was freed
 };
