@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 uint8_t mm = 14;
@@ -40,7 +42,7 @@ constexpr uint32_t kPrimitivePolynomials[] = {0x7,     0xB,     0x13,    0x25,  
                                               0x211,   0x409,   0x805,   0x1099,  0x25AF,  0x41D5, 0x8003,
                                               0x1002D, 0x20009, 0x40081, 0x80063, 0x100009};
 
-/// Exponents of the roots: the cyclotomic cosets of 1 to 2t, in increasing order.
+/// Exponents of the roots, in increasing order: the cyclotomic cosets of 1 to 2t.
 std::vector<uint32_t> generator_roots() {
     std::vector<bool> is_root(DubCodeBitsNum);
     for (uint32_t i = 1; i <= 2 * MaxBitsNum; ++i) {
@@ -87,8 +89,8 @@ void set_configuration(uint16_t t) {
     BCHSpareSize = (CodecBitsNum / 8 + 1) & ~1U;
 }
 
-/// An erased page reads 0xFF everywhere and must be valid for these three strengths. So the complement of the
-/// register of 1028 bytes of 0xFF is added to every register.
+/// In an erased page every byte reads as 0xFF. For these three strengths it must be valid, so the complement
+/// of the register of 1028 bytes of 0xFF is added to every register.
 void set_correction() {
     correction = {};
     if (MaxBitsNum != 16 && MaxBitsNum != 24 && MaxBitsNum != 60)
@@ -135,7 +137,7 @@ void gen_poly() {
     std::vector<int32_t> g(rr + 1, 0);
     g[0] = 1;
     uint32_t degree = 0;
-    for (uint32_t root : roots) {  // times (x + alpha^root)
+    for (uint32_t root : roots) {  // g * (x + alpha^root)
         ++degree;
         for (uint32_t i = degree; i > 0; --i)
             g[i] = g[i - 1] ^ times_power(g[i], root);

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// Binary BCH code over GF(2^14) for NAND pages: a codeword has 1024 data bytes, 4 system bytes and parity
+/// Binary BCH code over GF(2^14) for NAND pages. A codeword has 1024 data bytes, 4 system bytes and parity
 /// for t correctable bits. bch_init configures the code and bch_encode uses it. Both work on global state.
 
 // Configuration, set by bch_init.
@@ -34,27 +34,27 @@ extern uint32_t rr;                               ///< degree of the generator p
 extern uint32_t ggx[64];
 
 /// Configures the code for t correctable bits, 1 to 64 (asserted). Must be called before any encoding; a
-/// later call configures the code anew.
+/// later call replaces the configuration.
 void bch_init(uint16_t t);
 
 /// A step of bch_init: fills p, alpha_to and index_of for the degree mm, 2 to 20 (asserted). alpha_to and
-/// index_of must point to 2^mm entries each; that they are not null is asserted.
+/// index_of point to 2^mm entries each and are not null (asserted).
 void generate_gf();
 
-/// A step of bch_init: fills gg, rr and ggx for MaxBitsNum correctable bits. It uses alpha_to and index_of as
-/// generate_gf filled them; that they are not null is asserted.
+/// A step of bch_init: fills gg, rr and ggx for MaxBitsNum correctable bits, from the alpha_to and index_of
+/// of generate_gf, which are not null (asserted).
 void gen_poly();
 
-/// Encodes one codeword: copies the 1028 bytes at input to output, unless both are the same place, and writes
-/// CodecBytesNum parity bytes at output + 1028. For t = 16, 24 and 60 a codeword of 0xFF alone is valid.
+/// Encodes one codeword: copies the 1028 bytes at input to output, unless both pointers are equal, and writes
+/// CodecBytesNum parity bytes at output + 1028. For t = 16, 24 and 60 a codeword of 0xFF bytes is valid.
 void bch_encode(const uint8_t* input, uint8_t* output);
 
-/// Encodes count codewords in place, each as bch_encode does. They may lie anywhere. A call with
-/// kBchUnitsTogether of them, or a multiple, takes the least time for each.
+/// Encodes count codewords in place, each as bch_encode does. They may lie anywhere. A multiple of
+/// kBchUnitsTogether takes the least time for each.
 void bch_encode_units(uint8_t* const* units, uint32_t count);
 
-/// Replaces the system bytes of an encoded codeword by value (little-endian) and corrects its parity. The
-/// code is linear, so the data is not read.
+/// Replaces the system bytes of an encoded codeword by value (little-endian) and updates its parity. The code
+/// is linear, so the data is not read.
 void bch_replace_system_bytes(uint8_t* codeword, uint32_t value);
 
 /// Number of codewords encoded since the program started; bch_replace_system_bytes does not count.

@@ -10,7 +10,7 @@ static_assert(std::endian::native == std::endian::little,
               "packed records are laid over bytes of little-endian formats");
 
 /// Reads little-endian values and packed records out of bytes that somebody else wrote.
-/// The one bounds check of all parsing sits in read(); nothing else looks behind the end.
+/// holds() is the one bounds check of all parsing.
 class ByteReader {
 public:
     ByteReader(const uint8_t* data, uint64_t size) : m_data(data), m_size(size) {}
@@ -20,7 +20,7 @@ public:
         return offset <= m_size && length <= m_size - offset;
     }
 
-    /// Copies length bytes at offset to out. False, with out untouched, when they do not all lie inside.
+    /// Copies length bytes at offset to out. False, with out unchanged, when they do not all lie inside.
     bool read(uint64_t offset, void* out, uint64_t length) const {
         if (!holds(offset, length))
             return false;
@@ -29,7 +29,7 @@ public:
         return true;
     }
 
-    /// Reads one value or packed record at offset. False, with value untouched, when it does not lie inside.
+    /// Reads one value or packed record at offset. False, with value unchanged, when it does not lie inside.
     template <typename T>
     bool read(uint64_t offset, T& value) const {
         static_assert(std::is_trivially_copyable_v<T>);
@@ -41,7 +41,7 @@ private:
     uint64_t m_size;
 };
 
-/// The little-endian value of type T at bytes, which the caller knows to be there (fields inside a record).
+/// The little-endian value of type T at bytes, for a field of a record that was read.
 template <typename T>
 T little_endian_at(const void* bytes) {
     static_assert(std::is_trivially_copyable_v<T>);

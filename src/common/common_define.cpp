@@ -33,9 +33,11 @@ constexpr uint32_t reflected_entry(uint32_t index) {
     return remainder;
 }
 
-using Rc4Key = std::array<uint8_t, 16>;
-
-#ifdef NANDSMITH_RC4_KEY
+// The default is a development key ("nandsmith-devkey") that no device has: images for a device need the key
+// of its boot ROM.
+#ifndef NANDSMITH_RC4_KEY
+#define NANDSMITH_RC4_KEY "6e616e64736d6974682d6465766b6579"
+#endif
 
 constexpr bool is_key_text(std::string_view text) {
     for (char digit : text)
@@ -47,22 +49,15 @@ constexpr bool is_key_text(std::string_view text) {
 constexpr std::string_view kKeyText = NANDSMITH_RC4_KEY;
 static_assert(is_key_text(kKeyText), "NANDSMITH_RC4_KEY must be exactly 32 hexadecimal digits");
 
-constexpr Rc4Key make_key() {
-    Rc4Key key{};
+constexpr std::array<uint8_t, 16> make_key() {
+    std::array<uint8_t, 16> key{};
     for (std::size_t i = 0; i < key.size(); ++i)
         key[i] = static_cast<uint8_t>(hexadecimal_value(kKeyText[2 * i]) * 16 +
                                       hexadecimal_value(kKeyText[2 * i + 1]));
     return key;
 }
 
-constexpr Rc4Key kBuildKey = make_key();
-
-#else
-
-// A development key: no device has it. Images for a real device need the key of its boot ROM.
-constexpr Rc4Key kBuildKey = {'n', 'a', 'n', 'd', 's', 'm', 'i', 't', 'h', '-', 'd', 'e', 'v', 'k', 'e', 'y'};
-
-#endif
+constexpr std::array<uint8_t, 16> kBuildKey = make_key();
 
 }  // namespace
 
@@ -137,7 +132,7 @@ void rc4_with_key(uint8_t* buf, uint32_t len, const uint8_t* key, uint32_t key_l
     for (std::size_t k = 0; k < state.size(); ++k)
         state[k] = static_cast<uint8_t>(k);
 
-    uint8_t j = 0;  // all index sums wrap at 256, as the cipher wants
+    uint8_t j = 0;  // the sums of indexes are modulo 256
     for (std::size_t i = 0; i < state.size(); ++i) {
         j = static_cast<uint8_t>(j + state[i] + key[i % key_len]);
         std::swap(state[i], state[j]);

@@ -6,8 +6,8 @@
 /// Nothing here has state beyond constant tables, and nothing fails.
 
 /// MSB-first CRC table of the boot container: entry i is i * x^24 modulo x^32 + 0x04C10DB7.
-/// The generator differs from the usual 0x04C11DB7 in bit 12. Boot containers carry checksums made with
-/// exactly this value, so it must not be corrected.
+/// The generator differs from the usual 0x04C11DB7 in bit 12. Kept: the checksum in a boot container is made
+/// with this value.
 extern const uint32_t gCrc32Table[256];
 
 /// The ordinary reflected CRC-32 table (IEEE 802.3, generator 0xEDB88320), as GPT headers use it.
@@ -36,10 +36,10 @@ uint16_t crc_ccitt(const uint8_t* data, uint32_t len);
 /// One byte step of crc_ccitt from the value crc.
 uint16_t crc_calculate(uint16_t crc, uint8_t byte);
 
-/// Scrambles len bytes in place with RC4 under the key that was fixed at build time (NANDSMITH_RC4_KEY).
-/// The key schedule restarts at every call: the boot ROM descrambles each 512-byte sector by itself.
-/// Applied twice it restores the bytes.
+/// Scrambles len bytes in place with RC4. The key is fixed at build time (NANDSMITH_RC4_KEY).
+/// The keystream starts anew at every call: in a boot block each 512-byte sector is scrambled by itself.
+/// A second call restores the bytes.
 void rc4(uint8_t* buf, uint32_t len);
 
-/// rc4 under a given key of key_len bytes (1 to 256).
+/// rc4 with a given key of key_len bytes (1 to 256).
 void rc4_with_key(uint8_t* buf, uint32_t len, const uint8_t* key, uint32_t key_len);

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Value of a hexadecimal digit in either case; -1 for another character.
+/// Value of a hexadecimal digit, in either case; -1 for any other character.
 constexpr int hexadecimal_value(char digit) {
     if (digit >= '0' && digit <= '9')
         return digit - '0';

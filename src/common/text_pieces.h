@@ -1,9 +1,11 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <string_view>
 
-/// Takes the next piece up to the separator off the text. False at its end, also behind a last separator.
+/// Removes the next piece, up to the separator, from the front of the text. False when no text is left, also
+/// after a last separator.
 inline bool next_piece(std::string_view& text, char separator, std::string_view& piece) {
     if (text.empty())
         return false;
@@ -13,8 +15,8 @@ inline bool next_piece(std::string_view& text, char separator, std::string_view&
     return true;
 }
 
-/// Takes the next line that is not empty off the text and one carriage return off its end. False at the
-/// text's end.
+/// Removes the next line that is not empty from the front of the text. A carriage return at its end is left
+/// out. False when no text is left.
 inline bool next_line(std::string_view& text, std::string_view& line) {
     while (next_piece(text, '\n', line)) {
         if (line.empty())

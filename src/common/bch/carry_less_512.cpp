@@ -5,7 +5,7 @@
 
 namespace {
 
-/// Shuffles are those of the compiler: gcc 12 warns of uninitialised values in the intrinsics.
+/// Shuffles with the builtins of the compiler: gcc 12 warns of uninitialised values in the intrinsics.
 struct Lanes512 {
     using Vector = __m512i;
 

@@ -2,15 +2,15 @@
 
 #include <cstdint>
 
-/// Constants of the carry-less kernels. The parity of a codeword is the sum of its parts' parities: each is
-/// the part times x^e mod g, where e bits follow the part. The parts are blocks of 256 bits, and x^e mod g of
-/// each block is 256 bits as well, the words c0 to c3.
+/// Constants of the carry-less kernels. A codeword is cut into blocks of 256 bits, and its parity is the sum
+/// of the parities of its blocks. The parity of a block is the block times x^e mod g, where e bits follow the
+/// block. x^e mod g has 256 bits as well, the words c0 to c3.
 ///
-/// Their product takes 9 products of 64-bit words in place of 16 (Karatsuba, twice). The sums of words that
-/// these products need are kept here.
+/// The product takes 9 products of 64-bit words in place of 16 (Karatsuba, twice). These need the sums of
+/// words that stand here.
 
 constexpr uint32_t kBchBlockBytes = 32;
-constexpr uint32_t kBchBlocks = 32;  ///< whole ones in a codeword
+constexpr uint32_t kBchBlocks = 32;  ///< whole blocks in a codeword
 
 /// Aligned for vectors of up to 512 bits.
 struct alignas(64) BchMultipliers {

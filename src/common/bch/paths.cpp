@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
-// The table of paths, fastest first. Each row is the constant that the source of that path defines.
+// The paths, fastest first. Each is defined in the source of its name.
 #if defined(__x86_64__)
 #define BCH_PATHS bch_carry_less_512, bch_carry_less_256, bch_carry_less_128, bch_portable
 #else

@@ -4,7 +4,7 @@
 namespace {
 
 constexpr uint32_t kFirstBytes = kBchCodewordBytes % 8;  // of a codeword, before its 64-bit words
-static_assert(kFirstBytes == 4 && kBchInputWords % 2 == 0, "half a word, then two halves");
+static_assert(kFirstBytes == 4 && kBchInputWords % 2 == 0, "half a word, then two halves of whole words");
 
 /// sum += before * x^(half a codeword): joins the registers of a codeword's halves.
 [[gnu::always_inline]] inline void join_halves(const BchTables& tables,
@@ -20,10 +20,10 @@ static_assert(kFirstBytes == 4 && kBchInputWords % 2 == 0, "half a word, then tw
                 sum.part[v] ^= entry[(word >> 4 * group & 0xF) * vectors + v];
 }
 
-/// Encodes Units codewords side by side, each in Parts (1 or 2). A lane is the register of one part. While
-/// the rows of one lane are loaded, the processor works on the others. All lanes are unrolled, so that they
-/// stay in its registers. The first word of a codeword is 4 zero bytes and 4 of its own; zeros at the start
-/// change nothing.
+/// Encodes Units codewords side by side, each in Parts (1 or 2) parts. A lane is the register of one part.
+/// While the rows of one lane are loaded, the processor works on the others. The loops over lanes are
+/// unrolled, so that the lanes stay in its registers. A codeword starts with half a word, which is fed after
+/// 4 bytes of zeros: these change nothing.
 template <uint32_t Rows, uint32_t Units, uint32_t Parts>
 [[gnu::always_inline]] inline void encode_units(const BchTables& tables, const uint8_t* const* codewords,
                                                 BchRegister* results) {
@@ -51,8 +51,8 @@ template <uint32_t Rows, uint32_t Units, uint32_t Parts>
     }
 }
 
-/// Four lanes fill the vector registers of every x86-64 processor. Where fewer than four units are left, and
-/// a register is one row, each unit is cut in halves, so that more lanes have work.
+/// Four lanes fill the vector registers that every x86-64 processor has. When fewer than four units are left
+/// and a register is one row, each unit is cut in half, so that more lanes have work.
 template <uint32_t Rows>
 [[gnu::noinline]] void encode_rows(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                                    BchRegister* results) {
@@ -74,8 +74,8 @@ template <uint32_t Rows>
     }
 }
 
-/// Each width of the register has a function of its own: one for all of them needs more registers than there
-/// are.
+/// Each width of the register has a function of its own. One function for all would need more registers than
+/// a processor has.
 void encode(const BchTables& tables, const uint8_t* const* codewords, uint32_t count, BchRegister* results) {
     constexpr BchKernel by_rows[] = {encode_rows<1>, encode_rows<2>, encode_rows<3>, encode_rows<4>};
     by_rows[tables.rows_per_register - 1](tables, codewords, count, results);

@@ -4,10 +4,10 @@
 
 #include <cstring>
 
-/// The parity register while input is fed to it from tables. All of it is inlined, so that it is compiled for
-/// the instructions of the function that uses it.
+/// The parity register while input is fed to it through tables. All of this is inlined, so that it is
+/// compiled with the instructions of the function that uses it.
 
-using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));     ///< for vectors of 256 bits
+using WholeRow = uint64_t __attribute__((vector_size(sizeof(BchRow))));     ///< takes vectors of 256 bits
 using HalfRow = uint64_t __attribute__((vector_size(sizeof(BchRow) / 2)));  ///< for every processor
 
 template <typename Word>
@@ -17,7 +17,7 @@ template <typename Word>
     return word;
 }
 
-/// Moves part on by a 64-bit word; the first word of next becomes its last.
+/// Shifts part by a 64-bit word; the first word of next becomes its last one.
 [[gnu::always_inline]] inline void bch_shift_in(WholeRow& part, const WholeRow& next) {
     part = __builtin_shufflevector(part, next, 1, 2, 3, 4);
 }
@@ -25,8 +25,8 @@ template <typename Word>
     part = __builtin_shufflevector(part, next, 1, 2);
 }
 
-/// The entry of the byte at a position (0 to 7) of word. One shift and one mask give the offset of its row,
-/// and the position is a constant in the address: no other form takes fewer instructions.
+/// The entry of the byte at a position (0 to 7) of word. One shift and one mask give the offset of its row.
+/// The position is a constant in the address.
 template <uint32_t Rows, typename Vector>
 [[gnu::always_inline]] inline const Vector* bch_entry(const Vector* table, uint32_t position, uint64_t word) {
     constexpr uint32_t row_shift = 5;
@@ -43,8 +43,8 @@ struct BchTableRegister {
     static constexpr uint32_t kVectors = Rows * sizeof(BchRow) / sizeof(Vector);
     Vector part[kVectors] = {};
 
-    /// Feeds a 64-bit word of input. The register moves on by one word. The word that leaves it is added to
-    /// the input, and the tables say what each byte of that sum adds to the register.
+    /// Feeds a 64-bit word of input. The register is shifted by one word. The word that leaves it is added to
+    /// the input, and the tables give what each byte of that sum adds to the register.
     [[gnu::always_inline]] inline void feed(const Vector* table, uint64_t input) {
         const uint64_t index = part[0][0] ^ input;
         for (uint32_t v = 0; v + 1 < kVectors; ++v)
@@ -58,8 +58,7 @@ struct BchTableRegister {
         }
     }
 
-    /// Copies the register part by part: the compiler would keep a register that is copied as a whole in
-    /// memory.
+    /// Copies part by part. The compiler would keep a register in memory that is copied as a whole.
     [[gnu::always_inline]] inline void store(BchRegister& result) const {
         for (uint32_t v = 0; v < kVectors; ++v)
             std::memcpy(result.word + v * (sizeof(Vector) / sizeof(uint64_t)), &part[v], sizeof(Vector));

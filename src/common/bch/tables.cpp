@@ -4,9 +4,9 @@
 
 namespace {
 
-constexpr uint32_t kRowGroups = 64;  // of 4 bits each
+constexpr uint32_t kRowGroups = 64;  // of 4 bits each, in a row
 constexpr uint32_t kTailBytes = kBchCodewordBytes - kBchBlocks * kBchBlockBytes;
-static_assert(kTailBytes == 4, "the last word beyond the degree has room for them");
+static_assert(kTailBytes == 4, "the kernels add the tail to half a word");
 
 /// The register of x^0.
 BchRegister register_of_one(uint32_t degree) {
@@ -15,7 +15,7 @@ BchRegister register_of_one(uint32_t degree) {
     return one;
 }
 
-/// The generator without its highest term, as a register. generator lacks the term x^0.
+/// The register of the generator without its highest term. The packed generator lacks the term x^0 as well.
 BchRegister register_of_generator(const uint32_t* generator, uint32_t degree) {
     BchRegister polynomial = register_of_one(degree);
     for (uint32_t bit = 0; bit + 1 < degree; ++bit)
@@ -23,7 +23,7 @@ BchRegister register_of_generator(const uint32_t* generator, uint32_t degree) {
     return polynomial;
 }
 
-/// value * x mod g: a shift by one bit towards bit 0. polynomial is g without its highest term.
+/// value = value * x mod g, a shift by one bit towards bit 0. polynomial is g without its highest term.
 void multiply_by_x(BchRegister& value, const BchRegister& polynomial) {
     const uint64_t carry = 0 - (value.word[0] & 1);
     for (std::size_t k = 0; k < kBchRegisterWords; ++k) {
@@ -32,8 +32,8 @@ void multiply_by_x(BchRegister& value, const BchRegister& polynomial) {
     }
 }
 
-/// Fills the entries, of `rows` rows each, of the values that have several bits: they are sums of those of
-/// single bits.
+/// Fills the entries of all values with several bits from those with a single bit, of which they are sums. An
+/// entry has that many rows.
 void add_up_entries(BchRow* entries, uint32_t values, uint32_t rows) {
     for (uint32_t value = 1; value < values; ++value) {
         const uint32_t lowest = value & (0 - value);
@@ -43,8 +43,8 @@ void add_up_entries(BchRow* entries, uint32_t values, uint32_t rows) {
     }
 }
 
-/// The last bit of the last byte adds x^degree mod g, which is the polynomial; each bit before it has one
-/// more x.
+/// The last bit of the last byte adds x^degree mod g, which is the polynomial. Each bit before it adds x
+/// times what the bit after it adds.
 void build_rows(const BchRegister& polynomial, BchTables& tables) {
     const uint32_t rows = tables.rows_per_register;
     tables.rows.assign(std::size_t{8} * 256 * rows, BchRow{});
@@ -59,7 +59,7 @@ void build_rows(const BchRegister& polynomial, BchTables& tables) {
     }
 }
 
-/// Half a codeword of zeros after bit b of a register makes x^(degree - 1 - b + half a codeword) mod g of it.
+/// After half a codeword of zeros, which has h bits, bit b of a register is x^(degree - 1 - b + h) mod g.
 void build_half_way_rows(const BchRegister& polynomial, uint32_t degree, BchTables& tables) {
     tables.half_way_rows.assign(std::size_t{kRowGroups} * 16, BchRow{});
     BchRow* entries = tables.half_way_rows.data();
@@ -74,7 +74,7 @@ void build_half_way_rows(const BchRegister& polynomial, uint32_t degree, BchTabl
         add_up_entries(entries + group * 16, 16, 1);
 }
 
-/// For a degree up to 256.
+/// For a degree of up to 256.
 BchMultipliers build_multipliers(const BchRegister& polynomial) {
     BchMultipliers m{};
     BchRegister power{{1}};  // x^(degree - 1)
