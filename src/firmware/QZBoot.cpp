@@ -16,30 +16,14 @@ constexpr uint32_t kLargestLoaderMergeVersion = 0x1000000;
 constexpr uint32_t kCrcSize = 4;
 constexpr int kNameLength = 20;
 
-void entry_name(const STRUCT_QZBOOT_ENTRY& entry, char (&name)[kNameLength]) {
+/// Copies the name to 20 characters.
+void copy_name(const STRUCT_QZBOOT_ENTRY& entry, char* name) {
     uint16_t units[kNameLength];  // an aligned copy: the record is packed
     std::memcpy(units, entry.szName, sizeof(units));
     CQZBoot::wchar_To_char(units, name, kNameLength);
 }
 
 }  // namespace
-
-CQZBoot::CQZBoot(uint8_t* lpBootData, uint32_t dwBootSize)
-    : m_BootData(lpBootData), m_BootSize(lpBootData != nullptr ? dwBootSize : 0) {
-    const auto bind = [this](auto& view, auto getter) {
-        view.setContainer(this);
-        view.getter(getter);
-    };
-    bind(Rc4DisableFlag, &CQZBoot::GetRc4DisableFlag);
-    bind(SignFlag, &CQZBoot::GetSignFlag);
-    bind(Version, &CQZBoot::GetVersion);
-    bind(MergeVersion, &CQZBoot::GetMergeVersion);
-    bind(ReleaseTime, &CQZBoot::GetReleaseTime);
-    bind(SupportDevice, &CQZBoot::GetSupportDevice);
-    bind(Entry471Count, &CQZBoot::GetEntry471Count);
-    bind(Entry472Count, &CQZBoot::GetEntry472Count);
-    bind(EntryLoaderCount, &CQZBoot::GetEntryLoaderCount);
-}
 
 int CQZBoot::ObjectInit() {
     if (m_BootSize == 0)
@@ -93,7 +77,7 @@ char CQZBoot::GetIndexByName(ENUM_QZBOOTENTRY type, const char* pName) {
         if (!entry)
             return not_found;
         char name[kNameLength];
-        entry_name(*entry, name);
+        copy_name(*entry, name);
         if (::strncasecmp(name, pName, kNameLength) == 0)
             return static_cast<char>(i);
     }
@@ -107,11 +91,8 @@ bool CQZBoot::GetEntryProperty(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint32_t&
         return false;
     dwDelay = entry->dwDataDelay;
     dwSize = entry->dwDataSize;
-    if (pName != nullptr) {
-        char name[kNameLength];
-        entry_name(*entry, name);
-        std::memcpy(pName, name, kNameLength);
-    }
+    if (pName != nullptr)
+        copy_name(*entry, pName);
     return true;
 }
 

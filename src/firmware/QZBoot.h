@@ -8,21 +8,21 @@
 #include <span>
 #include <string>
 
-/// Kind of an entry of the boot container; each kind has a table of its own.
+/// Kind of an entry of the boot container. Each kind has a table of its own.
 enum ENUM_QZBOOTENTRY : uint32_t {
     ENTRY471 = 1,
     ENTRY472 = 2,
     ENTRYLOADER = 4,
 };
 
-/// Chip-family code; copied through, never interpreted.
+/// Chip-family code, never interpreted.
 enum ENUM_QZDEVICE_TYPE : uint32_t {
     QZNONE_DEVICE = 0,
 };
 
 #pragma pack(push, 1)
 
-/// Release time as it lies in image and container heads.
+/// Release time in the heads of images and containers.
 struct STRUCT_QZTIME {
     uint16_t usYear;
     uint8_t ucMonth;
@@ -33,7 +33,7 @@ struct STRUCT_QZTIME {
 };
 static_assert(sizeof(STRUCT_QZTIME) == 7);
 
-/// Head of a boot container, at its byte 0. Offsets are in bytes from the container start.
+/// Head of a boot container, at its byte 0. Offsets are in bytes from the start of the container.
 struct STRUCT_QZBOOT_HEAD {
     uint32_t uiTag;  ///< "BOOT" or "LDR "
     uint16_t usSize;
@@ -51,12 +51,12 @@ struct STRUCT_QZBOOT_HEAD {
     uint32_t dwLoaderEntryOffset;
     uint8_t ucLoaderEntrySize;
     uint8_t ucSignFlag;  ///< 'S': the loader is signed
-    uint8_t ucRc4Flag;   ///< non-zero: the stages lie plain in here and are scrambled in the boot block
+    uint8_t ucRc4Flag;   ///< non-zero: the loader data is plain here and scrambled in the boot block
     uint8_t reserved[57];
 };
 static_assert(sizeof(STRUCT_QZBOOT_HEAD) == 102);
 
-/// One table entry. The stride of a table is the entry size of the head, not ucSize.
+/// One table entry. The head gives the distance from one entry to the next, not ucSize.
 struct STRUCT_QZBOOT_ENTRY {
     uint8_t ucSize;
     ENUM_QZBOOTENTRY emType;
@@ -69,24 +69,23 @@ static_assert(sizeof(STRUCT_QZBOOT_ENTRY) == 57);
 
 #pragma pack(pop)
 
-/// The boot-loader container: what the boot ROM loads, in entries of three kinds, with a checksum after them.
-/// Before ObjectInit has succeeded all values read 0 or false.
+/// The boot-loader container: what the boot ROM loads, in entries of three kinds, and a checksum after them.
+/// All values read as 0 or false until ObjectInit has succeeded.
 class CQZBoot {
 public:
-    // Values of the container's head, read like data members.
-    property<CQZBoot, bool, 1> Rc4DisableFlag;
-    property<CQZBoot, bool, 1> SignFlag;
-    property<CQZBoot, uint32_t, 1> Version;
-    property<CQZBoot, uint32_t, 1> MergeVersion;
-    property<CQZBoot, STRUCT_QZTIME, 1> ReleaseTime;
-    property<CQZBoot, ENUM_QZDEVICE_TYPE, 1> SupportDevice;
-    property<CQZBoot, uint8_t, 1> Entry471Count;
-    property<CQZBoot, uint8_t, 1> Entry472Count;
-    property<CQZBoot, uint8_t, 1> EntryLoaderCount;
+    property<CQZBoot, bool, 1> Rc4DisableFlag{this, &CQZBoot::GetRc4DisableFlag};
+    property<CQZBoot, bool, 1> SignFlag{this, &CQZBoot::GetSignFlag};
+    property<CQZBoot, uint32_t, 1> Version{this, &CQZBoot::GetVersion};
+    property<CQZBoot, uint32_t, 1> MergeVersion{this, &CQZBoot::GetMergeVersion};
+    property<CQZBoot, STRUCT_QZTIME, 1> ReleaseTime{this, &CQZBoot::GetReleaseTime};
+    property<CQZBoot, ENUM_QZDEVICE_TYPE, 1> SupportDevice{this, &CQZBoot::GetSupportDevice};
+    property<CQZBoot, uint8_t, 1> Entry471Count{this, &CQZBoot::GetEntry471Count};
+    property<CQZBoot, uint8_t, 1> Entry472Count{this, &CQZBoot::GetEntry472Count};
+    property<CQZBoot, uint8_t, 1> EntryLoaderCount{this, &CQZBoot::GetEntryLoaderCount};
 
-    /// Takes ownership of the dwBootSize bytes at lpBootData (made by new[]); null leaves the object without
-    /// data.
-    CQZBoot(uint8_t* lpBootData, uint32_t dwBootSize);
+    /// Takes ownership of the dwBootSize bytes at lpBootData, made by new[]. With null there is no data.
+    CQZBoot(uint8_t* lpBootData, uint32_t dwBootSize)
+        : m_BootData(lpBootData), m_BootSize(lpBootData != nullptr ? dwBootSize : 0) {}
     CQZBoot(const CQZBoot&) = delete;
     CQZBoot& operator=(const CQZBoot&) = delete;
 
@@ -94,43 +93,43 @@ public:
     enum InitResult : int {
         kLoaded = 0,
         kNoData = -1,
-        kWrongCrc = -2,        ///< or no room for one
-        kUnknownTag = -3,      ///< or no room for a head
-        kUnknownVersion = -4,  ///< the merge version of an "LDR " container is above 0x1000000
+        kWrongCrc = -2,        ///< or too short for a CRC
+        kUnknownTag = -3,      ///< or too short for a head
+        kUnknownVersion = -4,  ///< "LDR " with a merge version above 0x1000000
     };
 
-    /// Checks the container and decodes its head. The getters are meaningful after success only.
+    /// Checks the container and decodes its head.
     int ObjectInit();
 
-    /// True when the CRC in the last four bytes is that of the bytes before it.
+    /// True when the last four bytes are the CRC of the bytes before them.
     bool CrcCheck();
 
-    /// Index of the first entry of that kind whose name is pName ignoring case (20 characters count), or 0xFF
-    /// when there is none, the kind is unknown or the table leaves the container.
+    /// Index of the first entry of that kind whose name is pName. Case and characters after the 20th are
+    /// ignored. 0xFF when there is none, the kind is unknown or the table does not lie inside the container.
     char GetIndexByName(ENUM_QZBOOTENTRY type, const char* pName);
 
-    /// Hands out an entry's data size in bytes, its delay and, when pName is not null, its name as 20
-    /// single-byte characters (without a NUL when it has all 20). False for an unknown kind or index or when
-    /// the entry leaves the container; the arguments are then untouched.
+    /// Gives the size of an entry's data in bytes, its delay and, unless pName is null, its name as 20
+    /// single-byte characters (without a NUL when it has all 20). False, with the arguments unchanged, for an
+    /// unknown kind or index or when the entry does not lie inside the container.
     bool GetEntryProperty(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint32_t& dwSize, uint32_t& dwDelay,
                           char* pName = nullptr);
 
-    /// The entry's data where it lies in the container. Nothing for an unknown kind or index or when entry or
-    /// data leave the container. An entry of size 0 has no data that could: its offset does not count.
+    /// The entry's data, which stays in the container. Nothing for an unknown kind or index or when the entry
+    /// or its data do not lie inside the container. The offset of an entry of size 0 is not checked.
     std::optional<std::span<const uint8_t>> entry_data(ENUM_QZBOOTENTRY type, uint8_t index) const;
 
-    /// Copies the entry's data to lpData, which holds the size that GetEntryProperty told. False, with
-    /// nothing copied, where entry_data has nothing.
+    /// Copies the entry's data to lpData, which has the size that GetEntryProperty gives. False, with nothing
+    /// copied, when entry_data returns nothing.
     bool GetEntryData(ENUM_QZBOOTENTRY type, uint8_t ucIndex, uint8_t* lpData);
 
-    /// Writes the entry's data to a new file. False as GetEntryData, and when the file cannot be made or
-    /// written.
+    /// Writes the entry's data to a new file. False when entry_data returns nothing, or the file cannot be
+    /// created or written.
     bool SaveEntryFile(ENUM_QZBOOTENTRY type, uint8_t ucIndex, std::string fileName);
 
     /// Zeroes len bytes of dst and copies the low byte of each of the first len UTF-16 units of src.
     static void wchar_To_char(const uint16_t* src, char* dst, int len);
 
-    // Getters of the properties of the same name.
+    // Getters of the properties.
     bool GetRc4DisableFlag() { return m_bRc4Disable; }
     bool GetSignFlag() { return m_bSignFlag; }
     uint32_t GetVersion() { return m_version; }

@@ -1,23 +1,24 @@
 #include "QZImage.h"
 
 #include "../common/byte_reader.h"
+#include "../common/lower_case.h"
 #include "../io/retry.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <optional>
-#include <vector>
+#include <sys/stat.h>
 
 namespace {
 
 constexpr uint32_t kImageTag = 0x57465A51;  // "QZFW"
 constexpr std::size_t kPathBufferSize = 256;
 
-// Positions inside the reserved bytes of the image head.
+// Positions in the reserved bytes of the image head.
 constexpr std::size_t kOsTypePosition = 4;
 constexpr std::size_t kBackupSizePosition = 12;
 constexpr std::size_t kPackageSizeMark = 14;  // 'H', 'I': the package size has a high half
@@ -28,49 +29,7 @@ constexpr int32_t kLargestSignature = 256;
 // A trailer of up to this many bytes is an MD5 alone; a signature has at least 128 bytes.
 constexpr int32_t kLongestTrailerWithoutSignature = 159;
 
-constexpr int nested_code(int boot_code) {
-    return boot_code * 1000 - 6;
-}
-
-bool names_boot_container(std::string path) {
-    std::transform(path.begin(), path.end(), path.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return path.find(".bin") != std::string::npos;
-}
-
-std::FILE* open_for_reading(const char* path) {
-    std::FILE* file = nullptr;
-    retry_interrupted([&] {
-        file = std::fopen(path, "rb");
-        return file != nullptr ? 0 : -1;
-    });
-    return file;
-}
-
 }  // namespace
-
-CQZImage::CQZImage() {
-    const auto bind = [this](auto& view, auto getter) {
-        view.setContainer(this);
-        view.getter(getter);
-    };
-    bind(Version, &CQZImage::GetVersion);
-    bind(MergeVersion, &CQZImage::GetMergeVersion);
-    bind(ReleaseTime, &CQZImage::GetReleaseTime);
-    bind(SupportDevice, &CQZImage::GetSupportDevice);
-    bind(OsType, &CQZImage::GetOsType);
-    bind(BackupSize, &CQZImage::GetBackupSize);
-    bind(BootOffset, &CQZImage::GetBootOffset);
-    bind(BootSize, &CQZImage::GetBootSize);
-    bind(FWOffset, &CQZImage::GetFWOffset);
-    bind(FWSize, &CQZImage::GetFWSize);
-    bind(SignFlag, &CQZImage::GetSignFlag);
-    bind(SingleFlag, &CQZImage::GetSingleFlag);
-}
-
-CQZImage::~CQZImage() {
-    close_file();
-}
 
 int CQZImage::ObjectInit(std::string filename, bool /*bDoCheck*/) {
     if (const int code = open_file(filename); code != 0)
@@ -106,12 +65,15 @@ int CQZImage::open_file(const std::string& filename) {
         return kIsADirectory;
     m_fileSize = static_cast<uint64_t>(status.st_size);
     m_identity = FileIdentity(status);
-    m_bSingleFlag = names_boot_container(filename);
+    m_bSingleFlag = lower_case(filename).find(".bin") != std::string::npos;
 
-    m_pFile = open_for_reading(filename.c_str());
+    retry_interrupted([&] {
+        m_pFile = std::fopen(filename.c_str(), "rb");
+        return m_pFile != nullptr ? 0 : -1;
+    });
     if (m_pFile == nullptr)
         return kNotOpened;
-    m_reader.attach(::fileno(m_pFile));  // the reader's own block takes the place of the stdio buffer
+    m_reader.attach(::fileno(m_pFile));
     return kLoaded;
 }
 
@@ -122,7 +84,7 @@ int CQZImage::load_head() {
     if (head.uiTag != kImageTag)
         return kWrongTag;
 
-    // Without the high half the end is a 32-bit sum, with it a 64-bit one.
+    // The end is a 32-bit sum, or with a high half a 64-bit sum.
     uint64_t package_end = static_cast<uint32_t>(head.dwFWOffset + head.dwFWSize);
     if (head.reserved[kPackageSizeMark] == 'H' && head.reserved[kPackageSizeMark + 1] == 'I') {
         const uint64_t high = little_endian_at<uint32_t>(head.reserved + kPackageSizeHigh);
@@ -144,7 +106,7 @@ int CQZImage::load_head() {
 }
 
 bool CQZImage::load_trailer(uint64_t package_end) {
-    // The length is a signed difference of the low halves; it never needs the high ones.
+    // Kept: the length is the signed difference of the low halves.
     const auto trailer_size =
         static_cast<int32_t>(static_cast<uint32_t>(m_fileSize) - static_cast<uint32_t>(package_end));
     if (trailer_size > kLongestTrailerWithoutSignature) {
@@ -160,7 +122,7 @@ bool CQZImage::load_trailer(uint64_t package_end) {
 }
 
 int CQZImage::load_boot_container() {
-    // Nothing is allocated by the head's word alone: what the file holds bounds it.
+    // No more is allocated than the file has, whatever the head says.
     const uint64_t after_offset = m_fileSize > m_bootOffset ? m_fileSize - m_bootOffset : 0;
     const auto available = static_cast<uint32_t>(std::min<uint64_t>(m_bootSize, after_offset));
     std::unique_ptr<uint8_t[]> data(new (std::nothrow) uint8_t[available]());
@@ -171,10 +133,10 @@ int CQZImage::load_boot_container() {
 
     m_bootObject = std::make_unique<CQZBoot>(data.release(), available);
     int code = m_bootObject->ObjectInit();
-    // The CRC of a container that the file cuts off is missing, whatever its last bytes look like.
+    // A container that the file cuts off has no CRC, whatever its last bytes are.
     if (available != 0 && available < m_bootSize)
         code = CQZBoot::kWrongCrc;
-    return code == 0 ? 0 : nested_code(code);
+    return code == 0 ? 0 : code * 1000 - 6;
 }
 
 void CQZImage::close_file() {
@@ -186,11 +148,11 @@ void CQZImage::close_file() {
 bool CQZImage::GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer) {
     if (m_pFile == nullptr || dwOffset > m_fileSize || dwSize > m_fileSize - dwOffset)
         return false;
-    const std::optional<uint64_t> got = m_reader.read(dwOffset, dwSize, lpBuffer);
-    if (got == dwSize)
+    const std::optional<uint64_t> count = m_reader.read(dwOffset, dwSize, lpBuffer);
+    if (count == dwSize)
         return true;
     if (m_readError == 0)
-        m_readError = got ? EIO : errno;  // a file that became shorter is damaged as well
+        m_readError = count ? EIO : errno;  // EIO: the file has become shorter
     return false;
 }
 
@@ -205,24 +167,12 @@ int CQZImage::GetMd5Data(uint8_t*& lpMd5, uint8_t*& lpSignMd5) {
     return m_signMd5Size;
 }
 
-bool CQZImage::Md5Check(uint64_t /*nCheckSize*/) {
-    return true;
-}
-
 ENUM_OS_TYPE CQZImage::GetOsType() {
     return little_endian_at<ENUM_OS_TYPE>(m_reserved + kOsTypePosition);
 }
 
 uint16_t CQZImage::GetBackupSize() {
     return little_endian_at<uint16_t>(m_reserved + kBackupSizePosition);
-}
-
-bool CQZImage::SaveBootFile(std::string filename) {
-    return save_range(filename, m_bootOffset, m_bootSize);
-}
-
-bool CQZImage::SaveFWFile(std::string filename) {
-    return save_range(filename, m_fwOffset, m_fwSize);
 }
 
 bool CQZImage::save_range(const std::string& filename, uint64_t offset, uint64_t size) {
@@ -240,10 +190,10 @@ bool CQZImage::save_range(const std::string& filename, uint64_t offset, uint64_t
     uint8_t buffer[1024];
     bool copied = true;
     while (copied && size != 0) {
-        const auto piece = static_cast<uint32_t>(std::min<uint64_t>(size, sizeof(buffer)));
-        copied = GetData(offset, piece, buffer) && std::fwrite(buffer, 1, piece, file) == piece;
-        offset += piece;
-        size -= piece;
+        const auto count = static_cast<uint32_t>(std::min<uint64_t>(size, sizeof(buffer)));
+        copied = GetData(offset, count, buffer) && std::fwrite(buffer, 1, count, file) == count;
+        offset += count;
+        size -= count;
     }
     return std::fclose(file) == 0 && copied;
 }

@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-/// Operating system that the firmware is for (bytes 4 to 7 of the image head's reserved area).
+/// Operating system that the firmware is for.
 enum ENUM_OS_TYPE : uint32_t {
     QZ_OS = 0,
     ANDROID_OS = 1,
@@ -28,31 +28,31 @@ struct STRUCT_QZIMAGE_HEAD {
     ENUM_QZDEVICE_TYPE emSupportChip;
     uint32_t dwBootOffset;  ///< boot container
     uint32_t dwBootSize;
-    uint32_t dwFWOffset;  ///< package (tagQZIMAGE_HDR and the partition images)
-    uint32_t dwFWSize;    ///< low 32 bits; see kPackageSizeMark in QZImage.cpp for the high half
-    uint8_t reserved[61];
+    uint32_t dwFWOffset;   ///< package: tagQZIMAGE_HDR and the partition images
+    uint32_t dwFWSize;     ///< low 32 bits
+    uint8_t reserved[61];  ///< OS type at 4, backup size at 12, high half of dwFWSize at 16 after "HI"
 };
 static_assert(sizeof(STRUCT_QZIMAGE_HEAD) == 102);
 
-/// One partition image of the package. name and file are NUL-terminated unless they fill their field.
+/// One item of the package. name and file end with a NUL unless they fill their field.
 struct STRUCT_QZIMAGE_ITEM {
     char name[32];
     char file[60];          ///< source file; its last ten bytes may hold the large-item marks (item_table.h)
     uint32_t part_size;     ///< in sectors; 0xFFFFFFFF: the partition grows to the end of the device
-    uint32_t offset;        ///< data position in bytes from the package start, low 32 bits
+    uint32_t offset;        ///< of the data, in bytes from the start of the package, low 32 bits
     uint32_t flash_offset;  ///< start on the storage in sectors; 0xFFFFFFFF: not written to the storage
     uint32_t usespace;
-    uint32_t size;  ///< data length in bytes, low 32 bits
+    uint32_t size;  ///< of the data, in bytes, low 32 bits
 };
 static_assert(sizeof(STRUCT_QZIMAGE_ITEM) == 112);
 
-/// Head of the package with the first 16 entries of its item table; a longer table goes on after them.
+/// Head of the package with the first 16 items of its table. A longer table continues after them.
 struct tagQZIMAGE_HDR {
     uint32_t tag;
     uint32_t size;
     char machine_model[34];
     char machine_info[30];
-    char manufacturer[60];  ///< its last four bytes may hold the item-count extension
+    char manufacturer[60];  ///< if bytes 56 and 57 are "Uf", the 16 bits after them are added to item_count
     uint32_t dwFWVer;
     int32_t item_count;
     STRUCT_QZIMAGE_ITEM item[16];
@@ -62,63 +62,62 @@ static_assert(sizeof(tagQZIMAGE_HDR) == 1932);
 #pragma pack(pop)
 
 /// The firmware update image: its head, the boot container in it, and reads from anywhere in the file.
-/// A path with ".bin" anywhere in it (in any case) is a bare boot container instead: single mode.
-/// All values read 0 or false until ObjectInit has read the head.
+/// A path that contains ".bin", in any case, is a bare boot container: single mode.
+/// All values read as 0 or false until ObjectInit has read the head.
 class CQZImage {
 public:
-    // Values of the image head, read like data members.
-    property<CQZImage, uint32_t, 1> Version;
-    property<CQZImage, uint32_t, 1> MergeVersion;
-    property<CQZImage, STRUCT_QZTIME, 1> ReleaseTime;
-    property<CQZImage, ENUM_QZDEVICE_TYPE, 1> SupportDevice;
-    property<CQZImage, ENUM_OS_TYPE, 1> OsType;
-    property<CQZImage, uint16_t, 1> BackupSize;
-    property<CQZImage, uint32_t, 1> BootOffset;  ///< of the boot container, absolute, in bytes
-    property<CQZImage, uint32_t, 1> BootSize;    ///< in bytes
-    property<CQZImage, uint32_t, 1> FWOffset;    ///< of the package, absolute, in bytes
-    property<CQZImage, uint64_t, 1> FWSize;      ///< of the package, in bytes
-    property<CQZImage, bool, 1> SignFlag;        ///< the trailer has a signature
-    property<CQZImage, bool, 1> SingleFlag;      ///< the file is a bare boot container
+    property<CQZImage, uint32_t, 1> Version{this, &CQZImage::GetVersion};
+    property<CQZImage, uint32_t, 1> MergeVersion{this, &CQZImage::GetMergeVersion};
+    property<CQZImage, STRUCT_QZTIME, 1> ReleaseTime{this, &CQZImage::GetReleaseTime};
+    property<CQZImage, ENUM_QZDEVICE_TYPE, 1> SupportDevice{this, &CQZImage::GetSupportDevice};
+    property<CQZImage, ENUM_OS_TYPE, 1> OsType{this, &CQZImage::GetOsType};
+    property<CQZImage, uint16_t, 1> BackupSize{this, &CQZImage::GetBackupSize};
+    property<CQZImage, uint32_t, 1> BootOffset{this, &CQZImage::GetBootOffset};
+    property<CQZImage, uint32_t, 1> BootSize{this, &CQZImage::GetBootSize};
+    property<CQZImage, uint32_t, 1> FWOffset{this, &CQZImage::GetFWOffset};
+    property<CQZImage, uint64_t, 1> FWSize{this, &CQZImage::GetFWSize};
+    property<CQZImage, bool, 1> SignFlag{this, &CQZImage::GetSignFlag};
+    property<CQZImage, bool, 1> SingleFlag{this, &CQZImage::GetSingleFlag};
 
-    CQZImage();
-    ~CQZImage();
+    CQZImage() = default;
+    ~CQZImage() { close_file(); }
     CQZImage(const CQZImage&) = delete;
     CQZImage& operator=(const CQZImage&) = delete;
 
-    /// What ObjectInit returns, but for r * 1000 - 6, which stands for a CQZBoot::InitResult r.
+    /// What ObjectInit returns, or r * 1000 - 6 for a CQZBoot::InitResult r of the boot container.
     enum InitResult : int {
         kLoaded = 0,
         kNoStatus = -1,  ///< the file's status cannot be read
         kIsADirectory = -2,
         kNotOpened = -3,
         kWrongTag = -4,  ///< the tag is not "QZFW"
-        kNotRead = -5,
+        kNotRead = -5,   ///< or no memory for the boot container
     };
 
-    /// Loads the image; called once. bDoCheck is ignored. Prints nothing, but a path of 256 characters or
-    /// more ends the program with one line.
+    /// Loads the image; called once. bDoCheck is ignored. Prints nothing, except that a path of 256
+    /// characters or more ends the program with one line.
     int ObjectInit(std::string filename, bool bDoCheck);
 
-    /// Reads dwSize bytes at the absolute file offset dwOffset. False when they do not all lie in the file,
-    /// when the file could not be read, and when none is open (single mode); lpBuffer is then not to be used.
+    /// Reads dwSize bytes at the absolute file offset dwOffset. False, with lpBuffer unspecified, when they
+    /// do not all lie in the file, the file cannot be read, or none is open (single mode).
     bool GetData(uint64_t dwOffset, uint32_t dwSize, uint8_t* lpBuffer);
 
-    /// Hands out the head's 61 extension bytes.
+    /// Gives the 61 reserved bytes of the head.
     void GetReservedData(uint8_t*& lpData, uint16_t& usSize);
 
-    /// Hands out the 32 MD5 bytes and the signature of the trailer; returns the size of the signature in
-    /// bytes, at most 256, 0 without one.
+    /// Gives the 32 MD5 bytes and the signature of the trailer. Returns the size of the signature in bytes,
+    /// at most 256, or 0 without a signature.
     int GetMd5Data(uint8_t*& lpMd5, uint8_t*& lpSignMd5);
 
     /// Always true: no digest is computed.
-    bool Md5Check(uint64_t nCheckSize);
+    bool Md5Check(uint64_t /*nCheckSize*/) { return true; }
 
     /// Copies the boot container (or the package) to a new file. False when no firmware is open, the file is
-    /// the firmware itself or cannot be made or written, or the firmware ends before the copied part does.
-    bool SaveBootFile(std::string filename);
-    bool SaveFWFile(std::string filename);
+    /// the firmware itself or cannot be created or written, or the firmware is too short.
+    bool SaveBootFile(std::string filename) { return save_range(filename, m_bootOffset, m_bootSize); }
+    bool SaveFWFile(std::string filename) { return save_range(filename, m_fwOffset, m_fwSize); }
 
-    // Getters of the properties of the same name.
+    // Getters of the properties.
     uint32_t GetVersion() { return m_version; }
     uint32_t GetMergeVersion() { return m_mergeVersion; }
     STRUCT_QZTIME GetReleaseTime() { return m_releaseTime; }
@@ -134,14 +133,13 @@ public:
     /// Size of the firmware file in bytes.
     uint64_t GetImageSize() { return m_fileSize; }
 
-    /// The boot container; null until ObjectInit reached it. Stays owned by the image.
+    /// The boot container, owned by the image; null until ObjectInit has read it.
     CQZBoot* GetBootObject() { return m_bootObject.get(); }
 
-    /// errno of the first read of the firmware that failed for another reason than the file's end; 0: none
-    /// has.
+    /// errno of the first GetData that failed although its bytes lie in the file; 0 when none has.
     int GetReadError() const { return m_readError; }
 
-    /// Which file the firmware is, so that no output is written over it. Unknown before ObjectInit opened it.
+    /// The firmware's file, which no output may replace; unknown until ObjectInit has found it.
     const FileIdentity& GetIdentity() const { return m_identity; }
 
 private:

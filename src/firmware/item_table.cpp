@@ -7,12 +7,12 @@
 
 namespace {
 
-// Positions inside the file field of an item (item bytes 82 and 87).
+// Positions in the file field of an item (item bytes 82 and 87).
 constexpr std::size_t kOffsetMark = 50;
 constexpr std::size_t kSizeMark = 55;
 
 constexpr int64_t kTableBufferSize = 65536;  // an item table of up to 583 items
-constexpr int64_t kTableUnit = 2048;         // the table is read in these units
+constexpr int64_t kTableUnit = 2048;         // the package is read up to a multiple of this
 constexpr int64_t kFirstItemPosition = offsetof(tagQZIMAGE_HDR, item);
 constexpr int64_t kItemSize = sizeof(STRUCT_QZIMAGE_ITEM);
 
@@ -21,13 +21,9 @@ uint64_t widened(uint32_t low, const char* mark) {
     return high << 32 | low;
 }
 
-bool has_count_extension(const tagQZIMAGE_HDR& header) {
-    return header.manufacturer[56] == 'U' && header.manufacturer[57] == 'f';
-}
-
 int64_t item_count_of(const tagQZIMAGE_HDR& header) {
     int64_t count = header.item_count;
-    if (has_count_extension(header))
+    if (header.manufacturer[56] == 'U' && header.manufacturer[57] == 'f')
         count += little_endian_at<uint16_t>(header.manufacturer + 58);
     return count;
 }
@@ -60,7 +56,7 @@ ItemTableResult read_item_table(CQZImage& image, std::vector<STRUCT_QZIMAGE_ITEM
 
     const int64_t count = item_count_of(header);
     const int64_t table_end = count * kItemSize + kFirstItemPosition;
-    // A count below 0 may round up to a table of nothing, which is read without complaint.
+    // With some counts below 0 the length is 0. That is not an error here.
     const int64_t length = (table_end + kTableUnit - 1) / kTableUnit * kTableUnit;
     std::vector<uint8_t> table(kTableBufferSize);
     if (length < 0 || length > kTableBufferSize ||
@@ -72,8 +68,7 @@ ItemTableResult read_item_table(CQZImage& image, std::vector<STRUCT_QZIMAGE_ITEM
     const ByteReader reader(table.data(), static_cast<uint64_t>(length));
     for (int64_t i = 0; i < count; ++i) {
         STRUCT_QZIMAGE_ITEM item{};
-        reader.read(static_cast<uint64_t>(kFirstItemPosition + i * kItemSize),
-                    item);  // inside: the count made the length
+        reader.read(static_cast<uint64_t>(kFirstItemPosition + i * kItemSize), item);
         items.push_back(item);
     }
     return ItemTableResult::kRead;

@@ -9,17 +9,17 @@
 /// flash_offset of an item that is not written to the storage.
 constexpr uint32_t kNotOnStorage = 0xFFFFFFFF;
 
-/// Data position of the item in bytes from the package start, widened by the large-item mark ('H' at item
-/// byte 82).
+/// Offset of the item's data in bytes from the start of the package. If item byte 82 is 'H', the 32 bits
+/// after it are the high half.
 uint64_t item_data_offset(const STRUCT_QZIMAGE_ITEM& item);
 
-/// Data length of the item in bytes, widened by the large-item mark ('H' at item byte 87).
+/// Size of the item's data in bytes. If item byte 87 is 'H', the 32 bits after it are the high half.
 uint64_t item_data_size(const STRUCT_QZIMAGE_ITEM& item);
 
-/// Name of the item; it ends at its NUL or after 32 bytes.
+/// Name of the item, up to its NUL or to 32 bytes.
 std::string item_name(const STRUCT_QZIMAGE_ITEM& item);
 
-/// Reads size bytes of the item's data from position on. False as CQZImage::GetData.
+/// Reads size bytes at a position in the item's data. False as CQZImage::GetData.
 bool read_item_data(CQZImage& image, const STRUCT_QZIMAGE_ITEM& item, uint64_t position, uint32_t size,
                     uint8_t* out);
 
@@ -31,5 +31,5 @@ enum class ItemTableResult {
     kNoItems,   ///< the count is below 1
 };
 
-/// Appends the items of the package's table, in its order.
+/// Appends the items of the package to items, in the order of their table.
 ItemTableResult read_item_table(CQZImage& image, std::vector<STRUCT_QZIMAGE_ITEM>& items);
