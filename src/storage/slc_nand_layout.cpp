@@ -11,9 +11,9 @@
 
 namespace {
 
-constexpr uint16_t kBchStrength = 16;  // fixed, whatever the size of the spare area
+constexpr uint16_t kBchStrength = 16;  // whatever the size of the spare area
 constexpr uint32_t kUnitData = 1024;
-constexpr uint32_t kUnitSpare = 32;  // 4 system bytes and 28 of parity
+constexpr uint32_t kUnitSpare = 32;  // 4 system bytes and 28 bytes of parity
 constexpr uint32_t kUnitStride = kUnitData + kUnitSpare;
 constexpr uint8_t kErased = 0xFF;
 
@@ -48,21 +48,15 @@ CSlcStorage::~CSlcStorage() {
 bool CSlcStorage::prepare_write_idblock() {
     if (!open_nand_idblock())
         return false;
-    m_idb_fill_page_num = 0;
     m_bch_list_index = 0;
-    if (m_idb_total_sector != 0) {
-        const uint64_t page_sectors = m_page_size_sector;
-        const uint64_t factor = flash_pages_per_page();
-        const uint64_t written =
-            (m_idb_total_sector + page_sectors - 1) / page_sectors * page_sectors * factor;
-        if (const uint64_t rest = sectors_to_block_end(written); rest > 0)
-            m_idb_fill_page_num = static_cast<uint32_t>((rest - 1) / page_sectors / factor + 1);
-    }
+    const uint64_t pages = page_count(m_idb_total_sector, m_page_size_sector);
+    const uint64_t sectors = pages * m_page_size_sector * flash_pages_per_page();
+    m_idb_fill_page_num = static_cast<uint32_t>(fill_pages_after(sectors));
     return true;
 }
 
 bool CSlcStorage::post_write_idblock() {
-    write_logical_fill_pages(m_idb_fill_page_num);
+    write_padding(m_idb_fill_page_num);
     close_output();
     m_bch_list_index = 0;
     return true;
@@ -75,43 +69,24 @@ bool CSlcStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
 }
 
 bool CSlcStorage::post_write_partition() {
-    // Kept: not multiplied by the flash pages of a page with 2 KB of data, unlike the boot block.
-    const uint64_t written = uint64_t{m_image_fill_page_num} * m_page_size_sector;
-    const uint64_t rest = sectors_to_block_end(written);
-    if (rest > 0) {
-        const uint64_t whole_pages = (rest - 1) / m_page_size_sector;
-        write_logical_fill_pages(m_page_2k ? whole_pages / flash_pages_per_page() + 1 : whole_pages + 1);
-    }
+    // Kept: with 2 KB per page this is not multiplied by the flash pages of a page, unlike the boot block.
+    write_padding(fill_pages_after(uint64_t{m_image_fill_page_num} * m_page_size_sector));
     close_output();
     m_bch_list_index = 0;
     m_image_fill_page_num = 0;
     return true;
 }
 
-uint64_t CSlcStorage::sectors_to_block_end(uint64_t sectors) const {
+/// Pages of padding after that many sectors, up to the end of the erase block.
+uint64_t CSlcStorage::fill_pages_after(uint64_t sectors) const {
     const uint64_t block = m_block_size_sector;
-    return (sectors + block - 1) / block * block - sectors;
+    const uint64_t missing = (sectors + block - 1) / block * block - sectors;
+    return missing == 0 ? 0 : (missing - 1) / m_page_size_sector / flash_pages_per_page() + 1;
 }
 
-/// Flash pages that a page of data takes: one for each 2 KB with 2 KB per page, else one.
+/// Flash pages that a page of data takes: with 2 KB per page one for each 2 KB, else one.
 uint32_t CSlcStorage::flash_pages_per_page() const {
-    return m_page_2k ? std::max(page_count(m_page_size, kDataPerPage2k), 1U) : 1;
-}
-
-/// Bytes of data in a flash page; with 2 KB per page the last one of a page may have fewer.
-uint32_t CSlcStorage::data_per_flash_page() const {
-    return m_page_2k ? std::min(kDataPerPage2k, m_page_size) : m_page_size;
-}
-
-void CSlcStorage::write_logical_fill_pages(uint64_t count) {
-    if (count == 0)
-        return;
-    ByteBuffer page(m_page_size);
-    if (!page) {
-        m_fout.give_up(ENOMEM);
-        return;
-    }
-    write_fill_pages(page.data(), count, m_page_size);
+    return m_page_2k ? page_count(m_page_size, kDataPerPage2k) : 1;
 }
 
 bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
@@ -120,20 +95,20 @@ bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
         return false;
     }
     if (m_fout.buffer().has_failed())
-        return true;  // nothing more reaches the file: no use in encoding it
+        return true;  // it would not reach the file
     if (!prepare_buffers()) {
         m_fout.give_up(ENOMEM);
         return false;
     }
-    for (uint64_t position = 0; position < m_page_size; position += data_per_flash_page())
-        write_flash_page(data + position, static_cast<uint32_t>(std::min<uint64_t>(data_per_flash_page(),
-                                                                                   m_page_size - position)));
+    const uint64_t data_size = m_page_2k ? kDataPerPage2k : m_page_size;  // of a flash page
+    for (uint64_t position = 0; position < m_page_size; position += data_size)
+        write_flash_page(data + position, static_cast<uint32_t>(std::min(data_size, m_page_size - position)));
     return true;
 }
 
 bool CSlcStorage::prepare_buffers() {
     const uint64_t size = flash_page_size();
-    if (m_fill_page.size() == size && m_fill_page_byte == m_fill_byte)
+    if (m_fill_page.size() == size && m_fill_page.data()[0] == m_fill_byte)
         return true;
     if (!m_flash_page.reset(size) || !m_fill_page.reset(size))
         return false;
@@ -147,13 +122,12 @@ bool CSlcStorage::prepare_buffers() {
         waiting.add(page + uint64_t{k} * kUnitStride);
     }
     waiting.encode();
-    m_fill_page_byte = m_fill_byte;
     return true;
 }
 
-/// Writes size bytes of data, filled up to a page, as the next flash page. A page that fits there is laid out
-/// where the output gathers its bytes, and its units wait until others have joined them. For example, of 2 KB
-/// pages the units of four are encoded together. The bytes leave after before_leaving, never without parity.
+/// Writes size bytes of data and fill bytes up to a page as the next flash page. A flash page that fits is
+/// laid out where the output gathers its bytes, and its units wait for their parity. For example, the units
+/// of four pages of 2 KB are encoded together. They get their parity in before_leaving at the latest.
 void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
     const std::span<uint8_t> room = m_fout.buffer().room();
     uint8_t* page = m_flash_page.data();
@@ -171,9 +145,9 @@ void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
     m_fout.write(reinterpret_cast<const char*>(page), static_cast<std::streamsize>(flash_page_size()));
 }
 
-/// Fills a flash page but for the parity of its data, whose units wait.
+/// Fills a flash page, except for the parity of its data: these units wait.
 void CSlcStorage::lay_out_flash_page(const uint8_t* data, uint32_t size, uint8_t* page) {
-    // CodeBytesNum is kUnitData, but the compiler does not know: it copies a constant length more slowly.
+    // CodeBytesNum equals kUnitData. A copy of a length that the compiler does not know is faster here.
     const uint32_t unit_data = CodeBytesNum;
     const uint32_t data_units = page_count(size, kUnitData);
     for (uint32_t k = 0; k < data_units; ++k) {
@@ -185,7 +159,8 @@ void CSlcStorage::lay_out_flash_page(const uint8_t* data, uint32_t size, uint8_t
     for (uint32_t k = 0; k < data_units; ++k)
         m_waiting.add(page + uint64_t{k} * kUnitStride);
 
-    // Units after the data are fill units, ready with their parity. After all units the spare area is erased.
-    const uint64_t rest = uint64_t{data_units} * kUnitStride;
-    std::memcpy(page + rest, m_fill_page.data() + rest, flash_page_size() - rest);
+    // The units after the data, with their parity, and the erased bytes after them are those of the fill
+    // page.
+    const uint64_t end = uint64_t{data_units} * kUnitStride;
+    std::memcpy(page + end, m_fill_page.data() + end, flash_page_size() - end);
 }

@@ -10,28 +10,29 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
+#include <utility>
+#include <vector>
 
 namespace {
 
 constexpr char kParameterName[] = "parameter";
 constexpr char kGptName[] = "gpt";
 
-// Partitions of a firmware without a GPT count from 4 MiB into the device.
+// Without a GPT, partition offsets count from this sector, 4 MiB into the device.
 constexpr uint32_t kParameterLayoutStart = 8192;
 
-// Padding of one output file that goes through write_page page by page, in bytes. What a firmware asks for
-// beyond (up to terabytes) is handed to the file in one piece, so that a wild size costs moments and not
-// hours.
+// Bytes of padding of one output file that go through write_page page by page. More (a firmware can ask for
+// terabytes) goes to the file at once, so that a damaged firmware does not take hours.
 constexpr uint64_t kPaddingByPages = 64 * 1024 * 1024;
 
-// Pages of padding that a class may refuse in a run, each with a line. The rest is left out.
-constexpr uint64_t kMostRefusedPadding = 1024 * 1024;
+// Pages of padding in a run that write_page may refuse, each with a line. The others are left out.
+constexpr uint64_t kLargestRefusedPadding = 1024 * 1024;
 
-/// What is to be written.
+/// The items and how they are written.
 struct ItemPlan {
     std::vector<STRUCT_QZIMAGE_ITEM> items;
     std::size_t parameter = 0;  // index of the parameter item
-    uint32_t sparse_mask = 0;   // bit (index mod 32) is set for sparse images
+    uint32_t sparse_mask = 0;   // kept: bit (index mod 32) is set for a sparse image, so items share bits
 };
 
 bool read_items(CQZImage& image, ItemPlan& plan) {
@@ -51,7 +52,7 @@ bool read_items(CQZImage& image, ItemPlan& plan) {
     return false;
 }
 
-/// Finds the parameter item, and asks every other one whether it is sparse.
+/// Finds the parameter item and the sparse images. False, after a line, without a parameter item.
 bool classify_items(CStorage& storage, ItemPlan& plan) {
     bool found = false;
     for (std::size_t i = 0; i < plan.items.size(); ++i) {
@@ -62,7 +63,7 @@ bool classify_items(CStorage& storage, ItemPlan& plan) {
             plan.parameter = i;  // a later one replaces an earlier one
             found = true;
         } else if (storage.is_sparse_image(item)) {
-            plan.sparse_mask |= 1U << i % 32;  // kept: items 32 apart share a bit
+            plan.sparse_mask |= 1U << i % 32;
         }
     }
     if (!found)
@@ -91,9 +92,8 @@ bool write_item(CStorage& storage, STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE ki
     return true;
 }
 
-// The length of one step across a gap is kept in 16 bits on purpose: with pages beyond 64 KB and 2 KB of data
-// per page the number of steps decides how many pages the gap gets. A length of 0 would never end and counts
-// as 64 KB.
+// Length of one page of padding in a gap. Kept: it has 16 bits, so with 2 KB of data per page and pages
+// beyond 64 KB a gap gets more pages. A length of 0 would never fill the gap and counts as 64 KB.
 uint32_t padding_step(uint64_t length) {
     const auto step = static_cast<uint16_t>(length);
     return step != 0 ? step : 65536;
@@ -110,27 +110,8 @@ CStorage::CStorage(ENUM_FLASH_TYPE type, uint32_t block_size, uint32_t page_size
     m_update_image_ptr = m_update_image.get();
 }
 
-CStorage::~CStorage() {
-    if (m_fin.is_open())
-        m_fin.close();
-    if (m_fout.is_open())
-        m_fout.close();
-}
-
-bool CStorage::prepare_write_idblock() {
-    return true;
-}
-
-bool CStorage::post_write_idblock() {
-    return true;
-}
-
-bool CStorage::post_write_partition() {
-    return true;
-}
-
 bool CStorage::storage_init() {
-    // The sizes wrap at 32 bits; one that wraps to 0 would be divided by.
+    // The sizes wrap at 32 bits. They are divided by, so none may be 0.
     if (m_page_size == 0 || m_page_size_sector == 0) {
         print_line("page size is out of range");
         return false;
@@ -140,7 +121,7 @@ bool CStorage::storage_init() {
         return false;
     }
     if (m_update_image_ptr->ObjectInit(m_in_firmware, false) != CQZImage::kLoaded) {
-        print_line("failed to load firmware" + result_suffix(1));  // the fact, not the reader's code
+        print_line("failed to load firmware" + result_suffix(1));  // kept: always 1, not the reader's code
         return false;
     }
     m_fout.file().protect(m_update_image_ptr->GetIdentity());
@@ -195,7 +176,7 @@ bool CStorage::write_partitions() {
 
 bool CStorage::finish_output() {
     close_output();
-    // Not every step fails with a read of the firmware, but none may take its absence for data.
+    // Some steps go on after a read of the firmware that failed. The run then ends in failure here.
     if (const int error = m_update_image_ptr->GetReadError(); error != 0) {
         print_error_line("failed to read " + m_in_firmware + error_suffix(error));
         return false;
@@ -237,7 +218,7 @@ bool CStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
 
 bool CStorage::fill_output_file(uint64_t offset) {
     if (!m_fout.is_open() || m_fout.buffer().has_failed())
-        return true;  // a failure that was kept; the verdict will say so
+        return true;  // a failure is reported by create_image
     m_fout.seekp(0, std::ios_base::end);
     const uint64_t size = m_fout.buffer().size();
     if (size >= offset) {
@@ -268,15 +249,18 @@ bool CStorage::align_to_block() {
         return true;
     m_fout.seekp(0, std::ios_base::end);
     const uint64_t excess = m_fout.buffer().size() % m_block_size;
-    if (excess == 0)
+    return excess == 0 || write_padding(page_count(m_block_size - excess, m_page_size));
+}
+
+bool CStorage::write_padding(uint64_t pages) {
+    if (pages == 0)
         return true;
     ByteBuffer page(m_page_size);
     if (!page) {
         m_fout.give_up(ENOMEM);
         return false;
     }
-    const uint64_t pad = m_block_size - excess;
-    write_fill_pages(page.data(), (pad + m_page_size - 1) / m_page_size, m_page_size);
+    write_fill_pages(page.data(), pages, m_page_size);
     return true;
 }
 
@@ -301,7 +285,7 @@ void CStorage::write_fill_pages(uint8_t* page, uint64_t count, uint32_t length) 
             m_fout.write_fill(m_fill_byte, count - written, written_length);
             return;
         }
-        if (m_refused_padding >= kMostRefusedPadding)
+        if (m_refused_padding >= kLargestRefusedPadding)
             return;
         if (!holds_only(page, m_page_size, m_fill_byte))
             std::memset(page, m_fill_byte, m_page_size);
@@ -314,16 +298,16 @@ void CStorage::write_fill_pages(uint8_t* page, uint64_t count, uint32_t length) 
 
 uint32_t CStorage::write_pages(PageSource& source, uint32_t count, uint32_t pages, Progress* progress) {
     for (uint32_t done = 0; done < count;) {
-        if (m_fout.buffer().has_failed()) {  // nothing more reaches the file: on to the verdict
+        if (m_fout.buffer().has_failed()) {  // nothing more reaches the file
             if (progress != nullptr)
                 progress->show_steps(done, count, 1, pages);
             return count;
         }
-        const std::span<uint8_t> run = source.pages(done, count - done);
-        if (run.empty())
+        const std::span<uint8_t> bytes = source.pages(done, count - done);
+        if (bytes.empty())
             return done;
-        for (uint64_t position = 0; position < run.size(); position += m_page_size) {
-            write_page(run.data() + position, m_page_size);
+        for (uint64_t position = 0; position < bytes.size(); position += m_page_size) {
+            write_page(bytes.data() + position, m_page_size);
             ++done;
             if (progress != nullptr)
                 progress->show(done, pages);
@@ -344,7 +328,7 @@ void CStorage::write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages
 
 std::optional<uint32_t> CStorage::partition_pages(const STRUCT_QZIMAGE_ITEM& entry,
                                                   uint32_t data_pages) const {
-    // The files of NAND partitions carry data pages alone.
+    // The files of NAND partitions have data pages only.
     if (m_type == FLASH_SPI_NAND || m_type == FLASH_SLC_NAND || entry.part_size == kGrowingPartition)
         return data_pages;
     const uint32_t pages = page_count(entry.part_size, m_page_size_sector);
@@ -352,8 +336,8 @@ std::optional<uint32_t> CStorage::partition_pages(const STRUCT_QZIMAGE_ITEM& ent
 }
 
 std::string CStorage::path_in_output(const std::string& name) const {
-    const bool complete = m_out_dir.empty() || m_out_dir.back() == '/';  // empty: the current directory
-    return m_out_dir + (complete ? "" : "/") + name;
+    const bool ends = m_out_dir.empty() || m_out_dir.back() == '/';  // empty: the current directory
+    return m_out_dir + (ends ? "" : "/") + name;
 }
 
 bool CStorage::switch_output(const std::string& name) {
@@ -375,5 +359,5 @@ bool CStorage::switch_output(const std::string& name) {
 
 void CStorage::close_output() {
     if (m_fout.is_open())
-        m_fout.close();  // a failure sets the stream's fail state and is kept for the verdict
+        m_fout.close();
 }

@@ -4,19 +4,20 @@
 #include "../firmware/item_table.h"
 #include "../io/byte_buffer.h"
 #include "../io/output_file.h"
-#include "boot_block_format.h"
-#include "gpt_format.h"
 #include "parameter_text.h"
 #include "results.h"
-#include "sparse_format.h"
 #include "storage_units.h"
+
+// The records of the formats belong to the interface of this header.
+#include "boot_block_format.h"
+#include "gpt_format.h"
+#include "sparse_format.h"
 
 #include <cstdint>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 class PageSource;
 class Progress;
@@ -30,7 +31,7 @@ enum ENUM_FLASH_TYPE : uint32_t {
     FLASH_SLC_NAND = 8,
 };
 
-/// Kind of a partition image, which selects its writer.
+/// Kind of a partition image: selects its writer.
 enum ENUM_IMAGE_TYPE : uint32_t {
     IMAGE_NONE = 0,
     IMAGE_GPT = 1,
@@ -39,87 +40,79 @@ enum ENUM_IMAGE_TYPE : uint32_t {
     IMAGE_FILE = 8,
 };
 
-/// A writer of programming images: reads the firmware, lays boot block, partition table and partitions out.
-/// The classes of the storage types change the layout through the virtual operations alone.
+/// A writer of programming images: reads the firmware and writes boot block, partition table and partitions.
+/// The classes of the storage types change the layout through the virtual operations.
 ///
-/// Construct, storage_init once, create_image once. All messages go to standard output. A page that cannot be
-/// written stops none of the steps; create_image reports the first such failure at its end instead of
-/// success. The operations that return an int return 0 or a code of results.h.
+/// Construct, call storage_init once, then create_image once. All messages go to standard output. A page that
+/// cannot be written does not stop the steps: create_image reports the first such failure at its end instead
+/// of success. The operations that return an int return 0 or a code of results.h.
 class CStorage {
 public:
     /// Sizes of erase block and page in KB, of the spare area in bytes. page_2k: only 2 KB of data per flash
-    /// page. Nothing is read or opened yet.
+    /// page. Reads and opens nothing.
     CStorage(ENUM_FLASH_TYPE type, uint32_t block_size, uint32_t page_size, uint32_t oob_size,
              std::string in_file, std::string out_dir, bool page_2k);
-    CStorage(const CStorage&) = delete;
-    CStorage& operator=(const CStorage&) = delete;
 
     // The virtual operations, in slot order.
 
-    /// Sectors of a boot block with stages of D and B sectors, in whole pages with its header.
+    /// Sectors of a boot block: its header and stages of these sizes, in whole pages.
     virtual uint32_t compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors);
-    /// Sets where and how often the boot block is written, and may enlarge it. False: it cannot be written.
-    virtual bool prepare_write_idblock();
+    /// Sets where copies of the boot block are written, and may enlarge it. False: it cannot be written.
+    virtual bool prepare_write_idblock() { return true; }
     /// Ends the boot block. Always true.
-    virtual bool post_write_idblock();
-    /// Brings the output to where the partition starts and announces it. False: it cannot be written there.
+    virtual bool post_write_idblock() { return true; }
+    /// Brings the output to the start of the partition and prints where that is. False: it cannot be written.
     virtual bool prepare_write_partition(STRUCT_QZIMAGE_ITEM& item);
     /// Ends the partition. Always true.
-    virtual bool post_write_partition();
+    virtual bool post_write_partition() { return true; }
     /// Writes one page at the output position: length bytes of data or, with 2 KB per page, every 2 KB of the
     /// m_page_size bytes of data in a page of its own. Always true; the output file keeps its first failure.
     ///
-    /// The page is private to the call. An override may change it, hand on another pointer, write before and
-    /// after it, seek, flush, read the firmware, call the base never, once or often, in any order: what the
-    /// base is given is what is written. A page of padding always arrives full of fill bytes. An override
-    /// that writes more than the data clears m_plain_pages.
+    /// An override may change the bytes of the page, and may write, seek, flush or read the firmware before
+    /// or after it calls the base, any number of times and with any data. A page of padding always arrives
+    /// full of fill bytes. An override that writes more than the data clears m_plain_pages.
     virtual bool write_page(uint8_t* data, uint32_t length);
-    /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after a line that says why not.
+    /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after a line that says why.
     virtual bool storage_init();
-    /// Closes what is open and frees the firmware reader.
-    virtual ~CStorage();
+    /// Closes all files.
+    virtual ~CStorage() = default;
 
-    /// Runs the whole conversion. False after a line that says what failed; the output keeps what was written
-    /// so far.
+    /// Runs the whole conversion. False after a line that says what failed; what was written stays.
     bool create_image();
-    /// Writes one partition image with the writer of its kind: that writer's result, or kUnknownImageType.
+    /// Calls the writer of this kind and returns its result, or kUnknownImageType.
     int write_partition(STRUCT_QZIMAGE_ITEM& item, ENUM_IMAGE_TYPE type);
-    /// Makes the output reach the byte offset with fill pages, or moves the write position back to it when
-    /// the output is longer. False when there is no memory for a page.
+    /// Makes the output reach the byte offset with pages of padding, or moves the write position back to it
+    /// when the output is longer. False when there is no memory for a page.
     bool fill_output_file(uint64_t offset);
-    /// Fills the output up to a whole erase block, in whole pages: with blocks that are not a multiple of the
-    /// page the file ends past the block boundary. False only when there is no memory for a page.
+    /// Adds pages of padding until the output reaches the end of an erase block, or passes it when a block is
+    /// not a multiple of a page. False when there is no memory for a page.
     bool align_to_block();
-
-    // Boot block.
 
     /// Builds and writes the boot block. A WriteIdblockResult.
     int write_idblock();
-    /// Size of a loader entry in bytes and in sectors of whole 2 KB units. False, with sectors untouched,
-    /// when there is no such entry, it cannot be read or its sectors do not fit 16 bits.
+    /// Size of a loader entry in bytes, and in sectors rounded up to 2 KB units. False, with sectors
+    /// unchanged, when there is no such entry, it cannot be read or its sectors do not fit 16 bits.
     bool get_loader_size_from_name(std::string name, uint16_t& sectors, uint32_t& size);
-    /// Fills the 512 bytes of IDB_SEC0 for stages of D and B sectors.
+    /// Fills the 512 bytes of IDB_SEC0 for stages of these sizes.
     void make_idb_sector0(uint8_t* sector, uint16_t flash_data_sectors, uint16_t flash_boot_sectors);
     /// Fills the 512 bytes of IDB_SEC1.
     void make_idb_sector1(uint8_t* sector);
-    /// Builds one boot block into buf: zeroed, at least 4 + D + B sectors. Sizes of the entries in sectors
-    /// and bytes. A CreateIdblockResult.
+    /// Builds one boot block in buf: zeros, at least the 4 header sectors and those of both stages. The last
+    /// two sizes are in bytes. A CreateIdblockResult.
     int create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t flash_boot_sectors,
                        uint32_t flash_data_size, uint32_t flash_boot_size);
-
-    // Plain and sparse partition images.
 
     /// Copies a plain image. A WriteImageResult.
     int write_image(STRUCT_QZIMAGE_ITEM& entry);
     /// True when the item starts with the magic of a sparse image. An unreadable header prints a line.
     bool is_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
-    /// blk_sz * total_blks in bytes, a 32-bit product that wraps; all bits set for an unreadable header.
+    /// blk_sz * total_blks in bytes, wrapping at 32 bits. UINT64_MAX, after a line, for an unreadable header.
     uint64_t get_sparse_size(STRUCT_QZIMAGE_ITEM& entry);
-    /// Expands a sparse image through unsparse_tmp.bin in the output directory, which is removed on success
-    /// only. A WriteSparseImageResult.
+    /// Expands a sparse image. The temporary file unsparse_tmp.bin in the output directory stays there after
+    /// a failure. A WriteSparseImageResult.
     int write_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
 
-    // Parameter text: parameter_text.h.
+    // Parameter text; see parameter_text.h.
 
     bool parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem) {
         return parse_partition_list(pParameter, vecItem);
@@ -136,50 +129,50 @@ public:
     }
     void string_to_uuid(std::string strUUid, uint8_t* uuid) { uuid_from_digits(strUUid, uuid); }
 
-    // Parameter partition and GPT.
-
-    /// Loads the parameter record into m_paramBuffer, zero-padded to whole pages. False when it cannot be
-    /// read or there is no memory; an earlier buffer then stays.
+    /// Loads the parameter record into m_paramBuffer, with zeros up to whole pages. False, with m_paramBuffer
+    /// unchanged, when it cannot be read or there is no memory.
     bool make_param_buffer(STRUCT_QZIMAGE_ITEM& entry);
     /// Writes the partition: 8 copies of the record, or 4 when 8 do not fit. A WriteParameterResult.
     int write_parameter(STRUCT_QZIMAGE_ITEM& entry);
-    /// True when the parameter text has a line with "TYPE" and "GPT"; false also when it cannot be read.
+    /// True when the parameter text asks for a GPT (declares_gpt). False also when it cannot be read.
     bool get_gpt_flag(STRUCT_QZIMAGE_ITEM& entry);
-    /// Fills the first 17,408 bytes of gpt: protective MBR, header, 128 entries. The names in vecParts are
-    /// cut at their colon by a NUL; partitions after the 128th are left out.
+    /// Fills kGptTableSize bytes: protective MBR, header and entries, for the first 128 of vecParts. In these
+    /// a NUL replaces the colon of the name.
     void create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID_ITEM_VECTOR& vecUuid,
                            uint64_t diskSectors);
-    /// Writes the GPT made from m_paramBuffer, whose checksum is overwritten. A WriteGptResult.
+    /// Writes the GPT for the text in m_paramBuffer and clears the checksum there. A WriteGptResult.
     int write_gpt(STRUCT_QZIMAGE_ITEM& entry);
-    /// Fills 16 bytes with a version-4 GUID from rand(), never seeded: every run gives the same ones.
+    /// Fills 16 bytes with a version-4 GUID from rand(). This is not seeded: each run gives the same GUIDs.
     void gen_rand_uuid(uint8_t* uuid_bin);
-    /// Index of the first GUID whose name is szName ignoring case (both up to their first NUL), or -1.
+    /// Index of the first GUID with this name, compared up to a NUL and without case; -1 when there is none.
     int32_t find_uuid_item(UUID_ITEM_VECTOR& vecItems, std::string szName);
 
 protected:
-    /// The output directory, a "/" unless it ends in one or is empty, and the name.
+    /// The path of the file name in the output directory.
     std::string path_in_output(const std::string& name) const;
-    /// Closes the output and creates the file name in the output directory instead. False after a line that
-    /// says why not. A name with a "/" would leave the directory and fails with EINVAL.
+    /// Closes the output and creates the file name in the output directory. False after a line that says why.
+    /// A name with a "/" fails with EINVAL.
     bool switch_output(const std::string& name);
-    /// Brings the output file to its length and closes it; a failure is kept for the verdict.
+    /// Closes the output. A failure is reported by create_image.
     void close_output();
-    /// Starts idblock.img with one boot block copy at its start. False as switch_output.
+    /// Starts idblock.img, with one copy of the boot block at its start. False as switch_output.
     bool open_nand_idblock();
-    /// Starts the file of a NAND partition and announces it. False as switch_output.
+    /// Starts the file of a NAND partition and prints its path. False as switch_output.
     bool open_nand_partition(const STRUCT_QZIMAGE_ITEM& item);
-    /// Hands count pages of fill bytes to write_page, length bytes each; page has m_page_size bytes, which
-    /// change. Page by page up to 64 MiB a file, the rest in one write_fill if pages are plain. Refused pages
-    /// are tried up to 1,048,576 a run, then left out.
+    /// Writes pages of padding. False when there is no memory for a page: the output is then given up.
+    bool write_padding(uint64_t pages);
+    /// Passes count pages of fill bytes to write_page, length bytes each. page has m_page_size bytes, which
+    /// change. After 64 MiB of them in a file, all others go to the file at once if m_plain_pages is set.
+    /// After 1,048,576 refused pages in a run, all others are left out.
     void write_fill_pages(uint8_t* page, uint64_t count, uint32_t length);
-    /// Hands count pages of the source to write_page and returns how many: fewer when one cannot be read, all
-    /// of them, unread, once the output has failed. Shows progress out of pages when it is given.
+    /// Passes count pages of the source to write_page, with progress out of pages if given. Returns how many
+    /// were passed before one could not be read. After a failure of the output, returns count and reads none.
     uint32_t write_pages(PageSource& source, uint32_t count, uint32_t pages = 0,
                          Progress* progress = nullptr);
-    /// Writes fill pages from page number done up to pages, showing progress; page as for write_fill_pages.
+    /// Writes pages of padding from page number done up to pages, with progress; page as in write_fill_pages.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
-    /// Pages of a partition that holds data_pages pages of data: for NAND and for growing partitions the data
-    /// pages, else all pages of the partition. Nothing when it is too small.
+    /// Pages to write for data_pages pages of data. For NAND and for a growing partition these are
+    /// data_pages, else all pages of the partition. Nothing when it is too small.
     std::optional<uint32_t> partition_pages(const STRUCT_QZIMAGE_ITEM& entry, uint32_t data_pages) const;
 
     bool m_init_ok;                      ///< storage_init has succeeded
@@ -188,12 +181,12 @@ protected:
     CQZImage* m_update_image_ptr;        ///< owned through m_update_image
     std::ifstream m_fin;                 ///< not opened by the creation sequence
     uint8_t* m_paramBuffer = nullptr;    ///< parameter record in whole pages; owned through m_param_bytes
-    uint32_t m_uiParamFileSize = 0;      ///< size of the record asked for last, in bytes
+    uint32_t m_uiParamFileSize = 0;      ///< in bytes, of the record that was asked for last
     bool m_gpt_flag = false;             ///< the parameter text asks for a GPT; set by create_image
     bool m_page_2k;                      ///< only 2 KB of data in a flash page
     uint32_t m_idb_fill_page_num = 0;    ///< SLC NAND: fill pages after the boot block
     uint32_t m_image_fill_page_num = 0;  ///< pages of the image just written
-    uint8_t m_fill_byte;                 ///< of every gap and padding
+    uint8_t m_fill_byte;                 ///< value of all bytes of padding
     std::string m_out_dir;               ///< output directory; empty: the current one
     std::string m_out_file;              ///< path of the output file; empty until one is opened
     WriteFailure m_write_failure;        ///< first failure of any output file; ends the run in failure
@@ -204,12 +197,11 @@ protected:
     uint32_t m_block_size_sector;            ///< erase block in sectors
     uint32_t m_page_size_sector;             ///< page in sectors
     uint8_t m_idb_copy = 0;                  ///< copies of the boot block; two are written at most
-    uint32_t m_idb_upper_limit = 0;          ///< sector bound of the boot block area; read by nobody
+    uint32_t m_idb_upper_limit = 0;          ///< end of the boot block area in sectors; not used
     uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
     uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
     uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
-    /// write_page writes data and fill bytes, and nothing else: long padding may go past it.
-    bool m_plain_pages = true;
+    bool m_plain_pages = true;               ///< write_page writes only the data and fill bytes
 
 private:
     bool run_creation();
@@ -219,14 +211,11 @@ private:
 
     std::unique_ptr<CQZImage> m_update_image;
     ByteBuffer m_param_bytes;
-    uint64_t m_padding_by_pages = 0;  // bytes of padding that went through write_page in this output file
+    uint64_t m_padding_by_pages = 0;  // bytes of padding that write_page wrote in this output file
     uint64_t m_refused_padding = 0;   // pages of padding that write_page refused in this run
 };
 
-// The constructors of the storage types take erase block and page in KB, spare area in bytes, path of the
-// firmware, output directory, 2 KB per page.
-
-/// eMMC: one image of the whole device; the second boot block copy 512 KB after the first.
+/// eMMC: one image of the whole device. The second copy of the boot block starts 512 KB after the first one.
 class CEmmcStorage : public CStorage {
 public:
     CEmmcStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
@@ -235,7 +224,8 @@ public:
     bool prepare_write_idblock() override;
 };
 
-/// SPI NOR: one image of the whole device; the second boot block copy on a 64 KB boundary after the first.
+/// SPI NOR: one image of the whole device. The second copy of the boot block starts at a 64 KB boundary after
+/// the first one.
 class CNorStorage : public CStorage {
 public:
     CNorStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
@@ -244,8 +234,7 @@ public:
     bool prepare_write_idblock() override;
 };
 
-/// SPI NAND: idblock.img and a file for every partition, each padded to whole erase blocks, without spare
-/// areas.
+/// SPI NAND: idblock.img and a file for each partition, padded to whole erase blocks. No spare areas.
 class CSpiStorage : public CStorage {
 public:
     CSpiStorage(uint32_t block_size, uint32_t page_size, uint32_t oob_size, std::string in_file,
