@@ -16,25 +16,22 @@ constexpr char kFlashData[] = "FlashData";  // first loader stage: sets the memo
 constexpr char kFlashBoot[] = "FlashBoot";  // second loader stage: the boot loader
 constexpr uint8_t kAbsent = 0xFF;
 
-constexpr uint32_t kLargestSectorCount = 0xFFFF;
-
 uint8_t loader_index(CQZBoot& boot, const char* name) {
     return static_cast<uint8_t>(boot.GetIndexByName(ENTRYLOADER, name));
 }
 
-/// The bytes of a loader entry, where they lie in the container. Nothing unless they are size bytes.
+/// The data of a loader entry, which stays in the container. Nothing unless it has size bytes.
 std::optional<std::span<const uint8_t>> stage_bytes(const CQZBoot& boot, uint8_t index, uint32_t size) {
     const std::optional<std::span<const uint8_t>> bytes = boot.entry_data(ENTRYLOADER, index);
     return bytes && bytes->size() == size ? bytes : std::nullopt;
 }
 
-/// Copies a stage to where it lies in the boot block. Scrambles it sector by sector, as the boot ROM reads
-/// it: a partial last sector gets the first keystream bytes.
-void put_stage(std::span<const uint8_t> stage, uint8_t* place, bool scrambled) {
-    std::copy(stage.begin(), stage.end(), place);
+/// Copies a stage to its position in the boot block, and scrambles it there sector by sector if asked for.
+/// The bytes after the stage stay plain, also those in its last sector.
+void put_stage(std::span<const uint8_t> stage, uint8_t* out, bool scrambled) {
+    std::copy(stage.begin(), stage.end(), out);
     for (uint64_t position = 0; scrambled && position < stage.size(); position += kSectorSize)
-        rc4(place + position,
-            static_cast<uint32_t>(std::min<uint64_t>(kSectorSize, stage.size() - position)));
+        rc4(out + position, static_cast<uint32_t>(std::min<uint64_t>(kSectorSize, stage.size() - position)));
 }
 
 }  // namespace
@@ -51,7 +48,7 @@ bool CStorage::get_loader_size_from_name(std::string name, uint16_t& sectors, ui
     uint32_t count = 0;
     if (size != 0)
         count = (size - 1) / kSectorSize / kIdbStageUnitSectors * kIdbStageUnitSectors + kIdbStageUnitSectors;
-    if (count > kLargestSectorCount)
+    if (count > UINT16_MAX)
         return false;
     sectors = static_cast<uint16_t>(count);
     return true;
@@ -65,8 +62,7 @@ void CStorage::make_idb_sector0(uint8_t* sector, uint16_t flash_data_sectors, ui
     header.usBootCode1Offset = kIdbHeaderSectors;
     header.usBootCode2Offset = kIdbHeaderSectors;
     header.usBootDataSize = flash_data_sectors;
-    header.usBootCodeSize =
-        static_cast<uint16_t>(flash_data_sectors + flash_boot_sectors);  // the field has 16 bits
+    header.usBootCodeSize = static_cast<uint16_t>(flash_data_sectors + flash_boot_sectors);  // may wrap
     std::memcpy(sector, &header, sizeof(header));
 }
 
@@ -131,8 +127,7 @@ int CStorage::write_idblock() {
     if (!prepare_write_idblock())
         return kIdblockNotPrepared;
 
-    // Whole pages are written: the last one is filled up with zeros where a block is not a multiple of a
-    // page.
+    // Whole pages are written. Where they end after the boot block, zeros follow it.
     const uint32_t pages = page_count(m_idb_total_sector, m_page_size_sector);
     const uint64_t needed_sectors = uint64_t{kIdbHeaderSectors} + data_sectors + boot_sectors;
     const uint64_t size = std::max({uint64_t{m_idb_total_sector} * kSectorSize, uint64_t{pages} * m_page_size,
@@ -148,17 +143,13 @@ int CStorage::write_idblock() {
     return write_idblock_copies(block, pages);
 }
 
-/// Writes as many copies as there are, each of that many pages.
+/// Writes each copy in that many pages.
 int CStorage::write_idblock_copies(const ByteBuffer& block, uint32_t pages) {
-    const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
-        std::memcpy(out, block.data() + position, size);
-        return true;
-    };
-    PageSource source(read, block.size(), m_page_size, m_fill_byte);
+    PageSource source(block, m_page_size, m_fill_byte);
     if (!source)
         return kNoIdblockMemory;
     const uint32_t starts[] = {m_idb_start_sector, m_idb_second_start_sector};
-    const int copies = m_idb_copy > 1 ? 2 : 1;  // never more than two, whatever the count says
+    const int copies = m_idb_copy > 1 ? 2 : 1;
     for (int copy = 0; copy < copies; ++copy) {
         if (!fill_output_file(uint64_t{starts[copy]} * kSectorSize))
             return kNoIdblockMemory;

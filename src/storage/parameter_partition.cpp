@@ -2,7 +2,6 @@
 #include "page_source.h"
 #include "storage_impl.h"
 
-#include <cstring>
 #include <utility>
 
 bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
@@ -14,7 +13,7 @@ bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
     ByteBuffer record(pages * m_page_size);
     if (!record)
         return false;
-    // A 32-bit sum: the large-item marks do not count here.
+    // Kept: a 32-bit sum that ignores the large-item marks.
     const uint32_t position = m_update_image_ptr->FWOffset + entry.offset;
     if (!m_update_image_ptr->GetData(position, m_uiParamFileSize, record.data()))
         return false;
@@ -34,7 +33,7 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
         return kParameterTooLarge;
     }
 
-    // The boot loader looks for a whole copy at each eighth of the partition, then at each quarter.
+    // The copies start at each eighth of the partition, or at each quarter.
     uint32_t copies = 8;
     if (record_pages > pages / copies)
         copies = 4;
@@ -43,11 +42,7 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
         print_line("partition size is too small");
         return kParameterTooLarge;
     }
-    const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
-        std::memcpy(out, m_param_bytes.data() + position, size);
-        return true;
-    };
-    PageSource record(read, m_param_bytes.size(), m_page_size, m_fill_byte);
+    PageSource record(m_param_bytes, m_page_size, m_fill_byte);
     if (!record)
         return kNoParameterMemory;
 

@@ -17,7 +17,7 @@ uint64_t saturating_sum(uint64_t a, uint64_t b) {
 
 }  // namespace
 
-SparseExpander::SparseExpander(const sparse_header_t& header, Read read, uint64_t output_size,
+SparseExpander::SparseExpander(const sparse_header_t& header, ReadImage read, uint64_t output_size,
                                std::span<uint8_t> page, uint8_t fill_byte, OutputFile& target,
                                Progress& progress)
     : m_read(std::move(read)), m_target(target), m_progress(progress), m_page(page), m_fill_byte(fill_byte),
@@ -49,39 +49,39 @@ int SparseExpander::expand_chunk(const chunk_header_t& chunk) {
         expand_pattern(chunk.chunk_sz * m_block_size);
         return kDone;
     case kCrcChunk:
-        m_position += kChunkValueSize;  // not verified
+        m_position += kChunkValueSize;  // the checksum is not verified
         return kDone;
     default:
-        return kDone;  // kept: its data is not skipped but read as the next chunk header
+        return kDone;  // kept: its data is not skipped, so it is read as the next chunk header
     }
 }
 
 int SparseExpander::expand_raw(const chunk_header_t& chunk) {
-    uint64_t left = chunk.total_sz > sizeof(chunk) ? chunk.total_sz - sizeof(chunk) : 0;
-    while (left != 0) {
-        const std::span<uint8_t> bytes = read_raw(left);
+    uint64_t missing = chunk.total_sz > sizeof(chunk) ? chunk.total_sz - sizeof(chunk) : 0;
+    while (missing != 0) {
+        const std::span<uint8_t> bytes = read_raw(missing);
         if (bytes.empty()) {
             print_line("failed to get raw chunk data");
             return kRawDataUnreadable;
         }
         append(bytes);
         m_position += bytes.size();
-        left -= bytes.size();
+        missing -= bytes.size();
     }
     return kDone;
 }
 
-/// Reads raw data, left bytes (not 0) at most: several pages at once to where the file gathers its bytes, or
-/// one page. Empty when a page cannot be read.
-std::span<uint8_t> SparseExpander::read_raw(uint64_t left) {
+/// Reads raw data, at most count bytes (not 0): several pages at once to where the file gathers its bytes, or
+/// one page. Empty when the page cannot be read.
+std::span<uint8_t> SparseExpander::read_raw(uint64_t count) {
     const std::span<uint8_t> room = m_target.buffer().room();
-    const uint64_t whole_pages = std::min<uint64_t>(left, room.size()) / m_page.size() * m_page.size();
+    const uint64_t whole_pages = std::min<uint64_t>(count, room.size()) / m_page.size() * m_page.size();
     if (!m_by_pages && whole_pages != 0) {
         if (m_read(m_position, static_cast<uint32_t>(whole_pages), room.data()))
             return room.first(whole_pages);
         m_by_pages = true;  // the pages before the one that cannot be read are still appended
     }
-    const uint64_t size = std::min<uint64_t>(left, m_page.size());
+    const uint64_t size = std::min<uint64_t>(count, m_page.size());
     if (!m_read(m_position, static_cast<uint32_t>(size), m_page.data()))
         return {};
     return m_page.first(size);
@@ -100,8 +100,8 @@ int SparseExpander::expand_fill(const chunk_header_t& chunk) {
     return kDone;
 }
 
-/// Appends length bytes of the pattern that fills the page. A last piece that is not a multiple of four ends
-/// in fill bytes: only whole fill values are stored.
+/// Appends length bytes of the pattern that fills the page. Kept: only whole fill values are written, and
+/// fill bytes for the last 1 to 3 bytes.
 void SparseExpander::expand_pattern(uint64_t length) {
     const uint64_t page_size = m_page.size();
     for (; length >= page_size && !m_target.buffer().has_failed() && m_written < limit(); length -= page_size)
@@ -115,21 +115,21 @@ void SparseExpander::expand_pattern(uint64_t length) {
     append(m_page.first(length));
 }
 
-/// Nothing is appended beyond. Once the output has failed, its size no longer counts.
+/// Bytes that are written at most. After a failure of the file the size of the output does not count.
 uint64_t SparseExpander::limit() const {
     const uint64_t output_size = m_target.buffer().has_failed() ? 0 : m_output_size;
     return saturating_sum(std::max(m_expanded_size, output_size), kLargestExcess);
 }
 
-/// Appends what still fits below the limit.
+/// Appends the bytes, up to the limit.
 void SparseExpander::append(std::span<const uint8_t> bytes) {
-    const uint64_t rest = limit() - std::min(m_written, limit());
-    const uint64_t size = std::min<uint64_t>(bytes.size(), rest);
+    const uint64_t room = limit() - std::min(m_written, limit());
+    const uint64_t size = std::min<uint64_t>(bytes.size(), room);
     m_target.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(size));
     advance(size);
 }
 
-/// Counts length bytes, up to the limit, with the progress of each page.
+/// Counts length bytes, up to the limit, as written and shows progress for each page.
 void SparseExpander::advance(uint64_t length) {
     const uint64_t end = std::max(m_written, std::min(saturating_sum(m_written, length), limit()));
     m_progress.show_steps(m_written, end, m_page.size(), m_expanded_size);

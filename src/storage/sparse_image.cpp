@@ -8,51 +8,52 @@
 #include <algorithm>
 #include <cerrno>
 #include <ios>
-#include <limits>
 #include <string>
 #include <unistd.h>
 #include <utility>
 
 namespace {
 
-std::optional<sparse_header_t> read_header(CQZImage& image, const STRUCT_QZIMAGE_ITEM& item) {
+/// Nothing, after the line, when the header cannot be read.
+std::optional<sparse_header_t> read_header(CQZImage& image, const STRUCT_QZIMAGE_ITEM& item,
+                                           const char* failure) {
     sparse_header_t header;
-    if (!read_item_data(image, item, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header)))
-        return std::nullopt;
-    return header;
+    if (read_item_data(image, item, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header)))
+        return header;
+    print_line(failure);
+    return std::nullopt;
 }
 
-/// unsparse_tmp.bin: takes the expanded image and gives it back.
+/// unsparse_tmp.bin: the expanded image is written to it and then read back.
 class TemporaryFile {
 public:
-    /// failure takes the first error of both ways.
-    TemporaryFile(std::string path, WriteFailure& failure)
-        : m_path(std::move(path)), m_failure(failure), m_file(&failure) {
+    /// failure takes the first error of writing and reading.
+    TemporaryFile(std::string path, WriteFailure& failure) : m_path(std::move(path)), m_file(&failure) {
         m_file.file().keep_zero_bytes();
     }
 
     OutputFile& file() { return m_file; }
 
-    /// False, with errno set, when it cannot be made.
+    /// False, with errno set, when it cannot be created.
     bool open() {
         m_file.open(m_path, std::ios_base::in | std::ios_base::out | std::ios_base::trunc);
         return m_file.is_open();
     }
 
-    /// Fills the file up to whole pages and makes it ready to be read.
+    /// Fills the last page of the written bytes and prepares for reading.
     void finish(uint64_t written, uint32_t page_size, uint8_t fill_byte) {
         m_file.write_fill(fill_byte, 1, uint64_t{page_count(written, page_size)} * page_size - written);
         m_file.flush();
         m_reader.attach(m_file.file().descriptor());
     }
 
-    /// Reads size bytes back; those before them are not read again. False when they are not all there.
+    /// Reads size bytes and frees the space of those before them. False when they cannot all be read.
     bool read(uint64_t position, uint64_t size, uint8_t* out) {
         m_file.file().release_before(position);
-        const std::optional<uint64_t> got = m_reader.read(position, size, out);
-        if (got == size)
+        const std::optional<uint64_t> count = m_reader.read(position, size, out);
+        if (count == size)
             return true;
-        m_failure.note(m_path, got ? EIO : errno);
+        m_file.give_up(count ? EIO : errno);
         return false;
     }
 
@@ -63,7 +64,6 @@ public:
 
 private:
     std::string m_path;
-    WriteFailure& m_failure;
     OutputFile m_file;
     BlockReader m_reader;
 };
@@ -71,29 +71,23 @@ private:
 }  // namespace
 
 bool CStorage::is_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
-    const std::optional<sparse_header_t> header = read_header(*m_update_image_ptr, entry);
-    if (!header)
-        print_line("failed to get sparse info");
+    const auto header = read_header(*m_update_image_ptr, entry, "failed to get sparse info");
     return header && header->magic == kSparseMagic;
 }
 
 uint64_t CStorage::get_sparse_size(STRUCT_QZIMAGE_ITEM& entry) {
-    const std::optional<sparse_header_t> header = read_header(*m_update_image_ptr, entry);
-    if (!header) {
-        print_line("failed to get sparse info");
-        return std::numeric_limits<uint64_t>::max();
-    }
+    const auto header = read_header(*m_update_image_ptr, entry, "failed to get sparse info");
+    if (!header)
+        return UINT64_MAX;
     return uint32_t{header->blk_sz * header->total_blks};  // kept: a 32-bit product
 }
 
 int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     const std::string name = item_name(entry);
     print_line("writing " + name + "...");
-    const std::optional<sparse_header_t> header = read_header(*m_update_image_ptr, entry);
-    if (!header) {
-        print_line("failed to get sparse header");
+    const auto header = read_header(*m_update_image_ptr, entry, "failed to get sparse header");
+    if (!header)
         return kSparseHeaderUnreadable;
-    }
     const std::optional<uint32_t> pages =
         partition_pages(entry, page_count(expanded_size(*header), m_page_size));
     if (!pages) {
@@ -111,12 +105,12 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
         return kNoTemporaryFile;
     }
     if (m_fout.buffer().has_failed())
-        expanded.give_up(EIO);  // the pages have nowhere to go
+        expanded.give_up(EIO);  // its pages could not be written
 
     const auto read_back = [&](uint64_t position, uint32_t size, uint8_t* out) {
         return temporary.read(position, size, out);
     };
-    PageSource source(read_back, std::numeric_limits<uint64_t>::max(), m_page_size, m_fill_byte);
+    PageSource source(read_back, UINT64_MAX, m_page_size, m_fill_byte);
     if (!source)
         return kNoSparseMemory;
 
@@ -128,13 +122,13 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     SparseExpander expander(*header, read, uint64_t{*pages} * m_page_size, {source.page(), m_page_size},
                             m_fill_byte, expanded, progress);
     if (const int result = expander.expand(); result != kDone)
-        return result;  // the temporary file stays: it shows how far the expansion came
+        return result;  // the temporary file stays, with what was expanded
     temporary.finish(expander.written(), m_page_size, m_fill_byte);
 
     print_line("");
     progress.set_prefix("writing " + name + "...");
     const uint32_t expanded_pages = std::min(page_count(expander.written(), m_page_size), *pages);
-    // What cannot be read back is filled: the run ends in failure anyway.
+    // Padding replaces what cannot be read back: the run ends in failure anyway.
     const uint32_t copied =
         expanded.buffer().has_failed() ? 0 : write_pages(source, expanded_pages, *pages, &progress);
     write_partition_rest(source.page(), copied, *pages, progress);
