@@ -5,7 +5,7 @@
 
 namespace {
 
-// Wide enough for a hundred times any size.
+// Holds a hundred times any size.
 __extension__ using Wide = unsigned __int128;
 
 void print(const std::string& text) {
@@ -39,7 +39,7 @@ uint64_t percent_of(uint64_t done, uint64_t total) {
     if (total == 0)
         return 100;
     if (done <= UINT64_MAX / 100)
-        return done * 100 / total;  // once a page: the wide division is several times slower
+        return done * 100 / total;  // needed for each page; the wide division is several times slower
     return static_cast<uint64_t>(Wide{done} * 100 / total);
 }
 
@@ -62,7 +62,7 @@ void Progress::show_steps(uint64_t done, uint64_t end, uint64_t step, uint64_t t
 uint64_t Progress::steps_until_change(uint64_t done, uint64_t total) const {
     if (percent_of(done + 1, total) != m_shown)
         return 1;
-    // The percentage stays until then; with a total of 0 it stays at 100.
+    // With a total of 0 the percentage is always 100.
     const Wide next_change = total == 0 ? Wide{UINT64_MAX} : (Wide{m_shown + 1} * total + 99) / 100;
     return static_cast<uint64_t>(std::min<Wide>(next_change, UINT64_MAX)) - done;
 }

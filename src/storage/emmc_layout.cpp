@@ -2,7 +2,7 @@
 
 namespace {
 
-// Fixed, 512 KB after the first copy: with a large block the second copy lies over the tail of the first.
+// 512 KB after the first copy. Kept: with a large block this overwrites the end of the first copy.
 constexpr uint32_t kSecondCopySector = 1088;
 
 }  // namespace

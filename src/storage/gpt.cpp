@@ -1,29 +1,25 @@
 #include "storage_impl.h"
 
 #include "../common/common_define.h"
+#include "../common/lower_case.h"
 #include "console.h"
 
 #include <algorithm>
 #include <array>
-#include <cctype>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <strings.h>
 
 namespace {
 
 constexpr std::size_t kNameUnits = std::size(gpt_entry{}.partition_name);
 
-// The real device is not known here: the table always describes one of this many sectors.
+// The size of the device is not known here. The table always describes a disk of this many sectors.
 constexpr uint64_t kDiskSectors = 0xFFFFFFFF;
 
 using EntryArray = std::array<gpt_entry, kGptEntryCount>;
-
-std::string lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 bool contains(const std::string& text, const char* word) {
     return text.find(word) != std::string::npos;
@@ -56,12 +52,11 @@ gpt_header header_of_disk(uint64_t disk_sectors) {
 void set_name(gpt_entry& entry, const std::string& name) {
     uint16_t units[kNameUnits] = {};
     for (std::size_t i = 0; i < std::min(name.size(), kNameUnits); ++i)
-        units[i] = static_cast<uint16_t>(static_cast<signed char>(name[i]));  // widened with its sign
+        units[i] = static_cast<uint16_t>(static_cast<signed char>(name[i]));  // kept: with its sign
     std::memcpy(entry.partition_name, units, sizeof(units));
 }
 
-/// Applies the flags after the colon to the entry and overwrites the colon with NUL; the string keeps its
-/// length.
+/// Applies the flags after the colon to the entry. A NUL replaces the colon, and the length stays.
 void apply_flags(gpt_entry& entry, std::string& name, uint64_t disk_sectors) {
     const std::size_t colon = name.find(':');
     if (colon == std::string::npos)
@@ -85,9 +80,9 @@ bool CStorage::get_gpt_flag(STRUCT_QZIMAGE_ITEM& entry) {
     if (entry.size < around_text || entry.size > m_update_image_ptr->GetImageSize())
         return false;
     const uint32_t text_size = entry.size - around_text;
-    // Without memory for the text the run ends: it must not look like a text that asks for no GPT.
+    // This throws without memory: the text may ask for a GPT, so the run must not go on.
     std::string text(text_size, '\0');
-    // A 32-bit sum: the large-item marks do not count here.
+    // Kept: a 32-bit sum that ignores the large-item marks.
     const uint32_t position = m_update_image_ptr->FWOffset + entry.offset + kParameterHeadSize;
     return m_update_image_ptr->GetData(position, text_size, reinterpret_cast<uint8_t*>(text.data())) &&
            declares_gpt(text.c_str());
@@ -122,7 +117,7 @@ void CStorage::create_gpt_buffer(uint8_t* gpt, PARAM_ITEM_VECTOR& vecParts, UUID
     for (std::size_t i = 0; i < std::min(vecParts.size(), entries.size()); ++i) {
         STRUCT_PARAM_ITEM& part = vecParts[i];
         gpt_entry& entry = entries[i];
-        gen_rand_uuid(entry.partition_type_guid.b);  // no well-known type
+        gen_rand_uuid(entry.partition_type_guid.b);  // kept: not a well-known type
         gen_rand_uuid(entry.unique_partition_guid.b);
         entry.starting_lba = part.uiItemOffset;
         entry.ending_lba = uint64_t{part.uiItemOffset} + part.uiItemSize - 1;
@@ -151,7 +146,7 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
 
     const char* text = nullptr;
     if (entry.size >= kParameterHeadSize + kParameterChecksumSize && entry.size <= m_param_bytes.size()) {
-        // The checksum after the text becomes the NUL that ends it.
+        // The text ends with a NUL in place of the checksum after it.
         std::memset(m_paramBuffer + entry.size - kParameterChecksumSize, 0, kParameterChecksumSize);
         text = reinterpret_cast<const char*>(m_paramBuffer + kParameterHeadSize);
     }

@@ -14,7 +14,7 @@ constexpr uint64_t kGptSignature = 0x5452415020494645;  ///< "EFI PART"
 #pragma pack(push, 1)
 
 struct efi_guid_t {
-    uint8_t b[16];  ///< in the order in which they lie on the disk
+    uint8_t b[16];  ///< in the order on the disk
 };
 static_assert(sizeof(efi_guid_t) == 16);
 
@@ -45,7 +45,7 @@ struct gpt_header {
     uint64_t signature;  ///< "EFI PART"
     uint32_t revision;
     uint32_t header_size;
-    uint32_t header_crc32;  ///< over the 92 bytes of this record with this field 0
+    uint32_t header_crc32;  ///< of the 92 bytes of this record, with 0 in this field
     uint32_t reserved1;
     uint64_t my_lba;
     uint64_t alternate_lba;

@@ -1,5 +1,3 @@
-// The files of both NAND types: one for the boot block and one for each partition.
-
 #include "console.h"
 #include "storage_impl.h"
 

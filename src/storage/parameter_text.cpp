@@ -1,14 +1,16 @@
 #include "parameter_text.h"
 
 #include "../common/hexadecimal.h"
+#include "../common/lower_case.h"
 #include "../common/text_pieces.h"
 #include "storage_units.h"
 
 #include <algorithm>
-#include <cctype>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -29,13 +31,6 @@ bool scan_sectors(const std::string& text, uint32_t& value) {
         return false;
     value = scanned;
     return true;
-}
-
-std::string upper_case(std::string_view text) {
-    std::string upper(text);
-    std::transform(upper.begin(), upper.end(), upper.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return upper;
 }
 
 }  // namespace
@@ -121,7 +116,7 @@ void uuid_from_digits(const std::string& digits, uint8_t* uuid) {
         const int value = std::max(hexadecimal_value(digits[i]), 0);
         uuid[i / 2] = static_cast<uint8_t>(uuid[i / 2] + (i % 2 == 0 ? value << 4 : value));
     }
-    // A GPT keeps the first three groups little-endian.
+    // In a GPT the first three groups are little-endian.
     std::reverse(uuid, uuid + 4);
     std::swap(uuid[4], uuid[5]);
     std::swap(uuid[6], uuid[7]);
@@ -131,9 +126,9 @@ bool declares_gpt(const char* text) {
     std::string_view rest(text);
     std::string_view line;
     while (next_line(rest, line)) {
-        const std::string upper = upper_case(line);
-        if (!upper.starts_with('#') && upper.find("TYPE") != std::string::npos &&
-            upper.find("GPT") != std::string::npos)
+        const std::string lower = lower_case(std::string(line));
+        if (!line.starts_with('#') && lower.find("type") != std::string::npos &&
+            lower.find("gpt") != std::string::npos)
             return true;
     }
     return false;

@@ -1,8 +1,7 @@
 #pragma once
 
-/// What the operations of CStorage return where they return an int.
+/// What the operations of CStorage return as an int: kDone, or the code of what failed.
 
-/// create_image's line ends in the code of what failed; 0 is success for all of them.
 constexpr int kDone = 0;
 
 enum WriteIdblockResult : int {
@@ -15,9 +14,9 @@ enum WriteIdblockResult : int {
 
 enum CreateIdblockResult : int {
     kFlashBootAbsent = -1,
-    kFlashBootUnreadable = -2,  ///< or not of the given size
+    kFlashBootUnreadable = -2,  ///< or its size is not the given one
     kFlashDataAbsent = -3,
-    kFlashDataUnreadable = -4,  ///< or not of the given size
+    kFlashDataUnreadable = -4,  ///< or its size is not the given one
 };
 
 enum WritePartitionResult : int {
@@ -41,12 +40,12 @@ enum WriteSparseImageResult : int {
 };
 
 enum WriteParameterResult : int {
-    kParameterTooLarge = -1,  ///< for its partition; or no record is loaded
+    kParameterTooLarge = -1,  ///< for its partition, or no record is loaded
     kNoParameterMemory = -2,
 };
 
 enum WriteGptResult : int {
-    kNoPartitionList = -2,  ///< the text does not parse, or is not loaded
+    kNoPartitionList = -2,  ///< in the text, or no text is loaded
     kTooManyPartitions = -3,
     kNoGptMemory = -4,
 };

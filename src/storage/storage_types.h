@@ -6,23 +6,22 @@
 #include <span>
 #include <string>
 
-/// What a storage object is made from: sizes of erase block and page in KB, of the spare area in bytes.
+/// What the constructors of the storage types take.
 struct StorageSettings {
-    uint32_t block_size = 0;
-    uint32_t page_size = 0;
-    uint32_t oob_size = 0;
+    uint32_t block_size = 0;  ///< of an erase block, in KB
+    uint32_t page_size = 0;   ///< in KB
+    uint32_t oob_size = 0;    ///< of the spare area, in bytes
     std::string in_firmware;
     std::string out_dir;
     bool page_2k = false;    ///< 2 KB of data in a page
     bool page_list = false;  ///< list indexes of a page linked list
 };
 
-/// A storage type that can be asked for.
 struct StorageType {
-    const char* word;  ///< its name, in any case
-    bool needs_spare;  ///< the spare area has to be given
+    const char* word;  ///< its name on the command line, in small letters
+    bool needs_spare;  ///< the size of the spare area must be given
     std::unique_ptr<CStorage> (*make)(const StorageSettings& settings);
 };
 
-/// All of them.
+/// All storage types.
 std::span<const StorageType> storage_types();
