@@ -3,13 +3,14 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
 #include <getopt.h>
-#include <memory>
 #include <new>
+#include <optional>
 #include <span>
 #include <string>
 #include <strings.h>
@@ -44,17 +45,9 @@ struct Options {
     StorageSettings settings;
 };
 
-/// Parsing goes on, or the run ends here with the code.
-struct Outcome {
-    bool ends = false;
-    int code = kSuccess;
-};
-
-constexpr Outcome kGoOn{};
-
-constexpr Outcome end_with(int code) {
-    return {true, code};
-}
+/// The code with which the run ends here; nothing when it goes on.
+using Ending = std::optional<int>;
+constexpr Ending kGoOn;
 
 const option long_options[] = {
     {"in", required_argument, nullptr, 'i'},
@@ -70,8 +63,8 @@ const option long_options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-// "-" hands over arguments that are not options, in their order, ":" keeps the parser silent. The letter l is
-// left out: the page list is switched on by its long option alone.
+// With "-" the parser returns arguments that are not options, in order. With ":" it prints nothing. Kept:
+// there is no letter l, only the long option switches the page list on.
 const char short_options[] = "-:i:o:t:b:p:s:2vh";
 
 void usage() {
@@ -94,7 +87,7 @@ void usage() {
                 "\t  -v\tshow version\n");
 }
 
-Outcome parse_flash_type(const char* word, const StorageType*& type) {
+Ending parse_flash_type(const char* word, const StorageType*& type) {
     std::printf("flash type is '%s'\n", word);
     const std::span<const StorageType> types = storage_types();
     const auto found = std::find_if(types.begin(), types.end(), [word](const StorageType& candidate) {
@@ -102,24 +95,24 @@ Outcome parse_flash_type(const char* word, const StorageType*& type) {
     });
     if (found == types.end()) {
         std::printf("flash type is not support.\n");
-        return end_with(kUnknownFlashType);
+        return kUnknownFlashType;
     }
     type = &*found;
     return kGoOn;
 }
 
-Outcome parse_size(const char* what, const char* text, int failure, uint32_t& size) {
+Ending parse_size(const char* what, const char* text, int failure, uint32_t& size) {
     std::printf("%s size is '%s'\n", what, text);
     try {
-        size = static_cast<uint32_t>(std::stoi(text));  // a negative number becomes a large one
+        size = static_cast<uint32_t>(std::stoi(text));  // kept: a negative number becomes a large one
     } catch (const std::exception& exception) {
         std::printf("exception is '%s'\n", exception.what());
-        return end_with(failure);
+        return failure;
     }
     return kGoOn;
 }
 
-Outcome apply_option(int code, int option_index, Options& options) {
+Ending apply_option(int code, int option_index, Options& options) {
     switch (code) {
     case 0:
         std::printf("long option %s", long_options[option_index].name);
@@ -156,10 +149,10 @@ Outcome apply_option(int code, int option_index, Options& options) {
         return kGoOn;
     case 'v':
         std::printf("%s%s\n", "nandsmith ", " v1.0_20210204");
-        return end_with(kSuccess);
+        return kSuccess;
     case 'h':
         usage();
-        return end_with(kSuccess);
+        return kSuccess;
     case ':':
         std::printf("Missing option for %c\n", optopt);
         return kGoOn;
@@ -172,23 +165,23 @@ Outcome apply_option(int code, int option_index, Options& options) {
     }
 }
 
-Outcome parse_options(int argc, char* argv[], Options& options) {
+Ending parse_options(int argc, char* argv[], Options& options) {
     for (;;) {
         int option_index = 0;
         const int code = ::getopt_long(argc, argv, short_options, long_options, &option_index);
         if (code == -1)
             return kGoOn;
-        if (const Outcome outcome = apply_option(code, option_index, options); outcome.ends)
-            return outcome;
+        if (const Ending ending = apply_option(code, option_index, options))
+            return ending;
     }
 }
 
-Outcome refuse(const std::string& message, int code) {
+int refuse(const std::string& message, int code) {
     std::printf("%s\n", message.c_str());
-    return end_with(code);
+    return code;
 }
 
-Outcome check_geometry(const Options& options) {
+Ending check_geometry(const Options& options) {
     if (options.type == nullptr)
         return refuse("flash type is none", kNoFlashType);
     if (options.settings.block_size == 0)
@@ -201,7 +194,7 @@ Outcome check_geometry(const Options& options) {
 }
 
 /// Checks the output directory, or takes the current one when none is given.
-Outcome check_output(std::string& out_dir) {
+Ending check_output(std::string& out_dir) {
     if (out_dir.empty()) {
         char szProgramDir[256];
         if (::getcwd(szProgramDir, sizeof(szProgramDir)) == nullptr)
@@ -217,7 +210,7 @@ Outcome check_output(std::string& out_dir) {
     return kGoOn;
 }
 
-Outcome check_firmware(const StorageSettings& settings) {
+Ending check_firmware(const StorageSettings& settings) {
     struct stat info {};
     if (retry_interrupted([&] { return ::stat(settings.in_firmware.c_str(), &info); }) != 0)
         return refuse(settings.in_firmware + " failed to access", kFirmwareNotAccessible);
@@ -228,29 +221,28 @@ Outcome check_firmware(const StorageSettings& settings) {
 
 int run(int argc, char* argv[]) {
     Options options;
-    if (const Outcome outcome = parse_options(argc, argv, options); outcome.ends)
-        return outcome.code;
-    if (const Outcome outcome = check_geometry(options); outcome.ends)
-        return outcome.code;
-    if (const Outcome outcome = check_output(options.settings.out_dir); outcome.ends)
-        return outcome.code;
-    if (const Outcome outcome = check_firmware(options.settings); outcome.ends)
-        return outcome.code;
+    if (const Ending ending = parse_options(argc, argv, options))
+        return *ending;
+    if (const Ending ending = check_geometry(options))
+        return *ending;
+    if (const Ending ending = check_output(options.settings.out_dir))
+        return *ending;
+    if (const Ending ending = check_firmware(options.settings))
+        return *ending;
 
-    // Never destroyed: create_image has closed the output, and the process ends.
+    // Not destroyed: create_image has closed the output, and the process ends.
     static CStorage* storage_pointer = nullptr;
     storage_pointer = options.type->make(options.settings).release();
     if (storage_pointer == nullptr)
-        return refuse("Storage object is NULL.", kNoStorage).code;
+        return refuse("Storage object is NULL.", kNoStorage);
     if (!storage_pointer->storage_init())
         return kInitFailed;
     if (!storage_pointer->create_image())
-        return refuse("Failed to create programming image.", kCreationFailed).code;
+        return refuse("Failed to create programming image.", kCreationFailed);
     return kSuccess;
 }
 
-/// Makes sure that the standard descriptors are taken: in the place of a closed one an output file would get
-/// the messages.
+/// Opens closed standard descriptors. An output file with such a descriptor would get the messages.
 void occupy_standard_descriptors() {
     int descriptor = 0;
     do
@@ -270,9 +262,9 @@ int report_out_of_memory() {
 
 int main(int argc, char* argv[]) {
     occupy_standard_descriptors();
-    // A file that grows past the limit of the process is a write error like any other, not the end.
+    // A write beyond the file size limit of the process then fails like any other.
     std::signal(SIGXFSZ, SIG_IGN);
-    // With too little memory even for an exception the program comes here and not to the handler below.
+    // Without memory for an exception the handler below is not reached.
     std::set_terminate([] { std::_Exit(report_out_of_memory() & 0xFF); });
     try {
         return run(argc, argv);
