@@ -86,7 +86,7 @@ uint64_t CSlcStorage::fill_pages_after(uint64_t sectors) const {
 
 /// Flash pages that a page of data takes: with 2 KB per page one for each 2 KB, else one.
 uint32_t CSlcStorage::flash_pages_per_page() const {
-    return m_page_2k ? page_count(m_page_size, kDataPerPage2k) : 1;
+    return m_page_2k ? std::max(page_count(m_page_size, kDataPerPage2k), 1U) : 1;
 }
 
 bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
