@@ -148,7 +148,7 @@ std::optional<std::span<const uint8_t>> CQZBoot::entry_data(ENUM_QZBOOTENTRY typ
     if (!entry)
         return std::nullopt;
     if (entry->dwDataSize == 0)
-        return std::span<const uint8_t>();
+        return std::span<const uint8_t>(m_BootData.get(), 0);
     if (!ByteReader(m_BootData.get(), m_BootSize).holds(entry->dwDataOffset, entry->dwDataSize))
         return std::nullopt;
     return std::span<const uint8_t>(m_BootData.get() + entry->dwDataOffset, entry->dwDataSize);

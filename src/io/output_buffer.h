@@ -61,7 +61,8 @@ public:
     /// written from there are not copied again. Empty when nothing is open or the output has failed.
     std::span<uint8_t> room();
     /// complete is called before gathered bytes are handed over, in every flush and close, and when a block
-    /// is full. It may still change bytes that were put into the room and written from there.
+    /// is full. It may still change bytes that were put into the room and written from there. It replaces
+    /// the one set before; SLC NAND depends on its own.
     void before_leaving(std::function<void()> complete) { m_complete = std::move(complete); }
     /// Writes count bytes of value at the position. False when that failed.
     bool append_fill(uint8_t value, uint64_t count);

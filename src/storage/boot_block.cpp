@@ -20,10 +20,29 @@ uint8_t loader_index(CQZBoot& boot, const char* name) {
     return static_cast<uint8_t>(boot.GetIndexByName(ENTRYLOADER, name));
 }
 
-/// The data of a loader entry, which stays in the container. Nothing unless it has size bytes.
-std::optional<std::span<const uint8_t>> stage_bytes(const CQZBoot& boot, uint8_t index, uint32_t size) {
+/// A loader entry of size bytes, where it lies in the container. 0, or one of the codes.
+int find_stage(CQZBoot& boot, const char* name, uint32_t size, int absent, int unreadable,
+               std::span<const uint8_t>& stage) {
+    const uint8_t index = loader_index(boot, name);
+    if (index == kAbsent)
+        return absent;
     const std::optional<std::span<const uint8_t>> bytes = boot.entry_data(ENTRYLOADER, index);
-    return bytes && bytes->size() == size ? bytes : std::nullopt;
+    if (!bytes || bytes->size() != size)
+        return unreadable;
+    stage = *bytes;
+    return kDone;
+}
+
+/// Both stages. 0 or a CreateIdblockResult.
+int find_stages(CQZBoot* boot, uint32_t data_size, uint32_t boot_size, std::span<const uint8_t>& flash_data,
+                std::span<const uint8_t>& flash_boot) {
+    if (boot == nullptr)
+        return kFlashBootAbsent;
+    const int result =
+        find_stage(*boot, kFlashBoot, boot_size, kFlashBootAbsent, kFlashBootUnreadable, flash_boot);
+    return result != kDone
+               ? result
+               : find_stage(*boot, kFlashData, data_size, kFlashDataAbsent, kFlashDataUnreadable, flash_data);
 }
 
 /// Copies a stage to its position in the boot block, and scrambles it there sector by sector if asked for.
@@ -76,21 +95,12 @@ void CStorage::make_idb_sector1(uint8_t* sector) {
 
 int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t flash_boot_sectors,
                              uint32_t flash_data_size, uint32_t flash_boot_size) {
-    CQZBoot* boot = m_update_image_ptr->GetBootObject();
-    if (boot == nullptr)
-        return kFlashBootAbsent;
-    const uint8_t flash_boot_index = loader_index(*boot, kFlashBoot);
-    if (flash_boot_index == kAbsent)
-        return kFlashBootAbsent;
-    const auto flash_boot = stage_bytes(*boot, flash_boot_index, flash_boot_size);
-    if (!flash_boot)
-        return kFlashBootUnreadable;
-    const uint8_t flash_data_index = loader_index(*boot, kFlashData);
-    if (flash_data_index == kAbsent)
-        return kFlashDataAbsent;
-    const auto flash_data = stage_bytes(*boot, flash_data_index, flash_data_size);
-    if (!flash_data)
-        return kFlashDataUnreadable;
+    std::span<const uint8_t> flash_data;
+    std::span<const uint8_t> flash_boot;
+    const int result = find_stages(m_update_image_ptr->GetBootObject(), flash_data_size, flash_boot_size,
+                                   flash_data, flash_boot);
+    if (result != kDone)
+        return result;
 
     make_idb_sector0(buf, flash_data_sectors, flash_boot_sectors);
     make_idb_sector1(buf + kSectorSize);
@@ -98,8 +108,8 @@ int CStorage::create_idblock(uint8_t* buf, uint16_t flash_data_sectors, uint16_t
 
     const bool scrambled = little_endian_at<IDB_SEC0>(buf).uiRc4Flag != 0;
     const uint64_t flash_boot_sector = uint64_t{kIdbHeaderSectors} + flash_data_sectors;
-    put_stage(*flash_data, buf + kIdbHeaderSectors * kSectorSize, scrambled);
-    put_stage(*flash_boot, buf + flash_boot_sector * kSectorSize, scrambled);
+    put_stage(flash_data, buf + kIdbHeaderSectors * kSectorSize, scrambled);
+    put_stage(flash_boot, buf + flash_boot_sector * kSectorSize, scrambled);
 
     rc4(buf, kSectorSize);  // sector 1 stays plain
     rc4(buf + 2 * kSectorSize, kSectorSize);
@@ -132,11 +142,16 @@ int CStorage::write_idblock() {
     const uint64_t needed_sectors = uint64_t{kIdbHeaderSectors} + data_sectors + boot_sectors;
     const uint64_t size = std::max({uint64_t{m_idb_total_sector} * kSectorSize, uint64_t{pages} * m_page_size,
                                     needed_sectors * kSectorSize});
-    ByteBuffer block(size);
-    if (!block)
-        return kNoIdblockMemory;
-    if (const int result = create_idblock(block.data(), data_sectors, boot_sectors, data_size, boot_size);
-        result != kDone) {
+    // No memory is taken for stages that the container does not hold.
+    std::span<const uint8_t> stage;
+    int result = find_stages(m_update_image_ptr->GetBootObject(), data_size, boot_size, stage, stage);
+    ByteBuffer block;
+    if (result == kDone) {
+        if (!block.reset(size))
+            return kNoIdblockMemory;
+        result = create_idblock(block.data(), data_sectors, boot_sectors, data_size, boot_size);
+    }
+    if (result != kDone) {
         print_line("Failed to create idblock" + result_suffix(result));
         return kIdblockNotCreated;
     }
@@ -145,13 +160,13 @@ int CStorage::write_idblock() {
 
 /// Writes each copy in that many pages.
 int CStorage::write_idblock_copies(const ByteBuffer& block, uint32_t pages) {
-    PageSource source(block, m_page_size, m_fill_byte);
-    if (!source)
-        return kNoIdblockMemory;
     const uint32_t starts[] = {m_idb_start_sector, m_idb_second_start_sector};
     const int copies = m_idb_copy > 1 ? 2 : 1;
     for (int copy = 0; copy < copies; ++copy) {
         if (!fill_output_file(uint64_t{starts[copy]} * kSectorSize))
+            return kNoIdblockMemory;
+        PageSource source(block, m_page_size, m_fill_byte);
+        if (!source)
             return kNoIdblockMemory;
         write_pages(source, pages);
     }

@@ -145,7 +145,8 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
         return kNoGptMemory;
 
     const char* text = nullptr;
-    if (entry.size >= kParameterHeadSize + kParameterChecksumSize && entry.size <= m_param_bytes.size()) {
+    if (entry.size >= kParameterHeadSize + kParameterChecksumSize && m_paramBuffer != nullptr &&
+        entry.size <= param_buffer_bytes()) {
         // The text ends with a NUL in place of the checksum after it.
         std::memset(m_paramBuffer + entry.size - kParameterChecksumSize, 0, kParameterChecksumSize);
         text = reinterpret_cast<const char*>(m_paramBuffer + kParameterHeadSize);

@@ -2,6 +2,7 @@
 #include "page_source.h"
 #include "storage_impl.h"
 
+#include <cstring>
 #include <utility>
 
 bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
@@ -20,7 +21,14 @@ bool CStorage::make_param_buffer(STRUCT_QZIMAGE_ITEM& entry) {
 
     m_param_bytes = std::move(record);
     m_paramBuffer = m_param_bytes.data();
+    m_loaded_param_size = m_uiParamFileSize;
     return true;
+}
+
+uint64_t CStorage::param_buffer_bytes() const {
+    if (m_paramBuffer == m_param_bytes.data())
+        return m_uiParamFileSize == m_loaded_param_size ? m_param_bytes.size() : 0;
+    return uint64_t{page_count(m_uiParamFileSize, m_page_size)} * m_page_size;
 }
 
 int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
@@ -28,7 +36,7 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
     const uint32_t record_pages = page_count(m_uiParamFileSize, m_page_size);
     print_line("writing parameter...");
 
-    if (uint64_t{record_pages} * m_page_size > m_param_bytes.size()) {
+    if (m_paramBuffer == nullptr || uint64_t{record_pages} * m_page_size > param_buffer_bytes()) {
         print_line("parameter is not loaded");
         return kParameterTooLarge;
     }
@@ -42,7 +50,13 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
         print_line("partition size is too small");
         return kParameterTooLarge;
     }
-    PageSource record(m_param_bytes, m_page_size, m_fill_byte);
+    const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
+        if (position + size > param_buffer_bytes())
+            return false;  // write_page has loaded another record
+        std::memcpy(out, m_paramBuffer + position, size);
+        return true;
+    };
+    PageSource record(read, uint64_t{record_pages} * m_page_size, m_page_size, m_fill_byte);
     if (!record)
         return kNoParameterMemory;
 

@@ -17,6 +17,22 @@ constexpr uint32_t kUnitSpare = 32;  // 4 system bytes and 28 bytes of parity
 constexpr uint32_t kUnitStride = kUnitData + kUnitSpare;
 constexpr uint8_t kErased = 0xFF;
 
+/// The BCH code of SLC NAND as long as this lives. A derived class may have set up another one.
+class SlcCode {
+public:
+    SlcCode() : m_before(static_cast<uint16_t>(MaxBitsNum)) {
+        if (m_before != kBchStrength)
+            bch_init(kBchStrength);
+    }
+    ~SlcCode() {
+        if (m_before != kBchStrength)
+            bch_init(m_before);
+    }
+
+private:
+    uint16_t m_before;
+};
+
 }  // namespace
 
 void WaitingUnits::add(uint8_t* unit) {
@@ -26,6 +42,7 @@ void WaitingUnits::add(uint8_t* unit) {
 }
 
 void WaitingUnits::encode() {
+    const SlcCode code;
     bch_encode_units(m_units, m_count);
     m_count = 0;
 }
@@ -108,7 +125,7 @@ bool CSlcStorage::write_page(uint8_t* data, uint32_t /*length*/) {
 
 bool CSlcStorage::prepare_buffers() {
     const uint64_t size = flash_page_size();
-    if (m_fill_page.size() == size && m_fill_page.data()[0] == m_fill_byte)
+    if (m_flash_page.size() == size && m_fill_page.size() == size && m_fill_page.data()[0] == m_fill_byte)
         return true;
     if (!m_flash_page.reset(size) || !m_fill_page.reset(size))
         return false;
@@ -133,8 +150,9 @@ void CSlcStorage::write_flash_page(const uint8_t* data, uint32_t size) {
     uint8_t* page = m_flash_page.data();
     if (holds_only(data, size, m_fill_byte)) {
         page = m_fill_page.data();
+        const SlcCode code;
         bch_replace_system_bytes(page, m_bch_list_index);
-    } else if (m_fout.good() && room.size() >= flash_page_size()) {
+    } else if (m_fout.good() && m_fout.rdbuf() == &m_fout.buffer() && room.size() >= flash_page_size()) {
         page = room.data();
         lay_out_flash_page(data, size, page);
     } else {

@@ -42,7 +42,8 @@ public:
 
     /// Fills the last page of the written bytes and prepares for reading.
     void finish(uint64_t written, uint32_t page_size, uint8_t fill_byte) {
-        m_file.write_fill(fill_byte, 1, uint64_t{page_count(written, page_size)} * page_size - written);
+        const uint64_t excess = written % page_size;
+        m_file.write_fill(fill_byte, 1, excess != 0 ? page_size - excess : 0);
         m_file.flush();
         m_reader.attach(m_file.file().descriptor());
     }

@@ -36,20 +36,14 @@ struct ItemPlan {
 };
 
 bool read_items(CQZImage& image, ItemPlan& plan) {
-    switch (read_item_table(image, plan.items)) {
-    case ItemTableResult::kRead:
-        return true;
-    case ItemTableResult::kNoHeader:
+    const ItemTableResult result = read_item_table(image, plan.items);
+    if (result == ItemTableResult::kNoHeader)
         print_error_line("failed to get header of firmware");
-        return false;
-    case ItemTableResult::kNoTable:
+    else if (result == ItemTableResult::kNoTable)
         print_error_line("failed to get extended info of firmware");
-        return false;
-    case ItemTableResult::kNoItems:
+    else if (result == ItemTableResult::kNoItems)
         print_error_line("not found any of partition items in the firmware");
-        return false;
-    }
-    return false;
+    return result == ItemTableResult::kRead;
 }
 
 /// Finds the parameter item and the sparse images. False, after a line, without a parameter item.

@@ -54,7 +54,6 @@ public:
              std::string in_file, std::string out_dir, bool page_2k);
 
     // The virtual operations, in slot order.
-
     /// Sectors of a boot block: its header and stages of these sizes, in whole pages.
     virtual uint32_t compute_idb_total_sector(uint32_t flash_data_sectors, uint32_t flash_boot_sectors);
     /// Sets where copies of the boot block are written, and may enlarge it. False: it cannot be written.
@@ -68,9 +67,10 @@ public:
     /// Writes one page at the output position: length bytes of data or, with 2 KB per page, every 2 KB of the
     /// m_page_size bytes of data in a page of its own. Always true; the output file keeps its first failure.
     ///
-    /// An override may change the bytes of the page, and may write, seek, flush or read the firmware before
-    /// or after it calls the base, any number of times and with any data. A page of padding always arrives
-    /// full of fill bytes. An override that writes more than the data clears m_plain_pages.
+    /// The page is private to the call. An override may change it, and may write, seek, flush or read the
+    /// firmware before or after it calls the base, any number of times, with any data outside m_fout's room.
+    /// A page of padding always arrives full of fill bytes. An override that does more than pass each page on
+    /// once clears m_plain_pages.
     virtual bool write_page(uint8_t* data, uint32_t length);
     /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after a line that says why.
     virtual bool storage_init();
@@ -165,10 +165,9 @@ protected:
     /// change. After 64 MiB of them in a file, all others go to the file at once if m_plain_pages is set.
     /// After 1,048,576 refused pages in a run, all others are left out.
     void write_fill_pages(uint8_t* page, uint64_t count, uint32_t length);
-    /// Passes count pages of the source to write_page, with progress out of pages if given. Returns how many
+    /// Passes count pages of the source to write_page, shown as progress out of pages. Returns how many
     /// were passed before one could not be read. After a failure of the output, returns count and reads none.
-    uint32_t write_pages(PageSource& source, uint32_t count, uint32_t pages = 0,
-                         Progress* progress = nullptr);
+    uint32_t write_pages(PageSource& source, uint32_t count, uint32_t pages = 0, Progress* shown = nullptr);
     /// Writes pages of padding from page number done up to pages, with progress; page as in write_fill_pages.
     void write_partition_rest(uint8_t* page, uint32_t done, uint32_t pages, Progress& progress);
     /// Pages to write for data_pages pages of data. For NAND and for a growing partition these are
@@ -201,9 +200,11 @@ protected:
     uint32_t m_idb_start_sector = 0;         ///< sector of the first copy
     uint32_t m_idb_second_start_sector = 0;  ///< sector of the second copy
     uint32_t m_idb_total_sector = 0;         ///< sectors of one copy
-    bool m_plain_pages = true;               ///< write_page writes only the data and fill bytes
+    bool m_plain_pages = true;               ///< write_page writes data and fill bytes alone
 
 private:
+    /// Bytes at m_paramBuffer that hold the record asked for last; a derived class may have moved it.
+    uint64_t param_buffer_bytes() const;
     bool run_creation();
     int write_idblock_copies(const ByteBuffer& block, uint32_t pages);
     bool write_partitions();
@@ -211,8 +212,9 @@ private:
 
     std::unique_ptr<CQZImage> m_update_image;
     ByteBuffer m_param_bytes;
-    uint64_t m_padding_by_pages = 0;  // bytes of padding that write_page wrote in this output file
-    uint64_t m_refused_padding = 0;   // pages of padding that write_page refused in this run
+    uint32_t m_loaded_param_size = 0;  // bytes of the record in m_param_bytes
+    uint64_t m_padding_by_pages = 0;   // bytes of padding that write_page wrote in this output file
+    uint64_t m_refused_padding = 0;    // pages of padding that write_page refused in this run
 };
 
 /// eMMC: one image of the whole device. The second copy of the boot block starts 512 KB after the first one.

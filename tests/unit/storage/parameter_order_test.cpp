@@ -123,5 +123,30 @@ TEST_F(ParameterOrderTest, LoadAfterAFailureIsUsed) {
         same_bytes(m_storage->recorded_bytes(), parameter_pages(m_firmware.items[0].data, 2048, 128, 8, 16)));
 }
 
+TEST_F(ParameterOrderTest, NoRecordGivesNoPartition) {
+    EXPECT_EQ(write_parameter(), kNotLoaded);
+    expect_nothing_written();
+}
+
+TEST_F(ParameterOrderTest, FailedLoadOfASmallerRecordGivesNone) {
+    ASSERT_TRUE(m_storage->make_param_buffer(m_item));
+    STRUCT_QZIMAGE_ITEM bad = m_item;
+    bad.size = 100;
+    bad.offset = 0x00F00000;  // beyond the file
+    EXPECT_FALSE(m_storage->make_param_buffer(bad));
+    EXPECT_EQ(write_parameter(), kNotLoaded);
+    expect_nothing_written();
+}
+
+TEST_F(ParameterOrderTest, WildStageIsRefusedBeforeTheBlockIsAllocated) {
+    Firmware firmware = test_support::sample_firmware();
+    firmware.boot.loader.entries[0].data_size = 33000000;
+    const auto storage = make_base<Recording<CStorage>>(FLASH_NONE);
+    load(*storage, firmware);
+    const MemoryLimit limit(16 * 1024 * 1024);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(storage->write_idblock(), kIdblockNotCreated); }),
+              line("writing idblock...") + line("Failed to create idblock,ret=-4"));
+}
+
 }  // namespace
 }  // namespace storage_test

@@ -297,6 +297,8 @@ TEST_F(ParameterPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
     if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
     auto storage = make<Recorder>({.page_kb = kHugePageKb});
+    uint8_t empty_record = 0;
+    storage->m_paramBuffer = &empty_record;
     STRUCT_QZIMAGE_ITEM item{};
     item.part_size = 0xFFFFFFFF;
     const MemoryLimit limit(256 * 1024 * 1024);
