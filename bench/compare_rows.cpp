@@ -44,7 +44,7 @@ void add_flag(Words& words, const SlcGeometry& geometry) {
 
 // The program selects the fastest path of this processor.
 double slc_limit() {
-    return bch_fastest_path(bch_paths()).name == bch_portable.name ? kTableLimit : kCarryLessLimit;
+    return bch_fastest_path(bch_paths()).name == kBchPortable.name ? kTableLimit : kCarryLessLimit;
 }
 
 Row slc_row(const Programs& programs, const SlcGeometry& geometry) {

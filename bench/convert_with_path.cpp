@@ -14,7 +14,7 @@
 namespace {
 
 struct Job {
-    BchPath path = bch_portable;
+    BchPath path = kBchPortable;
     std::string firmware{};
     std::string out_directory{};
     uint32_t block_kib = 0;

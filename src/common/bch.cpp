@@ -97,7 +97,7 @@ void set_correction() {
         return;
     const std::vector<uint8_t> erased(kBchCodewordBytes, 0xFF);
     const uint8_t* const codeword = erased.data();
-    bch_portable.kernel(tables, &codeword, 1, &correction);
+    kBchPortable.kernel(tables, &codeword, 1, &correction);
     for (uint64_t& word : correction.word)
         word = ~word;
 }

@@ -30,6 +30,6 @@ bool available() {
 
 }  // namespace
 
-extern constinit const BchPath bch_carry_less_128{"carry_less_128", available, encode<Lanes128>};
+extern constinit const BchPath kBchCarryLess128{"carry_less_128", available, encode<Lanes128>};
 
 #endif

@@ -35,6 +35,6 @@ bool available() {
 
 }  // namespace
 
-extern constinit const BchPath bch_carry_less_256{"carry_less_256", available, encode<Lanes256>};
+extern constinit const BchPath kBchCarryLess256{"carry_less_256", available, encode<Lanes256>};
 
 #endif

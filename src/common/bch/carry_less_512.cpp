@@ -39,6 +39,6 @@ bool available() {
 
 }  // namespace
 
-extern constinit const BchPath bch_carry_less_512{"carry_less_512", available, encode<Lanes512>};
+extern constinit const BchPath kBchCarryLess512{"carry_less_512", available, encode<Lanes512>};
 
 #endif

@@ -5,16 +5,16 @@
 
 // The paths, fastest first. Each is defined in the source of its name.
 #if defined(__x86_64__)
-#define BCH_PATHS bch_carry_less_512, bch_carry_less_256, bch_carry_less_128, bch_portable
+#define BCH_PATHS kBchCarryLess512, kBchCarryLess256, kBchCarryLess128, kBchPortable
 #else
-#define BCH_PATHS bch_portable
+#define BCH_PATHS kBchPortable
 #endif
 
 extern const BchPath BCH_PATHS;
 
 namespace {
 
-BchPath selected_path = bch_portable;
+BchPath selected_path = kBchPortable;
 
 }  // namespace
 

@@ -18,9 +18,9 @@ struct BchPath {
 };
 
 /// The path that every processor has.
-extern const BchPath bch_portable;
+extern const BchPath kBchPortable;
 
-/// All paths of this family of processors, fastest first. bch_portable is the last one.
+/// All paths of this family of processors, fastest first. kBchPortable is the last one.
 std::span<const BchPath> bch_paths();
 
 /// The first of the paths that is available on this processor. One of them must be (asserted).

@@ -83,4 +83,4 @@ void encode(const BchTables& tables, const uint8_t* const* codewords, uint32_t c
 
 }  // namespace
 
-extern constinit const BchPath bch_portable{"portable", [] { return true; }, encode};
+extern constinit const BchPath kBchPortable{"portable", [] { return true; }, encode};

@@ -18,7 +18,7 @@ using Names = std::vector<std::string_view>;
 
 TEST(BchPathTable, EndsWithThePortablePath) {
     EXPECT_EQ(bch_paths().back().name, "portable");
-    EXPECT_EQ(bch_paths().back().kernel, bch_portable.kernel);
+    EXPECT_EQ(bch_paths().back().kernel, kBchPortable.kernel);
     EXPECT_TRUE(bch_paths().back().available());
 }
 
@@ -71,7 +71,7 @@ bool no() {
 }
 
 BchPath made_up(std::string_view name, bool available) {
-    return {name, available ? yes : no, bch_portable.kernel};
+    return {name, available ? yes : no, kBchPortable.kernel};
 }
 
 TEST(BchFastestPath, IsTheFirstThatIsAvailable) {
@@ -103,7 +103,7 @@ uint32_t counted_codewords;
 void count_codewords(const BchTables& tables, const uint8_t* const* codewords, uint32_t count,
                      BchRegister* results) {
     counted_codewords += count;
-    bch_portable.kernel(tables, codewords, count, results);
+    kBchPortable.kernel(tables, codewords, count, results);
 }
 
 TEST_F(BchTest, EncodesByTheSelectedPath) {
