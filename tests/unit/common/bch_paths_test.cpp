@@ -107,6 +107,7 @@ void count_codewords(const BchTables& tables, const uint8_t* const* codewords, u
 }
 
 TEST_F(BchTest, EncodesByTheSelectedPath) {
+    bch_init(16);
     bch_select_path({"counting", yes, count_codewords});
     counted_codewords = 0;
     Bytes page = test_support::patterned(std::size_t{9} * AllBytesNum, 6);
