@@ -176,7 +176,7 @@ void write_firmware(const fs::path& path, const std::vector<Placed>& parts) {
     const FirmwareLayout where = firmware.layout();
     std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        file.seekp(static_cast<std::streamoff>(where.item_data[i + 1]));  // behind the parameter item
+        file.seekp(static_cast<std::streamoff>(where.item_data[i + 1]));  // after the parameter item
         parts[i].payload->write(file);
     }
     file.close();

@@ -166,7 +166,7 @@ struct SizeOption {
 
 class Size : public testing::TestWithParam<SizeOption> {};
 
-TEST_P(Size, ThatIsNoNumberEndsTheRunAtOnce) {
+TEST_P(Size, ThatIsNotANumberEndsTheRunAtOnce) {
     const SizeOption& option = GetParam();
     for (const std::string text : {"abc", "", " ", "-", "+", "- 1", "2147483648", "-2147483649",
                                    "99999999999999999999", "x12", ".5"}) {

@@ -106,7 +106,7 @@ const std::vector<Failure> kBootBlockFailures{
     no_loader("NoEntries", -1, [](BootEntryList& loader) { loader.entries.clear(); }),
     no_loader("NoFlashBoot", -1, [](BootEntryList& loader) { loader.entries[1].name = "Flashboots"; }),
     no_loader("NoFlashData", -2, [](BootEntryList& loader) { loader.entries.erase(loader.entries.begin()); }),
-    no_loader("FlashBootBehindTheCount", -1, [](BootEntryList& loader) { loader.count = 1; }),
+    no_loader("FlashBootAfterTheCount", -1, [](BootEntryList& loader) { loader.count = 1; }),
     no_loader("TableOutside", -1, [](BootEntryList& loader) { loader.table_offset = 0xFFFFFFF0; }),
     no_size("FlashBootOfTooManySectors", 1),
     no_size("FlashDataOfTooManySectors", 0),
@@ -155,7 +155,7 @@ const std::vector<Failure> kTableFailures{
     cut("EndsInTheHeader", 1931, kNoHeader),
     cut("EndsAtTheEndOfTheHeader", 1932, kNoTable),
     cut("EndsInTheTable", 2047, kNoTable),
-    {"PackageBehindTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout&) {
+    {"PackageAfterTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout&) {
          put32_at(bytes, head_field::kPackageOffset, 0xFFFFFFFF);
      }),
      "", kNoHeader},
@@ -182,7 +182,7 @@ const std::vector<Failure> kTableFailures{
                       [](Firmware& firmware) { firmware.items[0].name = "parameter1"; }),
     without_parameter("ParameterNotPlaced",
                       [](Firmware& firmware) { firmware.items[0].flash_offset = kNotPlaced; }),
-    without_parameter("ParameterBehindTheCount",
+    without_parameter("ParameterAfterTheCount",
                       [](Firmware& firmware) {
                           std::swap(firmware.items[0], firmware.items[1]);
                           firmware.item_count = 1;
@@ -242,7 +242,7 @@ std::string text_with_partitions(uint32_t count) {
 const std::vector<Failure> kParameterFailures{
     parameter("LongerThanTheFile", [](Item& item) { item.size = 0x100000; }),
     parameter("AsLongAs32BitsCount", [](Item& item) { item.size = 0xFFFFFFFF; }),
-    {"BehindTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout& where) {
+    {"AfterTheFile", bent_bytes([](Bytes& bytes, const FirmwareLayout& where) {
          put32_at(bytes, where.item_records[0] + item_field::kOffset, 0x7FFFFFFF);
      }),
      "", kNoBuffer},
@@ -309,7 +309,7 @@ const std::vector<Failure> kPartitionFailures{
     boot_item("APageTooSmall", kTooSmall, -1, {.part_size = 8, .data = patterned(4097, 1)}),
     boot_item("TooSmallFor64Bits", kTooSmall, -1,
               {.part_size = 0x80, .data = patterned(5000, 1), .size = (uint64_t{1} << 32) + 5000}),
-    boot_item("DataBehindTheFile", line("failed to get data from firmware"), -2,
+    boot_item("DataAfterTheFile", line("failed to get data from firmware"), -2,
               {.part_size = kGrowsToEnd, .data = patterned(28, 1), .size = uint64_t{1} << 33}),
     boot_item("SparseInNoSector", kTooSmall, -2, {.part_size = 0, .data = sparse_of(4096, 1).build()}),
     boot_item("SparseInHalf", kTooSmall, -2, {.part_size = 4, .data = sparse_of(4096, 1).build()}),

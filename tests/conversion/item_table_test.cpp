@@ -132,7 +132,7 @@ TEST(ItemTable, EmptyParameterItemIsWritten) {
     EXPECT_EQ(at_sector(image_of(firmware), 0x2000, 8 * 2048), Bytes(8 * 2048, 0));
 }
 
-TEST(ItemTable, ItemsBehindTheCountAreNotLookedAt) {
+TEST(ItemTable, ItemsAfterTheCountAreNotLookedAt) {
     Firmware firmware = with_items({});
     const Workbench bench;
     const ExpectedRun one = expected_run(firmware, kEmmc, bench.out_dir());

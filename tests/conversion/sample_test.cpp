@@ -124,7 +124,7 @@ TEST(SampleLayout, IsThatOfTheFormats) {
     }
     Files nand = files_of({"spinand", "16", "2"});
     Files slc = files_of({"slc", "16", "2", "64"});
-    // With their fill pages: 4 behind the boot block's 4, 5 behind the 3 of boot, and so on.
+    // With their fill pages: 4 after the boot block's 4, 5 after the 3 of boot, and so on.
     for (const auto& [name, pages] : std::map<std::string, std::size_t>{{"idblock.img", 8},
                                                                         {"parameter.img", 64},
                                                                         {"boot.img", 8},

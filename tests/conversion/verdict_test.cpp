@@ -77,7 +77,7 @@ TEST(FullDevice, EndsARunOnABareContainer) {
     }
 }
 
-TEST(FullDevice, BehindOneNandFileLeavesTheOthersWhole) {
+TEST(FullDevice, AfterOneNandFileLeavesTheOthersWhole) {
     Firmware firmware = sample_firmware();
     firmware.items[0].part_size = 64;
     firmware.items[1].data = patterned(3 * kMib, 1);  // far more than is gathered before a write
@@ -88,7 +88,7 @@ TEST(FullDevice, BehindOneNandFileLeavesTheOthersWhole) {
         expect_full(firmware, {"slc", "16", "2", "64"}, name);
 }
 
-TEST(FullDevice, BehindSeveralFilesIsReportedForTheFirst) {
+TEST(FullDevice, AfterSeveralFilesIsReportedForTheFirst) {
     const Firmware firmware = sample_firmware();
     for (const Conversion& conversion :
          {Conversion{"spinand", "64", "2"}, Conversion{"slc", "16", "2", "64"}}) {
@@ -116,7 +116,7 @@ TEST(FullDevice, IsNotReportedWhenAStepFailsAfterwards) {
                      line("partition size is too small") + error_line("failed to write misc,ret=-1"));
 }
 
-TEST(FullDevice, BehindASparseImageOrItsFileIsReported) {
+TEST(FullDevice, AfterASparseImageOrItsFileIsReported) {
     const Firmware firmware = with_sparse(sparse_image());
     expect_full(firmware, {"spinand", "4", "2"}, "unsparse_tmp.bin");
     expect_full(firmware, {"spinand", "4", "2"}, "rootfs.img");

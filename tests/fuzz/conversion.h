@@ -17,7 +17,7 @@ namespace robustness {
 inline constexpr std::array<ENUM_FLASH_TYPE, 4> kStorageTypes = {FLASH_EMMC, FLASH_NOR, FLASH_SPI_NAND,
                                                                  FLASH_SLC_NAND};
 
-// As it stands behind -t.
+// As it stands after -t.
 const char* type_name(ENUM_FLASH_TYPE type);
 
 struct Geometry {

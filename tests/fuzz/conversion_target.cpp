@@ -26,7 +26,7 @@ ENUM_FLASH_TYPE type_of(const ControlBytes& input) {
 }
 
 // NAND has a file for each of up to hundreds of items, so its files are kept small; an image without a GPT
-// begins its partitions at 4 MiB and has to have room behind that.
+// begins its partitions at 4 MiB and has to have room after that.
 uint64_t largest_file_of(ENUM_FLASH_TYPE type) {
     const bool has_many = type == FLASH_SPI_NAND || type == FLASH_SLC_NAND;
     return has_many ? 1024 * 1024 : kLargestFuzzedFile;

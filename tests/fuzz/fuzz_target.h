@@ -54,7 +54,7 @@ void run_conversion(const test_support::Bytes& input);
 
 class ControlBytes {
 public:
-    // An input that is shorter has control bytes of 0 behind it.
+    // An input that is shorter has control bytes of 0 after it.
     ControlBytes(const test_support::Bytes& input, std::size_t count)
         : m_body(input.begin(), input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size()))),
           m_values(input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size())), input.end()) {

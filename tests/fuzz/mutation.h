@@ -1,7 +1,7 @@
 #pragma once
 
 // Bends inputs where it counts: numbers of the format get numbers that are wild, or fit each other almost.
-// Behind a checksum that does not fit nothing would be reached, so it is repaired nearly always.
+// After a checksum that does not fit nothing would be reached, so it is repaired nearly always.
 
 #include "fuzz_target.h"
 #include "support/bytes.h"

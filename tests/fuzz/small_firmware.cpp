@@ -21,7 +21,7 @@ Firmware small_firmware(const SmallFirmwareOptions& options) {
     firmware.boot.loader.entries = {{.name = "FlashData", .data = patterned(600, 13)},
                                     {.name = "FlashBoot", .data = patterned(520, 14)}};
 
-    // Close behind the boot block copies, so that the images stay small.
+    // Close after the boot block copies, so that the images stay small.
     const uint32_t first = 0x500;
     const Partition boot{"boot", first, 0x10};
     const Partition rootfs{"rootfs:bootable", first + 0x10, 0x20};

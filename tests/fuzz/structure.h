@@ -36,7 +36,7 @@ Structure image_structure(const test_support::Bytes& bytes);
 Structure container_structure(const test_support::Bytes& bytes);
 Structure sparse_structure(const test_support::Bytes& bytes);
 
-// Gives the boot container the checksum that fits its bytes: behind a wrong one nothing would be reached.
+// Gives the boot container the checksum that fits its bytes: after a wrong one nothing would be reached.
 void repair_checksum(test_support::Bytes& bytes, const Structure& structure);
 
 // A size, an offset or a count.

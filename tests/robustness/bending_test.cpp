@@ -1,4 +1,4 @@
-// A firmware is bent in every way that one wrong byte, one wrong number or a cut-off file can bend it. Behind
+// A firmware is bent in every way that one wrong byte, one wrong number or a cut-off file can bend it. After
 // the boot container's checksum nothing would be reached, so it is repaired.
 
 #include "bent_runs.h"
@@ -24,7 +24,7 @@ Specimen firmware_specimen(bool gpt) {
     Specimen specimen;
     specimen.bytes = small_firmware({.gpt = gpt}).build();
     specimen.structure = image_structure(specimen.bytes);
-    specimen.structure.chunks.resize(small_sparse_image().chunks.size());  // not what lies behind them
+    specimen.structure.chunks.resize(small_sparse_image().chunks.size());  // not what lies after them
     return specimen;
 }
 

@@ -27,7 +27,7 @@ constexpr char kSuccessLine[] = "creating programming image ok.\n";
 
 // What the child tells the parent, also when it dies.
 struct Shared {
-    std::size_t done = 0;  // runs that are behind it
+    std::size_t done = 0;  // runs that are done
     char problem[4096] = {};
 };
 

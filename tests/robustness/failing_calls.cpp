@@ -55,8 +55,8 @@ struct Plan {
 
 Plan plan;
 
-// The functions behind this library's own. All are looked up before the plan is armed, because looking up
-// allocates.
+// The functions that this library's own replace. All are looked up before the plan is armed, because looking
+// up allocates.
 struct Next {
     template <typename Function>
     static void find(Function*& function, const char* name) {

@@ -74,7 +74,7 @@ BootBlock read_boot_block(const Bytes& image, uint64_t sector) {
     if (block.tag != kBootBlockTag)
         block.errors.push_back("no boot block tag");
     if (block.boot_code1_offset != kBootHeaderSectors)
-        block.errors.push_back("the first stage does not start behind the header sectors");
+        block.errors.push_back("the first stage does not start after the header sectors");
     if (block.boot_code_size < block.boot_data_size)
         block.errors.push_back("the first stage is longer than both stages together");
     else if (!stages_fit(image, sector + block.boot_code1_offset, block.boot_code_size))

@@ -1,7 +1,7 @@
 #pragma once
 
 // Finds and unpacks a boot block as the boot ROM does: header sector 0 is descrambled and must carry the tag,
-// the two boot stages follow behind the four header sectors, as many sectors as the header says.
+// the two boot stages follow after the four header sectors, as many sectors as the header says.
 
 #include "bytes.h"
 

@@ -32,7 +32,7 @@ uint32_t high_half(uint64_t value) {
     return static_cast<uint32_t>(value >> 32);
 }
 
-// Lays one list's table at `cursor` and moves the cursor behind it.
+// Lays one list's table at `cursor` and moves the cursor after it.
 void place_table(const BootEntryList& list, std::size_t& cursor, BootListLayout& where) {
     where.table = cursor;
     for (std::size_t i = 0; i < list.entries.size(); ++i)

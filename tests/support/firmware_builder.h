@@ -142,7 +142,7 @@ struct Item {
     uint32_t use_space = 0;
     std::optional<uint64_t> offset{};  // from the package start; the data is written there too
     std::optional<uint64_t> size{};    // what the record says
-    bool reserve_size = false;  // the file reaches over the whole recorded size, with a hole behind `data`
+    bool reserve_size = false;  // the file reaches over the whole recorded size, with a hole after `data`
     bool force_large_marks = false;  // 'H' marks even when both values fit in 32 bits
     std::vector<Island> islands{};
 

@@ -79,7 +79,7 @@ private:
         }
         const std::size_t tail = page * m_physical_page_size + m_units * kUnitStride;
         if (!all_bytes_are(m_file, 0xFF, tail, (page + 1) * m_physical_page_size - tail))
-            fail(where + ": spare bytes behind the last unit are not erased");
+            fail(where + ": spare bytes after the last unit are not erased");
         keep_data(page, data, where);
     }
 
@@ -97,7 +97,7 @@ private:
     void keep_data(std::size_t page, const Bytes& data, const std::string& where) {
         const std::size_t used = data_bytes_of(page);
         if (!all_bytes_are(data, m_geometry.fill_byte, used, data.size() - used))
-            fail(where + ": bytes behind the page's data are not the fill byte");
+            fail(where + ": bytes after the page's data are not the fill byte");
         m_contents.data.insert(m_contents.data.end(), data.begin(),
                                data.begin() + static_cast<std::ptrdiff_t>(used));
     }

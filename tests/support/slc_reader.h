@@ -17,7 +17,7 @@ struct SlcGeometry {
     uint32_t spare_size = 64;         // spare bytes per page
     bool two_kilobytes_data = false;  // only 2048 data bytes per physical page
     uint32_t list_step = 4;           // from page to page of a file
-    uint8_t fill_byte = 0;            // behind the data of a page that holds 2048 bytes only
+    uint8_t fill_byte = 0;            // after the data of a page that holds 2048 bytes only
 };
 
 struct SlcContents {

@@ -71,7 +71,7 @@ inline uint64_t declared_size(const Bytes& image) {
     return uint64_t{get32(image, sparse_field::kBlockSize)} * get32(image, sparse_field::kTotalBlocks);
 }
 
-// Expands the image that starts at byte 0. Bytes behind the image belong to `bytes` too when a test wants to
+// Expands the image that starts at byte 0. Bytes after the image belong to `bytes` too when a test wants to
 // see what a chunk that reaches past its end reads.
 SparseExpansion expand_sparse(const Bytes& bytes, std::size_t page_size, uint8_t fill_byte = 0);
 

@@ -26,7 +26,7 @@ TEST(ByteReader, HoldsRangesUpToItsEnd) {
     EXPECT_FALSE(reader().holds(10, 1));
 }
 
-TEST(ByteReader, HoldsNothingAtItsEndButNotBehindIt) {
+TEST(ByteReader, HoldsNothingAtItsEndButNotAfterIt) {
     EXPECT_TRUE(reader().holds(10, 0));
     EXPECT_FALSE(reader().holds(11, 0));
     EXPECT_FALSE(reader().holds(kLargest, 0));

@@ -129,14 +129,14 @@ TEST(Rc4, StartsTheKeystreamAfreshAtEveryCall) {
         ASSERT_EQ(first[i] ^ scrambled_first[i], second[i] ^ scrambled_second[i]) << i;
 }
 
-TEST(Rc4, OfTheFirstBytesOfASectorIsTheStartOfTheScrambledSector) {
+TEST(Rc4, FirstBytesOfASectorAreScrambledAsInIt) {
     const Bytes sector = patterned(512, 6);
     const Bytes whole = scrambled(sector);
     for (const std::size_t length : {1U, 2U, 255U, 256U, 257U, 511U})
         EXPECT_EQ(scrambled(slice(sector, 0, length)), slice(whole, 0, length)) << length;
 }
 
-TEST(Rc4, TouchesNothingBehindItsLength) {
+TEST(Rc4, TouchesNothingAfterItsLength) {
     Bytes bytes(40, 0xEE);
     rc4(bytes.data(), 0);
     EXPECT_EQ(bytes, Bytes(40, 0xEE));

@@ -37,7 +37,7 @@ TEST(NextPiece, GivesEmptyPiecesBetweenSeparators) {
     EXPECT_EQ(pieces_of(",,", ','), (Pieces{"", ""}));
 }
 
-TEST(NextPiece, EndsBehindALastSeparator) {
+TEST(NextPiece, EndsAfterALastSeparator) {
     EXPECT_EQ(pieces_of("a,b,", ','), (Pieces{"a", "b"}));
     EXPECT_EQ(pieces_of(",", ','), Pieces{""});
     EXPECT_EQ(pieces_of("", ','), Pieces{});

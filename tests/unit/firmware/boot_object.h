@@ -16,7 +16,7 @@ namespace firmware_tests {
 
 using test_support::Bytes;
 
-// A container object over memory of exactly its size, so that a sanitizer sees any access behind it.
+// A container object over memory of exactly its size, so that a sanitizer sees any access after it.
 inline std::unique_ptr<CQZBoot> boot_object(const Bytes& container) {
     auto data = std::make_unique<uint8_t[]>(container.size());
     std::copy(container.begin(), container.end(), data.get());

@@ -193,7 +193,7 @@ TEST(QZBootEntries, HaveNamesMadeOfTheLowByteOfEachUnit) {
     Bytes container = sample.build();
     const std::size_t name = sample.layout().loader.records[0] + field::kName;
     container[name + 1] = 0x4E;      // the high byte of the first unit
-    container[name + 2 * 12] = 'z';  // a unit behind the NUL
+    container[name + 2 * 12] = 'z';  // a unit after the NUL
     repair_boot_crc(container);
     const auto boot = loaded(container);
     std::string expected = padded("FlashData");

@@ -40,7 +40,7 @@ protected:
     }
 };
 
-TEST_F(QZImageTrailer, OfAtMost159BytesIsNoSignature) {
+TEST_F(QZImageTrailer, OfAtMost159BytesHasNoSignature) {
     for (const std::size_t size : {32U, 33U, 64U, 158U, 159U}) {
         const Firmware firmware = with_trailer(size);
         CQZImage unsigned_image;
@@ -99,7 +99,7 @@ TEST_F(QZImageTrailer, MayBeMissing) {
     EXPECT_EQ(Trailer(m_image).md5, slice(bytes, bytes.size() - 32, 32));
 }
 
-TEST_F(QZImageTrailer, IsNotThereWhenThePackageEndsBehindTheFile) {
+TEST_F(QZImageTrailer, IsNotThereWhenThePackageEndsAfterTheFile) {
     Firmware firmware = small_firmware();
     firmware.signature = patterned(200, 7);
     for (const uint64_t more : {uint64_t{74}, uint64_t{233}, uint64_t{100000}}) {

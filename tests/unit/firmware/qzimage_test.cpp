@@ -53,7 +53,7 @@ TEST_F(QZImageTest, WithoutAFileHasNoStatus) {
     EXPECT_EQ(m_image.GetBootObject(), nullptr);
 }
 
-TEST_F(QZImageTest, IsNoDirectory) {
+TEST_F(QZImageTest, IsNotADirectory) {
     EXPECT_EQ(init(m_directory.path()), -2);
     std::filesystem::create_directory(m_directory / "loader.bin");
     EXPECT_EQ(init(m_directory / "loader.bin"), -2);
@@ -119,7 +119,7 @@ TEST_F(QZImageTest, WithoutABootContainerHasNoData) {
     Firmware firmware = small_firmware();
     firmware.boot_size = 0;
     EXPECT_EQ(init(firmware), -1006);
-    // At the end of the file, and behind it.
+    // At the end of the file, and after it.
     Bytes bytes = small_firmware().build();
     const auto size = static_cast<uint32_t>(bytes.size());
     for (const uint32_t offset : {size, size + 1, 0x80000000U, 0xFFFFFFFFU}) {

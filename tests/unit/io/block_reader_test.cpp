@@ -49,7 +49,7 @@ protected:
         m_reader.attach(m_file->descriptor());
     }
 
-    // The bytes that a read of `size` at `offset` gives; the ones behind them stay as they are.
+    // The bytes that a read of `size` at `offset` gives; the ones after them stay as they are.
     Bytes read(uint64_t offset, std::size_t size) {
         Bytes out(size, 0xEE);
         const std::optional<uint64_t> count = m_reader.read(offset, size, out.data());
@@ -180,7 +180,7 @@ TEST_F(BlockReaderTest, KeepsNoBlockOfAReadThatFailed) {
     EXPECT_EQ(m_reader.read(600000, 100, out.data()), std::nullopt);
 }
 
-TEST_F(BlockReaderTest, FailsWhereOnlyTheFirstPartOfAPieceIsInItsBlock) {
+TEST_F(BlockReaderTest, FailsWhereOnlyTheFirstPartIsInItsBlock) {
     ASSERT_EQ(read(0, 1), expected(0, 1));
     m_file->close();
     Bytes out(1000);

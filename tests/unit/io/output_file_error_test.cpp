@@ -101,7 +101,7 @@ TEST_F(OutputFileTest, IdentityIsThatOfTheOpenFile) {
     EXPECT_FALSE(m_file.file().identity().is(status));
 }
 
-TEST_F(OutputFileTest, OpeningAnotherFileStartsAfreshButTheFirstFailureStays) {
+TEST_F(OutputFileTest, AnotherFileStartsAfreshWithTheFirstFailure) {
     m_file.open("/dev/full");
     m_file.write("abc", 3);
     m_file.open(path());

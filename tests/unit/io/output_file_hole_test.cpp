@@ -12,7 +12,7 @@ namespace {
 using namespace storage_test;
 using namespace test_support;
 
-TEST_F(OutputFileTest, ZerosBehindTheEndBecomeAHole) {
+TEST_F(OutputFileTest, ZerosAfterTheEndBecomeAHole) {
     if (!holes_cost_nothing())
         GTEST_SKIP() << "the file system has no holes";
     const Bytes zeros(8 << 20, 0);
@@ -111,7 +111,7 @@ TEST_F(OutputFileTest, ZerosOverwriteWhatWasThere) {
     }
 }
 
-TEST_F(OutputFileTest, ZerosFromInsideTheDataToBehindItsEndClearTheData) {
+TEST_F(OutputFileTest, ZerosFromInsideToAfterTheEndClearTheData) {
     for (const bool by_fill : {false, true}) {
         m_file.open(path());
         put(m_file, Bytes(700000, 0xAA));

@@ -228,7 +228,7 @@ TEST_F(OutputFileModelTest, RegularFileEqualsItsModel) {
     EXPECT_EQ(m_failure.error, 0);
 }
 
-TEST_F(OutputFileModelTest, FileWithKeptZeroBytesEqualsItsModelAndHasNoHoles) {
+TEST_F(OutputFileModelTest, FileWithKeptZerosEqualsItsModelWithoutHoles) {
     m_file.file().keep_zero_bytes();
     for (uint32_t seed = 0; seed < 500 && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));

@@ -37,7 +37,7 @@ TEST_F(OutputFileTest, OpenTruncatesByDefault) {
     EXPECT_EQ(read_file(path()), Bytes());
 }
 
-TEST_F(OutputFileTest, OpenForReadingTooKeepsTheContentUnlessTruncated) {
+TEST_F(OutputFileTest, OpenForReadingKeepsWhatIsNotTruncated) {
     write_file(path(), to_bytes("abcdef"));
     m_file.open(path(), kInOut);
     m_file.seekp(2);
@@ -189,7 +189,7 @@ TEST_F(OutputFileTest, PositionIsKnownBeforeAnythingIsWrittenOut) {
     EXPECT_EQ(m_file.tellp(), 1001);
 }
 
-TEST_F(OutputFileTest, SeekingBehindTheEndMakesTheFileLongerOnlyWithTheNextByte) {
+TEST_F(OutputFileTest, SeekAfterTheEndCountsWithTheNextByte) {
     m_file.open(path());
     m_file.write("ab", 2);
     m_file.seekp(10);
@@ -236,7 +236,7 @@ TEST_F(OutputFileTest, OffsetsBeyond4GiBAreExact) {
     EXPECT_EQ(std::string(text, 5), std::string("\0xyz\0", 5));
 }
 
-TEST_F(OutputFileTest, WriteBehindTheLargestOffsetFailsBeforeAnythingIsCut) {
+TEST_F(OutputFileTest, WriteAfterTheLargestOffsetCutsNothing) {
     m_file.open(path());
     m_file.write("abc", 3);
     m_file.write_fill(0, uint64_t{1} << 40, uint64_t{1} << 40);

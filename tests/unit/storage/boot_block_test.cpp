@@ -213,7 +213,7 @@ TEST_F(BootBlockTest, StagesOfAnyLengthStandOnTheirSectors) {
         }
 }
 
-TEST_F(BootBlockTest, NothingIsWrittenBehindTheStages) {
+TEST_F(BootBlockTest, NothingIsWrittenAfterTheStages) {
     load_stages(patterned(3000, 11), patterned(2048, 12), true);
     Bytes buffer(8192 + 512, 0xEE);
     EXPECT_EQ(m_storage->create_idblock(buffer.data(), 8, 4, 3000, 2048), 0);

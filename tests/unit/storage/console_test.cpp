@@ -180,7 +180,7 @@ TEST(StepsUntilChange, HoldForTheLargestSizes) {
     // 51 percent of it are 9407839477591871323.65.
     EXPECT_EQ(progress.steps_until_change(kLargest / 2 + 1, kLargest),
               9407839477591871324U - (kLargest / 2 + 1));
-    // The next percentage lies behind the last number.
+    // The next percentage lies after the last number.
     output_of([&] { progress.show(kLargest, kLargest); });
     EXPECT_EQ(progress.steps_until_change(kLargest - 1, kLargest), 1U);
 }

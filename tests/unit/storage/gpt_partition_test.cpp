@@ -74,7 +74,7 @@ TEST_F(GptFlag, BothWordsMustStandOnOneLine) {
     EXPECT_FALSE(flag_of_text("TYP: GPT, TPYE: GTP"));
 }
 
-TEST_F(GptFlag, ScanGoesOnBehindAnotherType) {
+TEST_F(GptFlag, ScanGoesOnAfterAnotherType) {
     EXPECT_TRUE(flag_of_text("TYPE: MBR\nTYPE: GPT\n"));
 }
 
@@ -108,7 +108,7 @@ TEST_F(GptFlag, OfATextThatCannotBeReadIsNotSet) {
     load(*storage, firmware);
     STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
     EXPECT_TRUE(flag_of(*storage, item));
-    item.size += 4;  // only the checksum may lie behind the end of the file
+    item.size += 4;  // only the checksum may lie after the end of the file
     EXPECT_TRUE(flag_of(*storage, item));
     item.size += 1;
     EXPECT_FALSE(flag_of(*storage, item));
@@ -120,7 +120,7 @@ TEST_F(GptFlag, OfATextThatCannotBeReadIsNotSet) {
 
 TEST_F(GptFlag, PositionIsA32BitSumWithoutLargeItemMarks) {
     Firmware firmware = firmware_with({{.name = "parameter", .data = record_of("TYPE: GPT\n")}});
-    firmware.boot_offset = 4096;  // room behind the head for another record
+    firmware.boot_offset = 4096;  // room after the head for another record
     auto storage = make<Recorder>();
     load(*storage, firmware);
     STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
@@ -235,7 +235,7 @@ TEST_F(GptPartition, TakesPartitionsAndUuidsFromTheText) {
     EXPECT_EQ(get64(table, 1024 + 128 + 40), 0xFFFFFFDDU);
 }
 
-TEST_F(GptPartition, ChecksumBehindTheTextIsOverwrittenForGood) {
+TEST_F(GptPartition, ChecksumAfterTheTextIsOverwrittenForGood) {
     // With its checksum the text would name one partition more.
     const Bytes record = record_of("mtdparts=x:0x1@0x2(a),0x3@0x4(b", "PARMxxxx", "),\n\n");
     load_record(record);

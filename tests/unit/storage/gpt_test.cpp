@@ -18,12 +18,12 @@ constexpr uint64_t kWholeDisk = 0xFFFFFFFF;
 
 class Gpt : public ::testing::Test {
 protected:
-    // Builds the table into memory that held something else before; what lies behind it must stay.
+    // Builds the table into memory that held something else before; what lies after it must stay.
     Bytes build(PARAM_ITEM_VECTOR parts, UUID_ITEM_VECTOR uuids = {}, uint64_t disk_sectors = kWholeDisk) {
         Bytes memory(kGptBytes + 4096, 0xA5);
         std::srand(1);
         m_storage.create_gpt_buffer(memory.data(), parts, uuids, disk_sectors);
-        EXPECT_TRUE(all_bytes_are(memory, 0xA5, kGptBytes, 4096)) << "wrote behind the table";
+        EXPECT_TRUE(all_bytes_are(memory, 0xA5, kGptBytes, 4096)) << "wrote after the table";
         memory.resize(kGptBytes);
         m_parts = std::move(parts);
         return memory;

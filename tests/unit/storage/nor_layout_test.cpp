@@ -39,7 +39,7 @@ TEST_F(NorLayoutTest, SecondCopyStartsOnThe64KBBoundary) {
     }
 }
 
-// The boundary behind a first copy of 2^31 sectors is sector 2^32, which is 0 in 32 bits.
+// The boundary after a first copy of 2^31 sectors is sector 2^32, which is 0 in 32 bits.
 TEST_F(NorLayoutTest, BoundaryThatWrapsToZeroStaysZero) {
     const auto storage = make<Nor>({.block_kb = 0x40000000});
     ASSERT_EQ(storage->m_block_size_sector, 0x80000000U);

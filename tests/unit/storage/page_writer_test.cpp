@@ -214,7 +214,7 @@ TEST_F(PageWriterTest, OutputOf4999168BytesIsPaddedToTheBlock) {
     EXPECT_TRUE(same_bytes(written(), expected));
 }
 
-TEST_F(PageWriterTest, PageThatIsNoDivisorOfTheBlockEndsBehindIt) {
+TEST_F(PageWriterTest, PageThatDoesNotDivideABlockEndsAfterIt) {
     use({.block_kb = 512, .page_kb = 3});
     m_storage->m_fout.write_fill('x', 1, 4999168);
     EXPECT_TRUE(m_storage->align_to_block());
@@ -349,7 +349,7 @@ TEST_F(PageWriterTest, PageOfNoBytesWritesNothing) {
     EXPECT_EQ(written_size(), 0U);
 }
 
-TEST_F(PageWriterTest, FailedPageIsNoFailureOfTheCall) {
+TEST_F(PageWriterTest, FailedPageDoesNotFailTheCall) {
     for (const bool page_2k : {false, true}) {
         use({.page_2k = page_2k});
         m_storage->m_fout.open("/dev/full");

@@ -55,7 +55,7 @@ TEST_F(ParameterRecord, OfNoBytesIsLoaded) {
     EXPECT_EQ(storage->m_uiParamFileSize, 0U);
 }
 
-TEST_F(ParameterRecord, MayEndWithTheFileButNotBehindIt) {
+TEST_F(ParameterRecord, MayEndWithTheFileButNotAfterIt) {
     const Bytes data = patterned(3000, 1);
     Firmware firmware = firmware_with({{.name = "parameter", .data = data}});
     auto storage = make<Recorder>();
@@ -198,10 +198,10 @@ TEST_F(ParameterPartition, IsTooSmallWhenFourCopiesDoNotFit) {
     expect_refused();
 }
 
-TEST_F(ParameterPartition, PagesBehindTheLastSlotAreFilled) {
+TEST_F(ParameterPartition, PagesAfterTheLastSlotAreFilled) {
     ASSERT_EQ(write(2 * 1024, 140), 0);
     expect_written(70, 8, 8);
-    ASSERT_EQ(write(2 * 1024, 2 * 11), 0);  // four slots of two pages and three pages behind them
+    ASSERT_EQ(write(2 * 1024, 2 * 11), 0);  // four slots of two pages and three pages after them
     expect_written(11, 4, 2);
 }
 

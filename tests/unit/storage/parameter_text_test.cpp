@@ -1,4 +1,4 @@
-// The parameter text: the partition list behind "mtdparts" and the "uuid:" lines.
+// The parameter text: the partition list after "mtdparts" and the "uuid:" lines.
 
 #include "storage/storage_impl.h"
 #include "support/bytes.h"
@@ -111,7 +111,7 @@ TEST_F(ParameterText, FirstMarkOfEachKindCounts) {
               (Texts{"a(b@2+1", "a@2+1", "a@b@2+1", "a@2+1"}));
 }
 
-TEST_F(ParameterText, NameMayBeEmptyAndTextBehindItIsIgnored) {
+TEST_F(ParameterText, NameMayBeEmptyAndTextAfterItIsIgnored) {
     EXPECT_EQ(partitions_in_list("0x1@0x2(),0x3@0x4(  ),0x5@0x6(name)ro,0x7@0x8(last) lk"),
               (Texts{"@2+1", "@4+3", "name@6+5", "last@8+7"}));
 }
@@ -137,12 +137,12 @@ TEST_F(ParameterText, KeywordMayStandAnywhereInTheLine) {
     EXPECT_EQ(partitions_of("#mtdparts=flash:0x1@0x2(a)"), Texts{"a@2+1"});
 }
 
-TEST_F(ParameterText, ListStartsAtTheFirstColonBehindTheKeyword) {
+TEST_F(ParameterText, ListStartsAtTheFirstColonAfterTheKeyword) {
     EXPECT_EQ(partitions_of("CMDLINE: mtdparts=flash:0x1@0x2(a)"), Texts{"a@2+1"});
     EXPECT_EQ(partitions_of("mtdparts=x:flash:0x1@0x2(a),0x3@0x4(b)"), Texts{"b@4+3"});
 }
 
-TEST_F(ParameterText, KeywordWithoutColonBehindItGivesNoPartitions) {
+TEST_F(ParameterText, KeywordWithoutColonAfterItGivesNoPartitions) {
     EXPECT_EQ(partitions_of("mtdparts=flash 0x1@0x2(a)\n"), Texts{});
     EXPECT_EQ(partitions_of("CMDLINE: mtdparts=flash 0x1@0x2(a)\n"), Texts{});
 }
@@ -242,7 +242,7 @@ TEST_F(ParameterUuid, FirstThreeGroupsAreStoredLittleEndian) {
     EXPECT_EQ(guid_of("00112233445566778899AABBCCDDEEFF"), expected);
 }
 
-TEST_F(ParameterUuid, CharacterThatIsNoDigitCountsAsZero) {
+TEST_F(ParameterUuid, CharacterOtherThanDigitsCountsAsZero) {
     EXPECT_EQ(guid_of("1/2:3@4G5`6g/7:8@9Ga`Fg1zz{-0.!f"),
               (Bytes{0x40, 0x30, 0x20, 0x10, 0x60, 0x50, 0x08, 0x07, 0x09, 0x0A, 0x0F, 0x01, 0x00, 0x00, 0x00,
                      0x0F}));

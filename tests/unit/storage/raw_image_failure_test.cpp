@@ -35,7 +35,7 @@ TEST_F(RawImageTest, FirmwareThatEndsEarlyKeepsThePagesBefore) {
     EXPECT_EQ(m_storage->m_image_fill_page_num, kUntouched);
 }
 
-TEST_F(RawImageTest, DataBehindTheFirmwareFailsAtTheFirstPage) {
+TEST_F(RawImageTest, DataAfterTheFirmwareFailsAtTheFirstPage) {
     use(FLASH_SPI_NAND, {}, patterned(10, 1));
     m_item.offset = 0xFFFFFFFF;
     expect_written("writing boot...\nfailed to get data from firmware\n", -2);
@@ -63,7 +63,7 @@ TEST_F(RawImageTest, ResultOfAPageWriteIsNotAskedFor) {
     EXPECT_EQ(storage->m_image_fill_page_num, 10U);
 }
 
-TEST_F(RawImageTest, NothingIsReadOrWrittenAfterAFailedWriteButEveryLineIsPrinted) {
+TEST_F(RawImageTest, FailedWriteEndsReadingButPrintsEveryLine) {
     use(FLASH_EMMC, {}, patterned(20480, 1), 1600);
     m_storage->m_fout.open(out_path("boot.img").string());
     m_storage->m_fout.give_up(EIO);
@@ -92,7 +92,7 @@ TEST_F(RawImageTest, LongImageIsTheSameThroughTheOutput) {
     }
 }
 
-// What lies behind the item in the firmware is not read in with its last pages.
+// What lies after the item in the firmware is not read in with its last pages.
 TEST_F(RawImageTest, LongImageEndsWhereTheNextBegins) {
     const Bytes data = patterned(1536 * 1024 + 700, 1);
     Firmware firmware = sample_firmware();

@@ -42,7 +42,7 @@ TEST_F(RawImageTest, SizesAroundAPageInEveryPageSize) {
         }
 }
 
-TEST_F(RawImageTest, RestOfThePartitionIsFilledForEmmcNorAndAnyOtherType) {
+TEST_F(RawImageTest, RestIsFilledForAllTypesButNand) {
     const Bytes data = patterned(5000, 1);
     for (const ENUM_FLASH_TYPE type : {FLASH_NONE, FLASH_EMMC, FLASH_NOR}) {
         use(type, {}, data, 0x80);
@@ -87,7 +87,7 @@ TEST_F(RawImageTest, PartitionOfAPartOfAPageTakesAWholeOne) {
     expect_pages(patterned(10, 1), 2);
 }
 
-TEST_F(RawImageTest, PartitionOf2048SectorsInPagesOf2SectorsIs1024Pages) {
+TEST_F(RawImageTest, PagesOf2SectorsMake1024Of2048Sectors) {
     for (const std::size_t size : {std::size_t{1}, std::size_t{1024}, std::size_t{1048576}}) {
         const Bytes data = patterned(size, 7);
         use(FLASH_NOR, {.page_kb = 1}, data, 2048);
@@ -97,7 +97,7 @@ TEST_F(RawImageTest, PartitionOf2048SectorsInPagesOf2SectorsIs1024Pages) {
 }
 
 // No command line gives pages of one sector; the rule has to hold for them all the same.
-TEST_F(RawImageTest, PartitionOf2048SectorsInPagesOfOneSectorIs2048Pages) {
+TEST_F(RawImageTest, PagesOf1SectorMake2048Of2048Sectors) {
     const Bytes data = patterned(5000, 7);
     use(FLASH_NOR, {.page_kb = 1}, data, 2048);
     m_storage->m_page_size = 512;
@@ -106,7 +106,7 @@ TEST_F(RawImageTest, PartitionOf2048SectorsInPagesOfOneSectorIs2048Pages) {
     expect_pages(data, 2048);
 }
 
-TEST_F(RawImageTest, FillByteStandsBehindTheDataAndInTheRest) {
+TEST_F(RawImageTest, FillByteStandsAfterTheDataAndInTheRest) {
     const Bytes data = patterned(2049, 7);
     use(FLASH_EMMC, {}, data, 12);
     m_storage->m_fill_byte = 0xFF;
@@ -198,7 +198,7 @@ TEST_F(RawImageTest, SizeBeyond4GiBTakesItsHighHalfFromTheMark) {
     expect_pages(slice(patterned(100, 1), 0, 1), 1);
 }
 
-TEST_F(RawImageTest, TerabytesBehindAFailedWriteCostAStepForEachPercent) {
+TEST_F(RawImageTest, TerabytesAfterAFailureCostAStepAPercent) {
     Firmware firmware = sample_firmware();
     firmware.items = {{.name = "boot",
                        .part_size = kGrowsToEnd,

@@ -43,13 +43,14 @@ protected:
     }
 };
 
-// Runs of 1 to 9 pages of data with a fill page after each, then pages enough for several blocks of output.
+// Runs of 1 to 9 pages of data with a fill page after each, then pages enough for more than a block of
+// output.
 Bytes runs_of_pages(const SlcCase& chip) {
     const std::size_t size = chip.page_size();
     Bytes pages;
     for (uint32_t length = 1; length < 10; ++length)
         pages = std::move(pages) + patterned(length * size, length) + Bytes(size, 0);
-    return std::move(pages) + mixed_pages(chip) + patterned(3500000 / size * size, 77);
+    return std::move(pages) + mixed_pages(chip) + patterned(1200000 / size * size, 77);
 }
 
 TEST_F(SlcGroupingTest, PagesAreAsIfEachCameAlone) {

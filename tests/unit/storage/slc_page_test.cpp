@@ -39,7 +39,7 @@ TEST_F(SlcPage, OfTwoKilobytesHasTheTabledOffsets) {
     EXPECT_EQ(slice(page, 2084, 28), test_support::bch_slow_parity(page.data() + 1056, 16));
 }
 
-TEST_F(SlcPage, SpareBytesBehindTheUnitsStayErased) {
+TEST_F(SlcPage, SpareBytesAfterTheUnitsStayErased) {
     const Bytes data = patterned(2048, 1);
     const Bytes page = written({.page_kb = 2, .spare = 128}, data);
     ASSERT_EQ(page.size(), 2176U);
@@ -85,7 +85,7 @@ TEST_F(SlcPage, FourKilobytesWithTwoOfDataTakeTwoFlashPages) {
 }
 
 TEST_F(SlcPage, OddNumberOfKilobytesEndsInAHalfPiece) {
-    // The second flash page holds the third kilobyte; nothing of the first page may shine through behind it.
+    // The second flash page holds the third kilobyte; nothing of the first page may shine through after it.
     const SlcCase chip{.page_kb = 3, .spare = 96, .page_2k = true};
     const Bytes data = patterned(3072, 9);
     const Bytes pages = written(chip, data);

@@ -121,7 +121,7 @@ TEST_F(SparseFailure, WildLengthsOfRawDataEndAtTheLastWholePiece) {
     }
 }
 
-TEST_F(SparseFailure, WildNumberOfChunksEndsBehindTheLast) {
+TEST_F(SparseFailure, WildNumberOfChunksEndsAfterTheLast) {
     SparseImage image = image_of_all_kinds();
     image.total_chunks = 0xFFFFFFFF;
     run(image.build());

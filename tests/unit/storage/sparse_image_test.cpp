@@ -75,7 +75,7 @@ TEST_F(SparseHeader, ThatCannotBeReadHasTheLargestSize) {
               std::pair(uint64_t{0xFFFFFFFFFFFFFFFF}, line("failed to get sparse info")));
 }
 
-TEST_F(SparseHeader, OfALargeItemIsReadBehind4GiB) {
+TEST_F(SparseHeader, OfALargeItemIsReadAfter4GiB) {
     const Bytes image =
         SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(patterned(1500, 1), 1024)}}.build();
     auto firmware = firmware_with({{.name = "root", .part_size = 8, .data = image, .offset = 0x140000000}});
@@ -121,7 +121,7 @@ TEST_F(SparseChunks, FillRepeatsItsValueInItsByteOrder) {
 }
 
 TEST_F(SparseChunks, FillOfAnOddLengthEndsInTheFillByte) {
-    // 3 blocks of 7 bytes: five whole values and one byte; the next chunk goes on behind it.
+    // 3 blocks of 7 bytes: five whole values and one byte; the next chunk goes on after it.
     const Bytes found =
         expanded({SparseChunk::fill(0x44332211, 3), SparseChunk::raw({1, 2, 3, 4, 5, 6, 7}, 7)}, 7, 0xFF);
     Bytes expected;
@@ -129,7 +129,7 @@ TEST_F(SparseChunks, FillOfAnOddLengthEndsInTheFillByte) {
         test_support::put_bytes(expected, {0x11, 0x22, 0x33, 0x44});
     EXPECT_EQ(slice(found, 0, 28), (expected + Bytes{0xFF, 1, 2, 3, 4, 5, 6, 7}));
 
-    // Pieces are pages: behind the 256 values of the first one, three bytes are too few for another.
+    // Pieces are pages: after the 256 values of the first one, three bytes are too few for another.
     const Bytes long_fill = expanded({SparseChunk::fill(0x44332211, 1)}, 1027, 0xEE);
     EXPECT_EQ(slice(long_fill, 1020, 10),
               (Bytes{0x11, 0x22, 0x33, 0x44, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
@@ -210,7 +210,7 @@ SparseImage one_raw(std::size_t size, uint32_t block_size) {
     return {.block_size = block_size, .chunks = {SparseChunk::raw(patterned(size, 9), block_size)}};
 }
 
-TEST_F(SparsePages, TemporaryFileIsPaddedOnlyBehindAPartialPage) {
+TEST_F(SparsePages, TemporaryFileIsPaddedOnlyAfterAPartialPage) {
     run(one_raw(4096, 1024).build());
     ASSERT_TRUE(m_storage->temporary_file);
     EXPECT_EQ(m_storage->temporary_file->size(), 4096U);
@@ -275,7 +275,7 @@ TEST_F(SparsePages, AreCountedIn32Bits) {
                    sparse_lines("root", std::vector<uint64_t>{}, 1, 4097));
 }
 
-TEST_F(SparsePages, BehindWhatTheChunksWriteAreFilled) {
+TEST_F(SparsePages, AfterWhatTheChunksWriteAreFilled) {
     SparseImage image = one_raw(1500, 1024);
     image.total_blocks = 7;
     const SparseSettings settings{.part_sectors = 20, .fill_byte = 0xEE};
@@ -310,7 +310,7 @@ TEST_F(SparsePages, HeaderSizesVersionsAndMagicAreNotAskedFor) {
     EXPECT_TRUE(same_bytes(m_storage->recorded_bytes(), padded(patterned(2000, 9), 1024)));
 }
 
-TEST_F(SparsePages, ChunksBehindTheCountAreIgnored) {
+TEST_F(SparsePages, ChunksAfterTheCountAreIgnored) {
     SparseImage image = one_raw(1024, 1024);
     image.chunks.push_back(SparseChunk::raw(patterned(1024, 1), 1024));
     image.total_chunks = 1;

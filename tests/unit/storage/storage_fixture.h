@@ -84,7 +84,7 @@ public:
         return forward ? Storage::write_page(data, length) : true;
     }
 
-    // All recorded bytes, one page behind the other.
+    // All recorded bytes, one page after the other.
     Bytes recorded_bytes() const {
         Bytes all;
         for (const RecordedPage& page : pages)
@@ -128,7 +128,7 @@ protected:
     void write_firmware(const Firmware& firmware) const { firmware.write(firmware_path()); }
 
     // A storage object of the class Storage on firmware_path() and out_dir(), nothing loaded or opened yet.
-    // `more` are constructor arguments behind the usual ones: make<CSlcStorage>(geometry, page_list).
+    // `more` are constructor arguments after the usual ones: make<CSlcStorage>(geometry, page_list).
     template <typename Storage, typename... More>
     std::unique_ptr<Storage> make(const Geometry& geometry = {}, More... more) const {
         return std::make_unique<Storage>(geometry.block_kb, geometry.page_kb, geometry.oob_bytes,
