@@ -15,7 +15,7 @@ using namespace test_support;
 const std::vector<Conversion> kOneOfEach{{"emmc", "512", "2"},
                                          {"spinor", "64", "2"},
                                          {"spinand", "128", "2"},
-                                         {"slc", "16", "2", "64", true, true}};
+                                         {"slc", "32", "4", "128", true, true}};
 
 TEST(Program, ConvertsForEveryType) {
     for (const bool gpt : {false, true}) {

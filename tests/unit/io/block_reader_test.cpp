@@ -176,6 +176,7 @@ TEST_F(BlockReaderTest, KeepsNoBlockOfAReadThatFailed) {
     m_file->close();
     Bytes out(100);
     EXPECT_EQ(m_reader.read(600000, 100, out.data()), std::nullopt);  // not in the block
+    EXPECT_EQ(m_reader.read(600000, 100, out.data()), std::nullopt);  // nor after a failed read
     EXPECT_EQ(m_reader.read(0, 100, out.data()), std::nullopt);       // was, but is not any more
     EXPECT_EQ(m_reader.read(600000, 100, out.data()), std::nullopt);
 }

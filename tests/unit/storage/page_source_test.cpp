@@ -101,6 +101,15 @@ TEST_F(PageSourceTest, PagesBeforeTheBadOneAreStillShown) {
     EXPECT_TRUE(images.pages(2, 8).empty());
 }
 
+TEST_F(PageSourceTest, RunThatFailedIsTheLastOne) {
+    m_image = patterned(10000, 1);
+    m_readable = 3000;
+    PageSource images = source(1024);
+    images.pages(0, 5);
+    images.pages(1, 4);
+    EXPECT_EQ(m_asked, (std::vector<std::pair<uint64_t, uint32_t>>{{0, 5 * 1024}, {0, 1024}, {1024, 1024}}));
+}
+
 TEST_F(PageSourceTest, OffsetsBeyond4GiBAreExact) {
     std::vector<uint64_t> asked;
     PageSource images([&](uint64_t position, uint32_t, uint8_t*) { return asked.push_back(position), true; },

@@ -376,6 +376,18 @@ TEST_F(LongPaddingTest, EveryPageArrivesUnlessPagesArePlain) {
     EXPECT_EQ(padded_with(1100, true), std::pair(std::size_t{1024}, uint64_t{1100 * 65536}));
 }
 
+TEST_F(LongPaddingTest, EveryFileStartsPageByPage) {
+    const auto storage = make<CountedPages>({.page_kb = 64});
+    for (const char* name : {"first.img", "second.img"}) {
+        storage->pages = 0;
+        ASSERT_TRUE(storage->switch_output(name));
+        EXPECT_TRUE(storage->fill_output_file(1100 * 65536));
+        storage->close_output();
+        EXPECT_EQ(storage->pages, 1024U) << name;
+        EXPECT_EQ(std::filesystem::file_size(out_path(name)), 1100U * 65536) << name;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Chips, PrivatePageTest, ::testing::ValuesIn(all_chips()),
                          [](const auto& chip) { return chip.param.name(); });
 
