@@ -35,6 +35,7 @@ protected:
         sparse_header_t header;
         std::memcpy(&header, bytes.data(), sizeof(header));
         const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
+            ++m_reads;
             m_longest_read = std::max(m_longest_read, size);
             if (position > bytes.size() + m_hole)
                 return false;
@@ -71,6 +72,7 @@ protected:
     OutputFile m_file{&m_failure};
     uint8_t m_fill_byte = 0;
     uint64_t m_hole = 0;  // bytes of the image that can be read but do not matter
+    int m_reads = 0;
     uint32_t m_longest_read = 0;
     int m_result = 1;
     uint64_t m_written = 0;
@@ -99,6 +101,14 @@ TEST_F(SparseExpanderTest, RawDataIsReadInLongPieces) {
     expand({.block_size = 1024, .chunks = {SparseChunk::raw(patterned(3 * kMiB, 1), 1024)}}, 2048);
     EXPECT_TRUE(same_bytes(contents(), patterned(3 * kMiB, 1)));
     EXPECT_EQ(m_longest_read, kMiB);
+}
+
+TEST_F(SparseExpanderTest, LongPieceThatFailedIsTheLastOne) {
+    SparseImage image{.chunks = {SparseChunk::raw(patterned(5000, 1))}};
+    image.chunks[0].total_size = 12 + 9000;
+    expand(image, 1024);
+    EXPECT_EQ(m_result, kRawDataUnreadable);
+    EXPECT_EQ(m_reads, 1 + 1 + 5) << "the chunk header, the long piece, four pages and one that fails";
 }
 
 TEST_F(SparseExpanderTest, EachUnreadablePartHasItsCode) {
