@@ -182,6 +182,14 @@ TEST_F(SparseExpanderTest, FailedFileCountsTheImageAlone) {
     EXPECT_EQ(contents(), Bytes());
 }
 
+TEST_F(SparseExpanderTest, CountStaysAtTheLimitBeyond64Bits) {
+    m_file.give_up(ENOSPC);
+    const SparseChunk chunk = SparseChunk::dont_care(0xFFFFFFFF);
+    expand({.block_size = 0xFFFFFFFF, .total_blocks = 0xFFFFFFFF, .chunks = {chunk, chunk}}, 4096);
+    EXPECT_EQ(m_result, kDone);
+    EXPECT_EQ(m_written, uint64_t{0xFFFFFFFF} * 0xFFFFFFFF + kExcess);
+}
+
 // ---- a whole item ----
 
 // Keeps the last page alone.
