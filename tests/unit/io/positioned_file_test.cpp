@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -144,6 +145,18 @@ TEST_F(PositionedFileTest, FailedWriteSaysWhy) {
     ASSERT_EQ(open(path()), 0);
     EXPECT_EQ(put(kLargestOffset - 1, to_bytes("abc")), EINVAL) << "of the kernel";
     EXPECT_EQ(m_file.close(), 0);
+}
+
+// Space is reserved before a write; that does not make the file longer.
+TEST_F(PositionedFileTest, FailedWriteLeavesTheLength) {
+    constexpr std::size_t kSize = 1024 * 1024;
+    void* const unreadable = ::mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(unreadable, MAP_FAILED);
+    ASSERT_EQ(open(path()), 0);
+    EXPECT_EQ(m_file.bytes(0, static_cast<const uint8_t*>(unreadable), kSize), EFAULT);
+    EXPECT_EQ(m_file.close(), 0);
+    EXPECT_EQ(read_file(path()), Bytes());
+    ::munmap(unreadable, kSize);
 }
 
 TEST_F(PositionedFileTest, FailedCloseSaysWhy) {
