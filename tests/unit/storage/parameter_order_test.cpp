@@ -148,5 +148,15 @@ TEST_F(ParameterOrderTest, WildStageIsRefusedBeforeTheBlockIsAllocated) {
               line("writing idblock...") + line("Failed to create idblock,ret=-4"));
 }
 
+// A derived class may put a record of its own in the place of the loaded one.
+TEST_F(ParameterOrderTest, RecordOfADerivedClassIsWritten) {
+    Bytes own = patterned(3 * 2048, 9);
+    m_storage->m_paramBuffer = own.data();
+    m_storage->m_uiParamFileSize = 5000;
+    EXPECT_EQ(write_parameter().first, kDone);
+    EXPECT_EQ(m_storage->pages.size(), 128U);
+    EXPECT_TRUE(same_bytes(test_support::slice(m_storage->recorded_bytes(), 0, own.size()), own));
+}
+
 }  // namespace
 }  // namespace storage_test
