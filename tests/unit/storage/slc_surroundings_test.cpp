@@ -39,5 +39,25 @@ TEST_F(SlcSurroundingsTest, AnotherStreamBufferGetsParity) {
     EXPECT_TRUE(same_bytes(Bytes(text.begin(), text.end()), slow_flash_pages(m_data, m_chip)));
 }
 
+TEST_F(SlcSurroundingsTest, MissingMemoryIsAskedForAgain) {
+    if (!kMemoryCanBeLimited)
+        GTEST_SKIP() << "needs a build without sanitizers";
+    const SlcCase chip{.page_kb = 65536, .spare = 65536 * 32};
+    Bytes data(chip.page_size(), 0);
+    data[0] = 1;
+    const auto storage = open(chip);
+    ASSERT_TRUE(storage->write_page(data.data(), chip.page_size()));
+    storage->m_fill_byte = 1;
+    {
+        const MemoryLimit limit(16 * 1024 * 1024);
+        EXPECT_FALSE(storage->write_page(data.data(), chip.page_size()));
+    }
+    storage->m_fill_byte = 0;
+    storage->m_fout.open(file().string());
+    EXPECT_TRUE(storage->write_page(data.data(), chip.page_size()));
+    storage->close_output();
+    EXPECT_EQ(std::filesystem::file_size(file()), chip.flash_page_size());
+}
+
 }  // namespace
 }  // namespace storage_test
