@@ -240,7 +240,8 @@ Item RandomRun::parameter_item(const std::vector<Item>& items) {
     Item item{.name = "parameter", .data = parameter_record(text_for(items))};
     const uint32_t record = sectors_of(round_up(item.data.size(), m_page));
     const uint32_t more = 8 * record + m_dice.below(40 * m_page_kb);
-    const uint32_t most = std::max<uint32_t>(kOutputBudget / 2 / m_growth / kSectorSize, 8 * record);
+    const uint32_t most =
+        std::max(static_cast<uint32_t>(kOutputBudget / 2 / m_growth / kSectorSize), 8 * record);
     item.part_size = std::min(m_dice.one_of({8 * record, more, 8 * record - 1, 4 * record, 0x2000U}), most);
     m_dice.bend(15, item.part_size, {0U, record, 4 * record - 1, kGrowsToEnd});
     m_dice.bend(100, item.flash_offset, {m_dice.below(0x8000)});

@@ -12,7 +12,6 @@
 namespace firmware_tests {
 namespace {
 
-using test_support::Item;
 using test_support::patterned;
 using test_support::slice;
 
