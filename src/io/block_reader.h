@@ -11,7 +11,7 @@ class BlockReader {
 public:
     /// In bytes. Large enough that the system call is a small part of the cost of a block, small enough that
     /// its bytes are still in the second-level cache when they are copied.
-    static constexpr uint64_t kBlockSize = 256 * 1024;
+    static constexpr uint64_t kBlockSize = 128 * 1024;
 
     /// Reads from this file descriptor from now on, with an empty block. The caller keeps it open.
     void attach(int descriptor);

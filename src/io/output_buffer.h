@@ -25,9 +25,9 @@ struct WriteFailure {
 /// takes them. Such a run has 64 KB and starts at a multiple of that, or it ends its block.
 class OutputBuffer : public std::streambuf {
 public:
-    /// Bytes of a block. The kernel puts larger writes into larger pages of its cache. Twice this size does
-    /// not stay in the second-level cache of the processor.
-    static constexpr uint64_t kBlockSize = 1024 * 1024;
+    /// Bytes of a block. The kernel puts larger writes into larger pages of its cache. A block of twice this
+    /// size and the pages that are copied into it do not stay in the second-level cache of the processor.
+    static constexpr uint64_t kBlockSize = 512 * 1024;
 
     /// The shortest run of zeros inside a block that is handed over as zeros. With shorter ones a file in
     /// which pages of zeros and of data alternate would take many system calls.

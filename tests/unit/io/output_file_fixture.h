@@ -16,7 +16,7 @@
 namespace storage_test {
 
 // No more than this is gathered before it is written.
-inline constexpr uint64_t kLargestBlock = 1024 * 1024;
+inline constexpr uint64_t kLargestBlock = 512 * 1024;
 
 // To open a file without emptying it.
 inline constexpr auto kInOut = std::ios_base::in | std::ios_base::out | std::ios_base::binary;

@@ -57,12 +57,12 @@ TEST_F(PageSourceTest, EveryPageComesOnceInOrder) {
     }
 }
 
-TEST_F(PageSourceTest, RunIsTheWholePagesOf256KiB) {
+TEST_F(PageSourceTest, RunIsTheWholePagesOf128KiB) {
     m_image = Bytes(3000000, 1);
     const struct {
         uint32_t page_size;
         std::size_t run;
-    } cases[] = {{1024, 262144}, {3072, 86 * 3072}, {65536, 262144}, {262145, 262145}, {1048576, 1048576}};
+    } cases[] = {{1024, 131072}, {3072, 43 * 3072}, {65536, 131072}, {131073, 131073}, {1048576, 1048576}};
     for (const auto& wanted : cases) {
         EXPECT_EQ(source(wanted.page_size).pages(0, 1000).size(), wanted.run) << wanted.page_size;
         EXPECT_GE(wanted.run, BlockReader::kBlockSize) << "read past the block of small pieces";

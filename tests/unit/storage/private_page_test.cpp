@@ -211,7 +211,8 @@ Bytes sparse_image(bool small) {
         .build();
 }
 
-// Items that cross runs of 256 KiB and blocks of 1 MiB, some with a partition that is larger than their data.
+// Items that cross runs of 128 KiB and blocks of 512 KiB, some with a partition that is larger than their
+// data.
 Firmware firmware_for(const Chip& chip) {
     Firmware firmware = test_support::sample_firmware({.gpt = chip.gpt()});
     const bool small = chip.spreads_widely();
