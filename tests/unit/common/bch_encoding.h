@@ -17,6 +17,7 @@
 namespace bch_tests {
 
 using test_support::Bytes;
+using test_support::operator+;
 
 // The encoder is global: after each test it has the strength and the path that the program uses.
 class BchTest : public ::testing::Test {
@@ -41,14 +42,16 @@ inline Bytes parity_of(const Bytes& message) {
     return test_support::slice(encoded(message), CodeSysBytesNum, CodecBytesNum);
 }
 
-inline Bytes random_message(uint32_t seed) {
-    return test_support::patterned(test_support::kBchMessageBytes, seed);
+// `count` units in `page`, `stride` bytes apart, the first of them at `start`.
+inline std::vector<uint8_t*> units_of(Bytes& page, std::size_t start, std::size_t count, std::size_t stride) {
+    std::vector<uint8_t*> units;
+    for (std::size_t i = 0; i < count; ++i)
+        units.push_back(page.data() + start + i * stride);
+    return units;
 }
 
-inline Bytes exclusive_or(Bytes a, const Bytes& b) {
-    for (std::size_t i = 0; i < a.size(); ++i)
-        a[i] = static_cast<uint8_t>(a[i] ^ b.at(i));
-    return a;
+inline Bytes random_message(uint32_t seed) {
+    return test_support::patterned(test_support::kBchMessageBytes, seed);
 }
 
 inline void flip_bit(Bytes& bytes, std::size_t bit) {

@@ -1,6 +1,7 @@
 #include "bch_encoding.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <set>
@@ -62,16 +63,8 @@ TEST(BchPathTable, OffersWhatThisProcessorHas) {
 
 // ---- choosing from it ----
 
-bool yes() {
-    return true;
-}
-
-bool no() {
-    return false;
-}
-
 BchPath made_up(std::string_view name, bool available) {
-    return {name, available ? yes : no, kBchPortable.kernel};
+    return {name, available ? [] { return true; } : [] { return false; }, kBchPortable.kernel};
 }
 
 TEST(BchFastestPath, IsTheFirstThatIsAvailable) {
@@ -80,10 +73,8 @@ TEST(BchFastestPath, IsTheFirstThatIsAvailable) {
         std::vector<BchPath> paths;
         for (std::size_t i = 0; i < names.size(); ++i)
             paths.push_back(made_up(names[i], (available >> i & 1) != 0));
-        std::size_t first = 0;
-        while ((available >> first & 1) == 0)
-            ++first;
-        EXPECT_EQ(&bch_fastest_path(paths), &paths[first]) << "available: bits of " << available;
+        EXPECT_EQ(&bch_fastest_path(paths), &paths[static_cast<std::size_t>(std::countr_zero(available))])
+            << "available: bits of " << available;
     }
 }
 
@@ -108,13 +99,10 @@ void count_codewords(const BchTables& tables, const uint8_t* const* codewords, u
 
 TEST_F(BchTest, EncodesByTheSelectedPath) {
     bch_init(16);
-    bch_select_path({"counting", yes, count_codewords});
+    bch_select_path({"counting", [] { return true; }, count_codewords});
     counted_codewords = 0;
     Bytes page = test_support::patterned(std::size_t{9} * AllBytesNum, 6);
-    std::vector<uint8_t*> units;
-    for (std::size_t i = 0; i < 9; ++i)
-        units.push_back(page.data() + i * AllBytesNum);
-    bch_encode_units(units.data(), 9);
+    bch_encode_units(units_of(page, 0, 9, AllBytesNum).data(), 9);
     EXPECT_EQ(counted_codewords, 9U);
     bch_encode(page.data(), page.data());
     EXPECT_EQ(counted_codewords, 10U);
@@ -122,12 +110,9 @@ TEST_F(BchTest, EncodesByTheSelectedPath) {
 
 using BchPathDeathTest = BchTest;
 
-TEST_F(BchPathDeathTest, RefusesToSelectAnUnavailablePath) {
-    EXPECT_DEATH(bch_select_path(made_up("absent", false)), "bch_select_path.*Assertion");
-}
-
-TEST_F(BchPathDeathTest, RefusesATableWithNothingAvailable) {
+TEST_F(BchPathDeathTest, RefusesPathsThatAreNotAvailable) {
     const std::vector<BchPath> paths = {made_up("absent", false)};
+    EXPECT_DEATH(bch_select_path(paths[0]), "bch_select_path.*Assertion");
     EXPECT_DEATH(bch_fastest_path(paths), "bch_fastest_path.*Assertion");
 }
 

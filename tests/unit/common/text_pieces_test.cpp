@@ -12,16 +12,14 @@ using Pieces = std::vector<std::string>;
 
 Pieces pieces_of(std::string_view text, char separator) {
     Pieces pieces;
-    std::string_view piece;
-    while (next_piece(text, separator, piece))
+    for (std::string_view piece; next_piece(text, separator, piece);)
         pieces.emplace_back(piece);
     return pieces;
 }
 
 Pieces lines_of(std::string_view text) {
     Pieces lines;
-    std::string_view line;
-    while (next_line(text, line))
+    for (std::string_view line; next_line(text, line);)
         lines.emplace_back(line);
     return lines;
 }
@@ -30,17 +28,16 @@ TEST(NextPiece, TakesTheTextApartAtItsSeparators) {
     EXPECT_EQ(pieces_of("a,bc,def", ','), (Pieces{"a", "bc", "def"}));
     EXPECT_EQ(pieces_of("a:b,c", ':'), (Pieces{"a", "b,c"}));
     EXPECT_EQ(pieces_of("whole", ','), Pieces{"whole"});
-}
-
-TEST(NextPiece, GivesEmptyPiecesBetweenSeparators) {
     EXPECT_EQ(pieces_of(",a,,b", ','), (Pieces{"", "a", "", "b"}));
     EXPECT_EQ(pieces_of(",,", ','), (Pieces{"", ""}));
-}
-
-TEST(NextPiece, EndsAfterALastSeparator) {
+    // Nothing follows a last separator.
     EXPECT_EQ(pieces_of("a,b,", ','), (Pieces{"a", "b"}));
     EXPECT_EQ(pieces_of(",", ','), Pieces{""});
     EXPECT_EQ(pieces_of("", ','), Pieces{});
+    // NUL is an ordinary character.
+    const std::string text("a\0b,c", 5);
+    EXPECT_EQ(pieces_of(text, ','), (Pieces{std::string("a\0b", 3), "c"}));
+    EXPECT_EQ(pieces_of(text, '\0'), (Pieces{"a", "b,c"}));
 }
 
 TEST(NextPiece, LeavesTheRestOfTheText) {
@@ -56,12 +53,6 @@ TEST(NextPiece, LeavesThePieceAloneAtTheEndOfTheText) {
     std::string_view piece = "before";
     EXPECT_FALSE(next_piece(text, ',', piece));
     EXPECT_EQ(piece, "before");
-}
-
-TEST(NextPiece, TakesNulForAnOrdinaryCharacter) {
-    const std::string text("a\0b,c", 5);
-    EXPECT_EQ(pieces_of(text, ','), (Pieces{std::string("a\0b", 3), "c"}));
-    EXPECT_EQ(pieces_of(text, '\0'), (Pieces{"a", "b,c"}));
 }
 
 TEST(NextLine, TakesTheTextApartAtItsLineEnds) {
@@ -80,10 +71,7 @@ TEST(NextLine, TakesOneCarriageReturnOffTheEnd) {
     EXPECT_EQ(lines_of("one\r\ntwo\r"), (Pieces{"one", "two"}));
     EXPECT_EQ(lines_of("one\r\r\ntwo"), (Pieces{"one\r", "two"}));
     EXPECT_EQ(lines_of("o\rne\n\rtwo"), (Pieces{"o\rne", "\rtwo"}));
-}
-
-TEST(NextLine, GivesALineThatHeldACarriageReturnAloneAsEmpty) {
-    EXPECT_EQ(lines_of("one\n\r\ntwo"), (Pieces{"one", "", "two"}));
+    EXPECT_EQ(lines_of("one\n\r\ntwo"), (Pieces{"one", "", "two"})) << "the line was not empty";
 }
 
 }  // namespace
