@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -20,17 +21,13 @@ using test_support::Firmware;
 
 // The trailer as GetMd5Data hands it out; of the signature all 256 bytes that the image keeps.
 struct Trailer {
-    explicit Trailer(CQZImage& image) {
-        uint8_t* md5_data = nullptr;
-        uint8_t* signature_data = nullptr;
-        signature_size = image.GetMd5Data(md5_data, signature_data);
-        md5.assign(md5_data, md5_data + 32);
-        signature.assign(signature_data, signature_data + 256);
-    }
+    explicit Trailer(CQZImage& image) : signature_size(image.GetMd5Data(md5_data, signature_data)) {}
 
-    int signature_size = -1;
-    Bytes md5{};
-    Bytes signature{};
+    uint8_t* md5_data = nullptr;
+    uint8_t* signature_data = nullptr;
+    int signature_size;
+    Bytes md5{md5_data, md5_data + 32};
+    Bytes signature{signature_data, signature_data + 256};
 };
 
 // Gives every test a directory, an image object, and a path whose name does not select single mode.
@@ -38,7 +35,11 @@ class QZImageTest : public ::testing::Test {
 protected:
     std::filesystem::path path() const { return m_directory / "firmware.img"; }
 
-    int init(const std::filesystem::path& file) { return m_image.ObjectInit(file.string(), false); }
+    // What ObjectInit returns for a fresh image, which is m_image from then on.
+    int init(const std::filesystem::path& file) {
+        m_image = std::make_unique<CQZImage>();
+        return m_image->ObjectInit(file.string(), false);
+    }
 
     int init(const Firmware& firmware) {
         firmware.write(path());
@@ -53,11 +54,11 @@ protected:
     // What GetData reads, if anything.
     std::optional<Bytes> data(uint64_t offset, uint32_t size) {
         Bytes bytes(size, 0xEE);
-        return m_image.GetData(offset, size, bytes.data()) ? std::optional(bytes) : std::nullopt;
+        return m_image->GetData(offset, size, bytes.data()) ? std::optional(bytes) : std::nullopt;
     }
 
     test_support::TemporaryDirectory m_directory;
-    CQZImage m_image;
+    std::unique_ptr<CQZImage> m_image = std::make_unique<CQZImage>();
 };
 
 // A firmware of a few kilobytes without items.
