@@ -2,21 +2,20 @@
 
 #include "io/output_buffer.h"
 
-#include "../storage/partition_fixture.h"
 #include "io/file_offset.h"
+#include "support/same_bytes.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <string>
 #include <vector>
 
-namespace storage_test {
 namespace {
 
-using test_support::patterned;
-using test_support::to_bytes;
+using namespace test_support;
 
 using Log = std::vector<std::string>;
 
@@ -105,9 +104,11 @@ TEST_F(OutputBufferTest, BytesAreHandedOverByFlushAndClose) {
 
 TEST_F(OutputBufferTest, OpenModeIsPassedOn) {
     EXPECT_TRUE(m_buffer.open("a", {.readable = true, .truncate = true}));
+    EXPECT_TRUE(put("one"));
     m_receiver.kept_size = 1000;
-    EXPECT_TRUE(m_buffer.open("b", {.readable = false, .truncate = false}));
-    EXPECT_EQ(m_receiver.log_since(), (Log{"open a readable truncated", "end 0", "close", "open b"}));
+    EXPECT_TRUE(m_buffer.open("b", {.readable = false, .truncate = false})) << "closes the one before";
+    EXPECT_EQ(m_receiver.log_since(),
+              (Log{"open a readable truncated", "bytes 0+3", "end 3", "close", "open b"}));
     EXPECT_EQ(m_buffer.position(), 0U);
     EXPECT_EQ(m_buffer.size(), 1000U);
     EXPECT_TRUE(put("abc"));
@@ -115,24 +116,37 @@ TEST_F(OutputBufferTest, OpenModeIsPassedOn) {
     EXPECT_EQ(m_receiver.log_since(), (Log{"bytes 0+3", "end 1000"}));
 }
 
-TEST_F(OutputBufferTest, EndOfTheObjectCloses) {
-    {
-        OutputBuffer buffer(m_receiver);
-        EXPECT_TRUE(buffer.open("out.img", {}));
-        buffer.sputc('x');
-    }
-    EXPECT_EQ(m_receiver.log, (Log{"open out.img truncated", "bytes 0+1", "end 1", "close"}));
-}
-
 TEST_F(OutputBufferTest, BlocksEndAtMultiplesOfTheirSize) {
     open();
     const Bytes data = patterned(kBlock + 100, 1);
     EXPECT_TRUE(seek(50));
-    EXPECT_TRUE(put(data));
+    for (std::size_t at = 0; at < data.size(); at += 1024)
+        EXPECT_TRUE(put(slice(data, at, std::min<std::size_t>(1024, data.size() - at))));
     EXPECT_EQ(m_receiver.log_since(), Log{"bytes 50+524238"});
     EXPECT_TRUE(m_buffer.flush());
     EXPECT_EQ(m_receiver.log_since(), (Log{"bytes 524288+150", "end 524438"}));
     EXPECT_TRUE(same_bytes(m_receiver.contents, Bytes(50, 0) + data));
+}
+
+TEST_F(OutputBufferTest, RoomTakesBytesThatAreWrittenFromThere) {
+    const auto write_from_room = [this](std::size_t count) {
+        return m_buffer.sputn(reinterpret_cast<const char*>(m_buffer.room().data()),
+                              static_cast<std::streamsize>(count));
+    };
+    EXPECT_TRUE(m_buffer.room().empty()) << "nothing is open";
+    open();
+    EXPECT_TRUE(put("abc"));
+    ASSERT_EQ(m_buffer.room().size(), kBlock - 3);
+    const Bytes data = patterned(kBlock - 3, 5);
+    std::copy(data.begin(), data.end(), m_buffer.room().begin());
+    EXPECT_EQ(m_buffer.position(), 3U) << "nothing is written yet";
+    EXPECT_EQ(write_from_room(1000), 1000);
+    EXPECT_EQ(write_from_room(kBlock - 1003), std::streamsize{kBlock - 1003});
+    ASSERT_EQ(m_buffer.room().size(), kBlock) << "a fresh block";
+    std::fill_n(m_buffer.room().begin(), 100, uint8_t{0xEE});  // not written
+    EXPECT_TRUE(put("def"));
+    EXPECT_TRUE(m_buffer.flush());
+    EXPECT_TRUE(same_bytes(m_receiver.contents, to_bytes("abc") + data + to_bytes("def")));
 }
 
 TEST_F(OutputBufferTest, SeekHandsOverWhatWasGathered) {
@@ -156,10 +170,10 @@ TEST_F(OutputBufferTest, LongZerosInABlockAreNotBytes) {
     // From 100 on: data, 64 KB of zeros at a multiple of them, data, zeros up to the end of the gathered.
     EXPECT_TRUE(seek(100));
     EXPECT_TRUE(put(Bytes(kHole - 100, 1) + Bytes(kHole, 0) + Bytes(3, 2) + Bytes(kHole - 3, 0) +
-                    Bytes(kHole + 7, 0)));
+                    Bytes(kHole - 1, 0) + Bytes(1, 3) + Bytes(kHole + 7, 0)));
     EXPECT_TRUE(m_buffer.flush());
-    EXPECT_EQ(m_receiver.log_since(), (Log{"bytes 100+65436", "zeros 65536+65536", "bytes 131072+65536",
-                                           "zeros 196608+65536", "zeros 262144+7", "end 262151"}));
+    EXPECT_EQ(m_receiver.log_since(), (Log{"bytes 100+65436", "zeros 65536+65536", "bytes 131072+131072",
+                                           "zeros 262144+65536", "zeros 327680+7", "end 327687"}));
 }
 
 TEST_F(OutputBufferTest, ZerosBeforeTheReceiversPlaceAreBytes) {
@@ -217,7 +231,7 @@ TEST_F(OutputBufferTest, BytesMayBeCompletedBeforeTheyLeave) {
         m_buffer.sputn(reinterpret_cast<const char*>(room.data()), 3);
         EXPECT_TRUE(way.leave(m_buffer)) << way.name;
         m_buffer.before_leaving({});
-        EXPECT_EQ(test_support::slice(m_receiver.contents, 0, 3), to_bytes("a!c")) << way.name;
+        EXPECT_EQ(slice(m_receiver.contents, 0, 3), to_bytes("a!c")) << way.name;
     }
 }
 
@@ -299,7 +313,6 @@ TEST_F(OutputBufferTest, FirstOfTwoErrorsIsKept) {
     m_receiver.errors.clear();
     open();
     EXPECT_FALSE(m_buffer.has_failed());
-    EXPECT_TRUE(put("abc"));
     EXPECT_TRUE(m_buffer.close());
 }
 
@@ -310,7 +323,12 @@ TEST_F(OutputBufferTest, BytesBeyondTheLargestOffsetFail) {
     EXPECT_FALSE(put("c"));
     EXPECT_EQ(m_failure.error, EFBIG);
     EXPECT_EQ(m_receiver.log_since(), Log());
+    m_failure = {};
+    open();
+    EXPECT_TRUE(put("abc"));
+    EXPECT_FALSE(m_buffer.append_fill(0, kLargestOffset - 2));
+    EXPECT_EQ(m_failure.error, EFBIG);
+    EXPECT_EQ(m_receiver.log_since(), Log());
 }
 
 }  // namespace
-}  // namespace storage_test

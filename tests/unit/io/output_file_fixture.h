@@ -3,17 +3,17 @@
 // An output file in a directory of its own.
 
 #include "io/output_file.h"
-#include "support/bytes.h"
+#include "support/same_bytes.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <filesystem>
 #include <string>
-#include <sys/stat.h>
 
 namespace storage_test {
+
+using namespace test_support;
 
 // No more than this is gathered before it is written.
 inline constexpr uint64_t kLargestBlock = 512 * 1024;
@@ -21,26 +21,13 @@ inline constexpr uint64_t kLargestBlock = 512 * 1024;
 // To open a file without emptying it.
 inline constexpr auto kInOut = std::ios_base::in | std::ios_base::out | std::ios_base::binary;
 
-inline void put(OutputFile& file, const test_support::Bytes& bytes) {
+inline void put(OutputFile& file, const Bytes& bytes) {
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 class OutputFileTest : public ::testing::Test {
 protected:
     std::string path(const std::string& name = "out.img") const { return (m_directory / name).string(); }
-
-    // Bytes that the file takes on the disk.
-    uint64_t allocated(const std::string& name = "out.img") const {
-        struct stat status {};
-        EXPECT_EQ(::stat(path(name).c_str(), &status), 0);
-        return static_cast<uint64_t>(status.st_blocks) * 512;
-    }
-
-    bool holes_cost_nothing() const {
-        test_support::write_file(path("probe"), {});
-        std::filesystem::resize_file(path("probe"), 1 << 20);
-        return allocated("probe") == 0;
-    }
 
     void expect_open_fails_with(OutputFile& file, const std::string& target, int error) {
         errno = 0;
@@ -50,7 +37,7 @@ protected:
         EXPECT_TRUE(file.fail()) << target;
     }
 
-    test_support::TemporaryDirectory m_directory{};
+    TemporaryDirectory m_directory{};
     WriteFailure m_failure{};
     OutputFile m_file{&m_failure};
 };
