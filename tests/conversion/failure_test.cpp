@@ -401,8 +401,9 @@ TEST_F(SparseFailureTest, EndsInTheCodeOfWhatIsMissing) {
 
 TEST_F(SparseFailureTest, NeedsItsTemporaryFile) {
     const fs::path temporary = m_bench.out("unsparse_tmp.bin");
-    for (const auto& [link, error] : {std::pair{"", EISDIR}, std::pair{"missing/file", ENOENT},
-                                      std::pair{"unsparse_tmp.bin", ELOOP}, std::pair{"../fw.img", EBUSY}}) {
+    for (const auto& [link, error] :
+         {std::pair{"", EISDIR}, std::pair{"missing/file", ENOENT}, std::pair{"unsparse_tmp.bin", ELOOP},
+          std::pair{"../fw.img", EBUSY}, std::pair{"out_image.img", EBUSY}}) {
         SCOPED_TRACE(error);
         if (error == EISDIR)
             fs::create_directory(temporary);

@@ -1,7 +1,8 @@
-// The expansion as a whole: generated images, percentages, the temporary file, and the bound on what chunks
-// may write beyond the image's size.
+// The expansion as a whole: generated and large images, percentages, the temporary file, and what chunks may
+// write beyond the image's size.
 
 #include "sparse_fixture.h"
+#include "support/workbench.h"
 
 #include <gtest/gtest.h>
 
@@ -12,10 +13,6 @@
 namespace storage_test {
 namespace {
 
-using test_support::patterned;
-using test_support::SparseChunk;
-using test_support::SparseImage;
-
 class SparseExpansion : public SparseTest {};
 
 // ---- generated images ----
@@ -24,22 +21,15 @@ class ImageGenerator {
 public:
     explicit ImageGenerator(uint32_t seed) : m_random(seed) {}
 
-    uint32_t below(uint32_t bound) { return static_cast<uint32_t>(m_random() % bound); }
-
-    template <typename T>
-    T one_of(const std::vector<T>& values) {
-        return values[below(static_cast<uint32_t>(values.size()))];
-    }
-
     SparseImage image() {
         SparseImage image;
         image.block_size = one_of<uint32_t>({4096, 1024, 512, 1000, 3000, 6000, 4, 7, 1});
-        const uint32_t count = below(8);
-        for (uint32_t i = 0; i < count; ++i)
+        for (uint32_t i = below(8); i > 0; --i)
             image.chunks.push_back(chunk(image.block_size));
         if (below(4) == 0)
             image.chunks.push_back(SparseChunk::dont_care(1 + below(5)));  // a hole at the end
-        bend_total(image);
+        if (below(2) == 0)
+            image.total_blocks = bent_total(image);
         return image;
     }
 
@@ -54,54 +44,34 @@ public:
     }
 
 private:
+    uint32_t below(uint32_t bound) { return static_cast<uint32_t>(m_random() % bound); }
+
+    template <typename T>
+    T one_of(const std::vector<T>& values) {
+        return values[below(static_cast<uint32_t>(values.size()))];
+    }
+
     SparseChunk chunk(uint32_t block_size) {
         const uint32_t most_blocks = std::max(1U, 20000 / block_size);
-        switch (below(8)) {
-        case 0:
-        case 1:
-            return SparseChunk::raw(patterned(below(20000), below(1000)), block_size);
-        case 2:
-            return SparseChunk::raw(patterned(std::size_t{below(4)} * block_size, below(1000)), block_size);
-        case 3:
-            return SparseChunk::fill(static_cast<uint32_t>(m_random()), below(most_blocks));
-        case 4:
-            return SparseChunk::dont_care(below(most_blocks));
-        case 5:
-            return SparseChunk::crc(static_cast<uint32_t>(m_random()));
-        case 6: {
-            SparseChunk empty = SparseChunk::raw({}, block_size);
-            empty.total_size = below(13);
-            return empty;
-        }
-        default:
-            return SparseChunk::unknown(0xCAC5, hidden_chunk(), below(3));
-        }
+        const Bytes data = patterned(below(20000), below(1000));
+        // The data of the unknown chunk is read as a chunk header, if it has any.
+        const Bytes hidden = slice(SparseImage{.chunks = {SparseChunk::dont_care(below(4))}}.build(),
+                                   sparse_field::kHeaderBytes, 12 * below(2));
+        return one_of<SparseChunk>(
+            {SparseChunk::raw(data, block_size), SparseChunk::raw(data, block_size),
+             SparseChunk::raw(patterned(std::size_t{below(4)} * block_size, 7), block_size),
+             SparseChunk::fill(static_cast<uint32_t>(m_random()), below(most_blocks)),
+             SparseChunk::dont_care(below(most_blocks)), SparseChunk::crc(static_cast<uint32_t>(m_random())),
+             SparseChunk{.total_size = below(13)}, SparseChunk::unknown(0xCAC5, hidden, below(3))});
     }
 
-    // Data that is read as a chunk header, or none at all.
-    Bytes hidden_chunk() {
-        const Bytes built = SparseImage{.chunks = {SparseChunk::dont_care(below(4))}}.build();
-        return test_support::slice(built, test_support::sparse_field::kHeaderBytes, below(2) == 0 ? 12 : 0);
-    }
-
-    // Now and then the header tells fewer or more blocks than the chunks have.
-    void bend_total(SparseImage& image) {
+    // Fewer or more blocks than the chunks have.
+    uint32_t bent_total(const SparseImage& image) {
         uint32_t blocks = 0;
         for (const SparseChunk& chunk : image.chunks)
             blocks += chunk.blocks;
-        switch (below(6)) {
-        case 0:
-            image.total_blocks = blocks / 2;
-            break;
-        case 1:
-            image.total_blocks = blocks + below(std::max(1U, 30000 / image.block_size));
-            break;
-        case 2:
-            image.total_blocks = below(2);
-            break;
-        default:
-            break;
-        }
+        return one_of<uint32_t>(
+            {blocks / 2, blocks + below(std::max(1U, 30000 / image.block_size)), below(2)});
     }
 
     std::mt19937 m_random;
@@ -112,66 +82,122 @@ TEST_F(SparseExpansion, OfGeneratedImagesMatchesTheModel) {
     for (uint32_t seed = 0; seed < 400 && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         ImageGenerator generator(seed);
-        const Bytes image = generator.image().build();
-        const SparseSettings settings = generator.settings(declared_size(image));
-        run(image, settings);
-        expect_modelled(image, settings);
+        const SparseImage image = generator.image();
+        run_as_modelled(image, generator.settings(declared_size(image.build())));
         not_empty += m_storage->pages.empty() ? 0 : 1;
     }
     EXPECT_GE(not_empty, 300U);
 }
 
-// ---- percentages ----
+// ---- large images: raw data and expanded pages are moved in long runs where they can be ----
 
-TEST_F(SparseExpansion, ShowsPercentagesOverAHundredForAnExcess) {
-    SparseImage image{.block_size = 1024, .total_blocks = 2, .chunks = {SparseChunk::fill(1, 5)}};
-    run(image.build(), {.type = FLASH_SPI_NAND});
-    EXPECT_EQ(m_output, line("writing root...") + line("extracting root...") +
-                            redrawn("extracting... root...50%") + redrawn("extracting... root...100%") +
-                            redrawn("extracting... root...150%") + redrawn("extracting... root...200%") +
-                            redrawn("extracting... root...250%") + line("") + redrawn("writing root...50%") +
-                            redrawn("writing root...100%") + redrawn("writing root...OK"));
+// Long stretches of raw data between other chunks; the odd ones leave every later byte at an odd position.
+SparseImage large_image(uint32_t seed) {
+    std::mt19937 random(seed);
+    const auto below = [&random](uint32_t bound) { return static_cast<uint32_t>(random() % bound); };
+    SparseImage image{.block_size = 1000, .chunks = {}};
+    const auto raw = [&](std::size_t size) {
+        image.chunks.push_back(SparseChunk::raw(patterned(size, seed), 1000));
+    };
+    raw(below(2 * kMib));
+    image.chunks.push_back(SparseChunk::fill(below(0xFFFFFFFF), below(700)));
+    raw(3 * kMib + below(5000));
+    image.chunks.push_back(SparseChunk::dont_care(below(2000)));
+    raw(below(5000));
+    image.chunks.push_back(SparseChunk::crc(0));
+    raw(256 * kIb + below(3) - 1);
+    raw(kMib);
+    image.chunks.push_back(SparseChunk::fill(0x5A5A5A5A, 1 + below(300)));
+    return image;
 }
 
-TEST_F(SparseExpansion, CountsAsWholeWhenTheImageHasNoSize) {
-    SparseImage image{
-        .block_size = 1024, .total_blocks = 0, .chunks = {SparseChunk::raw(patterned(3000, 1), 1024)}};
-    const std::string expanding = line("writing root...") + line("extracting root...") +
-                                  redrawn("extracting... root...100%") + line("");
-    run(image.build(), {.type = FLASH_SPI_NAND});
-    expect_written({}, expanding + redrawn("writing root...OK"));
-    run(image.build(), {.part_sectors = 4});
-    expect_written(test_support::slice(patterned(3000, 1), 0, 2048),
-                   expanding + redrawn("writing root...50%") + redrawn("writing root...100%") +
-                       redrawn("writing root...OK"));
+TEST_F(SparseExpansion, OfLargeImagesMatchesTheModel) {
+    for (const uint32_t page_kb : {1U, 3U, 4U, 64U, 1024U, 2048U}) {
+        SCOPED_TRACE(std::to_string(page_kb) + " KB pages");
+        run_as_modelled(large_image(page_kb), {.page_kb = page_kb, .part_sectors = 20480, .fill_byte = 0xEE});
+    }
+}
+
+TEST_F(SparseExpansion, CutInLongRawDataEndsAtTheLastWholePage) {
+    SparseImage image{.block_size = 1024,
+                      .chunks = {SparseChunk::raw(patterned(700, 1), 1024),
+                                 SparseChunk::raw(patterned(3 * kMib, 2), 1024)}};
+    const Bytes whole = image.build();
+    const std::size_t data_at = whole.size() - 3 * kMib;
+    for (const std::size_t there : {std::size_t{0}, 256 * kIb - 1, 256 * kIb, 256 * kIb + 1, kMib - 1, kMib,
+                                    kMib + 1000, 2 * kMib + 1023, 3 * kMib - 1}) {
+        SCOPED_TRACE(std::to_string(there) + " bytes of raw data");
+        const Bytes cut = slice(whole, 0, data_at + there);
+        run(cut, {.part_sectors = 20480});
+        expect_refused(-5, sparse_lines("root", cut, 1024, 0, -5));
+        EXPECT_TRUE(same_bytes(read_file(out_path(kTemporaryName)),
+                               patterned(700, 1) + slice(patterned(3 * kMib, 2), 0, there / 1024 * 1024)));
+    }
+}
+
+// The SPI NAND files of a firmware with this image.
+void expect_spi_file(const SparseImage& image, const std::string& page_kb, bool page_2k = false) {
+    SCOPED_TRACE(page_kb + " KB pages");
+    Firmware firmware = sample_firmware();
+    firmware.item("parameter").part_size = 4 * 4096;  // four of the largest pages
+    firmware.item("rootfs").data = image.build();
+    expect_converted(firmware, {"spinand", page_kb, page_kb, "", page_2k});
+}
+
+TEST(LargeSparseOutput, HoldsTheExpandedPages) {
+    for (const uint32_t page_kb : {1U, 2U, 3U, 64U, 1024U, 2048U})
+        expect_spi_file(large_image(100 + page_kb), std::to_string(page_kb));
+}
+
+// Room is given back in steps of 16 MiB, some of them within a page of 3 KB or a block that is read ahead.
+TEST(LargeSparseOutput, HoldsAllPagesWhileTheFileIsGivenBack) {
+    const SparseImage image{.block_size = 1024, .chunks = {SparseChunk::raw(patterned(34 * kMib, 1), 1024)}};
+    expect_spi_file(image, "2");
+    expect_spi_file(image, "2", true);  // page by page
+    expect_spi_file(image, "3");
+}
+
+// ---- percentages ----
+
+std::string percentages(const std::string& before, const std::vector<int>& values) {
+    std::string lines;
+    for (const int value : values)
+        lines += redrawn(before + std::to_string(value) + "%");
+    return lines;
 }
 
 TEST_F(SparseExpansion, GoesOnCountingFromTheExpansionToTheCopy) {
-    // 100% was shown last: the first of 300 pages shows 0%.
-    SparseImage image{.block_size = 1024, .chunks = {SparseChunk::dont_care(300)}};
-    run(image.build());
-    expect_modelled(image.build(), {});
-    EXPECT_NE(m_output.find(redrawn("extracting... root...100%") + line("") + redrawn("writing root...0%") +
-                            redrawn("writing root...1%")),
-              std::string::npos);
-
-    // A single page goes from 100% to 100%, and the same percentage in both passes is shown once.
-    image.chunks = {SparseChunk::dont_care(1)};
-    run(image.build());
-    EXPECT_EQ(m_output, line("writing root...") + line("extracting root...") +
-                            redrawn("extracting... root...100%") + line("") + redrawn("writing root...OK"));
-    image.total_blocks = 4;
-    run(image.build(), {.type = FLASH_SPI_NAND});
-    EXPECT_EQ(m_output, line("writing root...") + line("extracting root...") +
-                            redrawn("extracting... root...25%") + line("") + redrawn("writing root...50%") +
-                            redrawn("writing root...75%") + redrawn("writing root...100%") +
-                            redrawn("writing root...OK"));
-}
-
-TEST_F(SparseExpansion, ShowsNothingWhereNoWholePercentIsReached) {
-    SparseImage image{.block_size = 1024, .total_blocks = 1000, .chunks = {SparseChunk::raw({1}, 1024)}};
-    run(image.build());
-    EXPECT_EQ(m_output.substr(0, m_output.find("\n\n")), "writing root...\nextracting root...");
+    const struct {
+        std::string situation;
+        SparseImage image;
+        std::vector<int> extracting, writing;
+        uint32_t pages;
+    } cases[] = {
+        {"an excess of three pages, which is dropped",
+         {.block_size = 1024, .total_blocks = 2, .chunks = {SparseChunk::fill(0, 5)}},
+         {50, 100, 150, 200, 250},
+         {50, 100},
+         2},
+        {"no size",
+         {.block_size = 1024, .total_blocks = 0, .chunks = {SparseChunk::fill(0, 2)}},
+         {100},
+         {},
+         0},
+        {"100% is not shown twice", {.block_size = 1024, .chunks = {SparseChunk::fill(0, 1)}}, {100}, {}, 1},
+        {"nor is 25%",
+         {.block_size = 1024, .total_blocks = 4, .chunks = {SparseChunk::fill(0, 1)}},
+         {25},
+         {50, 75, 100},
+         4},
+    };
+    for (const auto& tested : cases) {
+        SCOPED_TRACE(tested.situation);
+        run(tested.image.build(), {.type = FLASH_SPI_NAND});
+        expect_written(Bytes(std::size_t{tested.pages} * 1024, 0),
+                       line("writing root...") + line("extracting root...") +
+                           percentages("extracting... root...", tested.extracting) + line("") +
+                           percentages("writing root...", tested.writing) + redrawn("writing root...OK"));
+    }
 }
 
 // ---- the temporary file ----
@@ -179,150 +205,81 @@ TEST_F(SparseExpansion, ShowsNothingWhereNoWholePercentIsReached) {
 TEST_F(SparseExpansion, WritesTheTemporaryFileInFull) {
     const SparseImage image{.block_size = 4096,
                             .chunks = {SparseChunk::dont_care(256), SparseChunk::fill(0, 256)}};
-    class HoleSeeker : public SparseRecorder {
-    public:
-        using SparseRecorder::SparseRecorder;
-        bool write_page(uint8_t* data, uint32_t length) override {
-            if (pages.empty()) {
-                const int descriptor = ::open((m_out_dir + "/" + kTemporaryName).c_str(), O_RDONLY);
-                first_hole = ::lseek(descriptor, 0, SEEK_HOLE);
-                ::close(descriptor);
-            }
-            return SparseRecorder::write_page(data, length);
-        }
-        off_t first_hole = -1;
+    const SparseSettings settings{.page_kb = 64};
+    prepare(image.build(), settings);
+    off_t first_hole = -1;
+    m_storage->at_first_page = [&](const std::filesystem::path& path) {
+        const int descriptor = ::open(path.c_str(), O_RDONLY);
+        first_hole = ::lseek(descriptor, 0, SEEK_HOLE);
+        ::close(descriptor);
     };
-    const auto firmware =
-        firmware_with({{.name = "root", .part_size = test_support::kGrowsToEnd, .data = image.build()}});
-    auto storage = make_base<HoleSeeker>(FLASH_EMMC, {.page_kb = 64});
-    load(*storage, firmware);
-    m_item = item_in(firmware, 0);
-    output_of([&] { EXPECT_EQ(storage->write_sparse_image(m_item), 0); });
-    EXPECT_EQ(storage->first_hole, 2 * 1024 * 1024);
-    EXPECT_TRUE(same_bytes(storage->recorded_bytes(), Bytes(2 * 1024 * 1024, 0)));
+    write_item();
+    expect_modelled(image.build(), settings);
+    EXPECT_EQ(first_hole, off_t{2 * kMib});
 }
 
-class SparsePlace : public SparseExpansion {
-protected:
-    // Runs with this text as output directory and gives the name under which the file was seen.
-    void run_in(const std::string& directory, const std::filesystem::path& seen_at) {
-        const SparseImage image{.block_size = 1024, .chunks = {SparseChunk::raw(patterned(2000, 1), 1024)}};
-        const auto firmware = firmware_with({{.name = "root", .part_size = 4, .data = image.build()}});
-        class Watcher : public Recording<CStorage> {
-        public:
-            using Recording<CStorage>::Recording;
-            bool write_page(uint8_t* data, uint32_t length) override {
-                seen = std::filesystem::exists(watched);
-                return Recording<CStorage>::write_page(data, length);
-            }
-            std::filesystem::path watched{};
-            bool seen = false;
-        };
-        write_firmware(firmware);
-        Watcher storage(FLASH_EMMC, 512, 1, 0, firmware_path().string(), directory, false);
-        storage.watched = seen_at;
-        ASSERT_EQ(storage.m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
-        m_item = item_in(firmware, 0);
-        output_of([&] { EXPECT_EQ(storage.write_sparse_image(m_item), 0); });
-        EXPECT_TRUE(storage.seen);
-        EXPECT_FALSE(std::filesystem::exists(seen_at));
-        EXPECT_TRUE(same_bytes(storage.recorded_bytes(), padded(patterned(2000, 1), 1024)));
-    }
-};
-
-TEST_F(SparsePlace, IsTheOutputDirectoryWithOrWithoutASlash) {
-    run_in(out_dir().string(), out_path(kTemporaryName));
-    run_in(out_dir().string() + "/", out_path(kTemporaryName));
-    const WorkingDirectory inside(m_directory.path());
-    run_in("out", out_path(kTemporaryName));
-    run_in("out/", out_path(kTemporaryName));
-    run_in("./out//", out_path(kTemporaryName));
-}
-
-TEST_F(SparsePlace, IsTheWorkingDirectoryForAnEmptyName) {
+TEST_F(SparseExpansion, TemporaryFileLiesInTheOutputDirectory) {
+    const Bytes image =
+        SparseImage{.block_size = 1024, .chunks = {SparseChunk::raw(patterned(2000, 1), 1024)}}.build();
     const WorkingDirectory inside(out_dir());
-    run_in("", out_path(kTemporaryName));
-}
-
-TEST_F(SparsePlace, MayHoldAnOlderTemporaryFile) {
-    test_support::write_file(out_path(kTemporaryName), Bytes(100000, 0xEE));
-    run_in(out_dir().string(), out_path(kTemporaryName));
-}
-
-// ---- the bound on an excess ----
-
-class SparseExcess : public SparseExpansion {
-protected:
-    static constexpr uint64_t kMib = 1024 * 1024;
-    static constexpr uint32_t kPage = 64 * 1024;
-
-    // Bytes in the temporary file when the copy starts, for chunks of whole 64 KB blocks.
-    uint64_t temporary_size(uint32_t blocks, std::vector<SparseChunk> chunks, uint32_t part_sectors) {
-        class Measurer : public Recording<CStorage> {
-        public:
-            using Recording<CStorage>::Recording;
-            bool write_page(uint8_t* data, uint32_t length) override {
-                if (pages.empty())
-                    size = std::filesystem::file_size(m_out_dir + "/" + kTemporaryName);
-                return Recording<CStorage>::write_page(data, length);
-            }
-            uint64_t size = 0;
-        };
-        const SparseImage image{.block_size = kPage, .total_blocks = blocks, .chunks = std::move(chunks)};
-        const auto firmware =
-            firmware_with({{.name = "root", .part_size = part_sectors, .data = image.build()}});
-        auto storage = make_base<Measurer>(FLASH_EMMC, {.page_kb = 64});
-        load(*storage, firmware);
-        m_item = item_in(firmware, 0);
-        m_output = output_of([&] { m_result = storage->write_sparse_image(m_item); });
-        m_pages = storage->recorded_bytes();
-        return storage->size;
+    for (const std::string& directory :
+         {out_dir().string(), out_dir().string() + "/", std::string(), std::string("./"),
+          std::string("../out"), std::string("..//out//")}) {
+        SCOPED_TRACE(directory);
+        write_file(out_path(kTemporaryName), Bytes(100000, 0xEE));  // an older one
+        prepare(image);
+        m_storage->m_out_dir = directory;
+        write_item();
+        EXPECT_TRUE(m_storage->temporary_file);
+        expect_modelled(image, {});
     }
+}
 
-    Bytes m_pages{};
+// ---- an excess over the image's size ----
+
+TEST_F(SparseExpansion, OfAnExcessOfEveryKindEndsInMoments) {
+    constexpr uint32_t page = 64 * kIb;
+    const Bytes data = patterned(page, 1);
+    const SparseChunk raw = SparseChunk::raw(data, page);
+    const SparseImage image{.block_size = page,
+                            .total_blocks = 16,
+                            .chunks = {raw, SparseChunk::fill(0x11111111, 0xFFFFFFFF),
+                                       SparseChunk::dont_care(0xFFFFFFFF), raw, SparseChunk::crc(0),
+                                       SparseChunk::fill(0x22222222, 0xFFFFFFFF)}};
+    run(image.build(), {.page_kb = 64, .part_sectors = 4096});
+    // 1 MiB declared: every page shows its percentage, up to 64 MiB after the 2 MiB of the partition.
+    const std::vector<uint64_t> pieces(66 * kMib / page, page);
+    expect_written(data + Bytes(2 * kMib - page, 0x11), sparse_lines("root", pieces, kMib, 32));
+    ASSERT_TRUE(m_storage->temporary_file);
+    EXPECT_EQ(m_storage->temporary_file->size(), 66 * kMib);
+}
+
+// Keeps the last page alone.
+class LastPage : public Exposed<CStorage> {
+public:
+    using Exposed<CStorage>::Exposed;
+    bool write_page(uint8_t* data, uint32_t length) override {
+        page.assign(data, data + length);
+        ++pages;
+        return true;
+    }
+    Bytes page{};
+    int pages = 0;
 };
 
-TEST_F(SparseExcess, IsKeptUpTo64MiB) {
-    const uint32_t blocks_of_64_mib = 1024;
-    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib - 1)}, 2048),
-              65 * kMib - kPage);
-    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib)}, 2048), 65 * kMib);
-    EXPECT_EQ(temporary_size(16, {SparseChunk::fill(0x5A5A5A5A, 16 + blocks_of_64_mib + 1)}, 2048),
-              65 * kMib);
-    EXPECT_EQ(m_result, 0);
-    EXPECT_TRUE(same_bytes(m_pages, Bytes(kMib, 0x5A)));
-}
-
-TEST_F(SparseExcess, IsCountedFromThePartitionWhenThatIsLarger) {
-    EXPECT_EQ(temporary_size(1, {SparseChunk::dont_care(0xFFFFFFFF)}, 4096), 66 * kMib);
-    EXPECT_TRUE(same_bytes(m_pages, Bytes(2 * kMib, 0)));
-}
-
-TEST_F(SparseExcess, OfEveryChunkKindEndsInMoments) {
-    const Bytes data = patterned(kPage, 1);
-    const std::vector<SparseChunk> chunks{SparseChunk::raw(data, kPage),
-                                          SparseChunk::fill(0x11111111, 0xFFFFFFFF),
-                                          SparseChunk::dont_care(0xFFFFFFFF),
-                                          SparseChunk::raw(data, kPage),
-                                          SparseChunk::crc(0),
-                                          SparseChunk::fill(0x22222222, 0xFFFFFFFF)};
-    EXPECT_EQ(temporary_size(32, chunks, 4096), 66 * kMib);
-    EXPECT_EQ(m_result, 0);
-    EXPECT_TRUE(same_bytes(m_pages, data + Bytes(2 * kMib - kPage, 0x11)));
-    // 2 MB declared: every page of 64 KB shows its percentage, up to the bound and not beyond it.
-    const std::vector<uint64_t> pieces(66 * kMib / kPage, kPage);
-    EXPECT_EQ(m_output, sparse_lines("root", pieces, 2 * kMib, 32));
-}
-
-TEST_F(SparseExcess, DoesNotEndTheWalkOverTheChunks) {
-    SparseChunk cut = SparseChunk::raw(Bytes(10), kPage);
-    cut.total_size = 1000;
-    temporary_size(1, {SparseChunk::dont_care(0xFFFFFFFF), cut}, 128);
-    EXPECT_EQ(m_result, -5);
-    EXPECT_EQ(m_output.substr(m_output.rfind('\n', m_output.size() - 2) + 1),
-              line("failed to get raw chunk data"));
-    EXPECT_EQ(m_pages, Bytes{});
-    EXPECT_EQ(std::filesystem::file_size(out_path(kTemporaryName)), 64 * kMib + kPage);
+TEST_F(SparseExpansion, ChunkAcrossTheLimitLosesNoByte) {
+    // The second chunk is one piece that ends 1 MiB after the limit: the page's size and 64 MiB.
+    constexpr std::size_t kPage = 66 * kMib;
+    const SparseImage image{.block_size = kMib,
+                            .total_blocks = 1,
+                            .chunks = {SparseChunk::dont_care(65), SparseChunk::fill(0x77777777, 66)}};
+    const auto firmware = firmware_with({{.name = "root", .data = image.build()}});
+    const auto storage = make_base<LastPage>(FLASH_SPI_NAND, {.page_kb = kPage / 1024});
+    load(*storage, firmware);
+    STRUCT_QZIMAGE_ITEM item = item_in(firmware, 0);
+    output_of([&] { EXPECT_EQ(storage->write_sparse_image(item), 0); });
+    EXPECT_EQ(storage->pages, 1);
+    EXPECT_TRUE(same_bytes(storage->page, Bytes(65 * kMib, 0) + Bytes(kMib, 0x77)));
 }
 
 }  // namespace

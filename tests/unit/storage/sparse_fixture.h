@@ -5,10 +5,9 @@
 #include "partition_fixture.h"
 #include "support/sparse_builder.h"
 
-#include <algorithm>
+#include <functional>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace storage_test {
 
@@ -20,12 +19,17 @@ public:
     using Recording<CStorage>::Recording;
 
     bool write_page(uint8_t* data, uint32_t length) override {
-        if (!temporary_file)
-            temporary_file = read_file(std::filesystem::path(m_out_dir) / kTemporaryName);
+        if (!temporary_file) {
+            const std::filesystem::path path = std::filesystem::path(m_out_dir) / kTemporaryName;
+            temporary_file = read_file(path);
+            if (at_first_page)
+                at_first_page(path);
+        }
         return Recording<CStorage>::write_page(data, length);
     }
 
     std::optional<Bytes> temporary_file{};
+    std::function<void(const std::filesystem::path& temporary)> at_first_page{};
 };
 
 struct SparseSettings {
@@ -45,27 +49,30 @@ struct SparseSettings {
 // A firmware whose only item "root" is the given sparse image, at the very end of the file.
 class SparseTest : public StorageTest {
 protected:
-    // Loads the image's firmware and writes the item; result and messages stay in the members.
-    void run(const Bytes& image, const SparseSettings& settings = {}) {
+    // Makes m_storage and m_item for the image.
+    void prepare(const Bytes& image, const SparseSettings& settings = {}) {
         const Firmware firmware =
             firmware_with({{.name = "root", .part_size = settings.part_sectors, .data = image}});
         write_firmware(firmware);
         m_item = item_in(firmware, 0);
-        run_loaded(settings);
+        prepare_loaded(settings);
     }
-
-    // The same for a firmware that is on disk already.
-    void run_loaded(const SparseSettings& settings = {}) {
+    // Makes m_storage for a firmware that is on disk already.
+    void prepare_loaded(const SparseSettings& settings = {}) {
         m_storage = make_base<SparseRecorder>(settings.type, {.page_kb = settings.page_kb});
         ASSERT_EQ(m_storage->m_update_image_ptr->ObjectInit(firmware_path().string(), false), 0);
         m_storage->m_fill_byte = settings.fill_byte;
         m_storage->m_image_fill_page_num = kUntouched;
-        write_item();
     }
 
+    // Writes m_item; result and messages stay in the members.
     void write_item() {
         m_result = 1;
         m_output = output_of([&] { m_result = m_storage->write_sparse_image(m_item); });
+    }
+    void run(const Bytes& image, const SparseSettings& settings = {}) {
+        prepare(image, settings);
+        write_item();
     }
 
     bool temporary_file_left() const { return std::filesystem::exists(out_path(kTemporaryName)); }
@@ -90,6 +97,10 @@ protected:
             EXPECT_TRUE(same_bytes(*m_storage->temporary_file,
                                    expand(image, settings.page_size(), settings.fill_byte)));
         }
+    }
+    void run_as_modelled(const SparseImage& image, const SparseSettings& settings = {}) {
+        run(image.build(), settings);
+        expect_modelled(image.build(), settings);
     }
 
     void expect_refused(int result, const std::string& output) const {
