@@ -1,7 +1,6 @@
-// The files of SLC NAND: how many fill pages end a block, where list indexes restart.
+// The files of the two NAND types: the boot block and every partition from offset 0, padded to whole erase
+// blocks, and where the list indexes of SLC NAND restart.
 
-#include "common/bch.h"
-#include "nand_fixture.h"
 #include "slc_fixture.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +10,78 @@
 namespace storage_test {
 namespace {
 
-using test_support::patterned;
-using test_support::read_slc_file;
+class NandTest : public StorageTest {
+protected:
+    Bytes out_file(const std::string& name) const { return read_file(out_path(name)); }
+
+    // An item that only has a name.
+    static STRUCT_QZIMAGE_ITEM named(const std::string& name) {
+        STRUCT_QZIMAGE_ITEM item{};
+        std::memcpy(item.name, name.data(), std::min(name.size(), sizeof(item.name)));
+        return item;
+    }
+
+    // Preparing makes the boot block one copy at the start of its own file, whatever was set before.
+    template <typename Storage>
+    void expect_boot_block_prepared(Storage& storage) const {
+        storage.m_idb_copy = 9;
+        storage.m_idb_start_sector = 64;
+        storage.m_idb_second_start_sector = 1088;
+        storage.m_idb_upper_limit = 1;
+        storage.m_idb_total_sector = 23;
+        EXPECT_EQ(output_of([&] { EXPECT_TRUE(storage.prepare_write_idblock()); }), "");
+        EXPECT_EQ(storage.m_idb_copy, 1);
+        EXPECT_EQ(storage.m_idb_start_sector, 0U);
+        EXPECT_EQ(storage.m_idb_second_start_sector, 0U);
+        EXPECT_EQ(storage.m_idb_upper_limit, 2048U);
+        EXPECT_EQ(storage.m_idb_total_sector, 23U);
+        EXPECT_EQ(storage.m_out_file, out_path("idblock.img").string());
+        EXPECT_TRUE(storage.m_fout.is_open());
+        EXPECT_EQ(names_in(out_dir()), std::set<std::string>{"idblock.img"});
+    }
+};
+
+// ---- SPI NAND ----
+
+class SpiNand : public NandTest {
+protected:
+    const std::unique_ptr<Exposed<CSpiStorage>> m_storage = make<Exposed<CSpiStorage>>({.block_kb = 16});
+    Bytes m_page = Bytes(2048, 0x77);
+};
+
+TEST_F(SpiNand, BootBlockIsOneCopyInItsOwnFile) {
+    expect_boot_block_prepared(*m_storage);
+}
+
+TEST_F(SpiNand, NextFileClosesTheOneBefore) {
+    const std::string one(32, 'n');
+    output_of([&] {
+        for (const std::string& name : {one, std::string("two")}) {
+            STRUCT_QZIMAGE_ITEM item = named(name);
+            EXPECT_TRUE(m_storage->prepare_write_partition(item));
+            EXPECT_TRUE(m_storage->write_page(m_page.data(), 2048));
+        }
+    });
+    EXPECT_EQ(out_file(one + ".img"), m_page) << "closed without padding";
+    EXPECT_TRUE(m_storage->post_write_partition());
+    EXPECT_TRUE(same_bytes(out_file("two.img"), padded(m_page, 16384)));
+}
+
+TEST_F(SpiNand, BothEndingsAlignAndClose) {
+    for (const bool partition : {false, true}) {
+        const auto end = [&] {
+            return partition ? m_storage->post_write_partition() : m_storage->post_write_idblock();
+        };
+        EXPECT_TRUE(m_storage->prepare_write_idblock());
+        m_storage->write_page(m_page.data(), 2048);
+        EXPECT_TRUE(end());
+        EXPECT_FALSE(m_storage->m_fout.is_open());
+        EXPECT_TRUE(same_bytes(out_file("idblock.img"), padded(m_page, 16384)));
+        EXPECT_TRUE(end()) << "nothing open";
+    }
+}
+
+// ---- the boot block of SLC NAND ----
 
 class SlcNand : public NandTest {
 protected:
@@ -22,20 +91,24 @@ protected:
     }
 };
 
-// ---- the boot block's fill pages ----
-
-struct BootBlockCase {
-    SlcCase chip;
-    uint32_t sectors;
-    uint32_t fill_pages;
-};
-
 SlcCase chip_of(uint32_t block_kb, uint32_t page_kb, bool page_2k = false) {
     return {.page_kb = page_kb, .spare = 32 * page_kb, .page_2k = page_2k, .block_kb = block_kb};
 }
 
+struct FillCase {
+    SlcCase chip;
+    uint32_t written;  // sectors of the boot block, pages of a partition
+    uint32_t fill_pages;
+};
+
+void expect_fill_pages(const SlcRecorder& storage, const FillCase& tested) {
+    EXPECT_EQ(storage.pages.size(), tested.fill_pages);
+    for (const RecordedPage& page : storage.pages)
+        ASSERT_EQ(page.bytes, Bytes(tested.chip.page_size(), 0));
+}
+
 TEST_F(SlcNand, BootBlockIsFilledUpToWholeBlocks) {
-    const std::vector<BootBlockCase> cases{
+    const FillCase cases[] = {
         {chip_of(128, 2), 24, 58},  // 256 - 24 sectors
         {chip_of(128, 2), 16, 60},
         {chip_of(128, 2), 1, 63},
@@ -61,37 +134,23 @@ TEST_F(SlcNand, BootBlockIsFilledUpToWholeBlocks) {
         {chip_of(128, 8, true), 16, 3},    // 64 sectors leave 192
         {chip_of(128, 8, true), 33, 1},    // 192 sectors leave 64, which is one page of data
     };
-    for (const BootBlockCase& c : cases) {
-        const auto storage = make_slc<SlcRecorder>(c.chip);
-        storage->m_idb_total_sector = c.sectors;
-        storage->m_idb_fill_page_num = 4711;
+    for (const FillCase& tested : cases) {
+        SCOPED_TRACE(tested.chip.name() + ", " + std::to_string(tested.written) + " sectors");
+        const auto storage = make_slc<SlcRecorder>(tested.chip);
+        storage->m_idb_total_sector = tested.written;
+        storage->m_idb_fill_page_num = kUntouched;
         EXPECT_TRUE(storage->prepare_write_idblock());
-        const std::string what = c.chip.name() + ", " + std::to_string(c.sectors) + " sectors";
-        EXPECT_EQ(storage->m_idb_fill_page_num, c.fill_pages) << what;
+        EXPECT_EQ(storage->m_idb_fill_page_num, tested.fill_pages);
         EXPECT_TRUE(storage->post_write_idblock());
-        EXPECT_EQ(storage->pages.size(), c.fill_pages) << what;
-        for (const RecordedPage& page : storage->pages)
-            ASSERT_EQ(page.bytes, Bytes(c.chip.page_size(), 0));
+        expect_fill_pages(*storage, tested);
     }
 }
 
 TEST_F(SlcNand, PreparingTheBootBlockSetsItsPlace) {
     const auto storage = make_slc({});
-    storage->m_idb_copy = 9;
-    storage->m_idb_start_sector = 64;
-    storage->m_idb_second_start_sector = 1088;
-    storage->m_idb_upper_limit = 1;
-    storage->m_idb_total_sector = 23;
     storage->m_bch_list_index = 99;
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(storage->prepare_write_idblock()); }), "");
-    EXPECT_EQ(storage->m_idb_copy, 1);
-    EXPECT_EQ(storage->m_idb_start_sector, 0U);
-    EXPECT_EQ(storage->m_idb_second_start_sector, 0U);
-    EXPECT_EQ(storage->m_idb_upper_limit, 2048U);
-    EXPECT_EQ(storage->m_idb_total_sector, 23U);
+    expect_boot_block_prepared(*storage);
     EXPECT_EQ(storage->m_bch_list_index, 0U);
-    EXPECT_EQ(storage->m_out_file, out_path("idblock.img").string());
-    EXPECT_TRUE(storage->m_fout.is_open());
 }
 
 TEST_F(SlcNand, EndingTheBootBlockRestartsTheListIndex) {
@@ -104,29 +163,10 @@ TEST_F(SlcNand, EndingTheBootBlockRestartsTheListIndex) {
     EXPECT_TRUE(same_bytes(out_file("idblock.img"), slow_flash_pages(Bytes(3 * 2048, 0), {})));
 }
 
-TEST_F(SlcNand, FillPagesOfABlockCostOnePageOfEncoding) {
-    const SlcCase chip{.page_kb = 4, .spare = 128, .block_kb = 4096};
-    const auto storage = make_slc(chip);
-    storage->m_idb_total_sector = 8;
-    EXPECT_TRUE(storage->prepare_write_idblock());
-    const uint64_t before = bch_encoded_codewords();
-    EXPECT_TRUE(storage->post_write_idblock());
-    EXPECT_EQ(bch_encoded_codewords() - before, 4U);
-    const auto contents = read_slc_file(out_file("idblock.img"), chip.reader());
-    EXPECT_EQ(contents.error_text(), "");
-    EXPECT_EQ(contents.physical_pages, 1023U);
-}
-
-// ---- a partition's fill pages ----
-
-struct PartitionCase {
-    SlcCase chip;
-    uint32_t pages;
-    uint32_t fill_pages;
-};
+// ---- a partition of SLC NAND ----
 
 TEST_F(SlcNand, PartitionIsFilledUpToWholeBlocksOfDataPages) {
-    const std::vector<PartitionCase> cases{
+    const FillCase cases[] = {
         {chip_of(128, 2), 0, 0},
         {chip_of(128, 2), 1, 63},
         {chip_of(128, 2), 3, 61},
@@ -148,43 +188,28 @@ TEST_F(SlcNand, PartitionIsFilledUpToWholeBlocksOfDataPages) {
         {chip_of(128, 8, true), 1, 4},
         {chip_of(128, 8, true), 15, 1},
     };
-    for (const PartitionCase& c : cases) {
-        const auto storage = make_slc<SlcRecorder>(c.chip);
+    for (const FillCase& tested : cases) {
+        SCOPED_TRACE(tested.chip.name() + ", " + std::to_string(tested.written) + " pages");
+        const auto storage = make_slc<SlcRecorder>(tested.chip);
         STRUCT_QZIMAGE_ITEM item = named("part");
         output_of([&] { EXPECT_TRUE(storage->prepare_write_partition(item)); });
-        storage->m_image_fill_page_num = c.pages;
+        storage->m_image_fill_page_num = tested.written;
         EXPECT_TRUE(storage->post_write_partition());
-        const std::string what = c.chip.name() + ", " + std::to_string(c.pages) + " pages";
-        EXPECT_EQ(storage->pages.size(), c.fill_pages) << what;
-        for (const RecordedPage& page : storage->pages)
-            ASSERT_EQ(page.bytes, Bytes(c.chip.page_size(), 0));
+        expect_fill_pages(*storage, tested);
     }
 }
 
 TEST_F(SlcNand, PreparingAPartitionStartsAfresh) {
-    const auto storage = make_slc({});
-    storage->m_bch_list_index = 99;
-    storage->m_image_fill_page_num = 99;
-    STRUCT_QZIMAGE_ITEM item = named("boot");
-    item.flash_offset = 0x12345678;
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(storage->prepare_write_partition(item)); }),
-              line("preparing boot saving at " + out_path("boot.img").string()));
-    EXPECT_EQ(storage->m_bch_list_index, 0U);
-    EXPECT_EQ(storage->m_image_fill_page_num, 0U);
-    EXPECT_EQ(storage->m_out_file, out_path("boot.img").string());
-    EXPECT_TRUE(storage->m_fout.is_open());
-}
-
-TEST_F(SlcNand, PreparingStartsAfreshAlsoWhenItFails) {
-    std::filesystem::create_directory(out_path("boot.img"));
-    const auto storage = make_slc({});
-    storage->m_bch_list_index = 99;
-    storage->m_image_fill_page_num = 99;
-    STRUCT_QZIMAGE_ITEM item = named("boot");
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->prepare_write_partition(item)); }),
-              line("failed to create " + out_path("boot.img").string() + ",err=" + std::to_string(EISDIR)));
-    EXPECT_EQ(storage->m_bch_list_index, 0U);
-    EXPECT_EQ(storage->m_image_fill_page_num, 0U);
+    std::filesystem::create_directory(out_path("refused.img"));
+    for (const std::string name : {"boot", "refused"}) {
+        const auto storage = make_slc({});
+        storage->m_bch_list_index = 99;
+        storage->m_image_fill_page_num = 99;
+        STRUCT_QZIMAGE_ITEM item = named(name);
+        output_of([&] { EXPECT_EQ(storage->prepare_write_partition(item), name == "boot"); });
+        EXPECT_EQ(storage->m_bch_list_index, 0U);
+        EXPECT_EQ(storage->m_image_fill_page_num, 0U);
+    }
 }
 
 TEST_F(SlcNand, EndingAPartitionClosesAndStartsAfresh) {
