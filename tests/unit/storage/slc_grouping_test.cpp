@@ -150,6 +150,12 @@ TEST_F(SlcGroupingTest, FailedFileLeavesNothingInTheNext) {
     EXPECT_TRUE(same_bytes(slice(read_file(storage->m_out_file), 0, 10000), next));
 }
 
+TEST_F(SlcGroupingTest, NothingIsEncodedForAFileThatFailed) {
+    const auto storage = open({});
+    storage->m_fout.give_up(ENOSPC);
+    EXPECT_EQ(encoded_by([&] { write(*storage, m_three_pages + Bytes(2048, 0)); }), 0U);
+}
+
 TEST_F(SlcGroupingTest, AnotherCodeBetweenPagesChangesNothing) {
     const auto storage = open({});
     const Bytes data = m_three_pages + Bytes(2048, 0);
