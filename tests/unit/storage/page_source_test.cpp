@@ -3,18 +3,12 @@
 #include "io/block_reader.h"
 #include "partition_fixture.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <limits>
-#include <utility>
-#include <vector>
 
 namespace storage_test {
 namespace {
 
-using test_support::patterned;
-using test_support::slice;
+using Asked = std::vector<std::pair<uint64_t, uint32_t>>;  // positions and sizes
 
 class PageSourceTest : public ::testing::Test {
 protected:
@@ -26,7 +20,7 @@ protected:
 
     bool read(uint64_t position, uint32_t size, uint8_t* out) {
         m_asked.emplace_back(position, size);
-        if (position > m_readable || size > m_readable - position)
+        if (position + size > m_readable)
             return false;
         std::copy_n(m_image.begin() + static_cast<std::ptrdiff_t>(position), size, out);
         return true;
@@ -36,8 +30,8 @@ protected:
 
     Bytes m_image{};
     uint64_t m_readable =
-        std::numeric_limits<uint64_t>::max();  // bytes of the image, up to the first bad one
-    std::vector<std::pair<uint64_t, uint32_t>> m_asked{};
+        std::numeric_limits<uint64_t>::max();  // bytes of the image before the first bad one
+    Asked m_asked{};
 };
 
 TEST_F(PageSourceTest, EveryPageComesOnceInOrder) {
@@ -46,26 +40,27 @@ TEST_F(PageSourceTest, EveryPageComesOnceInOrder) {
         const auto pages = static_cast<uint32_t>((m_image.size() - 1) / page_size + 1);
         PageSource images = source(page_size);
         Bytes all;
-        for (uint32_t done = 0; done < pages;) {
+        while (all.size() < uint64_t{pages} * page_size) {
+            const auto done = static_cast<uint32_t>(all.size() / page_size);
             const Bytes run = bytes(images.pages(done, pages - done));
             ASSERT_NE(run.size(), 0U);
             ASSERT_EQ(run.size() % page_size, 0U);
-            test_support::put_bytes(all, run);
-            done += static_cast<uint32_t>(run.size() / page_size);
+            put_bytes(all, run);
         }
         EXPECT_TRUE(same_bytes(all, padded(m_image, page_size, 0xEE))) << page_size;
+        std::fill_n(images.page(), page_size, uint8_t{1});  // there is memory for a page
     }
 }
 
 TEST_F(PageSourceTest, RunIsTheWholePagesOf128KiB) {
     m_image = Bytes(3000000, 1);
-    const struct {
-        uint32_t page_size;
-        std::size_t run;
-    } cases[] = {{1024, 131072}, {3072, 43 * 3072}, {65536, 131072}, {131073, 131073}, {1048576, 1048576}};
-    for (const auto& wanted : cases) {
-        EXPECT_EQ(source(wanted.page_size).pages(0, 1000).size(), wanted.run) << wanted.page_size;
-        EXPECT_GE(wanted.run, BlockReader::kBlockSize) << "read past the block of small pieces";
+    for (const auto& [page_size, run] : {std::pair{1024U, 262144U},
+                                         {3072U, 86U * 3072},
+                                         {65536U, 262144U},
+                                         {262145U, 262145U},
+                                         {1048576U, 1048576U}}) {
+        EXPECT_EQ(source(page_size).pages(0, 1000).size(), run) << page_size;
+        EXPECT_GE(run, BlockReader::kBlockSize) << "read past the block of small pieces";
     }
 }
 
@@ -74,7 +69,7 @@ TEST_F(PageSourceTest, NoMorePagesThanAskedFor) {
     PageSource images = source(1024);
     EXPECT_EQ(bytes(images.pages(3, 2)), slice(m_image, 3072, 2048));
     EXPECT_EQ(bytes(images.pages(0, 1)), slice(m_image, 0, 1024));
-    EXPECT_EQ(m_asked, (std::vector<std::pair<uint64_t, uint32_t>>{{3072, 2048}, {0, 1024}}));
+    EXPECT_EQ(m_asked, (Asked{{3072, 2048}, {0, 1024}}));
 }
 
 TEST_F(PageSourceTest, PagesAfterTheImageAreFillBytes) {
@@ -87,8 +82,7 @@ TEST_F(PageSourceTest, PagesAfterTheImageAreFillBytes) {
 TEST_F(PageSourceTest, ChangedPagesAreReadAfresh) {
     m_image = patterned(5000, 1);
     PageSource images = source(1024);
-    const std::span<uint8_t> run = images.pages(0, 5);
-    std::fill(run.begin(), run.end(), uint8_t{0x77});
+    std::ranges::fill(images.pages(0, 5), uint8_t{0x77});
     EXPECT_EQ(bytes(images.pages(0, 5)), padded(m_image, 5120, 0xEE));
 }
 
@@ -99,31 +93,16 @@ TEST_F(PageSourceTest, PagesBeforeTheBadOneAreStillShown) {
     EXPECT_EQ(bytes(images.pages(0, 10)), slice(m_image, 0, 1024));
     EXPECT_EQ(bytes(images.pages(1, 9)), slice(m_image, 1024, 1024));
     EXPECT_TRUE(images.pages(2, 8).empty());
-}
-
-TEST_F(PageSourceTest, RunThatFailedIsTheLastOne) {
-    m_image = patterned(10000, 1);
-    m_readable = 3000;
-    PageSource images = source(1024);
-    images.pages(0, 5);
-    images.pages(1, 4);
-    EXPECT_EQ(m_asked, (std::vector<std::pair<uint64_t, uint32_t>>{{0, 5 * 1024}, {0, 1024}, {1024, 1024}}));
+    // The run that failed is the last one.
+    EXPECT_EQ(m_asked, (Asked{{0, 10000}, {0, 1024}, {1024, 1024}, {2048, 1024}}));
 }
 
 TEST_F(PageSourceTest, OffsetsBeyond4GiBAreExact) {
-    std::vector<uint64_t> asked;
-    PageSource images([&](uint64_t position, uint32_t, uint8_t*) { return asked.push_back(position), true; },
-                      std::numeric_limits<uint64_t>::max(), 2048, 0);
+    PageSource images(
+        [this](uint64_t at, uint32_t size, uint8_t*) { return m_asked.emplace_back(at, size), true; },
+        std::numeric_limits<uint64_t>::max(), 2048, 0);
     EXPECT_EQ(images.pages(0xFFFFFFFF, 1).size(), 2048U);
-    EXPECT_EQ(asked, std::vector<uint64_t>{0xFFFFFFFFULL * 2048});
-}
-
-TEST_F(PageSourceTest, PageHasMemoryForAWholePage) {
-    for (const uint32_t page_size : {1024U, 3072U, 1048576U}) {
-        PageSource images = source(page_size);
-        ASSERT_TRUE(images);
-        std::fill_n(images.page(), page_size, uint8_t{1});
-    }
+    EXPECT_EQ(m_asked, (Asked{{0xFFFFFFFFULL * 2048, 2048}}));
 }
 
 TEST_F(PageSourceTest, NoMemoryForAPageIsTold) {
