@@ -1,39 +1,21 @@
 // Gaps, alignment and single pages of the output.
 
 #include "partition_fixture.h"
-#include "storage_fixture.h"
-#include "support/expected/boot_block.h"
-#include "support/process_limits.h"
+#include "support/expected/flash_pages.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
 
+namespace storage_test {
 namespace {
-
-using namespace storage_test;
-using namespace test_support;
-
-using Storage = Recording<CStorage>;
 
 class PageWriterTest : public StorageTest {
 protected:
     // A storage object whose output file is open and holds `size` bytes of 'x'.
-    void use(const Geometry& geometry, std::size_t size = 0) {
-        m_storage = make_base<Storage>(FLASH_EMMC, geometry);
+    void use(const Geometry& geometry, uint64_t size = 0) {
+        m_storage = make_base<Recording<CStorage>>(FLASH_EMMC, geometry);
         m_storage->forward = true;
         m_storage->m_fout.open(out_path("out.img").string());
-        write('x', size);
-    }
-
-    void write(char value, std::size_t size) {
-        const std::string text(size, value);
-        m_storage->m_fout.write(text.data(), static_cast<std::streamsize>(size));
+        m_storage->m_fout.write_fill('x', 1, size);
     }
 
     std::vector<uint32_t> lengths() const {
@@ -45,6 +27,13 @@ protected:
 
     uint64_t position() const { return static_cast<uint64_t>(m_storage->m_fout.tellp()); }
 
+    // The file has 'x' and fill bytes after it.
+    void expect_padded(std::size_t size, std::size_t padded_size) {
+        Bytes expected(size, 'x');
+        expected.resize(padded_size, m_storage->m_fill_byte);
+        EXPECT_TRUE(same_bytes(written(), expected));
+    }
+
     Bytes written() {
         m_storage->close_output();
         EXPECT_EQ(m_storage->m_write_failure.error, 0);
@@ -55,7 +44,7 @@ protected:
         return std::filesystem::file_size(out_path("out.img"));
     }
 
-    std::unique_ptr<Storage> m_storage;
+    std::unique_ptr<Recording<CStorage>> m_storage;
 };
 
 // ---- gaps ----
@@ -79,111 +68,80 @@ TEST_F(PageWriterTest, GapIsClosedInPagesForEveryPageSize) {
         for (const uint64_t missing :
              {uint64_t{1}, uint64_t{1023}, page - 1, page, page + 1, 2 * page, 2 * page + 7, uint64_t{65535},
               uint64_t{65536}, uint64_t{65537}, uint64_t{131072}, page + 65536, page + 65537}) {
+            SCOPED_TRACE(std::to_string(page_kb) + " KB, " + std::to_string(missing));
             use({.page_kb = page_kb}, 777);
+            m_storage->m_fill_byte = page_kb == 3 ? 0xA5 : 0;
+            m_storage->m_fout.seekp(10);  // a gap starts at the end, wherever the position is
             EXPECT_TRUE(m_storage->fill_output_file(777 + missing));
-            EXPECT_EQ(lengths(), gap_lengths(page, missing)) << page_kb << " KB, " << missing;
+            EXPECT_EQ(lengths(), gap_lengths(page, missing));
             EXPECT_EQ(position(), 777 + missing);
-            Bytes expected(777, 'x');
-            expected.resize(777 + missing, 0);
-            EXPECT_TRUE(same_bytes(written(), expected)) << page_kb << " KB, " << missing;
+            expect_padded(777, 777 + missing);
         }
     }
 }
 
-TEST_F(PageWriterTest, LengthOfAGapStepIsThePageSizeModulo65536) {
-    use({.page_kb = 96});
-    EXPECT_TRUE(m_storage->fill_output_file(200000));
-    // 98304 modulo 65536 as long as a page is missing, then the rest modulo 65536, then what is left.
-    EXPECT_EQ(lengths(), (std::vector<uint32_t>{32768, 32768, 32768, 32768, 3392, 65536}));
-    EXPECT_EQ(position(), 200000U);
-}
-
-TEST_F(PageWriterTest, PagesOf64KBCloseAGapInStepsOf65536) {
-    use({.page_kb = 64});
-    EXPECT_TRUE(m_storage->fill_output_file(200000));
-    EXPECT_EQ(lengths(), (std::vector<uint32_t>{65536, 65536, 65536, 3392}));
-    use({.page_kb = 128});
-    EXPECT_TRUE(m_storage->fill_output_file(200000));
-    EXPECT_EQ(lengths(), (std::vector<uint32_t>{65536, 65536, 3392, 65536}));
-}
-
-TEST_F(PageWriterTest, GapIsFilledWithTheFillByte) {
-    use({}, 10);
-    m_storage->m_fill_byte = 0xA5;
-    EXPECT_TRUE(m_storage->fill_output_file(5000));
-    Bytes expected(10, 'x');
-    expected.resize(5000, 0xA5);
-    EXPECT_TRUE(same_bytes(written(), expected));
+// The page size modulo 65536 as long as a page is missing, then the rest modulo 65536, then what is left. A
+// step that comes to 0 has 64 KB.
+TEST_F(PageWriterTest, GapStepIsThePageSizeModulo64KB) {
+    using Lengths = std::vector<uint32_t>;
+    for (const auto& [page_kb, steps] : {std::pair{64U, Lengths{65536, 65536, 65536, 3392}},
+                                         {96U, Lengths{32768, 32768, 32768, 32768, 3392, 65536}},
+                                         {128U, Lengths{65536, 65536, 3392, 65536}}}) {
+        use({.page_kb = page_kb});
+        EXPECT_TRUE(m_storage->fill_output_file(200000));
+        EXPECT_EQ(lengths(), steps);
+        EXPECT_EQ(position(), 200000U);
+    }
 }
 
 TEST_F(PageWriterTest, NoGapMovesThePositionAlone) {
-    for (const std::size_t offset : {std::size_t{0}, std::size_t{1}, std::size_t{4999}, std::size_t{5000}}) {
+    for (const std::size_t offset : {0U, 1U, 4999U, 5000U}) {
         use({}, 5000);
         EXPECT_TRUE(m_storage->fill_output_file(offset));
         EXPECT_TRUE(m_storage->pages.empty());
         EXPECT_EQ(position(), offset);
-        write('y', 1);
+        m_storage->m_fout.write("y", 1);
         Bytes expected(std::max<std::size_t>(5000, offset + 1), 'x');
         expected[offset] = 'y';
         EXPECT_TRUE(same_bytes(written(), expected)) << offset;
     }
 }
 
-TEST_F(PageWriterTest, GapStartsAtTheEndWhereverThePositionIs) {
-    use({}, 5000);
-    m_storage->m_fout.seekp(10);
-    EXPECT_TRUE(m_storage->fill_output_file(7000));
-    Bytes expected(5000, 'x');
-    expected.resize(7000, 0);
-    EXPECT_TRUE(same_bytes(written(), expected));
-}
-
 // The number of steps goes by the lengths, but with 2 KB of data per page every step takes whole pages.
 TEST_F(PageWriterTest, GapWithTwoKBPerPageTakesWholePages) {
     const struct {
         uint32_t page_kb;
-        uint64_t missing, written;
+        uint64_t missing, bytes;
     } cases[] = {{1, 1025, 2048},   {2, 32768, 32768}, {2, 32769, 34816},
                  {4, 32768, 65536}, {4, 1, 8192},      {3, 3072, 6144},
                  {3, 6145, 18432},  {8, 8192, 32768},  {96, 98304, 2 * 48 * 98304}};
-    for (const auto& wanted : cases) {
-        use({.page_kb = wanted.page_kb, .page_2k = true}, 100);
-        EXPECT_TRUE(m_storage->fill_output_file(100 + wanted.missing));
-        EXPECT_EQ(lengths(), gap_lengths(wanted.page_kb * 1024, wanted.missing));
-        EXPECT_EQ(written_size(), 100 + wanted.written) << wanted.page_kb << " KB, " << wanted.missing;
+    for (const auto& [page_kb, missing, bytes] : cases) {
+        use({.page_kb = page_kb, .page_2k = true}, 100);
+        EXPECT_TRUE(m_storage->fill_output_file(100 + missing));
+        EXPECT_EQ(lengths(), gap_lengths(page_kb * 1024, missing));
+        EXPECT_EQ(written_size(), 100 + bytes) << page_kb << " KB, " << missing;
     }
 }
 
 // Beyond tens of megabytes the rest goes to the output in one piece: a gap of terabytes must not take hours.
 TEST_F(PageWriterTest, GapOfManyPagesGoesNotPageByPage) {
     use({.page_kb = 1}, 3);
-    const uint64_t offset = 70000ULL * 1024 + 5;
-    EXPECT_TRUE(m_storage->fill_output_file(offset));
+    m_storage->m_fill_byte = 0xA5;
+    EXPECT_TRUE(m_storage->fill_output_file(70000 * 1024 + 5));
     EXPECT_LT(m_storage->pages.size(), 70000U);
-    EXPECT_EQ(position(), offset);
-    write('y', 1);
-    EXPECT_EQ(written_size(), offset + 1);
+    EXPECT_EQ(position(), 70000U * 1024 + 5);
+    expect_padded(3, 70000 * 1024 + 5);
 
     use({.page_kb = 3, .page_2k = true});
     EXPECT_TRUE(m_storage->fill_output_file(66000ULL * 3072 + 1));
     EXPECT_LT(m_storage->pages.size(), 66000U);
     EXPECT_EQ(written_size(), 66001ULL * 6144);
-}
 
-TEST_F(PageWriterTest, GapOfTerabytesTakesMoments) {
     use({.page_kb = 1});
     EXPECT_TRUE(m_storage->fill_output_file(uint64_t{1} << 41));
     EXPECT_EQ(position(), uint64_t{1} << 41);
     EXPECT_LT(m_storage->pages.size(), 100000U);
     m_storage->m_fout.give_up(ECANCELED);  // no file of terabytes is left behind
-}
-
-TEST_F(PageWriterTest, GapOfManyPagesKeepsItsFillByte) {
-    use({.page_kb = 1});
-    m_storage->m_fill_byte = 0xA5;
-    const std::size_t size = 65536 * 1024 + 2500;
-    EXPECT_TRUE(m_storage->fill_output_file(size));
-    EXPECT_TRUE(same_bytes(written(), Bytes(size, 0xA5)));
 }
 
 TEST_F(PageWriterTest, NothingIsFilledAfterAFailedWrite) {
@@ -204,60 +162,32 @@ TEST_F(PageWriterTest, FillingEndsWithTheFirstFailedWrite) {
 
 // ---- alignment ----
 
-TEST_F(PageWriterTest, OutputOf4999168BytesIsPaddedToTheBlock) {
-    use({.block_kb = 512, .page_kb = 2});
-    m_storage->m_fout.write_fill('x', 1, 4999168);
-    EXPECT_TRUE(m_storage->align_to_block());
-    EXPECT_EQ(lengths(), std::vector<uint32_t>(119, 2048));
-    Bytes expected(4999168, 'x');
-    expected.resize(5242880, 0);
-    EXPECT_TRUE(same_bytes(written(), expected));
-}
-
-TEST_F(PageWriterTest, PageThatDoesNotDivideABlockEndsAfterIt) {
-    use({.block_kb = 512, .page_kb = 3});
-    m_storage->m_fout.write_fill('x', 1, 4999168);
-    EXPECT_TRUE(m_storage->align_to_block());
-    EXPECT_EQ(lengths(), std::vector<uint32_t>(80, 3072));
-    EXPECT_EQ(written_size(), 5244928U);
-}
-
-TEST_F(PageWriterTest, WholeBlocksGetNothing) {
-    for (const std::size_t size : {std::size_t{0}, std::size_t{131072}, std::size_t{262144}}) {
-        use({.block_kb = 128}, size);
-        EXPECT_TRUE(m_storage->align_to_block());
-        EXPECT_TRUE(m_storage->pages.empty());
-        EXPECT_EQ(written_size(), size);
-    }
-}
-
-TEST_F(PageWriterTest, OneByteTooManyTakesAnotherBlock) {
+TEST_F(PageWriterTest, OutputIsPaddedToTheBlockOrPastItsEnd) {
     const struct {
-        std::size_t size, pages;
-    } cases[] = {{1, 64}, {131071, 1}, {131073, 64}, {129024, 1}, {129023, 2}};
-    for (const auto& wanted : cases) {
-        use({.block_kb = 128}, wanted.size);
+        const char* situation;
+        uint32_t block_kb, page_kb;
+        uint64_t size;
+        std::size_t pages;
+    } cases[] = {{"whole block", 128, 2, 131072, 0},
+                 {"whole blocks", 128, 2, 262144, 0},
+                 {"nothing", 128, 2, 0, 0},
+                 {"a byte", 128, 2, 1, 64},
+                 {"a byte less than a block", 128, 2, 131071, 1},
+                 {"a byte more than a block", 128, 2, 131073, 64},
+                 {"a page less than a block", 128, 2, 129024, 1},
+                 {"a page and a byte less than a block", 128, 2, 129023, 2},
+                 {"many blocks", 512, 2, 4999168, 119},
+                 {"page that does not divide a block", 512, 3, 4999168, 80},
+                 {"block smaller than a page", 1, 64, 100, 1}};
+    for (const auto& [situation, block_kb, page_kb, size, pages] : cases) {
+        SCOPED_TRACE(situation);
+        use({.block_kb = block_kb, .page_kb = page_kb}, size);
+        m_storage->m_fill_byte = 0x5A;
+        m_storage->m_fout.seekp(0);
         EXPECT_TRUE(m_storage->align_to_block());
-        EXPECT_EQ(lengths(), std::vector<uint32_t>(wanted.pages, 2048)) << wanted.size;
-        EXPECT_EQ(written_size(), wanted.size + wanted.pages * 2048);
+        EXPECT_EQ(lengths(), std::vector<uint32_t>(pages, page_kb * 1024));
+        expect_padded(size, size + pages * page_kb * 1024);
     }
-}
-
-TEST_F(PageWriterTest, BlockSmallerThanAPageIsPaddedWithAWholePage) {
-    use({.block_kb = 1, .page_kb = 64}, 100);
-    EXPECT_TRUE(m_storage->align_to_block());
-    EXPECT_EQ(lengths(), std::vector<uint32_t>{65536});
-    EXPECT_EQ(written_size(), 65636U);
-}
-
-TEST_F(PageWriterTest, AlignmentCountsFromTheEndWithTheFillByte) {
-    use({.block_kb = 4}, 5000);
-    m_storage->m_fill_byte = 0x5A;
-    m_storage->m_fout.seekp(0);
-    EXPECT_TRUE(m_storage->align_to_block());
-    Bytes expected(5000, 'x');
-    expected.resize(5000 + 2 * 2048, 0x5A);
-    EXPECT_TRUE(same_bytes(written(), expected));
 }
 
 TEST_F(PageWriterTest, AlignmentBeyond4GiBIsExact) {
@@ -286,67 +216,30 @@ TEST_F(PageWriterTest, ClosedOutputNeedsNoAlignment) {
 
 // ---- pages ----
 
-TEST_F(PageWriterTest, PageAppendsAsManyBytesAsItsLengthSays) {
-    use({});
+TEST_F(PageWriterTest, PageHasItsLengthAndItsPlace) {
+    use({}, 20000);
+    m_storage->m_fout.seekp(100);
     Bytes data = patterned(10000, 1);
-    Bytes expected;
+    Bytes expected(20000, 'x');
+    std::size_t at = 100;
     for (const uint32_t length : {2048U, 1U, 0U, 10000U, 2047U}) {
         EXPECT_TRUE(m_storage->write_page(data.data(), length));
-        put_bytes(expected, slice(data, 0, length));
+        put_bytes_at(expected, at, slice(data, 0, length));
+        at += length;
     }
     EXPECT_TRUE(same_bytes(written(), expected));
-}
-
-TEST_F(PageWriterTest, PageIsWrittenAtThePosition) {
-    use({}, 5000);
-    m_storage->m_fout.seekp(100);
-    Bytes data = patterned(2048, 1);
-    EXPECT_TRUE(m_storage->write_page(data.data(), 2048));
-    Bytes expected(5000, 'x');
-    put_bytes_at(expected, 100, data);
-    EXPECT_TRUE(same_bytes(written(), expected));
-}
-
-// What a page of data becomes with 2 KB of it per flash page.
-Bytes spread(const Bytes& data, uint8_t fill_byte) {
-    Bytes pages;
-    for (std::size_t at = 0; at < data.size(); at += 2048) {
-        Bytes page = slice(data, at, std::min<std::size_t>(2048, data.size() - at));
-        page.resize(data.size(), fill_byte);
-        put_bytes(pages, page);
-    }
-    return pages;
 }
 
 TEST_F(PageWriterTest, TwoKBPerPageSpreadsThePage) {
-    for (const uint32_t page_kb : {1U, 2U, 3U, 4U, 5U, 6U, 8U, 64U}) {
+    for (const uint32_t page_kb : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 8U, 64U}) {
         use({.page_kb = page_kb, .page_2k = true});
         m_storage->m_fill_byte = 0xA5;
-        m_storage->forward = false;  // the length is ignored: do not record it
-        Bytes data = patterned(page_kb * 1024, page_kb);
-        Bytes expected;
-        for (const uint32_t length : {page_kb * 1024, 0U, 1U}) {
-            EXPECT_TRUE(m_storage->CStorage::write_page(data.data(), length));
-            put_bytes(expected, spread(data, 0xA5));
-        }
-        EXPECT_TRUE(same_bytes(written(), expected)) << page_kb;
+        Bytes data = patterned(page_kb * 1024 + 1, page_kb);  // the byte after the page is not written
+        const Bytes page = slice(data, 0, page_kb * 1024);
+        for (const uint32_t length : {page_kb * 1024, 0U, 1U})  // the length is ignored
+            EXPECT_TRUE(m_storage->write_page(data.data(), length));
+        EXPECT_TRUE(same_bytes(written(), spread_pages(page + page + page, page.size(), 0xA5))) << page_kb;
     }
-}
-
-TEST_F(PageWriterTest, PageOf4KBWithTwoKBPerPageIsTwoPages) {
-    use({.page_kb = 4, .page_2k = true});
-    Bytes data = patterned(4096, 1);
-    EXPECT_TRUE(m_storage->write_page(data.data(), 4096));
-    Bytes expected = zero_padded(slice(data, 0, 2048), 4096);
-    put_bytes(expected, zero_padded(slice(data, 2048, 2048), 4096));
-    EXPECT_TRUE(same_bytes(written(), expected));
-}
-
-TEST_F(PageWriterTest, PageOfNoBytesWritesNothing) {
-    use({.page_kb = 0, .page_2k = true});
-    uint8_t data = 0;
-    EXPECT_TRUE(m_storage->CStorage::write_page(&data, 2048));
-    EXPECT_EQ(written_size(), 0U);
 }
 
 TEST_F(PageWriterTest, FailedPageDoesNotFailTheCall) {
@@ -361,12 +254,10 @@ TEST_F(PageWriterTest, FailedPageDoesNotFailTheCall) {
     }
 }
 
-// ---- no memory ----
-
 TEST_F(PageWriterTest, PageThatNoMemoryHoldsFailsWhatNeedsIt) {
     if (!kMemoryCanBeLimited)
         GTEST_SKIP() << "needs a build without sanitizers";
-    use({.page_kb = 1024 * 1024}, 100);
+    use({.page_kb = kHugePageKb}, 100);
     const MemoryLimit limit(256 * 1024 * 1024);
     EXPECT_FALSE(m_storage->fill_output_file(200));
     EXPECT_TRUE(m_storage->fill_output_file(50)) << "no gap, no page";
@@ -377,3 +268,4 @@ TEST_F(PageWriterTest, PageThatNoMemoryHoldsFailsWhatNeedsIt) {
 }
 
 }  // namespace
+}  // namespace storage_test
