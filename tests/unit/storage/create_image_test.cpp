@@ -11,6 +11,8 @@ namespace {
 
 using namespace storage_test;
 
+using Log = std::vector<std::string>;
+
 // Notes the hooks and what they are given; refuses the one of that name.
 class HookedStorage : public Exposed<CEmmcStorage> {
 public:
@@ -31,7 +33,7 @@ public:
         return false;
     }
 
-    std::vector<std::string> log{};
+    Log log{};
     std::string refused{};
 
 private:
@@ -43,56 +45,48 @@ private:
 
 class CreateImageTest : public StorageTest {
 protected:
-    // The hooks that a run calls, which with `refused` ends before that step, and its last line.
-    std::vector<std::string> hooks(const Firmware& firmware, const std::string& refused = "",
-                                   const std::string& error = "creating programming image ok.") {
+    static std::size_t last_line(const std::string& text) { return text.rfind('\n', text.size() - 2) + 1; }
+
+    // The hooks that a run calls, which ends in this line; with `refused` that step refuses.
+    Log hooks(const Firmware& firmware, const std::string& end, const std::string& refused = "") {
         write_firmware(firmware);
         const auto storage = make<HookedStorage>();
         storage->refused = refused;
         const std::string output = output_of([&] {
             EXPECT_TRUE(storage->storage_init());
-            EXPECT_EQ(storage->create_image(), refused.empty());
+            EXPECT_EQ(storage->create_image(), end.starts_with("creating"));
         });
-        const std::size_t end = output.rfind('\n', output.size() - 2) + 1;
-        EXPECT_EQ(output.substr(end), refused.empty() ? line(error) : error_line(error));
+        EXPECT_EQ(output.substr(last_line(output)), end);
         EXPECT_FALSE(storage->m_fout.is_open());
         return storage->log;
     }
 
-    // All that a run prints before its last line.
-    std::string steps(const Firmware& firmware) const {
+    // A run after storage_init fails after all its steps, in this line.
+    void expect_failed_verdict(Exposed<CEmmcStorage>& storage, const Firmware& firmware,
+                               const std::string& verdict) {
         const std::string text = expected_run(firmware, {}, out_dir()).text;
-        return text.substr(0, text.rfind('\n', text.size() - 2) + 1);
+        EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage.create_image()); }),
+                  text.substr(0, last_line(text)) + verdict);
     }
 };
 
-using Log = std::vector<std::string>;
-
 TEST_F(CreateImageTest, CallsTheHooksInOrderAndAsksNoEndingOne) {
-    EXPECT_EQ(hooks(sample_firmware({.gpt = true})),
+    EXPECT_EQ(hooks(sample_firmware({.gpt = true}), line("creating programming image ok.")),
               (Log{"prepare idblock", "post idblock", "prepare gpt", "post", "prepare boot", "post",
                    "prepare misc", "post", "prepare rootfs", "post"}));
 }
 
-TEST_F(CreateImageTest, LayoutMayRefuseAnyStep) {
-    EXPECT_EQ(hooks(sample_firmware(), "idblock", "failed to write idblock,ret=-3"), Log{"prepare idblock"});
-    EXPECT_EQ(hooks(sample_firmware({.gpt = true}), "gpt", "failed to prepare gpt"),
+TEST_F(CreateImageTest, EndsWithTheStepThatRefusesOrFails) {
+    EXPECT_EQ(hooks(sample_firmware(), error_line("failed to write idblock,ret=-3"), "idblock"),
+              Log{"prepare idblock"});
+    EXPECT_EQ(hooks(sample_firmware({.gpt = true}), error_line("failed to prepare gpt"), "gpt"),
               (Log{"prepare idblock", "post idblock", "prepare gpt"}));
-    EXPECT_EQ(hooks(sample_firmware(), "misc", "failed to prepare misc"),
+    EXPECT_EQ(hooks(sample_firmware(), error_line("failed to prepare misc"), "misc"),
               (Log{"prepare idblock", "post idblock", "prepare parameter", "post", "prepare boot", "post",
                    "prepare misc"}));
-}
-
-TEST_F(CreateImageTest, PartitionThatFailedIsNotEnded) {
-    Firmware firmware = sample_firmware();
-    firmware.items[1].part_size = 0;
-    write_firmware(firmware);
-    const auto storage = make<HookedStorage>();
-    output_of([&] {
-        EXPECT_TRUE(storage->storage_init());
-        EXPECT_FALSE(storage->create_image());
-    });
-    EXPECT_EQ(storage->log.back(), "prepare boot");
+    Firmware too_small = sample_firmware();
+    too_small.items[1].part_size = 0;
+    EXPECT_EQ(hooks(too_small, error_line("failed to write boot,ret=-1")).back(), "prepare boot");
 }
 
 TEST_F(CreateImageTest, BootBlockBeyondTheMemoryHasItsCode) {
@@ -108,24 +102,12 @@ TEST_F(CreateImageTest, BootBlockBeyondTheMemoryHasItsCode) {
               line("writing idblock...") + error_line("failed to write idblock,ret=-5"));
 }
 
-// ---- the verdict ----
-
-TEST_F(CreateImageTest, NamesTheFirstFailure) {
-    write_firmware(sample_firmware());
-    const auto storage = make<Exposed<CEmmcStorage>>();
-    ASSERT_TRUE(storage->storage_init());
-    storage->m_write_failure.note("earlier file", EIO);
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->create_image()); }),
-              steps(sample_firmware()) + not_written("earlier file", EIO));
-}
-
 TEST_F(CreateImageTest, WritesNothingToAnOutputThatHasFailed) {
     write_firmware(sample_firmware());
     const auto storage = make<Exposed<CEmmcStorage>>();
     ASSERT_TRUE(storage->storage_init());
     storage->m_fout.give_up(EIO);
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->create_image()); }),
-              steps(sample_firmware()) + not_written(out_path("out_image.img"), EIO));
+    expect_failed_verdict(*storage, sample_firmware(), not_written(out_path("out_image.img"), EIO));
     EXPECT_EQ(out_image(), Bytes());
 }
 
@@ -159,8 +141,8 @@ TEST_F(CreateImageTest, ReadThatFailedSomewhereIsNotASuccess) {
     ::close(unreadable);
     ::close(kept);
 
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(storage->create_image()); }),
-              steps(firmware) + error_line("failed to read " + firmware_path().string() + ",err=9"));
+    expect_failed_verdict(*storage, firmware,
+                          error_line("failed to read " + firmware_path().string() + ",err=9"));
 }
 
 }  // namespace

@@ -4,132 +4,124 @@
 #include "partition_fixture.h"
 #include "support/sparse_builder.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdlib>
 #include <map>
 #include <ostream>
-#include <string>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace storage_test {
 namespace {
 
-using test_support::Firmware;
-using test_support::patterned;
-using test_support::SparseChunk;
-using test_support::SparseImage;
-
-// Bytes that went to an output file at a position: a page that the base was given, or bytes of the override's
-// own.
+// Bytes that went to a position of an output file: a page that the base was given, or the override's own.
 struct Given {
-    std::string file{};
     uint64_t position = 0;
     Bytes bytes{};
-    uint32_t length = 0;
-    bool is_page = true;
+    std::optional<uint32_t> page_length{};  // of a page
 };
 
-// A storage class whose write_page misuses its pages.
+// What an override does with a page, in steps.
+enum class Step {
+    give,
+    give_a_copy,
+    give_the_one_before,
+    give_two_of_three,
+    alter,
+    put_7,
+    put_16,
+    put_64,
+    flush,
+    read_firmware,
+    seek_and_back
+};
+
+struct Abuse {
+    const char* name;
+    std::vector<Step> steps;
+    bool keeps_length;  // the output is as long as without it, and so is what pads it
+};
+
+std::vector<Abuse> all_abuses() {
+    using enum Step;
+    return {{"16 bytes after", {give, put_16}, false},
+            {"64 bytes after", {give, put_64}, false},
+            {"bytes before", {put_7, give}, false},
+            {"flushed", {give, flush}, true},
+            {"altered before", {alter, give}, true},
+            {"altered after", {give, alter}, true},
+            {"copied", {give_a_copy}, true},
+            {"firmware read", {read_firmware, give, read_firmware}, true},
+            {"seek and back", {give, seek_and_back}, true},
+            {"skipped", {give_two_of_three}, false},
+            {"repeated", {give, give}, false},
+            {"the page before", {give_the_one_before}, false},
+            {"all together", {put_7, give, flush, read_firmware, alter, give, put_64}, false}};
+}
+
+// A storage class whose write_page takes these steps.
 template <typename Storage>
 class Abused : public Exposed<Storage> {
 public:
-    using Way = void (Abused::*)(uint8_t* page, uint32_t length);
-
     using Exposed<Storage>::Exposed;
     using Storage::m_plain_pages;
 
     bool write_page(uint8_t* page, uint32_t length) override {
         arrived.push_back({copy_of(page), length});
-        (this->*way)(page, length);
+        for (const Step step : steps)
+            take(step, page, length);
         return true;
     }
 
-    // ---- the ways ----
-
-    void plainly(uint8_t* page, uint32_t length) { give(page, length); }
-    void with_16_bytes_after(uint8_t* page, uint32_t length) {
-        give(page, length);
-        put_own(16);
-    }
-    void with_64_bytes_after(uint8_t* page, uint32_t length) {
-        give(page, length);
-        put_own(64);
-    }
-    void with_bytes_before(uint8_t* page, uint32_t length) {
-        put_own(7);
-        give(page, length);
-    }
-    void with_a_flush(uint8_t* page, uint32_t length) {
-        give(page, length);
-        this->m_fout.flush();
-    }
-    void altered_before(uint8_t* page, uint32_t length) {
-        for (uint32_t i = 0; i < this->m_page_size; ++i)
-            page[i] ^= 0x5A;
-        give(page, length);
-    }
-    void altered_after(uint8_t* page, uint32_t length) {
-        give(page, length);
-        std::memset(page, 0xEE, this->m_page_size);
-    }
-    void as_a_copy(uint8_t* page, uint32_t length) {
-        Bytes copy = copy_of(page);
-        std::memset(page, 0xEE, this->m_page_size);
-        give(copy.data(), length);
-    }
-    void while_reading_the_firmware(uint8_t* page, uint32_t length) {
-        read_firmware();
-        give(page, length);
-        read_firmware();
-    }
-    void with_a_seek(uint8_t* page, uint32_t length) {
-        give(page, length);
-        const auto position = this->m_fout.tellp();
-        this->m_fout.seekp(0);
-        this->m_fout.seekp(position);
-    }
-    void with_gaps(uint8_t* page, uint32_t length) {
-        if (arrived.size() % 3 != 0)
-            give(page, length);
-    }
-    void twice(uint8_t* page, uint32_t length) {
-        give(page, length);
-        give(page, length);
-    }
-    void one_call_late(uint8_t* page, uint32_t length) {
-        RecordedPage before{copy_of(page), length};
-        std::swap(before, m_held);
-        if (!before.bytes.empty())
-            give(before.bytes.data(), before.length);
-    }
-    void in_all_ways_together(uint8_t* page, uint32_t length) {
-        with_bytes_before(page, length);
-        this->m_fout.flush();
-        read_firmware();
-        altered_before(page, length);
-        put_own(64);
-        std::memset(page, 0xEE, this->m_page_size);
-    }
-
-    Way way = &Abused::plainly;
-    std::vector<RecordedPage> arrived{};  // whole pages; length as it was given
-    std::vector<Given> given{};
+    std::vector<Step> steps{Step::give};
+    std::vector<RecordedPage> arrived{};                // whole pages; length as it was given
+    std::map<std::string, std::vector<Given>> given{};  // by output file
 
 private:
-    Bytes copy_of(const uint8_t* page) const { return Bytes(page, page + this->m_page_size); }
+    void take(Step step, uint8_t* page, uint32_t length) {
+        switch (step) {
+        case Step::give:
+            return give(page, length);
+        case Step::give_a_copy: {
+            Bytes copy = copy_of(page);
+            alter(page);
+            return give(copy.data(), length);
+        }
+        case Step::give_the_one_before:
+            if (arrived.size() > 1) {
+                RecordedPage before = *(arrived.end() - 2);
+                give(before.bytes.data(), before.length);
+            }
+            return;
+        case Step::give_two_of_three:
+            if (arrived.size() % 3 != 0)
+                give(page, length);
+            return;
+        case Step::alter:
+            return alter(page);
+        case Step::put_7:
+            return put_own(7);
+        case Step::put_16:
+            return put_own(16);
+        case Step::put_64:
+            return put_own(64);
+        case Step::flush:
+            this->m_fout.flush();
+            return;
+        case Step::read_firmware:
+            return read_firmware();
+        case Step::seek_and_back:
+            const auto position = this->m_fout.tellp();
+            this->m_fout.seekp(0);
+            this->m_fout.seekp(position);
+        }
+    }
 
     void give(uint8_t* page, uint32_t length) {
-        given.push_back({this->m_out_file, this->m_fout.buffer().position(), copy_of(page), length, true});
+        given[this->m_out_file].push_back({this->m_fout.buffer().position(), copy_of(page), length});
         EXPECT_TRUE(Storage::write_page(page, length));
     }
 
     void put_own(std::size_t size) {
         const Bytes own = patterned(size, static_cast<uint32_t>(arrived.size()));
-        given.push_back({this->m_out_file, this->m_fout.buffer().position(), own, 0, false});
+        given[this->m_out_file].push_back({this->m_fout.buffer().position(), own});
         this->m_fout.write(reinterpret_cast<const char*>(own.data()), static_cast<std::streamsize>(size));
     }
 
@@ -140,34 +132,14 @@ private:
         EXPECT_TRUE(this->m_update_image_ptr->GetData(m_reads++ % 2 * last, 5000, piece.data()));
     }
 
-    RecordedPage m_held{};
+    void alter(uint8_t* page) const {
+        std::for_each_n(page, this->m_page_size, [](uint8_t& byte) { byte ^= 0x5A; });
+    }
+
+    Bytes copy_of(const uint8_t* page) const { return Bytes(page, page + this->m_page_size); }
+
     uint32_t m_reads = 0;
 };
-
-template <typename Storage>
-struct Abuse {
-    const char* name;
-    typename Abused<Storage>::Way way;
-    bool keeps_length;  // the output is as long as without it, and so is what pads it
-};
-
-template <typename Storage>
-std::vector<Abuse<Storage>> all_abuses() {
-    using Class = Abused<Storage>;
-    return {{"16 bytes after", &Class::with_16_bytes_after, false},
-            {"64 bytes after", &Class::with_64_bytes_after, false},
-            {"bytes before", &Class::with_bytes_before, false},
-            {"flushed", &Class::with_a_flush, true},
-            {"altered before", &Class::altered_before, true},
-            {"altered after", &Class::altered_after, true},
-            {"copied", &Class::as_a_copy, true},
-            {"firmware read", &Class::while_reading_the_firmware, true},
-            {"seek and back", &Class::with_a_seek, true},
-            {"skipped", &Class::with_gaps, false},
-            {"repeated", &Class::twice, false},
-            {"the page before", &Class::one_call_late, false},
-            {"all together", &Class::in_all_ways_together, false}};
-}
 
 struct Chip {
     ENUM_FLASH_TYPE type = FLASH_EMMC;
@@ -214,43 +186,29 @@ Bytes sparse_image(bool small) {
 // Items that cross runs of 128 KiB and blocks of 512 KiB, some with a partition that is larger than their
 // data.
 Firmware firmware_for(const Chip& chip) {
-    Firmware firmware = test_support::sample_firmware({.gpt = chip.gpt()});
+    Firmware firmware = sample_firmware({.gpt = chip.gpt()});
     const bool small = chip.spreads_widely();
     firmware.items.resize(1);
     firmware.items[0].part_size = chip.page_kb * 2 * (small ? 4 : 27);
     for (const auto& [name, data] :
          {std::pair{"system", patterned(small ? 270000 : 1300001, 3)},
           std::pair{"sparse", sparse_image(small)}, std::pair{"tail", patterned(5000, 4)}}) {
-        const test_support::Item& before = firmware.items.back();
+        const Item& before = firmware.items.back();
         firmware.items.push_back({.name = name,
                                   .part_size = static_cast<uint32_t>(data.size() / 512) + (small ? 200 : 400),
                                   .flash_offset = before.flash_offset + before.part_size + 37,
                                   .data = data});
     }
-    firmware.items.back().part_size = test_support::kGrowsToEnd;
+    firmware.items.back().part_size = kGrowsToEnd;
     return firmware;
 }
 
-bool is_page_of(const RecordedPage& page, uint8_t value) {
-    return test_support::all_bytes_are(page.bytes, value, 0, page.bytes.size());
-}
-
 // All pages, or those that are more than padding.
-std::vector<RecordedPage> pages_of(const std::vector<RecordedPage>& pages, uint8_t fill_byte, bool all) {
-    std::vector<RecordedPage> chosen;
-    std::copy_if(pages.begin(), pages.end(), std::back_inserter(chosen),
-                 [&](const RecordedPage& page) { return all || !is_page_of(page, fill_byte); });
-    return chosen;
-}
-
-::testing::AssertionResult same_pages(const std::vector<RecordedPage>& found,
-                                      const std::vector<RecordedPage>& expected) {
-    for (std::size_t i = 0; i < std::min(found.size(), expected.size()); ++i)
-        if (found[i].length != expected[i].length || found[i].bytes != expected[i].bytes)
-            return ::testing::AssertionFailure() << "page " << i << " arrived with other bytes";
-    if (found.size() != expected.size())
-        return ::testing::AssertionFailure() << found.size() << " pages instead of " << expected.size();
-    return ::testing::AssertionSuccess();
+std::vector<RecordedPage> pages_of(std::vector<RecordedPage> pages, uint8_t fill_byte, bool all) {
+    std::erase_if(pages, [&](const RecordedPage& page) {
+        return !all && all_bytes_are(page.bytes, fill_byte, 0, page.bytes.size());
+    });
+    return pages;
 }
 
 class PrivatePageTest : public StorageTest, public ::testing::WithParamInterface<Chip> {
@@ -266,10 +224,9 @@ protected:
         return storage;
     }
 
-    // A whole conversion in this way; its messages.
+    // A whole conversion; its messages.
     template <typename Storage>
-    std::string run(Abused<Storage>& storage, typename Abused<Storage>::Way way) const {
-        storage.way = way;
+    std::string run(Abused<Storage>& storage) const {
         storage.m_plain_pages = false;
         std::filesystem::remove_all(out_dir());
         std::filesystem::create_directory(out_dir());
@@ -280,49 +237,45 @@ protected:
         });
     }
 
-    // The files that hold what was given: each page is written by itself and has left before the next comes.
+    // The file that holds what was given: each page is written by itself and has left before the next comes.
     template <typename Storage>
-    std::map<std::string, Bytes> expected_files(const std::vector<Given>& all) const {
-        std::map<std::string, Bytes> files;
+    Bytes expected_file(const std::vector<Given>& all) const {
         const std::filesystem::path path = m_directory / "expected.img";
-        for (auto first = all.begin(); first != all.end();) {
-            const auto storage = make_storage<Exposed<Storage>>();
-            storage->m_fout.open(path.string(), std::ios_base::out | std::ios_base::trunc);
-            auto last = first;
-            for (; last != all.end() && last->file == first->file; ++last) {
-                Bytes bytes = last->bytes;
-                storage->m_fout.seekp(static_cast<std::streamoff>(last->position));
-                if (last->is_page)
-                    EXPECT_TRUE(storage->write_page(bytes.data(), last->length));
-                else
-                    storage->m_fout.write(reinterpret_cast<const char*>(bytes.data()),
-                                          static_cast<std::streamsize>(bytes.size()));
-                storage->m_fout.flush();
-            }
-            storage->close_output();
-            files[first->file] = test_support::read_file(path);
-            std::filesystem::remove(path);  // a truncated one is slow: it is brought to the disk when closed
-            first = last;
+        const auto storage = make_storage<Exposed<Storage>>();
+        storage->m_fout.open(path.string());
+        for (Given given : all) {
+            storage->m_fout.seekp(static_cast<std::streamoff>(given.position));
+            if (given.page_length)
+                EXPECT_TRUE(storage->write_page(given.bytes.data(), *given.page_length));
+            else
+                storage->m_fout.write(reinterpret_cast<const char*>(given.bytes.data()),
+                                      static_cast<std::streamsize>(given.bytes.size()));
+            storage->m_fout.flush();
         }
-        return files;
+        storage->close_output();
+        const Bytes bytes = read_file(path);
+        std::filesystem::remove(path);  // a truncated one is slow: it is brought to the disk when closed
+        return bytes;
     }
 
     template <typename Storage>
     void expect_private_pages() const {
-        const uint8_t fill_byte = GetParam().fill_byte();
+        const uint8_t fill = GetParam().fill_byte();
         write_firmware(firmware_for(GetParam()));
         const auto undisturbed = make_storage<Abused<Storage>>();
-        const std::string messages = run(*undisturbed, &Abused<Storage>::plainly);
-        for (const Abuse<Storage>& abuse : all_abuses<Storage>()) {
-            SCOPED_TRACE(abuse.name);
+        const std::string messages = run(*undisturbed);
+        for (const auto& [name, steps, keeps_length] : all_abuses()) {
+            SCOPED_TRACE(name);
             const auto storage = make_storage<Abused<Storage>>();
-            EXPECT_EQ(run(*storage, abuse.way), messages);
-            EXPECT_TRUE(same_pages(pages_of(storage->arrived, fill_byte, abuse.keeps_length),
-                                   pages_of(undisturbed->arrived, fill_byte, abuse.keeps_length)));
-            auto expected = expected_files<Storage>(storage->given);
-            for (const std::string& name : names_in(out_dir())) {
-                const std::string path = out_path(name).string();
-                EXPECT_TRUE(same_bytes(test_support::read_file(path), expected[path])) << name;
+            storage->steps = steps;
+            EXPECT_EQ(run(*storage), messages);
+            const bool same = pages_of(storage->arrived, fill, keeps_length) ==
+                              pages_of(undisturbed->arrived, fill, keeps_length);
+            EXPECT_TRUE(same) << "pages arrived with other bytes";
+            for (const std::string& file : names_in(out_dir())) {
+                const std::string path = out_path(file).string();
+                EXPECT_TRUE(same_bytes(read_file(path), expected_file<Storage>(storage->given[path])))
+                    << file;
             }
         }
     }
@@ -341,6 +294,9 @@ TEST_P(PrivatePageTest, HoldsWhateverAnOverrideDoes) {
     }
 }
 
+INSTANTIATE_TEST_SUITE_P(Chips, PrivatePageTest, ::testing::ValuesIn(all_chips()),
+                         [](const auto& chip) { return chip.param.name(); });
+
 // Padding of more than 64 MiB may go past write_page where a page is nothing but its data.
 class CountedPages : public Exposed<CEmmcStorage> {
 public:
@@ -348,7 +304,7 @@ public:
     using CEmmcStorage::m_plain_pages;
 
     bool write_page(uint8_t* page, uint32_t length) override {
-        EXPECT_TRUE(test_support::all_bytes_are(Bytes(page, page + length), m_fill_byte, 0, length));
+        EXPECT_TRUE(all_bytes_are(Bytes(page, page + length), m_fill_byte, 0, length));
         ++pages;
         Exposed<CEmmcStorage>::write_page(page, length);
         std::memset(page, 0xEE, length);
@@ -359,38 +315,22 @@ public:
     std::size_t pages = 0;
 };
 
-class LongPaddingTest : public StorageTest {
-protected:
-    // Pages of 64 KB that reach write_page for padding of that many pages; what the file holds then.
-    std::pair<std::size_t, uint64_t> padded_with(std::size_t pages, bool plain) const {
+using LongPaddingTest = StorageTest;
+
+TEST_F(LongPaddingTest, EveryPageOfAFileArrivesUnlessPagesArePlain) {
+    for (const bool plain : {false, true}) {
         const auto storage = make<CountedPages>({.page_kb = 64});
         storage->m_plain_pages = plain;
-        storage->m_fout.open(out_path("padding.img").string());
-        EXPECT_TRUE(storage->fill_output_file(pages * 65536));
-        storage->close_output();
-        return {storage->pages, std::filesystem::file_size(out_path("padding.img"))};
-    }
-};
-
-TEST_F(LongPaddingTest, EveryPageArrivesUnlessPagesArePlain) {
-    EXPECT_EQ(padded_with(1100, false), std::pair(std::size_t{1100}, uint64_t{1100 * 65541}));
-    EXPECT_EQ(padded_with(1100, true), std::pair(std::size_t{1024}, uint64_t{1100 * 65536}));
-}
-
-TEST_F(LongPaddingTest, EveryFileStartsPageByPage) {
-    const auto storage = make<CountedPages>({.page_kb = 64});
-    for (const char* name : {"first.img", "second.img"}) {
-        storage->pages = 0;
-        ASSERT_TRUE(storage->switch_output(name));
-        EXPECT_TRUE(storage->fill_output_file(1100 * 65536));
-        storage->close_output();
-        EXPECT_EQ(storage->pages, 1024U) << name;
-        EXPECT_EQ(std::filesystem::file_size(out_path(name)), 1100U * 65536) << name;
+        for (const char* name : {"first.img", "second.img"}) {
+            storage->pages = 0;
+            ASSERT_TRUE(storage->switch_output(name));
+            EXPECT_TRUE(storage->fill_output_file(1100 * 65536));
+            storage->close_output();
+            EXPECT_EQ(storage->pages, plain ? 1024U : 1100U) << name;
+            EXPECT_EQ(std::filesystem::file_size(out_path(name)), 1100U * (plain ? 65536 : 65541)) << name;
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Chips, PrivatePageTest, ::testing::ValuesIn(all_chips()),
-                         [](const auto& chip) { return chip.param.name(); });
 
 }  // namespace
 }  // namespace storage_test

@@ -70,6 +70,8 @@ public:
 struct RecordedPage {
     Bytes bytes{};
     uint32_t length = 0;
+
+    bool operator==(const RecordedPage&) const = default;
 };
 
 // Keeps every page that reaches write_page; with `forward` it goes to the storage class as well. Of padding

@@ -2,23 +2,15 @@
 
 #include "partition_fixture.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-
 namespace storage_test {
 namespace {
 
-using test_support::Bytes;
-using test_support::Firmware;
-using test_support::patterned;
-
-class WrappedSizes : public StorageTest {};
+using WrappedSizes = StorageTest;
 
 // -p 4194305: a page of 1 KB that has 8,388,610 sectors, more than the whole table, which is 17 KB.
 TEST_F(WrappedSizes, GptIsMadeInMoreRoomThanItsPages) {
     using Recorder = Recording<CEmmcStorage>;
-    const Firmware firmware = test_support::sample_firmware({.gpt = true});
+    const Firmware firmware = sample_firmware({.gpt = true});
     STRUCT_QZIMAGE_ITEM parameter = item_in(firmware, 0);
     const auto table = [&](uint32_t page_sectors) {
         const auto storage = make<Recorder>({.page_kb = 1});
@@ -32,7 +24,7 @@ TEST_F(WrappedSizes, GptIsMadeInMoreRoomThanItsPages) {
     };
     const Bytes whole = table(2);
     ASSERT_EQ(whole.size(), 17U * 1024);
-    EXPECT_TRUE(same_bytes(table(4194305U * 2), test_support::slice(whole, 0, 1024)));
+    EXPECT_TRUE(same_bytes(table(4194305U * 2), slice(whole, 0, 1024)));
 }
 
 // -p 4067204 -s 64: the units take 4 GiB and 128 bytes, more than the page and its spare area.
