@@ -9,15 +9,13 @@ namespace {
 
 using namespace test_support;
 
-const std::vector<std::string> kTypes{"emmc", "spinor", "spinand", "slc"};
-
 // ---- geometry: sizes are kept in bytes and in sectors of 32 bits ----
 
 TEST(GeometryTest, ThatWrapsToZeroIsRefused) {
     const Workbench bench(sample_firmware());
     const auto expect_refused = [&](const std::string& block_kb, const std::string& page_kb,
                                     const std::string& message) {
-        for (const std::string& type : kTypes) {
+        for (const std::string& type : kStorageTypes) {
             bench.expect({type, block_kb, page_kb, "64"}, kInitFailed, line(message));
             EXPECT_EQ(bench.output_names(), Names{});
         }
@@ -39,13 +37,9 @@ TEST(GeometryTest, ThatWrapsToAKilobyteIsTaken) {
 
 struct BadFirmware {
     std::string situation;
-    std::function<void(Firmware&, Bytes&)>
-        bend;  // the description, of which the bytes are then built, and they
+    // Bends the description, of which the bytes are then built, and the bytes.
+    std::function<void(Firmware&, Bytes&)> bend;
 };
-
-void PrintTo(const BadFirmware& bad, std::ostream* out) {
-    *out << bad.situation;
-}
 
 class LoadingTest : public testing::TestWithParam<BadFirmware> {};
 
@@ -57,7 +51,7 @@ TEST_P(LoadingTest, FailsWithOneLine) {
     GetParam().bend(firmware, bytes);
     const Workbench bench;
     bench.pack(bytes);
-    for (const std::string& type : kTypes) {
+    for (const std::string& type : kStorageTypes) {
         bench.expect({.type = type, .spare_bytes = "64"}, kInitFailed, line("failed to load firmware,ret=1"));
         EXPECT_EQ(bench.output_names(), Names{});
     }
@@ -103,9 +97,7 @@ TEST(LoaderContainer, IsTakenUpToItsLargestMergeVersion) {
 
 // ".bin" anywhere in the path, in any case, asks for a bare container: a whole firmware is not one.
 TEST(SingleMode, IsChosenByThePath) {
-    const Workbench bench;
     const BootContainer boot = sample_firmware().boot;
-    fs::create_directory(bench.directory() / "x.bin.d");
     for (const std::string name : {"loader.bin", "loader.BIN", "x.bInary.img", "x.bin.d/fw.img"}) {
         SCOPED_TRACE(name);
         Workbench single;
@@ -131,7 +123,7 @@ TEST(OutputDirectory, GetsNoSecondSlash) {
     fs::create_directory(bench.out("out_image.img"));
     for (const std::string slashes : {"/", "//", "/./"}) {
         const std::string out = bench.out_dir().string() + slashes;
-        EXPECT_EQ(output_of([&] { EXPECT_EQ(convert_by_call({}, bench.firmware(), out), -14); }),
+        EXPECT_EQ(output_of([&] { EXPECT_EQ(convert_by_call({}, bench.firmware(), out), kInitFailed); }),
                   not_created(out + "out_image.img", EISDIR));
     }
 }

@@ -72,22 +72,17 @@ protected:
         fs::resize_file(disk(), uint64_t{0xFFFFFFFF} * kSectorSize, error);
         if (error)
             GTEST_SKIP() << "no file of 2 TiB here: " << error.message();
-        m_table = slice_of_disk();
+        m_table = read_file_at(disk(), 0, kGptBytes);
     }
 
     fs::path disk() const { return m_directory / "disk.img"; }
 
     // Tools that only look change nothing.
-    void TearDown() override { EXPECT_TRUE(m_table.empty() || slice_of_disk() == m_table); }
-
-private:
-    Bytes slice_of_disk() const {
-        Bytes bytes(kGptBytes);
-        std::ifstream(disk(), std::ios::binary)
-            .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return bytes;
+    void TearDown() override {
+        EXPECT_TRUE(m_table.empty() || read_file_at(disk(), 0, kGptBytes) == m_table);
     }
 
+private:
     TemporaryDirectory m_directory{};
     Bytes m_table{};
 };

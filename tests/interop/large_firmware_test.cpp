@@ -8,16 +8,7 @@ namespace {
 
 using namespace test_support;
 
-constexpr uint64_t kGib = uint64_t{1} << 30;
-
-Bytes read_at(const fs::path& path, uint64_t offset, std::size_t size) {
-    std::ifstream file(path, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(offset));
-    Bytes bytes(size);
-    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
-    EXPECT_EQ(file.gcount(), static_cast<std::streamsize>(size));
-    return bytes;
-}
+constexpr uint64_t kGib = 1024 * kMib;
 
 // The parameter item of the sample, and one item "far" whose data starts at `offset` of the package.
 Firmware with_far_item(uint64_t offset, Bytes data) {
@@ -37,13 +28,13 @@ void expect_far_item(const Firmware& firmware, const Bytes& partition) {
         SCOPED_TRACE(type);
         const auto result = bench.convert({type, "64", "2"});
         ASSERT_EQ(result.exit_status, 0) << result.out;
-        EXPECT_TRUE(same_bytes(read_at(bench.out("out_image.img"), 0x2200 * kSectorSize, partition.size()),
-                               partition))
+        EXPECT_TRUE(same_bytes(
+            read_file_at(bench.out("out_image.img"), 0x2200 * kSectorSize, partition.size()), partition))
             << "partition";
     }
     const auto result = bench.convert({"spinand", "64", "2"});
     ASSERT_EQ(result.exit_status, 0) << result.out;
-    EXPECT_TRUE(same_bytes(read_at(bench.out("far.img"), 0, partition.size()), partition)) << "far.img";
+    EXPECT_TRUE(same_bytes(read_file_at(bench.out("far.img"), 0, partition.size()), partition)) << "far.img";
 }
 
 TEST(LargeFirmware, HoldsAnItemBeyond4Gigabytes) {

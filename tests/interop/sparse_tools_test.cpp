@@ -33,8 +33,6 @@ std::vector<Bytes> expanded_by_program(const std::vector<Bytes>& images, const s
     return expanded;
 }
 
-// ---- generated images ----
-
 class Generator {
 public:
     explicit Generator(uint32_t seed) : m_random(seed) {}
@@ -109,8 +107,6 @@ INSTANTIATE_TEST_SUITE_P(Pages, GeneratedSparseImages, testing::Values("1", "2",
                          [](const testing::TestParamInfo<std::string>& tested) {
                              return "Of" + tested.param + "Kilobytes";
                          });
-
-// ---- images of img2simg ----
 
 class MadeSparseImages : public testing::TestWithParam<std::string> {};
 

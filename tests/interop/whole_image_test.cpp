@@ -6,24 +6,11 @@ namespace {
 
 using namespace interop_test;
 
-struct SampleKind {
-    bool gpt = false;
-    bool sparse = false;
-};
-
-void PrintTo(const SampleKind& kind, std::ostream* out) {
-    *out << (kind.gpt ? "with a GPT" : "without a GPT");
-}
-
-std::string name_of(const testing::TestParamInfo<SampleKind>& tested) {
-    return std::string(tested.param.gpt ? "WithGpt" : "WithParameter") +
-           (tested.param.sparse ? "AndSparse" : "AndPlain");
-}
-
-class WholeImage : public testing::TestWithParam<SampleKind> {
+class WholeImage : public testing::TestWithParam<std::tuple<bool, bool>> {
 protected:
     void expect_image(const Conversion& conversion, uint64_t second_copy) const {
-        const Sample& firmware = sample(GetParam().gpt, GetParam().sparse);
+        const auto& [gpt, sparse] = GetParam();
+        const Sample& firmware = sample(gpt, sparse);
         const TemporaryDirectory directory;
         convert(firmware, conversion, directory / "out");
         const Bytes image = read_file(directory / "out/out_image.img");
@@ -73,9 +60,10 @@ TEST_P(WholeImage, OfSpiNorHoldsBootBlocksAndPartitions) {
     expect_image({"spinor", "64", "2"}, 896);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sample, WholeImage,
-                         testing::Values(SampleKind{false, false}, SampleKind{false, true},
-                                         SampleKind{true, false}, SampleKind{true, true}),
-                         name_of);
+INSTANTIATE_TEST_SUITE_P(Sample, WholeImage, testing::Combine(testing::Bool(), testing::Bool()),
+                         [](const auto& tested) {
+                             return std::string(std::get<0>(tested.param) ? "WithGpt" : "WithParameter") +
+                                    (std::get<1>(tested.param) ? "AndSparse" : "AndPlain");
+                         });
 
 }  // namespace

@@ -10,13 +10,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <numeric>
 #include <random>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -43,18 +46,10 @@ void put_integer(Bytes& bytes, Integer value) {
         bytes.push_back(static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i)));
 }
 
-inline void put8(Bytes& bytes, uint8_t value) {
-    bytes.push_back(value);
-}
-inline void put16(Bytes& bytes, uint16_t value) {
-    put_integer(bytes, value);
-}
-inline void put32(Bytes& bytes, uint32_t value) {
-    put_integer(bytes, value);
-}
-inline void put64(Bytes& bytes, uint64_t value) {
-    put_integer(bytes, value);
-}
+inline constexpr auto put8 = put_integer<uint8_t>;
+inline constexpr auto put16 = put_integer<uint16_t>;
+inline constexpr auto put32 = put_integer<uint32_t>;
+inline constexpr auto put64 = put_integer<uint64_t>;
 
 inline void put_bytes(Bytes& bytes, const Bytes& more) {
     bytes.insert(bytes.end(), more.begin(), more.end());
@@ -81,18 +76,9 @@ void put_integer_at(Bytes& bytes, std::size_t offset, Integer value) {
     put_bytes_at(bytes, offset, field);
 }
 
-inline void put8_at(Bytes& bytes, std::size_t offset, uint8_t value) {
-    bytes.at(offset) = value;
-}
-inline void put16_at(Bytes& bytes, std::size_t offset, uint16_t value) {
-    put_integer_at(bytes, offset, value);
-}
-inline void put32_at(Bytes& bytes, std::size_t offset, uint32_t value) {
-    put_integer_at(bytes, offset, value);
-}
-inline void put64_at(Bytes& bytes, std::size_t offset, uint64_t value) {
-    put_integer_at(bytes, offset, value);
-}
+inline constexpr auto put8_at = put_integer_at<uint8_t>;
+inline constexpr auto put16_at = put_integer_at<uint16_t>;
+inline constexpr auto put32_at = put_integer_at<uint32_t>;
 
 inline void put_text_at(Bytes& bytes, std::size_t offset, std::string_view text, std::size_t width) {
     Bytes field;
@@ -110,15 +96,9 @@ Integer get_integer(const Bytes& bytes, std::size_t offset) {
     return static_cast<Integer>(value);
 }
 
-inline uint16_t get16(const Bytes& bytes, std::size_t offset) {
-    return get_integer<uint16_t>(bytes, offset);
-}
-inline uint32_t get32(const Bytes& bytes, std::size_t offset) {
-    return get_integer<uint32_t>(bytes, offset);
-}
-inline uint64_t get64(const Bytes& bytes, std::size_t offset) {
-    return get_integer<uint64_t>(bytes, offset);
-}
+inline constexpr auto get16 = get_integer<uint16_t>;
+inline constexpr auto get32 = get_integer<uint32_t>;
+inline constexpr auto get64 = get_integer<uint64_t>;
 
 inline Bytes slice(const Bytes& bytes, std::size_t offset, std::size_t size) {
     if (offset > bytes.size() || size > bytes.size() - offset)
@@ -152,13 +132,18 @@ inline std::string to_text(const Bytes& bytes) {
     return std::string(bytes.begin(), bytes.end());
 }
 
+// What stands between the separators.
+inline std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> pieces;
+    std::istringstream stream(text);
+    for (std::string piece; std::getline(stream, piece, separator);)
+        pieces.push_back(piece);
+    return pieces;
+}
+
 // True when every byte of [offset, offset + size) is `value`.
 inline bool all_bytes_are(const Bytes& bytes, uint8_t value, std::size_t offset, std::size_t size) {
-    if (offset > bytes.size() || size > bytes.size() - offset)
-        throw std::out_of_range("range outside the bytes");
-    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
-    return std::all_of(first, first + static_cast<std::ptrdiff_t>(size),
-                       [value](uint8_t byte) { return byte == value; });
+    return slice(bytes, offset, size) == Bytes(size, value);
 }
 
 // Pseudo-random bytes, the same for the same seed on every machine.
@@ -172,16 +157,21 @@ inline Bytes patterned(std::size_t size, uint32_t seed) {
 
 // ---- files ----
 
+inline Bytes read_file_at(const std::filesystem::path& path, uint64_t offset, std::size_t size) {
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(offset));
+    Bytes bytes(size);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
+    if (!file)
+        throw std::runtime_error("cannot read " + path.string());
+    return bytes;
+}
+
 inline Bytes read_file(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
     if (!file)
         throw std::runtime_error("cannot open " + path.string());
-    Bytes bytes(static_cast<std::size_t>(file.tellg()));
-    file.seekg(0);
-    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!file)
-        throw std::runtime_error("cannot read " + path.string());
-    return bytes;
+    return read_file_at(path, 0, static_cast<std::size_t>(file.tellg()));
 }
 
 inline void write_file(const std::filesystem::path& path, const Bytes& bytes) {
@@ -192,6 +182,18 @@ inline void write_file(const std::filesystem::path& path, const Bytes& bytes) {
         throw std::runtime_error("cannot write " + path.string());
 }
 
+// Names and contents.
+using Files = std::map<std::string, Bytes>;
+
+// The regular files of a directory.
+inline Files files_in(const std::filesystem::path& directory) {
+    Files files;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        if (entry.is_regular_file())
+            files[entry.path().filename()] = read_file(entry.path());
+    return files;
+}
+
 inline std::set<std::string> names_in(const std::filesystem::path& directory) {
     std::set<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(directory))
@@ -199,12 +201,18 @@ inline std::set<std::string> names_in(const std::filesystem::path& directory) {
     return names;
 }
 
-// A directory of its own under the system's temporary directory, removed with everything in it at the end of
-// the object's life.
+// Where directories lie in memory, if the machine offers that; else the system's temporary directory.
+inline std::filesystem::path memory_directory() {
+    const char* const in_memory = "/dev/shm";
+    return access(in_memory, W_OK | X_OK) == 0 ? in_memory : std::filesystem::temp_directory_path();
+}
+
+// A new directory, removed with everything in it at the end of the object's life.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "nandsmith-test-XXXXXX").string();
+    explicit TemporaryDirectory(
+        const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+        std::string pattern = (parent / "nandsmith-test-XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("cannot create " + pattern);
         m_path = pattern;
@@ -243,18 +251,14 @@ inline uint32_t crc32_boot(const Bytes& bytes) {
 }
 
 // The common CRC-32 (reflected, start and end inverted), as a GPT uses it.
-inline uint32_t crc32_standard(const uint8_t* data, std::size_t size) {
+inline uint32_t crc32_standard(const Bytes& bytes) {
     uint32_t crc = 0xFFFFFFFFU;
-    for (std::size_t i = 0; i < size; ++i) {
-        crc ^= data[i];
+    for (const uint8_t byte : bytes) {
+        crc ^= byte;
         for (int bit = 0; bit < 8; ++bit)
             crc = (crc >> 1) ^ ((crc & 1U) != 0 ? 0xEDB88320U : 0U);
     }
     return ~crc;
-}
-
-inline uint32_t crc32_standard(const Bytes& bytes) {
-    return crc32_standard(bytes.data(), bytes.size());
 }
 
 // RC4 over the whole of `data` with a fresh keystream; applying it twice gives the input back.
@@ -278,12 +282,10 @@ inline Bytes rc4_scrambled(Bytes data, std::string_view key = kDeviceRc4Key) {
 }
 
 // RC4 with the keystream started afresh at every sector, as the boot ROM reads scrambled boot stages.
-inline Bytes rc4_scrambled_by_sector(const Bytes& data, std::string_view key = kDeviceRc4Key) {
+inline Bytes rc4_scrambled_by_sector(const Bytes& data) {
     Bytes result;
-    for (std::size_t offset = 0; offset < data.size(); offset += kSectorSize) {
-        put_bytes(result,
-                  rc4_scrambled(slice(data, offset, std::min(kSectorSize, data.size() - offset)), key));
-    }
+    for (std::size_t at = 0; at < data.size(); at += kSectorSize)
+        put_bytes(result, rc4_scrambled(slice(data, at, std::min(kSectorSize, data.size() - at))));
     return result;
 }
 

@@ -1,10 +1,11 @@
 #include "conversion.h"
 
 #include "expected/transcript.h"
-#include "storage/storage_impl.h"
+#include "storage/storage_types.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <memory>
+#include <new>
 #include <stdexcept>
 
 namespace test_support {
@@ -36,32 +37,24 @@ uint32_t size_of(const std::string& text) {
     return text.empty() ? 0 : static_cast<uint32_t>(std::stoi(text));
 }
 
-std::unique_ptr<CStorage> storage_for(const Conversion& c, const std::string& firmware,
-                                      const std::string& out) {
-    const uint32_t block = size_of(c.block_kb);
-    const uint32_t page = size_of(c.page_kb);
-    const uint32_t spare = size_of(c.spare_bytes);
-    const bool two = c.two_kilobytes_data;
-    if (c.type == "emmc")
-        return std::make_unique<CEmmcStorage>(block, page, spare, firmware, out, two);
-    if (c.type == "spinor")
-        return std::make_unique<CNorStorage>(block, page, spare, firmware, out, two);
-    if (c.type == "spinand")
-        return std::make_unique<CSpiStorage>(block, page, spare, firmware, out, two);
-    if (c.type == "slc")
-        return std::make_unique<CSlcStorage>(block, page, spare, firmware, out, two, c.page_list);
-    throw std::invalid_argument(c.type);
-}
-
 }  // namespace
 
-int convert_by_call(const Conversion& conversion, const std::filesystem::path& firmware,
-                    const std::filesystem::path& out) {
+int convert_by_call(const Conversion& c, const std::filesystem::path& firmware,
+                    const std::filesystem::path& out, const BchPath* path) try {
     std::srand(1);
-    const std::unique_ptr<CStorage> storage = storage_for(conversion, firmware, out);
+    const auto types = storage_types();
+    const auto type = std::ranges::find(types, c.type, &StorageType::word);
+    if (type == types.end())
+        throw std::invalid_argument(c.type);
+    const auto storage = type->make({size_of(c.block_kb), size_of(c.page_kb), size_of(c.spare_bytes),
+                                     firmware, out, c.two_kilobytes_data, c.page_list});
+    if (path != nullptr)
+        bch_select_path(*path);
     if (!storage->storage_init())
-        return -14;
-    return storage->create_image() ? 0 : -15;
+        return kInitFailed;
+    return storage->create_image() ? kConverted : kCreationFailed;
+} catch (const std::bad_alloc&) {
+    return kOutOfMemory;
 }
 
 void PrintTo(const Conversion& conversion, std::ostream* out) {

@@ -2,7 +2,9 @@
 
 // One conversion as a user asks for it.
 
-#include <cstdint>
+#include "common/bch/paths.h"
+
+#include <array>
 #include <filesystem>
 #include <ostream>
 #include <string>
@@ -11,6 +13,18 @@
 namespace test_support {
 
 using Arguments = std::vector<std::string>;
+
+// What the operating system sees of what main returns.
+constexpr int status_of(int code) {
+    return code & 0xFF;
+}
+
+inline constexpr int kConverted = 0;
+inline constexpr int kInitFailed = status_of(-14);
+inline constexpr int kCreationFailed = status_of(-15);
+inline constexpr int kOutOfMemory = status_of(-16);
+
+inline const std::array<std::string, 4> kStorageTypes{"emmc", "spinor", "spinand", "slc"};
 
 // The options in the order in which they are given.
 struct Conversion {
@@ -32,9 +46,9 @@ struct Conversion {
 };
 
 // Converts in this process, as in a fresh one: the storage class that main makes from the options, its
-// storage_init and create_image. What main returns.
+// storage_init and create_image. The exit status. SLC NAND is encoded on the path, or on the fastest one.
 int convert_by_call(const Conversion& conversion, const std::filesystem::path& firmware,
-                    const std::filesystem::path& out);
+                    const std::filesystem::path& out, const BchPath* path = nullptr);
 
 void PrintTo(const Conversion& conversion, std::ostream* out);
 

@@ -10,7 +10,6 @@ namespace test_support {
 namespace {
 
 constexpr uint64_t kPackageAlignment = 2048;  // the item table is read in units of 2048 bytes
-constexpr uint64_t kMemoryLimit = uint64_t{1} << 30;
 
 void put_utf16_name(Bytes& bytes, const std::string& name) {
     if (name.size() > boot_entry_field::kNameUnits)
@@ -19,35 +18,12 @@ void put_utf16_name(Bytes& bytes, const std::string& name) {
         put16(bytes, i < name.size() ? static_cast<uint16_t>(static_cast<uint8_t>(name[i])) : uint16_t{0});
 }
 
-Bytes resized(Bytes bytes, std::size_t size) {
-    bytes.resize(size, 0);
-    return bytes;
-}
-
 uint32_t low_half(uint64_t value) {
     return static_cast<uint32_t>(value);
 }
 
 uint32_t high_half(uint64_t value) {
     return static_cast<uint32_t>(value >> 32);
-}
-
-// Lays one list's table at `cursor` and moves the cursor after it.
-void place_table(const BootEntryList& list, std::size_t& cursor, BootListLayout& where) {
-    where.table = cursor;
-    for (std::size_t i = 0; i < list.entries.size(); ++i)
-        where.records.push_back(cursor + i * list.record_size);
-    if (!list.entries.empty()) {
-        cursor = std::max(cursor + list.entries.size() * list.record_size,
-                          where.records.back() + boot_entry_field::kRecordBytes);
-    }
-}
-
-void place_data(const BootEntryList& list, std::size_t& cursor, BootListLayout& where) {
-    for (const BootEntry& entry : list.entries) {
-        where.data.push_back(cursor);
-        cursor += entry.data.size();
-    }
 }
 
 void put_list_head(Bytes& bytes, const BootEntryList& list, const BootListLayout& where) {
@@ -73,6 +49,12 @@ void put_list(Bytes& bytes, const BootEntryList& list, const BootListLayout& whe
         put_bytes_at(bytes, where.records[i], entry_record(entry, kind, list.record_size, where.data[i]));
         put_bytes_at(bytes, where.data[i], entry.data);
     }
+}
+
+std::string hexadecimal(uint32_t value) {
+    std::array<char, 16> digits{};
+    std::snprintf(digits.data(), digits.size(), "0x%08x", value);
+    return digits.data();
 }
 
 Bytes item_record(const Item& item, uint64_t offset) {
@@ -115,13 +97,23 @@ void ReleaseTime::append_to(Bytes& bytes) const {
 
 BootLayout BootContainer::layout() const {
     BootLayout where;
+    const std::pair<const BootEntryList*, BootListLayout*> lists[] = {
+        {&entries_471, &where.entries_471}, {&entries_472, &where.entries_472}, {&loader, &where.loader}};
     std::size_t cursor = boot_field::kHeadBytes;
-    place_table(entries_471, cursor, where.entries_471);
-    place_table(entries_472, cursor, where.entries_472);
-    place_table(loader, cursor, where.loader);
-    place_data(entries_471, cursor, where.entries_471);
-    place_data(entries_472, cursor, where.entries_472);
-    place_data(loader, cursor, where.loader);
+    for (const auto& [list, table] : lists) {
+        table->table = cursor;
+        for (std::size_t i = 0; i < list->entries.size(); ++i)
+            table->records.push_back(cursor + i * list->record_size);
+        if (!list->entries.empty())
+            cursor = std::max(cursor + list->entries.size() * list->record_size,
+                              table->records.back() + boot_entry_field::kRecordBytes);
+    }
+    for (const auto& [list, table] : lists) {
+        for (const BootEntry& entry : list->entries) {
+            table->data.push_back(cursor);
+            cursor += entry.data.size();
+        }
+    }
     where.crc = cursor;
     where.size = cursor + sizeof(uint32_t);
     return where;
@@ -141,7 +133,7 @@ Bytes BootContainer::build() const {
     put_list_head(bytes, loader, where.loader);
     put8(bytes, sign_flag);
     put8(bytes, rc4_flag);
-    put_bytes(bytes, resized(reserved, boot_field::kReservedBytes));
+    put_bytes(bytes, zero_padded(reserved, boot_field::kReservedBytes));
     bytes.resize(where.size, 0);
 
     put_list(bytes, entries_471, where.entries_471, 1);
@@ -169,8 +161,8 @@ FirmwareLayout Firmware::layout() const {
     FirmwareLayout where;
     where.boot_offset = boot_offset.value_or(head_field::kHeadBytes);
     where.boot_size = boot_bytes ? boot_bytes->size() : boot.layout().size;
-    const uint64_t behind_boot = round_up(where.boot_offset + where.boot_size, kPackageAlignment);
-    where.package_offset = package_offset ? *package_offset : behind_boot;
+    where.package_offset =
+        package_offset.value_or(round_up(where.boot_offset + where.boot_size, kPackageAlignment));
 
     const uint64_t table_end = package_field::kItems + items.size() * item_field::kRecordBytes;
     uint64_t cursor = round_up(std::max<uint64_t>(table_end, package_field::kHeaderBytes), kPackageAlignment);
@@ -202,7 +194,7 @@ Bytes Firmware::head_bytes(const FirmwareLayout& where) const {
     put32(bytes, boot_size.value_or(static_cast<uint32_t>(where.boot_size)));
     put32(bytes, static_cast<uint32_t>(where.package_offset));
     put32(bytes, low_half(recorded_package_size));
-    put_bytes(bytes, resized(reserved, head_field::kReservedBytes));
+    put_bytes(bytes, zero_padded(reserved, head_field::kReservedBytes));
     put32_at(bytes, head_field::kOsType, os_type);
     put16_at(bytes, head_field::kBackupSize, backup_size);
     if (force_large_package_mark || high_half(recorded_package_size) != 0) {
@@ -248,11 +240,8 @@ void Firmware::for_each_piece(const FirmwareLayout& where, const PieceSink& sink
 
 Bytes Firmware::build() const {
     const FirmwareLayout where = layout();
-    if (where.file_size > kMemoryLimit)
-        throw std::length_error("firmware is too large for memory");
     Bytes image(where.file_size, 0);
-    for_each_piece(where,
-                   [&image](uint64_t offset, const Bytes& bytes) { put_bytes_at(image, offset, bytes); });
+    for_each_piece(where, [&](uint64_t offset, const Bytes& bytes) { put_bytes_at(image, offset, bytes); });
     return image;
 }
 
@@ -277,16 +266,9 @@ std::string parameter_text(const std::vector<Partition>& partitions, bool gpt,
     text += "CMDLINE: mtdparts=flash0:";
     for (std::size_t i = 0; i < partitions.size(); ++i) {
         const Partition& partition = partitions[i];
-        std::array<char, 32> number{};
         text += i == 0 ? "" : ",";
-        if (partition.size) {
-            std::snprintf(number.data(), number.size(), "0x%08x", *partition.size);
-            text += number.data();
-        } else {
-            text += "-";
-        }
-        std::snprintf(number.data(), number.size(), "@0x%08x", partition.offset);
-        text += std::string(number.data()) + "(" + partition.name + ")";
+        text += partition.size ? hexadecimal(*partition.size) : "-";
+        text += "@" + hexadecimal(partition.offset) + "(" + partition.name + ")";
     }
     text += "\n";
     for (const PartitionUuid& uuid : uuids)
@@ -302,6 +284,19 @@ Bytes parameter_record(const std::string& text) {
     return record;
 }
 
+Item parameter_item(const std::string& text, uint32_t part_size) {
+    return {
+        .name = "parameter", .file = "parameter.txt", .part_size = part_size, .data = parameter_record(text)};
+}
+
+Item partition_item(const std::string& name, uint32_t flash_offset, uint32_t part_size, Bytes data) {
+    return {.name = name,
+            .file = name + ".img",
+            .part_size = part_size,
+            .flash_offset = flash_offset,
+            .data = std::move(data)};
+}
+
 Firmware sample_firmware(const SampleOptions& options) {
     Firmware firmware;
     firmware.boot.rc4_flag = options.scramble_stages ? 1 : 0;
@@ -313,29 +308,12 @@ Firmware sample_firmware(const SampleOptions& options) {
     // Without a GPT the offsets count from 4 MiB into the device and the parameter partition comes first;
     // with one they are absolute, and the partitions stay clear of the boot block copies.
     const uint32_t first = options.gpt ? 0x2000 : 0x100;
-    const Partition boot{"boot", first, 0x80};
-    const Partition misc{"misc", first + 0x80, 0x40};
-    const Partition rootfs{"rootfs:grow", first + 0xC0, std::nullopt};
-    const std::string text = parameter_text({boot, misc, rootfs}, options.gpt,
-                                            {{"rootfs", "7a3c19e4-52d0-4f6b-9e81-c0ffee123456"}});
-    firmware.items = {
-        {.name = "parameter", .file = "parameter.txt", .part_size = 0x100, .data = parameter_record(text)},
-        {.name = "boot",
-         .file = "boot.img",
-         .part_size = *boot.size,
-         .flash_offset = boot.offset,
-         .data = patterned(5000, 3)},
-        {.name = "misc",
-         .file = "misc.img",
-         .part_size = *misc.size,
-         .flash_offset = misc.offset,
-         .data = patterned(1024, 4)},
-        {.name = "rootfs",
-         .file = "rootfs.img",
-         .part_size = kGrowsToEnd,
-         .flash_offset = rootfs.offset,
-         .data = patterned(20001, 5)},
-    };
+    const std::string text = parameter_text(
+        {{"boot", first, 0x80}, {"misc", first + 0x80, 0x40}, {"rootfs:grow", first + 0xC0, std::nullopt}},
+        options.gpt, {{"rootfs", kSampleUuid}});
+    firmware.items = {parameter_item(text, 0x100), partition_item("boot", first, 0x80, patterned(5000, 3)),
+                      partition_item("misc", first + 0x80, 0x40, patterned(1024, 4)),
+                      partition_item("rootfs", first + 0xC0, kGrowsToEnd, patterned(20001, 5))};
     return firmware;
 }
 

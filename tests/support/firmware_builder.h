@@ -15,46 +15,37 @@
 
 namespace test_support {
 
-inline constexpr uint32_t kNotPlaced =
-    0xFFFFFFFFU;  // flash offset of an item that does not go to the storage
-inline constexpr uint32_t kGrowsToEnd = 0xFFFFFFFFU;  // partition size of the partition that grows
+// Flash offset of an item that does not go to the storage, and partition size of the partition that grows.
+inline constexpr uint32_t kNotPlaced = 0xFFFFFFFFU;
+inline constexpr uint32_t kGrowsToEnd = 0xFFFFFFFFU;
 
 // Field offsets, for tests that bend bytes of a built image.
 namespace boot_field {
-inline constexpr std::size_t kTag = 0, kHeadSize = 4, kVersion = 6, kMergeVersion = 10, kReleaseTime = 14,
-                             kChip = 21;
+inline constexpr std::size_t kHeadSize = 4;
 inline constexpr std::size_t kCount471 = 25, kOffset471 = 26, kSize471 = 30;
 inline constexpr std::size_t kCount472 = 31, kOffset472 = 32, kSize472 = 36;
 inline constexpr std::size_t kCountLoader = 37, kOffsetLoader = 38, kSizeLoader = 42;
-inline constexpr std::size_t kSignFlag = 43, kRc4Flag = 44, kReserved = 45, kHeadBytes = 102;
-inline constexpr std::size_t kReservedBytes = 57;
+inline constexpr std::size_t kHeadBytes = 102, kReservedBytes = 57;
 }  // namespace boot_field
 
 namespace boot_entry_field {
-inline constexpr std::size_t kRecordSize = 0, kType = 1, kName = 5, kDataOffset = 45, kDataSize = 49,
-                             kDelay = 53;
+inline constexpr std::size_t kRecordSize = 0, kName = 5, kDataOffset = 45, kDataSize = 49;
 inline constexpr std::size_t kRecordBytes = 57, kNameUnits = 20;
 }  // namespace boot_entry_field
 
 namespace head_field {
-inline constexpr std::size_t kTag = 0, kHeadSize = 4, kVersion = 6, kMergeVersion = 10, kReleaseTime = 14,
-                             kChip = 21;
-inline constexpr std::size_t kBootOffset = 25, kBootSize = 29, kPackageOffset = 33, kPackageSize = 37;
-inline constexpr std::size_t kReserved = 41, kOsType = 45, kBackupSize = 53, kLargeMark = 55,
-                             kPackageSizeHigh = 57;
-inline constexpr std::size_t kHeadBytes = 102, kReservedBytes = 61;
+inline constexpr std::size_t kHeadSize = 4, kBootOffset = 25, kBootSize = 29, kPackageOffset = 33;
+inline constexpr std::size_t kPackageSize = 37, kReserved = 41, kOsType = 45, kBackupSize = 53;
+inline constexpr std::size_t kLargeMark = 55, kPackageSizeHigh = 57, kHeadBytes = 102, kReservedBytes = 61;
 }  // namespace head_field
 
 namespace package_field {
-inline constexpr std::size_t kTag = 0, kSize = 4, kMachineModel = 8, kMachineInfo = 42, kManufacturer = 72;
-inline constexpr std::size_t kCountExtensionMark = 128, kCountExtension = 130, kVersion = 132,
-                             kItemCount = 136;
+inline constexpr std::size_t kSize = 4, kCountExtensionMark = 128, kCountExtension = 130, kItemCount = 136;
 inline constexpr std::size_t kItems = 140, kHeaderBytes = 1932;
 }  // namespace package_field
 
 namespace item_field {
-inline constexpr std::size_t kName = 0, kFile = 32, kOffsetMark = 82, kOffsetHigh = 83, kSizeMark = 87,
-                             kSizeHigh = 88;
+inline constexpr std::size_t kOffsetMark = 82, kOffsetHigh = 83, kSizeMark = 87, kSizeHigh = 88;
 inline constexpr std::size_t kPartSize = 92, kOffset = 96, kFlashOffset = 100, kUseSpace = 104, kSize = 108;
 inline constexpr std::size_t kRecordBytes = 112, kNameBytes = 32, kFileBytes = 60;
 }  // namespace item_field
@@ -197,7 +188,7 @@ struct Firmware {
     Item& item(const std::string& name);
 
     FirmwareLayout layout() const;
-    // The whole image in memory; std::length_error above 1 GiB, which is a case for write().
+    // The whole image in memory; a large one is a case for write().
     Bytes build() const;
     // The image as a file; whatever no part covers becomes a hole, so a firmware beyond 4 GiB costs no space.
     void write(const std::filesystem::path& path) const;
@@ -230,7 +221,13 @@ std::string parameter_text(const std::vector<Partition>& partitions, bool gpt,
 // "PARM", the text's length, the text, and a checksum over it.
 Bytes parameter_record(const std::string& text);
 
+// Items whose files have these names: "parameter.txt" with its record, and "<name>.img".
+Item parameter_item(const std::string& text, uint32_t part_size);
+Item partition_item(const std::string& name, uint32_t flash_offset, uint32_t part_size, Bytes data);
+
 // ---- ready-made firmware ----
+
+inline constexpr char kSampleUuid[] = "7a3c19e4-52d0-4f6b-9e81-c0ffee123456";  // of rootfs
 
 struct SampleOptions {
     bool gpt = false;

@@ -14,15 +14,15 @@
 namespace test_support {
 
 #if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool kAddressSanitizer = true;
+inline constexpr bool kSanitized = true;
 #elif defined(__has_feature)
-inline constexpr bool kAddressSanitizer = __has_feature(address_sanitizer);
+inline constexpr bool kSanitized = __has_feature(address_sanitizer);
 #else
-inline constexpr bool kAddressSanitizer = false;
+inline constexpr bool kSanitized = false;
 #endif
 
 // The sanitizer reserves the address space for its shadow memory.
-inline constexpr bool kMemoryCanBeLimited = !kAddressSanitizer;
+inline constexpr bool kMemoryCanBeLimited = !kSanitized;
 
 class SoftLimit {
 public:
@@ -46,9 +46,9 @@ private:
 };
 
 // Allocations beyond `more` bytes on top of what the process has fail.
-class MemoryLimit {
+class MemoryLimit : SoftLimit {
 public:
-    explicit MemoryLimit(uint64_t more) : m_limit(RLIMIT_AS, address_space() + more) {}
+    explicit MemoryLimit(uint64_t more) : SoftLimit(RLIMIT_AS, address_space() + more) {}
 
 private:
     static uint64_t address_space() {
@@ -56,22 +56,17 @@ private:
         std::ifstream("/proc/self/statm") >> pages;
         return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     }
-
-    SoftLimit m_limit;
 };
 
 // A write beyond `bytes` fails with EFBIG, as on a disk that is full half way through.
-class FileSizeLimit {
+class FileSizeLimit : SoftLimit {
 public:
     explicit FileSizeLimit(uint64_t bytes)
-        : m_handler(std::signal(SIGXFSZ, SIG_IGN)), m_limit(RLIMIT_FSIZE, bytes) {}
+        : SoftLimit(RLIMIT_FSIZE, bytes), m_handler(std::signal(SIGXFSZ, SIG_IGN)) {}
     ~FileSizeLimit() { std::signal(SIGXFSZ, m_handler); }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
 private:
     void (*m_handler)(int);
-    SoftLimit m_limit;
 };
 
 // Enters a directory for the time of its life.

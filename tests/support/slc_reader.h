@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace test_support {
 
@@ -17,24 +16,20 @@ struct SlcGeometry {
     uint32_t spare_size = 64;         // spare bytes per page
     bool two_kilobytes_data = false;  // only 2048 data bytes per physical page
     uint32_t list_step = 4;           // from page to page of a file
-    uint8_t fill_byte = 0;            // after the data of a page that holds 2048 bytes only
 };
 
 struct SlcContents {
     Bytes data{};  // the pages' data one after another, padding included
     std::size_t physical_pages = 0;
-    std::vector<std::string> errors{};  // the first 20, and how many more there are
+    std::string errors{};  // one a line
 
-    bool ok() const { return errors.empty(); }
-    std::string error_text() const;  // one error a line
+    const std::string& error_text() const { return errors; }
 };
 
 // Every page has ECC units of 1024 data bytes, 4 system bytes and 28 parity bytes. Checked are: the file is
 // whole pages; unit 0 carries the list index (restarting at 0), the other units four 0xFF bytes; every unit
-// decodes without a wrong bit; whatever the units leave of the page is 0xFF.
+// decodes without a wrong bit; whatever the units leave of the page is 0xFF; what the data leaves of a page
+// that holds only 2048 bytes of it is 0.
 SlcContents read_slc_file(const Bytes& file, const SlcGeometry& geometry);
-
-// Where unit `unit` of page `page` starts in the file.
-std::size_t slc_unit_offset(const SlcGeometry& geometry, std::size_t page, std::size_t unit);
 
 }  // namespace test_support

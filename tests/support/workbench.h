@@ -1,33 +1,20 @@
 #pragma once
 
-// A directory with a firmware and an output directory in it, and conversions from one to the other:
-// (firmware, options) -> (status, text, files), in this process or by the program.
+// Conversions in a directory: (firmware, options) -> (status, text, files), in this process or by the
+// program.
 
 #include "support/conversion.h"
 #include "support/expected/run.h"
 #include "support/expected/transcript.h"
-#include "support/firmware_builder.h"
 #include "support/output_of.h"
 #include "support/run_program.h"
 #include "support/same_bytes.h"
+#include "support/work_directory.h"
 
-#include <filesystem>
+#include <cerrno>
 #include <gtest/gtest.h>
-#include <set>
-#include <string>
 
 namespace test_support {
-
-namespace fs = std::filesystem;
-
-// What the operating system sees of what main returns.
-constexpr int status_of(int code) {
-    return code & 0xFF;
-}
-
-inline constexpr int kConverted = 0;
-inline constexpr int kInitFailed = status_of(-14);
-inline constexpr int kCreationFailed = status_of(-15);
 
 enum class By {
     call,    // in this process
@@ -38,8 +25,6 @@ struct Result {
     int status = -1;
     std::string text{};
 };
-
-using Names = std::set<std::string>;
 
 inline RunResult run(const Arguments& arguments, const RunOptions& options = {}) {
     return run_program(NANDSMITH_PROGRAM, arguments, options);
@@ -52,20 +37,41 @@ inline void expect_run(const RunResult& result, int status, const std::string& e
     EXPECT_EQ(result.err, "");
 }
 
-class Workbench {
+using Lines = std::vector<std::string>;
+
+inline void expect_lines(const Arguments& arguments, int status, const Lines& lines,
+                         const RunOptions& options = {}) {
+    SCOPED_TRACE(testing::PrintToString(arguments));
+    std::string expected;
+    for (const std::string& text : lines)
+        expected += line(text);
+    expect_run(run(arguments, options), status, expected);
+}
+
+// What may stand in the place of an output file, and the errno of a run that comes to it.
+struct Obstacle {
+    std::string what;
+    int error;
+    void (*put)(const fs::path& file, const fs::path& firmware);
+};
+
+inline const std::vector<Obstacle> kObstacles{
+    {"a directory: ", EISDIR,
+     [](const fs::path& file, const fs::path&) { fs::create_directories(file / "kept"); }},
+    {"a link into a directory that is not there: ", ENOENT,
+     [](const fs::path& file, const fs::path&) { fs::create_symlink("missing/file", file); }},
+    {"a link to itself: ", ELOOP,
+     [](const fs::path& file, const fs::path&) { fs::create_symlink(file.filename(), file); }},
+    {"a link to the firmware: ", EBUSY,
+     [](const fs::path& file, const fs::path& firmware) { fs::create_symlink(firmware, file); }},
+    {"the firmware: ", EBUSY,
+     [](const fs::path& file, const fs::path& firmware) { fs::create_hard_link(firmware, file); }},
+};
+
+class Workbench : public WorkDirectory {
 public:
-    Workbench() { fs::create_directory(out_dir()); }
-    explicit Workbench(const Firmware& packed) : Workbench() { pack(packed); }
-
-    fs::path directory() const { return m_directory.path(); }
-    fs::path firmware() const { return m_directory / m_firmware_name; }
-    fs::path out_dir() const { return m_directory / "out"; }
-    fs::path out(const std::string& name) const { return out_dir() / name; }
-
-    void pack(const Firmware& packed) const { packed.write(firmware()); }
-    void pack(const Bytes& bytes) const { write_file(firmware(), bytes); }
-    // Another name, for the names that mean something.
-    void name_firmware(const std::string& name) { m_firmware_name = name; }
+    Workbench() = default;
+    explicit Workbench(const Firmware& packed) { pack(packed); }
 
     // What every run of the program prints first.
     std::string echo(const Conversion& conversion) const { return conversion.echo(firmware(), out_dir()); }
@@ -74,8 +80,7 @@ public:
     }
     Result call(const Conversion& conversion) const {
         Result result;
-        result.text =
-            output_of([&] { result.status = status_of(convert_by_call(conversion, firmware(), out_dir())); });
+        result.text = output_of([&] { result.status = convert_by_call(conversion, firmware(), out_dir()); });
         return result;
     }
 
@@ -111,19 +116,17 @@ public:
             EXPECT_TRUE(same_bytes(bytes, expected.count(name) != 0 ? expected.at(name) : bytes)) << name;
     }
 
-    Bytes output(const std::string& name) const { return read_file(out(name)); }
-    Names output_names() const { return names_in(out_dir()); }
-    // All files of the output directory.
-    Files outputs() const {
-        Files files;
-        for (const std::string& name : output_names())
-            files[name] = output(name);
-        return files;
+    // The conversion fails with this text while the obstacle is in the place of the file. It stays.
+    void expect_blocked(const Obstacle& obstacle, const fs::path& file, const Conversion& conversion,
+                        int status, const std::string& text) const {
+        SCOPED_TRACE(obstacle.what + file.string());
+        fs::remove_all(file);
+        obstacle.put(file, firmware());
+        const fs::file_type type = fs::symlink_status(file).type();
+        expect(conversion, status, text);
+        EXPECT_EQ(fs::symlink_status(file).type(), type);
+        fs::remove_all(file);
     }
-
-private:
-    TemporaryDirectory m_directory{};
-    std::string m_firmware_name = "fw.img";
 };
 
 // The firmware converts as the model says.

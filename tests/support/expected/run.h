@@ -16,8 +16,6 @@
 
 namespace test_support {
 
-using Files = std::map<std::string, Bytes>;
-
 struct ExpectedRun {
     std::string text{};
     Files files{};
