@@ -1,102 +1,35 @@
-// What a run shows as a process: when its lines come out, which signals it takes, the modes of its files, and
-// what it does under limits.
+// What a run shows as a process: when its lines come out, the modes of its files, the directory that it runs
+// in, and what it does without memory.
 
-#include "support/bytes.h"
-#include "support/firmware_builder.h"
-#include "support/run_program.h"
+#include "support/process_limits.h"
+#include "support/workbench.h"
 
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
+#include <csignal>
 #include <sys/stat.h>
-#include <vector>
 
 namespace {
 
 using namespace test_support;
-namespace fs = std::filesystem;
 
-using Arguments = std::vector<std::string>;
-
-constexpr int kOutputNotAccessible = 247;
-constexpr int kCreationFailed = 241;
 constexpr double kMostSeconds = 60;
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
 
 class Process : public testing::Test {
 protected:
-    Process() {
-        fs::create_directory(out());
-        sample_firmware().write(firmware());
-    }
-
-    fs::path firmware() const { return m_directory / "fw.img"; }
-    fs::path out() const { return m_directory / "out"; }
-
-    Arguments arguments(const std::string& type, const Arguments& more = {}) const {
-        Arguments all{"-i", firmware(), "-o", out(), "-t", type, "-b", "64", "-p", "2"};
-        all.insert(all.end(), more.begin(), more.end());
-        return all;
-    }
-
-    static RunResult run(const Arguments& arguments, RunOptions options = {}) {
-        options.timeout_seconds = kMostSeconds;
-        return run_program(NANDSMITH_PROGRAM, arguments, options);
-    }
-
-    // The last lines of a run that could not write the file.
-    static std::string failed_write(const fs::path& file, int error) {
-        return "\033[30;41mfailed to write " + file.string() + ",err=" + std::to_string(error) +
-               "\033[37;40m\nFailed to create programming image.\n";
-    }
-
-    const TemporaryDirectory m_directory{};
+    const Workbench m_bench{sample_firmware()};
 };
-
-// ---- lines ----
 
 // The run waits for a reader of the pipe in the place of boot.img, and is killed there.
 TEST_F(Process, PrintsEachLineAtOnce) {
-    ASSERT_EQ(::mkfifo((out() / "boot.img").c_str(), 0600), 0);
-    const std::string last = "\033[1A\033[2Kwriting parameter...OK\n";
-    const RunResult result = run(arguments("spinand"), {.kill_after_output = last});
+    ASSERT_EQ(::mkfifo(m_bench.out("boot.img").c_str(), 0600), 0);
+    const Conversion nand{"spinand", "64", "2"};
+    const std::string last = redrawn("writing parameter...OK");
+    const RunResult result =
+        m_bench.convert(nand, {.timeout_seconds = kMostSeconds, .kill_after_output = last});
     EXPECT_FALSE(result.timed_out) << "the line waits in the program";
-    EXPECT_EQ(result.out, "input firmware is '" + firmware().string() + "'\n" + "output directory is '" +
-                              out().string() + "'\n" +
-                              "flash type is 'spinand'\n"
-                              "block size is '64'\n"
-                              "page size is '2'\n"
-                              "writing idblock...\n"
-                              "start to write partitions...gpt=0\n"
-                              "preparing parameter saving at " +
-                              (out() / "parameter.img").string() + "\nwriting parameter...\n" + last);
+    EXPECT_EQ(result.out, m_bench.echo(nand) + opening_lines() +
+                              preparing_line("parameter", m_bench.out_dir()) + table_lines("parameter"));
     EXPECT_EQ(result.signal, SIGKILL);
 }
-
-// ---- signals ----
-
-TEST_F(Process, IgnoresTheSignalOfAFileSizeLimit) {
-#ifdef NANDSMITH_COVERAGE
-    GTEST_SKIP() << "needs a build without coverage counters";
-#endif
-    for (const std::string type : {"emmc", "spinand"}) {
-        SCOPED_TRACE(type);
-        const RunResult result = run(arguments(type), {.file_size_limit = 1000});
-        EXPECT_EQ(result.signal, 0);
-        EXPECT_EQ(result.exit_status, kCreationFailed);
-        const fs::path file = out() / (type == "emmc" ? "out_image.img" : "idblock.img");
-        EXPECT_TRUE(result.out.ends_with(failed_write(file, EFBIG))) << result.out;
-    }
-}
-
-// ---- modes of files ----
 
 // Takes part in the mode of every file that a run creates.
 class Umask {
@@ -111,28 +44,18 @@ private:
 };
 
 TEST_F(Process, LeavesTheModeOfFilesToTheUmask) {
-    struct Case {
-        mode_t mask;
-        mode_t mode;
-    };
-    for (const Case& tested : {Case{0, 0666}, Case{002, 0664}, Case{027, 0640}, Case{077, 0600}}) {
+    for (const auto& [mask, mode] : {std::pair{0U, 0666U}, {002U, 0664U}, {027U, 0640U}, {077U, 0600U}}) {
         for (const std::string type : {"emmc", "spinand", "slc"}) {
-            SCOPED_TRACE(type + " " + std::to_string(tested.mask));
-            fs::remove_all(out());
-            fs::create_directory(out());
-            const Umask umask(tested.mask);
-            ASSERT_TRUE(run(arguments(type, {"-s", "64"})).succeeded());
-            for (const auto& entry : fs::directory_iterator(out())) {
-                struct stat status {};
-                ASSERT_EQ(::stat(entry.path().c_str(), &status), 0);
-                EXPECT_EQ(status.st_mode & 0777, tested.mode) << entry.path();
-            }
-            EXPECT_EQ(fs::is_empty(out()), false);
+            SCOPED_TRACE(type + " " + std::to_string(mask));
+            m_bench.empty_output();
+            const Umask umask(mask);
+            ASSERT_TRUE(m_bench.convert({type, "64", "2", "64"}).succeeded());
+            for (const std::string& name : m_bench.output_names())
+                EXPECT_EQ(fs::status(m_bench.out(name)).permissions(), fs::perms{mode}) << name;
+            EXPECT_NE(m_bench.output_names(), Names{});
         }
     }
 }
-
-// ---- the current directory ----
 
 // A new directory under `top` whose path has so many characters.
 fs::path directory_of_length(const fs::path& top, std::size_t length) {
@@ -144,39 +67,33 @@ fs::path directory_of_length(const fs::path& top, std::size_t length) {
     return path;
 }
 
-TEST_F(Process, TakesACurrentDirectoryOf255Characters) {
-    const fs::path current = directory_of_length(m_directory.path(), 255);
-    ASSERT_EQ(current.string().size(), 255U);
-    const RunResult result =
-        run({"-i", firmware(), "-t", "spinand", "-b", "64", "-p", "2"}, {.working_directory = current});
-    EXPECT_TRUE(result.succeeded()) << result.out;
-    EXPECT_NE(result.out.find("preparing boot saving at " + (current / "boot.img").string() + "\n"),
-              std::string::npos)
-        << result.out;
-    EXPECT_TRUE(fs::exists(current / "boot.img"));
+TEST_F(Process, TakesCurrentDirectoriesUpTo255Characters) {
+    for (const std::size_t length : {255U, 256U, 400U}) {
+        const fs::path current = directory_of_length(m_bench.directory(), length);
+        ASSERT_EQ(current.string().size(), length);
+        const RunResult result = run({"-t", "spinand", "-b", "64", "-p", "2", "-i", m_bench.firmware()},
+                                     {.working_directory = current, .timeout_seconds = kMostSeconds});
+        const bool taken = length == 255;
+        EXPECT_EQ(result.exit_status, taken ? kConverted : status_of(-9));
+        const std::string printed = line("input firmware is '" + m_bench.firmware().string() + "'") +
+                                    (taken ? opening_lines() + preparing_line("parameter", current)
+                                           : line("current directory failed to access"));
+        EXPECT_NE(result.out.find(printed), std::string::npos) << result.out;
+        EXPECT_EQ(fs::exists(current / "boot.img"), taken);
+        EXPECT_EQ(fs::is_empty(current), !taken);
+    }
 }
-
-TEST_F(Process, RefusesACurrentDirectoryOf256Characters) {
-    const fs::path current = directory_of_length(m_directory.path(), 256);
-    ASSERT_EQ(current.string().size(), 256U);
-    const RunResult result =
-        run({"-i", firmware(), "-t", "spinand", "-b", "64", "-p", "2"}, {.working_directory = current});
-    EXPECT_EQ(result.exit_status, kOutputNotAccessible);
-    EXPECT_TRUE(result.out.ends_with("page size is '2'\ncurrent directory failed to access\n")) << result.out;
-    EXPECT_TRUE(fs::is_empty(current));
-}
-
-// ---- memory ----
 
 // A flash page of 4 GiB and 2047 bytes, not of 2047 bytes: its spare area is large enough, its memory is not.
 TEST_F(Process, TakesASpareAreaOfMinus1For4Gib) {
     if (kSanitized)
         GTEST_SKIP() << "needs a build without sanitizers";
-    const RunResult result =
-        run(arguments("slc", {"-s", "-1"}), {.address_space_limit = uint64_t{256} << 20});
+    const RunResult result = m_bench.convert({"slc", "64", "2", "-1"}, {.address_space_limit = 256 * kMib});
     EXPECT_EQ(result.exit_status, kCreationFailed);
     EXPECT_EQ(result.out.find("size of oob is not enough"), std::string::npos);
-    EXPECT_TRUE(result.out.ends_with(failed_write(out() / "idblock.img", ENOMEM))) << result.out;
+    EXPECT_TRUE(result.out.ends_with(not_written(m_bench.out("idblock.img"), ENOMEM) +
+                                     line("Failed to create programming image.")))
+        << result.out;
 }
 
 }  // namespace

@@ -2,11 +2,7 @@
 // directory and the limits that the machine sets it.
 
 #include "support/process_limits.h"
-#include "support/sparse_builder.h"
 #include "support/workbench.h"
-
-#include <cerrno>
-#include <functional>
 
 namespace {
 
@@ -30,92 +26,7 @@ TEST(Program, ConvertsForEveryType) {
     }
 }
 
-// Whatever lay in the output directory before.
-TEST(Program, RepeatsItself) {
-    SparseImage sparse;
-    sparse.chunks = {SparseChunk::raw(patterned(50000, 1)), SparseChunk::dont_care(7),
-                     SparseChunk::fill(0x01020304, 9)};
-    for (const bool gpt : {false, true}) {
-        Firmware firmware = sample_firmware({.gpt = gpt, .scramble_stages = true});
-        firmware.item("rootfs").data = sparse.build();
-        for (Conversion conversion : kOneOfEach) {
-            SCOPED_TRACE(testing::PrintToString(conversion));
-            conversion.two_kilobytes_data = gpt;
-            const Workbench bench(firmware);
-            const RunResult first = bench.convert(conversion);
-            ASSERT_EQ(first.exit_status, kConverted) << first.out;
-            const Files files = bench.outputs();
-            expect_run(bench.convert(conversion), kConverted, first.out);
-            bench.expect_files(files);
-            EXPECT_TRUE(same_bytes(read_file(bench.firmware()), firmware.build()));
-        }
-    }
-}
-
-// ---- exit status: a row for each way out ----
-
-struct Ending {
-    std::string situation;
-    std::function<void(Firmware&)> bend;
-    std::string last_line;
-    int status = kCreationFailed;
-    Conversion conversion{};
-};
-
-void PrintTo(const Ending& ending, std::ostream* out) {
-    *out << ending.situation;
-}
-
-class EndingTest : public testing::TestWithParam<Ending> {};
-
-TEST_P(EndingTest, HasTheStatusAndTheLinesOfTheCall) {
-    const Ending& ending = GetParam();
-    Firmware firmware = sample_firmware();
-    ending.bend(firmware);
-    const Workbench bench(firmware);
-    fs::create_directory(bench.out("taken.img"));
-    const std::string text = bench.call(ending.conversion).text;
-    EXPECT_EQ(text.substr(text.size() - std::min(text.size(), ending.last_line.size())), ending.last_line);
-    const Files files = [&] {
-        fs::remove(bench.out("taken.img"));
-        Files made = bench.outputs();
-        fs::create_directory(bench.out("taken.img"));
-        return made;
-    }();
-    bench.expect(ending.conversion, ending.status, text, By::program);
-    fs::remove(bench.out("taken.img"));
-    bench.expect_files(files);
-}
-
-const std::vector<Ending> kEndings{
-    {"Geometry",
-     [](Firmware&) {},
-     line("page size is out of range"),
-     kInitFailed,
-     {"slc", "1", "4194304", "1"}},
-    {"Firmware", [](Firmware& firmware) { firmware.tag = "QZFX"; }, line("failed to load firmware,ret=1"),
-     kInitFailed},
-    {"BootBlock", [](Firmware& firmware) { firmware.boot.loader.entries.clear(); },
-     error_line("failed to write idblock,ret=-1")},
-    {"ItemTable", [](Firmware& firmware) { firmware.item_count = 0x7FFFFFFF; },
-     error_line("failed to get extended info of firmware")},
-    {"Items", [](Firmware& firmware) { firmware.item_count = 0; },
-     error_line("not found any of partition items in the firmware")},
-    {"Parameter", [](Firmware& firmware) { firmware.items[0].name = "PARAMETER"; },
-     error_line("not found parameter in the firmware")},
-    {"ParameterRecord", [](Firmware& firmware) { firmware.items[0].size = 0xFFFFFFFF; },
-     error_line("failed to create param buffer")},
-    {"Preparing",
-     [](Firmware& firmware) { firmware.items[2].name = "taken"; },
-     error_line("failed to prepare taken"),
-     kCreationFailed,
-     {"spinand", "128", "2"}},
-    {"Partition", [](Firmware& firmware) { firmware.items[2].part_size = 0; },
-     error_line("failed to write misc,ret=-1")},
-};
-
-INSTANTIATE_TEST_SUITE_P(Of, EndingTest, testing::ValuesIn(kEndings),
-                         [](const testing::TestParamInfo<Ending>& tested) { return tested.param.situation; });
+// ---- exit status ----
 
 TEST(Program, EndsIn242WithoutAnOutputImage) {
     const Workbench bench(sample_firmware());
@@ -132,30 +43,23 @@ TEST(Program, EndsIn241WithTheVerdict) {
     bench.expect({}, kCreationFailed, text + not_written(bench.out("out_image.img"), ENOSPC), By::program);
 }
 
-// A path of that many characters to the firmware.
-std::string path_of_length(const Workbench& bench, std::size_t length) {
-    const std::string end = "/" + bench.firmware().filename().string();
-    std::string path = bench.directory();
-    while (path.size() + 2 + end.size() <= length)
-        path += "/.";
-    return path + std::string(length - path.size() - end.size(), '/') + end;
-}
-
 TEST(Program, EndsIn1ForAFirmwarePathOf256Characters) {
     const Firmware firmware = sample_firmware();
     const Workbench bench(firmware);
     const fs::path out = bench.out_dir();
-    for (const std::size_t length : {256U, 257U, 1000U}) {
-        const std::string path = path_of_length(bench, length);
-        ASSERT_EQ(path.size(), length);
+    const auto path_of_length = [&bench](std::size_t length) {
+        const std::string directory = bench.directory();
+        const std::string slashes(length - directory.size() - bench.firmware().filename().string().size(),
+                                  '/');
+        return directory + slashes + bench.firmware().filename().string();
+    };
+    for (const std::size_t length : {256U, 257U, 1000U})
         for (const Conversion& conversion : {kOneOfEach[0], kOneOfEach[2]})
-            expect_run(run(conversion.arguments(path, out)), 1,
-                       conversion.echo(path, out) + line("path of firmware is too long"));
-    }
+            expect_run(run(conversion.arguments(path_of_length(length), out)), 1,
+                       conversion.echo(path_of_length(length), out) + line("path of firmware is too long"));
     EXPECT_EQ(bench.output_names(), Names{});
-    const std::string path = path_of_length(bench, 255);
-    expect_run(run(Conversion().arguments(path, out)), kConverted,
-               Conversion().echo(path, out) + expected_run(firmware, {}, out).text);
+    expect_run(run(Conversion().arguments(path_of_length(255), out)), kConverted,
+               Conversion().echo(path_of_length(255), out) + expected_run(firmware, {}, out).text);
 }
 
 // ---- limits of the machine ----
@@ -179,7 +83,6 @@ TEST(Program, TakesALimitOnTheSizeOfFilesForAWriteError) {
     const uint64_t size = whole.files.at("out_image.img").size();
     const std::string steps = whole.text.substr(0, whole.text.rfind("creating"));
     for (const uint64_t limit : {uint64_t{0}, uint64_t{1000}, uint64_t{kMib}, size - 1}) {
-        SCOPED_TRACE(limit);
         bench.expect({}, kCreationFailed, steps + not_written(bench.out("out_image.img"), EFBIG), By::program,
                      {.file_size_limit = limit});
         EXPECT_LE(fs::file_size(bench.out("out_image.img")), limit);
@@ -189,21 +92,6 @@ TEST(Program, TakesALimitOnTheSizeOfFilesForAWriteError) {
 }
 
 // ---- options and working directory ----
-
-// The usage text lists -l, but only the long option switches the page list on.
-TEST(Program, CountsTheListIndexAsThePageListSays) {
-    const Workbench bench(sample_firmware());
-    for (const auto& [option, step] :
-         {std::pair{"-2", 4U}, std::pair{"-l", 4U}, std::pair{"--page_list", 1U}}) {
-        SCOPED_TRACE(option);
-        Arguments arguments = Conversion{"slc", "16", "2", "64"}.arguments(bench.firmware(), bench.out_dir());
-        arguments.emplace_back(option);
-        ASSERT_EQ(run(arguments).exit_status, kConverted);
-        for (const auto& [name, file] : bench.outputs())
-            for (const std::size_t page : {0U, 1U, 2U})
-                EXPECT_EQ(get32(file, page * 2112 + 1024), page * step) << name;
-    }
-}
 
 TEST(Program, DoesNotOverwriteAFirmwareOfARelativePath) {
     const Firmware firmware = sample_firmware();
