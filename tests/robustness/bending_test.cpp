@@ -7,6 +7,7 @@
 
 #include <array>
 #include <gtest/gtest.h>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -18,26 +19,26 @@ using namespace test_support;
 struct Specimen {
     Bytes bytes{};
     Structure structure{};
+
+    BentFirmware bent(const std::string& what, Bytes changed) const {
+        repair_checksum(changed, structure);
+        return {what, std::move(changed)};
+    }
+
+    BentRuns runs(std::size_t count, const std::function<BentFirmware(std::size_t)>& make) const {
+        return {.count = count, .make = make, .container = !structure.head};
+    }
 };
 
 Specimen firmware_specimen(bool gpt) {
-    Specimen specimen;
-    specimen.bytes = small_firmware({.gpt = gpt}).build();
-    specimen.structure = image_structure(specimen.bytes);
+    const Bytes bytes = small_firmware({.gpt = gpt}).build();
+    Specimen specimen{bytes, image_structure(bytes)};
     specimen.structure.chunks.resize(small_sparse_image().chunks.size());  // not what lies after them
     return specimen;
 }
 
 Specimen container_specimen() {
-    Specimen specimen;
-    specimen.bytes = small_container();
-    specimen.structure = container_structure(specimen.bytes);
-    return specimen;
-}
-
-BentFirmware bent_firmware(const std::string& what, Bytes bytes, const Specimen& specimen) {
-    repair_checksum(bytes, specimen.structure);
-    return {what, std::move(bytes)};
+    return {small_container(), container_structure(small_container())};
 }
 
 // ---- single bytes ----
@@ -74,9 +75,9 @@ BentRuns bent_bytes(const Specimen& specimen) {
                                                static_cast<uint8_t>(byte ^ 0x80)};
         byte = values[index % 4];
         const std::string what = "byte " + std::to_string(position) + " = " + std::to_string(byte);
-        return bent_firmware(what, std::move(bytes), specimen);
+        return specimen.bent(what, std::move(bytes));
     };
-    return {.count = positions.size() * 4, .make = make};
+    return specimen.runs(positions.size() * 4, make);
 }
 
 // ---- size, offset and count fields ----
@@ -101,9 +102,9 @@ BentRuns bent_numbers(const Specimen& specimen) {
         const Field& field = fields[index / kExtremes];
         Bytes bytes = specimen.bytes;
         const std::string what = bend_to(bytes, field, extreme(index % kExtremes, field));
-        return bent_firmware(what, std::move(bytes), specimen);
+        return specimen.bent(what, std::move(bytes));
     };
-    return {.count = fields.size() * kExtremes, .make = make};
+    return specimen.runs(fields.size() * kExtremes, make);
 }
 
 // Two numbers of one structure at a time: sizes that only their product or sum makes wild.
@@ -118,9 +119,9 @@ BentRuns bent_pairs(const Specimen& specimen, const std::vector<Field>& fields) 
         Bytes bytes = specimen.bytes;
         std::string what = bend_to(bytes, one, extreme(index % kExtremes, one));
         what += ", " + bend_to(bytes, other, extreme(index / kExtremes % kExtremes, other));
-        return bent_firmware(what, std::move(bytes), specimen);
+        return specimen.bent(what, std::move(bytes));
     };
-    return {.count = pairs.size() * ways, .make = make};
+    return specimen.runs(pairs.size() * ways, make);
 }
 
 // ---- prefixes ----
@@ -129,7 +130,7 @@ BentRuns prefixes(const Specimen& specimen) {
     const auto make = [specimen](std::size_t size) {
         return BentFirmware{"the first " + std::to_string(size) + " bytes", slice(specimen.bytes, 0, size)};
     };
-    return {.count = specimen.bytes.size() + 1, .make = make};
+    return specimen.runs(specimen.bytes.size() + 1, make);
 }
 
 // ---- tests ----
@@ -156,64 +157,57 @@ TEST(BendingSpecimen, HasEveryStructure) {
     }
 }
 
-class Bending : public testing::TestWithParam<ENUM_FLASH_TYPE> {};
-
-TEST_P(Bending, EveryPrefixOfAFirmwareEndsOrderly) {
-    expect_orderly_ends(GetParam(), prefixes(firmware_specimen(true)));
+BentRuns with_2k_pages_and_list(BentRuns runs) {
+    runs.conversion = {"", "16", "4", "128", true, true};
+    return runs;
 }
 
-TEST_P(Bending, EveryPrefixOfABareContainerEndsOrderly) {
-    BentRuns runs = prefixes(container_specimen());
-    runs.container = true;
-    expect_orderly_ends(GetParam(), runs);
-}
-
-TEST_P(Bending, EveryStructureByteEndsOrderly) {
-    expect_orderly_ends(GetParam(), bent_bytes(firmware_specimen(false)));
-}
-
-TEST_P(Bending, EveryStructureByteWithGptEndsOrderly) {
-    expect_orderly_ends(GetParam(), bent_bytes(firmware_specimen(true)));
-}
-
-TEST_P(Bending, EveryStructureByteOfABareContainerEndsOrderly) {
-    BentRuns runs = bent_bytes(container_specimen());
-    runs.container = true;
-    expect_orderly_ends(GetParam(), runs);
-}
-
-TEST_P(Bending, ExtremeNumbersEndOrderly) {
-    expect_orderly_ends(GetParam(), bent_numbers(firmware_specimen(false)));
-}
-
-TEST_P(Bending, ExtremeNumbersWithGptEndOrderly) {
-    expect_orderly_ends(GetParam(), bent_numbers(firmware_specimen(true)));
-}
-
-TEST_P(Bending, ExtremeNumbersWith2kPagesAndListEndOrderly) {
-    BentRuns runs = bent_numbers(firmware_specimen(true));
-    runs.geometry = {.block_kb = 16, .page_kb = 4, .oob_bytes = 128, .page_2k = true, .page_list = true};
-    expect_orderly_ends(GetParam(), runs);
-}
-
-TEST_P(Bending, TwoExtremeNumbersOfASparseImageEndOrderly) {
+BentRuns pairs_of_a_sparse_image() {
     Specimen specimen = firmware_specimen(true);
     const std::size_t record = specimen.structure.items.at(2);
     specimen.structure.chunks.resize(2);  // a raw one and a fill
     std::vector<Field> fields = sparse_fields(specimen.structure);
     fields.push_back({"part_size", record + item_field::kPartSize});
     fields.push_back({"size", record + item_field::kSize});
-    expect_orderly_ends(GetParam(), bent_pairs(specimen, fields));
+    return bent_pairs(specimen, fields);
 }
 
-TEST_P(Bending, TwoExtremeNumbersOfAPlainImageEndOrderly) {
+BentRuns pairs_of_a_plain_image() {
     const Specimen specimen = firmware_specimen(true);
-    const std::vector<Field> fields = item_fields("boot", specimen.structure.items.at(1));
-    expect_orderly_ends(GetParam(), bent_pairs(specimen, fields));
+    return bent_pairs(specimen, item_fields("boot", specimen.structure.items.at(1)));
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, Bending, testing::ValuesIn(kStorageTypes),
-                         [](const auto& type) { return std::string(type_name(type.param)); });
+struct Situation {
+    const char* name;
+    BentRuns (*runs)();
+};
+
+constexpr Situation kSituations[] = {
+    {"EveryPrefixOfAFirmware", [] { return prefixes(firmware_specimen(true)); }},
+    {"EveryPrefixOfABareContainer", [] { return prefixes(container_specimen()); }},
+    {"EveryStructureByte", [] { return bent_bytes(firmware_specimen(false)); }},
+    {"EveryStructureByteWithGpt", [] { return bent_bytes(firmware_specimen(true)); }},
+    {"EveryStructureByteOfABareContainer", [] { return bent_bytes(container_specimen()); }},
+    {"ExtremeNumbers", [] { return bent_numbers(firmware_specimen(false)); }},
+    {"ExtremeNumbersWithGpt", [] { return bent_numbers(firmware_specimen(true)); }},
+    {"ExtremeNumbersWith2kPagesAndList",
+     [] { return with_2k_pages_and_list(bent_numbers(firmware_specimen(true))); }},
+    {"TwoExtremeNumbersOfASparseImage", pairs_of_a_sparse_image},
+    {"TwoExtremeNumbersOfAPlainImage", pairs_of_a_plain_image},
+};
+
+class Bending : public testing::TestWithParam<std::tuple<Situation, std::string>> {};
+
+TEST_P(Bending, EndsOrderly) {
+    const auto& [situation, type] = GetParam();
+    expect_orderly_ends(type, situation.runs());
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, Bending,
+                         testing::Combine(testing::ValuesIn(kSituations), testing::ValuesIn(kStorageTypes)),
+                         [](const auto& tested) {
+                             return std::get<0>(tested.param).name + ("_" + std::get<1>(tested.param));
+                         });
 
 }  // namespace
 }  // namespace robustness

@@ -1,8 +1,5 @@
 #include "bent_runs.h"
 
-#include "program_run.h"
-#include "run_reason.h"
-
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -18,12 +15,10 @@ using namespace test_support;
 
 namespace {
 
-constexpr uint64_t kLargestOutput = 8 * 1024 * 1024;
+constexpr uint64_t kLargestOutput = 8 * kMib;
 constexpr double kCpuSeconds = kSanitized ? 10 : 1;
-constexpr unsigned kWallSeconds =
-    kSanitized ? 60 : 15;  // a run that waits for something costs no processor time
+constexpr unsigned kWallSeconds = kSanitized ? 60 : 15;  // a run that waits costs no processor time
 constexpr long kMemoryKb = 64 * 1024;
-constexpr char kSuccessLine[] = "creating programming image ok.\n";
 
 // What the child tells the parent, also when it dies.
 struct Shared {
@@ -31,24 +26,14 @@ struct Shared {
     char problem[4096] = {};
 };
 
-class SharedMemory {
-public:
-    SharedMemory()
-        : m_shared(static_cast<Shared*>(
-              ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
-        if (m_shared == MAP_FAILED)
-            throw std::runtime_error("no shared memory");
-        new (m_shared) Shared();
-    }
-    SharedMemory(const SharedMemory&) = delete;
-    SharedMemory& operator=(const SharedMemory&) = delete;
-    ~SharedMemory() { ::munmap(m_shared, sizeof(Shared)); }
-
-    Shared* operator->() const { return m_shared; }
-
-private:
-    Shared* m_shared;
-};
+// One object for parent and children, made anew.
+Shared& fresh_shared() {
+    static void* const memory =
+        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw std::runtime_error("no shared memory");
+    return *new (memory) Shared();
+}
 
 // Standard output as a file in memory, of which each run's part can be taken out.
 class CapturedOutput {
@@ -74,9 +59,7 @@ private:
 };
 
 double cpu_now() {
-    timespec now{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
 
 long peak_memory_kb() {
@@ -87,67 +70,45 @@ long peak_memory_kb() {
 
 // What the program prints after a conversion that failed.
 const char* last_line_of_main(int status) {
-    if (status == kStatusCreationFailed)
+    if (status == kCreationFailed)
         return "Failed to create programming image.\n";
-    return status == kStatusOutOfMemory ? "out of memory\n" : "";
+    return status == kOutOfMemory ? "out of memory\n" : "";
 }
 
 class Child {
 public:
-    Child(ENUM_FLASH_TYPE type, const BentRuns& runs)
-        : m_type(type), m_runs(runs), m_firmware(m_top / (runs.container ? "loader.bin" : "firmware.img")),
-          m_output(m_top / "out") {
-        std::filesystem::create_directory(m_output);
+    explicit Child(const BentRuns& runs) : m_conversion(runs.conversion) {
+        m_place.name_firmware(runs.container ? "loader.bin" : "firmware.img");
     }
 
     // Empty, or what is wrong with the run.
     std::string run(const BentFirmware& bent) {
-        write_file(m_firmware, bent.bytes);
+        m_place.pack(bent.bytes);
         const double start = cpu_now();
         ::alarm(kWallSeconds);
         const int status = limited_conversion();
         ::alarm(0);
         const double spent = cpu_now() - start;
         const std::string out = m_captured.take() + last_line_of_main(status);
-
-        std::string problem;
+        std::string problem = m_place.damage(bent.bytes);
         if (spent > kCpuSeconds)
             problem = "takes " + std::to_string(spent) + " seconds";
-        else if (status == kStatusSuccess && !out.ends_with(kSuccessLine))
+        else if (status == kConverted && !out.ends_with("creating programming image ok.\n"))
             problem = "succeeds without saying so:\n" + out;
-        else if (status != kStatusSuccess && !wrong_reason(status, out).empty())
+        else if (status != kConverted && !wrong_reason(status, out).empty())
             problem = "fails for another reason than it gives: " + wrong_reason(status, out) + "\n" + out;
-        else if (read_file(m_firmware) != bent.bytes)
-            problem = "changes the firmware";
-        else
-            problem = strangers();
-        clear_output();
+        m_place.empty_output();
         return problem;
     }
 
 private:
     int limited_conversion() const {
         const FileSizeLimit limit(kLargestOutput);
-        return convert(m_type, m_runs.geometry, m_firmware, m_output);
+        return convert_by_call(m_conversion, m_place.firmware(), m_place.out_dir());
     }
 
-    std::string strangers() const {
-        for (const auto& entry : std::filesystem::directory_iterator(m_top.path()))
-            if (entry.path() != m_firmware && entry.path() != m_output)
-                return "leaves the output directory: " + entry.path().filename().string();
-        return {};
-    }
-
-    void clear_output() const {
-        for (const auto& entry : std::filesystem::directory_iterator(m_output))
-            std::filesystem::remove_all(entry.path());
-    }
-
-    const ENUM_FLASH_TYPE m_type;
-    const BentRuns& m_runs;
-    ScratchDirectory m_top;
-    const std::filesystem::path m_firmware;
-    const std::filesystem::path m_output;
+    const Conversion m_conversion;
+    WorkDirectory m_place{memory_directory()};
     CapturedOutput m_captured;
 };
 
@@ -156,8 +117,8 @@ void report(Shared& shared, const std::string& problem) {
 }
 
 // Runs on until something is wrong.
-void run_in_child(ENUM_FLASH_TYPE type, const BentRuns& runs, Shared& shared) {
-    Child child(type, runs);
+void run_in_child(const BentRuns& runs, Shared& shared) {
+    Child child(runs);
     long memory_before = 0;
     const std::size_t first = shared.done;
     for (; shared.done < runs.count; ++shared.done) {
@@ -172,12 +133,12 @@ void run_in_child(ENUM_FLASH_TYPE type, const BentRuns& runs, Shared& shared) {
     }
 }
 
-int run_child(ENUM_FLASH_TYPE type, const BentRuns& runs, Shared& shared) {
+int run_child(const BentRuns& runs, Shared& shared) {
     std::fflush(nullptr);
     const pid_t child = ::fork();
     if (child == 0) {
         try {
-            run_in_child(type, runs, shared);
+            run_in_child(runs, shared);
         } catch (const std::exception& exception) {
             report(shared, std::string("throws: ") + exception.what());
         }
@@ -190,12 +151,13 @@ int run_child(ENUM_FLASH_TYPE type, const BentRuns& runs, Shared& shared) {
 
 }  // namespace
 
-void expect_orderly_ends(ENUM_FLASH_TYPE type, const BentRuns& runs) {
-    SharedMemory shared;
-    for (int reports = 0; shared->done < runs.count; ++shared->done) {
-        shared->problem[0] = '\0';
-        const int status = run_child(type, runs, *shared.operator->());
-        std::string problem = shared->problem;
+void expect_orderly_ends(const std::string& type, BentRuns runs) {
+    runs.conversion.type = type;
+    Shared& shared = fresh_shared();
+    for (int reports = 0; shared.done < runs.count; ++shared.done) {
+        shared.problem[0] = '\0';
+        const int status = run_child(runs, shared);
+        std::string problem = shared.problem;
         if (WIFSIGNALED(status))
             problem =
                 WTERMSIG(status) == SIGALRM ? "hangs" : "ends by signal " + std::to_string(WTERMSIG(status));
@@ -203,10 +165,10 @@ void expect_orderly_ends(ENUM_FLASH_TYPE type, const BentRuns& runs) {
             problem = "ends by a sanitizer, status " + std::to_string(WEXITSTATUS(status));
         else if (problem.empty())
             break;
-        ADD_FAILURE() << type_name(type) << ", " << runs.make(shared->done).what << ": " << problem;
+        ADD_FAILURE() << type << ", " << runs.make(shared.done).what << ": " << problem;
         ASSERT_LT(++reports, 6) << "and maybe more";
     }
-    EXPECT_GE(shared->done, runs.count);
+    EXPECT_GE(shared.done, runs.count);
 }
 
 }  // namespace robustness

@@ -3,13 +3,11 @@
 // Many conversions of bent firmware, one after the other in a child process under limits. Every one has to
 // end in a known way; the first that does not ends the child and is reported by what was bent.
 
-#include "fuzz/conversion.h"
-#include "support/bytes.h"
+#include "program_run.h"
 
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <vector>
 
 namespace robustness {
 
@@ -22,11 +20,11 @@ struct BentRuns {
     std::size_t count = 0;
     std::function<BentFirmware(std::size_t index)> make{};
     bool container = false;  // the bytes are a bare boot container
-    Geometry geometry{};
+    test_support::Conversion conversion = small_blocks({});
 };
 
 // What is asked of every run: an exit status that fits its messages, at most a second of processor time,
 // the firmware as it was, nothing beside firmware and output directory, and at most 64 MB of memory.
-void expect_orderly_ends(ENUM_FLASH_TYPE type, const BentRuns& runs);
+void expect_orderly_ends(const std::string& type, BentRuns runs);
 
 }  // namespace robustness

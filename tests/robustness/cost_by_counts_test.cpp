@@ -4,6 +4,7 @@
 #include "common/bch.h"
 #include "program_run.h"
 #include "support/bch_paths.h"
+#include "support/output_of.h"
 #include "support/sparse_builder.h"
 
 #include <gtest/gtest.h>
@@ -15,9 +16,9 @@ namespace {
 
 using namespace test_support;
 
-constexpr uint64_t kMib = uint64_t{1} << 20;
-constexpr uint64_t kGib = uint64_t{1} << 30;
-constexpr Geometry kUsual{.block_kb = 128, .page_kb = 2, .oob_bytes = 64};
+Conversion usual(const std::string& type) {
+    return {type, "128", "2", "64"};
+}
 
 // A GPT, and one plain image of so many bytes.
 Firmware firmware_with_data(std::size_t size) {
@@ -28,20 +29,17 @@ Firmware firmware_with_data(std::size_t size) {
 
 // The last line of `strace -c`: "100.00    0.012345           4      2814         3 total".
 long total_calls(const std::string& table) {
-    std::istringstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : split(table, '\n')) {
         std::istringstream words(line);
-        double percent = 0;
-        double seconds = 0;
-        long per_call = 0;
+        double number = 0;
         long calls = 0;
-        if (line.ends_with(" total") && words >> percent >> seconds >> per_call >> calls)
+        if (line.ends_with(" total") && words >> number >> number >> number >> calls)
             return calls;
     }
     return -1;
 }
 
-class SystemCalls : public testing::TestWithParam<ENUM_FLASH_TYPE> {
+class SystemCalls : public testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
         if (kSanitized)
@@ -56,10 +54,8 @@ protected:
     // System calls of a conversion, its output removed before.
     long calls_of(const Workplace& place) {
         place.empty_output();
-        std::vector<std::string> arguments = {"-f", "-c", "-o", counts(), NANDSMITH_PROGRAM};
-        const std::vector<std::string> more =
-            program_arguments(GetParam(), kUsual, place.firmware(), place.output());
-        arguments.insert(arguments.end(), more.begin(), more.end());
+        Arguments arguments = usual(GetParam()).arguments(place.firmware(), place.out_dir());
+        arguments.insert(arguments.begin(), {"-f", "-c", "-o", counts(), NANDSMITH_PROGRAM});
         const RunResult run = run_program(m_strace, arguments);
         EXPECT_TRUE(run.succeeded()) << run.out << run.err;
         return total_calls(to_text(read_file(counts())));
@@ -80,8 +76,8 @@ protected:
         return m_files / "counts";
     }
 
-    std::filesystem::path m_strace;
-    ScratchDirectory m_files;
+    fs::path m_strace;
+    TemporaryDirectory m_files;
 };
 
 TEST_P(SystemCalls, AreAtMostOneFor64KibOfData) {
@@ -105,17 +101,15 @@ TEST_P(SystemCalls, AreAtMostOneFor64KibOfASparseImage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, SystemCalls, testing::ValuesIn(kStorageTypes),
-                         [](const auto& tested) { return std::string(type_name(tested.param)); });
+                         [](const auto& tested) { return tested.param; });
 
-// ---- encoder ----
-
-uint64_t codewords_of(const Firmware& firmware, const Geometry& geometry) {
+uint64_t codewords_of(const Firmware& firmware, const Conversion& conversion, const BchPath* path = nullptr) {
     const Workplace place(firmware);
     const uint64_t before = bch_encoded_codewords();
-    testing::internal::CaptureStdout();
-    const int status = convert(FLASH_SLC_NAND, geometry, place.firmware(), place.output());
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(status, kStatusSuccess) << out;
+    int status = -1;
+    const std::string out =
+        output_of([&] { status = convert_by_call(conversion, place.firmware(), place.out_dir(), path); });
+    EXPECT_EQ(status, kConverted) << out;
     return bch_encoded_codewords() - before;
 }
 
@@ -123,12 +117,10 @@ uint64_t codewords_of(const Firmware& firmware, const Geometry& geometry) {
 TEST(EncoderCalls, DoNotGrowWithFillPages) {
     for (const bool page_2k : {false, true}) {
         SCOPED_TRACE(page_2k);
-        Geometry geometry{.block_kb = 1024, .page_kb = 4, .oob_bytes = 128, .page_2k = page_2k};
         Firmware firmware = sample_firmware({.gpt = true});
         firmware.items.resize(2);  // parameter and boot
-        const uint64_t few = codewords_of(firmware, geometry);
-        geometry.block_kb = 16 * 1024;
-        const uint64_t many = codewords_of(firmware, geometry);
+        const uint64_t few = codewords_of(firmware, {"slc", "1024", "4", "128", page_2k});
+        const uint64_t many = codewords_of(firmware, {"slc", "16384", "4", "128", page_2k});
         EXPECT_LE(many, few + 16);
         EXPECT_LE(few, 400U);
     }
@@ -137,17 +129,13 @@ TEST(EncoderCalls, DoNotGrowWithFillPages) {
 TEST(EncoderCalls, AreOneForAKilobyteOfData) {
     constexpr std::size_t size = 4 * kMib;
     for (const BchPath& path : available_bch_paths()) {
-        Geometry geometry = kUsual;
-        geometry.bch_path = path;
-        const uint64_t base = codewords_of(firmware_with_data(2048), geometry);
-        const uint64_t calls = codewords_of(firmware_with_data(2048 + size), geometry);
+        const uint64_t base = codewords_of(firmware_with_data(2048), usual("slc"), &path);
+        const uint64_t calls = codewords_of(firmware_with_data(2048 + size), usual("slc"), &path);
         EXPECT_EQ(calls - base, size / 1024);
     }
 }
 
-// ---- memory ----
-
-class PeakMemory : public testing::TestWithParam<ENUM_FLASH_TYPE> {
+class PeakMemory : public testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
         if (kSanitized)
@@ -162,23 +150,21 @@ protected:
 TEST_P(PeakMemory, IsAtMost16MibForAFirmwareOf1Gib) {
     Firmware firmware = firmware_with_data(4096);
     Item& rootfs = firmware.item("rootfs");
-    rootfs.size = kGib;
+    rootfs.size = 1024 * kMib;
     rootfs.reserve_size = true;
-    const ScratchDirectory top;
-    const std::filesystem::path output = top / "out";
-    std::filesystem::create_directory(output);
-    firmware.write(top / "firmware.img");
+    const WorkDirectory place(memory_directory());
+    place.pack(firmware);
     for (const char* name : {"out_image.img", "rootfs.img"})
-        std::filesystem::create_symlink("/dev/null", output / name);
+        fs::create_symlink("/dev/null", place.out(name));
 
     const RunResult run =
-        run_program(NANDSMITH_PROGRAM, program_arguments(GetParam(), kUsual, top / "firmware.img", output));
+        run_program(NANDSMITH_PROGRAM, usual(GetParam()).arguments(place.firmware(), place.out_dir()));
     ASSERT_TRUE(run.succeeded()) << run.out;
     EXPECT_LE(run.max_rss_kb, 16 * 1024);
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, PeakMemory, testing::ValuesIn(kStorageTypes),
-                         [](const auto& tested) { return std::string(type_name(tested.param)); });
+                         [](const auto& tested) { return tested.param; });
 
 }  // namespace
 }  // namespace robustness

@@ -4,15 +4,15 @@
 //   FAILING_CALLS_CLASS    open, read, seek, write, close, stat, truncate, reserve, unlink or alloc
 //   FAILING_CALLS_AT       N, from 1; 0 lets nothing fail
 //   FAILING_CALLS_HOW      EIO, ENOSPC or EINTR; short: half of the bytes are read or written; nothing: a
-//   read
-//                          or write of 0 bytes. Several words with commas between them: the Nth call and
-//                          those after it fail, each in its own way
+//                          read or write of 0 bytes. Several words with commas between them: the Nth call
+//                          and those after it fail, each in its own way
 //   FAILING_CALLS_ALWAYS   set: all later calls of the class fail too, in the last way
 //   FAILING_CALLS_REPORT   file that gets the number of calls of the class and of failures, as two numbers;
 //                          it is not written when the program ends without a return from main()
 //   FAILING_CALLS_NO_POOL  set: the C++ library gets no memory at the start to keep for exceptions
 //
-// Only what main() calls counts, not the loader, and no call on the standard streams.
+// Only what main() calls counts, not the loader, and no call on the standard streams. Here are the calls that
+// the program makes: it works on descriptors.
 
 #include <cerrno>
 #include <cstdarg>
@@ -21,6 +21,8 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <iterator>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -55,55 +57,30 @@ struct Plan {
 
 Plan plan;
 
-// The functions that this library's own replace. All are looked up before the plan is armed, because looking
-// up allocates.
-struct Next {
+// The function of that name that this library's own replaces.
+struct Replaced {
+    const char* name;
+
     template <typename Function>
-    static void find(Function*& function, const char* name) {
-        function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+    operator Function*() const {
+        return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
     }
+};
 
-    Next() {
-        find(open, "open");
-        find(openat, "openat");
-        find(fopen, "fopen");
-        find(read, "read");
-        find(pread, "pread");
-        find(fread, "fread");
-        find(lseek, "lseek");
-        find(fseeko, "fseeko");
-        find(write, "write");
-        find(pwrite, "pwrite");
-        find(fwrite, "fwrite");
-        find(close, "close");
-        find(fclose, "fclose");
-        find(stat, "stat");
-        find(lstat, "lstat");
-        find(fstat, "fstat");
-        find(ftruncate, "ftruncate");
-        find(fallocate, "fallocate");
-        find(unlink, "unlink");
-    }
-
-    int (*open)(const char*, int, ...);
-    int (*openat)(int, const char*, int, ...);
-    FILE* (*fopen)(const char*, const char*);
-    ssize_t (*read)(int, void*, size_t);
-    ssize_t (*pread)(int, void*, size_t, off_t);
-    size_t (*fread)(void*, size_t, size_t, FILE*);
-    off_t (*lseek)(int, off_t, int);
-    int (*fseeko)(FILE*, off_t, int);
-    ssize_t (*write)(int, const void*, size_t);
-    ssize_t (*pwrite)(int, const void*, size_t, off_t);
-    size_t (*fwrite)(const void*, size_t, size_t, FILE*);
-    int (*close)(int);
-    int (*fclose)(FILE*);
-    int (*stat)(const char*, struct stat*);
-    int (*lstat)(const char*, struct stat*);
-    int (*fstat)(int, struct stat*);
-    int (*ftruncate)(int, off_t);
-    int (*fallocate)(int, int, off_t, off_t);
-    int (*unlink)(const char*);
+// All are looked up before the plan is armed, because looking up allocates.
+struct Next {
+    int (*open)(const char*, int, ...) = Replaced{"open"};
+    ssize_t (*read)(int, void*, size_t) = Replaced{"read"};
+    ssize_t (*pread)(int, void*, size_t, off_t) = Replaced{"pread"};
+    off_t (*lseek)(int, off_t, int) = Replaced{"lseek"};
+    ssize_t (*write)(int, const void*, size_t) = Replaced{"write"};
+    ssize_t (*pwrite)(int, const void*, size_t, off_t) = Replaced{"pwrite"};
+    int (*close)(int) = Replaced{"close"};
+    int (*stat)(const char*, struct stat*) = Replaced{"stat"};
+    int (*fstat)(int, struct stat*) = Replaced{"fstat"};
+    int (*ftruncate)(int, off_t) = Replaced{"ftruncate"};
+    int (*fallocate)(int, int, off_t, off_t) = Replaced{"fallocate"};
+    int (*unlink)(const char*) = Replaced{"unlink"};
 };
 
 const Next& next() {
@@ -113,10 +90,6 @@ const Next& next() {
 
 bool is_standard(int descriptor) {
     return descriptor >= 0 && descriptor <= 2;
-}
-
-bool is_standard(FILE* file) {
-    return file == stdin || file == stdout || file == stderr;
 }
 
 /// How this call is to fail, errno being set then; null when it is not.
@@ -144,28 +117,21 @@ ssize_t transfer(CallClass call_class, int descriptor, size_t count, Transfer ru
     return failure->how == How::nothing ? 0 : -1;
 }
 
-mode_t mode_argument(int flags, va_list arguments) {
-    return (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-}
-
 const char* variable(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
 }
 
 /// The way that a list of words starts with.
-Failure way_of(const char* words) {
-    const auto starts_with = [words](const char* word) {
-        return std::strncmp(words, word, std::strlen(word)) == 0;
-    };
+Failure way_of(std::string_view words) {
     Failure failure;
-    if (starts_with("short"))
+    if (words.starts_with("short"))
         failure.how = How::short_count;
-    else if (starts_with("nothing"))
+    else if (words.starts_with("nothing"))
         failure.how = How::nothing;
-    else if (starts_with("ENOSPC"))
+    else if (words.starts_with("ENOSPC"))
         failure.error = ENOSPC;
-    else if (starts_with("EINTR"))
+    else if (words.starts_with("EINTR"))
         failure.error = EINTR;
     if (plan.call_class == CallClass::alloc)
         failure.error = ENOMEM;
@@ -174,7 +140,7 @@ Failure way_of(const char* words) {
 
 void read_plan() {
     const char* name = variable("FAILING_CALLS_CLASS");
-    for (int i = 0; i < static_cast<int>(sizeof(kClassNames) / sizeof(kClassNames[0])); ++i)
+    for (int i = 0; i < static_cast<int>(std::size(kClassNames)); ++i)
         if (std::strcmp(name, kClassNames[i]) == 0)
             plan.call_class = static_cast<CallClass>(i);
     plan.at = std::atol(variable("FAILING_CALLS_AT"));
@@ -241,21 +207,9 @@ int __libc_start_main(Main main, int argc, char** argv, void (*init)(), void (*f
 int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = mode_argument(flags, arguments);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     return fails(CallClass::open) ? -1 : next().open(path, flags, mode);
-}
-
-int openat(int directory, const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = mode_argument(flags, arguments);
-    va_end(arguments);
-    return fails(CallClass::open) ? -1 : next().openat(directory, path, flags, mode);
-}
-
-FILE* fopen(const char* path, const char* mode) {
-    return fails(CallClass::open) ? nullptr : next().fopen(path, mode);
 }
 
 // ---- read ----
@@ -270,22 +224,10 @@ ssize_t pread(int descriptor, void* bytes, size_t count, off_t offset) {
                     [&](size_t allowed) { return next().pread(descriptor, bytes, allowed, offset); });
 }
 
-size_t fread(void* bytes, size_t size, size_t count, FILE* file) {
-    return !is_standard(file) && fails(CallClass::read) ? 0 : next().fread(bytes, size, count, file);
-}
-
 // ---- seek ----
 
 off_t lseek(int descriptor, off_t offset, int origin) noexcept {
     return !is_standard(descriptor) && fails(CallClass::seek) ? -1 : next().lseek(descriptor, offset, origin);
-}
-
-int fseeko(FILE* file, off_t offset, int origin) {
-    return !is_standard(file) && fails(CallClass::seek) ? -1 : next().fseeko(file, offset, origin);
-}
-
-int fseek(FILE* file, long offset, int origin) {
-    return fseeko(file, offset, origin);
 }
 
 // ---- write ----
@@ -300,10 +242,6 @@ ssize_t pwrite(int descriptor, const void* bytes, size_t count, off_t offset) {
                     [&](size_t allowed) { return next().pwrite(descriptor, bytes, allowed, offset); });
 }
 
-size_t fwrite(const void* bytes, size_t size, size_t count, FILE* file) {
-    return !is_standard(file) && fails(CallClass::write) ? 0 : next().fwrite(bytes, size, count, file);
-}
-
 // ---- close: the file is closed all the same, as the kernel does it ----
 
 int close(int descriptor) {
@@ -315,23 +253,10 @@ int close(int descriptor) {
     return -1;
 }
 
-int fclose(FILE* file) {
-    const Failure* failure = is_standard(file) ? nullptr : fails(CallClass::close);
-    const int result = next().fclose(file);
-    if (failure == nullptr)
-        return result;
-    errno = failure->error;
-    return EOF;
-}
-
 // ---- stat, truncate, reserve, unlink ----
 
 int stat(const char* path, struct stat* status) noexcept {
     return fails(CallClass::stat) ? -1 : next().stat(path, status);
-}
-
-int lstat(const char* path, struct stat* status) noexcept {
-    return fails(CallClass::stat) ? -1 : next().lstat(path, status);
 }
 
 int fstat(int descriptor, struct stat* status) noexcept {
@@ -355,19 +280,13 @@ int unlink(const char* path) noexcept {
 static_assert(sizeof(off_t) == 8, "the two families are one on the machines this is for");
 
 int open64(const char*, int, ...) __attribute__((alias("open")));
-int openat64(int, const char*, int, ...) __attribute__((alias("openat")));
-FILE* fopen64(const char*, const char*) __attribute__((alias("fopen")));
 ssize_t pread64(int, void*, size_t, off_t) __attribute__((alias("pread")));
 off_t lseek64(int, off_t, int) noexcept __attribute__((alias("lseek")));
-int fseeko64(FILE*, off_t, int) __attribute__((alias("fseeko")));
 ssize_t pwrite64(int, const void*, size_t, off_t) __attribute__((alias("pwrite")));
 int ftruncate64(int, off_t) noexcept __attribute__((alias("ftruncate")));
 int fallocate64(int, int, off_t, off_t) __attribute__((alias("fallocate")));
 int stat64(const char* path, struct stat64* status) noexcept {
     return stat(path, reinterpret_cast<struct stat*>(status));
-}
-int lstat64(const char* path, struct stat64* status) noexcept {
-    return lstat(path, reinterpret_cast<struct stat*>(status));
 }
 int fstat64(int descriptor, struct stat64* status) noexcept {
     return fstat(descriptor, reinterpret_cast<struct stat*>(status));
@@ -396,13 +315,6 @@ void* realloc(void* memory, size_t size) noexcept {
 
 void* aligned_alloc(size_t alignment, size_t size) noexcept {
     return fails(CallClass::alloc) ? nullptr : __libc_memalign(alignment, size);
-}
-
-int posix_memalign(void** memory, size_t alignment, size_t size) noexcept {
-    if (fails(CallClass::alloc))
-        return ENOMEM;
-    *memory = __libc_memalign(alignment, size);
-    return *memory != nullptr ? 0 : ENOMEM;
 }
 
 #endif

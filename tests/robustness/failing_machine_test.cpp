@@ -1,17 +1,15 @@
 // Every call to the system and every allocation of a run fails in turn. Whatever fails, a run either says so
 // and ends with a non-zero status, or its output is complete and right to the byte.
 
-#include "failing_run.h"
 #include "fuzz/small_firmware.h"
+#include "program_run.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <iterator>
-#include <ostream>
-#include <string>
+#include <map>
 #include <tuple>
-#include <vector>
 
 namespace robustness {
 namespace {
@@ -47,10 +45,6 @@ std::string name_of(const Fault& fault) {
     return std::string(fault.call_class) + "_" + fault.how + (fault.always ? "_always" : "");
 }
 
-void PrintTo(const Fault& fault, std::ostream* out) {
-    *out << name_of(fault);
-}
-
 // A sanitizer has an allocator of its own, in which nothing fails.
 std::vector<Fault> faults() {
     std::vector<Fault> faults(std::begin(kFaults), std::end(kFaults));
@@ -61,12 +55,9 @@ std::vector<Fault> faults() {
 
 // A transfer of nothing has no errno of its own.
 int errno_of(const Fault& fault) {
-    const std::string how = fault.how;
-    if (how == "ENOSPC")
-        return ENOSPC;
-    if (how == "EINTR")
-        return EINTR;
-    return how == "ENOMEM" ? ENOMEM : EIO;
+    const std::map<std::string, int> known{{"ENOSPC", ENOSPC}, {"EINTR", EINTR}, {"ENOMEM", ENOMEM}};
+    const auto found = known.find(fault.how);
+    return found == known.end() ? EIO : found->second;
 }
 
 // Images larger than the reader's block, so that every structure takes a read of its own.
@@ -98,45 +89,38 @@ Firmware firmware_of_several_blocks(bool gpt) {
 void write_stale_output(const Workplace& place, const Files& wanted) {
     place.empty_output();
     for (const auto& [name, bytes] : wanted)
-        write_file(place.output() / name, Bytes(20'000, 0xA5));
-    write_file(place.output() / "unsparse_tmp.bin", Bytes(5'000, 0x5A));
+        write_file(place.out(name), Bytes(20'000, 0xA5));
+    write_file(place.out("unsparse_tmp.bin"), Bytes(5'000, 0x5A));
 }
 
-struct Conversion {
-    ENUM_FLASH_TYPE type;
+struct Subject {
+    const char* type;
     bool gpt;
 };
 
-constexpr Conversion kConversions[] = {{FLASH_EMMC, true},
-                                       {FLASH_EMMC, false},
-                                       {FLASH_NOR, true},
-                                       {FLASH_SPI_NAND, false},
-                                       {FLASH_SLC_NAND, false}};
+constexpr Subject kSubjects[] = {
+    {"emmc", true}, {"emmc", false}, {"spinor", true}, {"spinand", false}, {"slc", false}};
 
-std::string name_of(const Conversion& conversion) {
-    return std::string(type_name(conversion.type)) + (conversion.gpt ? "Gpt" : "Parameter");
-}
-
-void PrintTo(const Conversion& conversion, std::ostream* out) {
-    *out << name_of(conversion);
+std::string name_of(const Subject& subject) {
+    return std::string(subject.type) + (subject.gpt ? "Gpt" : "Parameter");
 }
 
 // One conversion, and what it makes when nothing fails.
 class Disturbed {
 public:
-    explicit Disturbed(const Conversion& conversion)
-        : m_type(conversion.type), m_place(firmware_of_several_blocks(conversion.gpt)),
-          m_wanted(m_place.undisturbed(m_type, {})) {}
+    explicit Disturbed(const Subject& subject)
+        : m_type(subject.type), m_place(firmware_of_several_blocks(subject.gpt)),
+          m_wanted(m_place.undisturbed(small_blocks(m_type))) {}
 
     FailingRun run(const FailingCalls& failing) const {
         write_stale_output(m_place, m_wanted);
-        return m_program.run(m_type, failing);
+        return run_failing(m_place, m_type, failing);
     }
 
     // Empty, or what is wrong with the run.
     std::string problem(const RunResult& run, const Fault& fault) const {
         const bool leaves_file = std::string(fault.call_class) == "unlink" && !fault.harmless;
-        std::string wrong = misbehaviour(run, m_wanted, m_place.output(),
+        std::string wrong = misbehaviour(run, m_wanted, m_place.out_dir(),
                                          leaves_file ? "unsparse_tmp.bin" : "", errno_of(fault));
         if (wrong.empty() && fault.harmless && run.exit_status != 0)
             wrong = "fails, but the call could have gone on";
@@ -145,19 +129,18 @@ public:
         return wrong.empty() ? m_place.damage() : wrong;
     }
 
-    std::string difference_now() const { return difference(m_wanted, files_in(m_place.output())); }
+    std::string difference_now() const { return difference(m_wanted, m_place.outputs()); }
 
 private:
-    ENUM_FLASH_TYPE m_type;
+    std::string m_type;
     Workplace m_place;
-    FailingProgram m_program{m_place};
     Files m_wanted;
 };
 
 TEST(FailingCallsLibrary, LetsNothingFailWithoutAPlan) {
-    for (const Conversion& conversion : kConversions) {
-        SCOPED_TRACE(name_of(conversion));
-        const Disturbed disturbed(conversion);
+    for (const Subject& subject : kSubjects) {
+        SCOPED_TRACE(name_of(subject));
+        const Disturbed disturbed(subject);
         const FailingRun run = disturbed.run({"write", "EIO", 0});
         EXPECT_TRUE(run.result.succeeded()) << run.result.out;
         EXPECT_EQ(disturbed.difference_now(), "");
@@ -166,11 +149,11 @@ TEST(FailingCallsLibrary, LetsNothingFailWithoutAPlan) {
     }
 }
 
-class FailingMachine : public testing::TestWithParam<std::tuple<Conversion, Fault>> {};
+class FailingMachine : public testing::TestWithParam<std::tuple<Subject, Fault>> {};
 
 TEST_P(FailingMachine, EndsInAStatusAndAReasonOrInTheRightBytes) {
-    const auto& [conversion, fault] = GetParam();
-    const Disturbed disturbed(conversion);
+    const auto& [subject, fault] = GetParam();
+    const Disturbed disturbed(subject);
     long injected = 0;
     int reports = 0;
     for (long at = 1;; ++at) {
@@ -192,7 +175,7 @@ TEST_P(FailingMachine, EndsInAStatusAndAReasonOrInTheRightBytes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, FailingMachine,
-                         testing::Combine(testing::ValuesIn(kConversions), testing::ValuesIn(faults())),
+                         testing::Combine(testing::ValuesIn(kSubjects), testing::ValuesIn(faults())),
                          [](const auto& tested) {
                              return name_of(std::get<0>(tested.param)) + "_" +
                                     name_of(std::get<1>(tested.param));

@@ -1,7 +1,7 @@
 // Single failures of the machine whose consequences are told exactly: which error counts, and what is said.
 
-#include "failing_run.h"
 #include "fuzz/small_firmware.h"
+#include "program_run.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +15,6 @@ constexpr long kMostCalls = 2000;  // far more than any of these runs makes
 std::string failed_creation(const std::string& verdict) {
     return "\033[30;41m" + verdict + "\033[37;40m\nFailed to create programming image.\n";
 }
-
-// ---- two read errors ----
 
 // Two items without data lie in blocks of their own, which are read when they are looked at.
 Firmware firmware_with_far_items() {
@@ -33,11 +31,10 @@ Firmware firmware_with_far_items() {
 
 TEST(SeveralErrors, FirstOfTwoReadErrorsIsTold) {
     const Workplace place(firmware_with_far_items());
-    const FailingProgram program(place);
     const std::string told = failed_creation("failed to read " + place.firmware().string() + ",err=5");
     long runs_with_both = 0;
     for (long at = 1; at < kMostCalls; ++at) {
-        const FailingRun run = program.run(FLASH_EMMC, {"read", "EIO,ENOSPC", at});
+        const FailingRun run = run_failing(place, "emmc", {"read", "EIO,ENOSPC", at});
         ASSERT_TRUE(run.reported) << run.result.out;
         if (run.failures == 0)
             break;
@@ -51,50 +48,44 @@ TEST(SeveralErrors, FirstOfTwoReadErrorsIsTold) {
     EXPECT_EQ(runs_with_both, 1);
 }
 
-// ---- a device as the output ----
-
 // A file is written at positions; a device is written on and on, so that a gap takes a seek.
 TEST(DeviceOutput, SeekThatFailsIsAWriteError) {
     const Workplace place(small_firmware({.gpt = true}));
-    std::filesystem::create_symlink("/dev/null", place.output() / "out_image.img");
-    const FailingProgram program(place);
+    fs::create_symlink("/dev/null", place.out("out_image.img"));
     const std::string told =
-        failed_creation("failed to write " + (place.output() / "out_image.img").string() + ",err=5");
-    for (const ENUM_FLASH_TYPE type : {FLASH_EMMC, FLASH_NOR}) {
-        const FailingRun undisturbed = program.run(type, {"seek", "EIO", 0});
+        failed_creation("failed to write " + place.out("out_image.img").string() + ",err=5");
+    for (const char* type : {"emmc", "spinor"}) {
+        const FailingRun undisturbed = run_failing(place, type, {"seek", "EIO", 0});
         EXPECT_TRUE(undisturbed.result.succeeded()) << undisturbed.result.out;
         ASSERT_GT(undisturbed.calls, 0);
         for (long at = 1; at <= undisturbed.calls; ++at) {
-            const FailingRun failed = program.run(type, {"seek", "EIO", at});
+            const FailingRun failed = run_failing(place, type, {"seek", "EIO", at});
             EXPECT_EQ(failed.failures, 1);
-            EXPECT_EQ(failed.result.exit_status, kStatusCreationFailed);
+            EXPECT_EQ(failed.result.exit_status, kCreationFailed);
             EXPECT_TRUE(failed.result.out.ends_with(told)) << failed.result.out;
-            const FailingRun interrupted = program.run(type, {"seek", "EINTR", at});
+            const FailingRun interrupted = run_failing(place, type, {"seek", "EINTR", at});
             EXPECT_EQ(interrupted.failures, 1);
             EXPECT_TRUE(interrupted.result.succeeded()) << interrupted.result.out;
         }
     }
 }
 
-// ---- no memory ----
-
 // Without memory for an exception the language ends the program: no catch sees it, and nothing is flushed.
 TEST(OutOfMemory, IsToldWithoutMemoryForAnException) {
     if (kSanitized)
         GTEST_SKIP() << "needs a build without sanitizers";
     const Workplace place(small_firmware({.gpt = true}));
-    const FailingProgram program(place);
     long ended_without_main = 0;
     for (long at = 1; at < kMostCalls; ++at) {
         place.empty_output();
-        const FailingRun run = program.run(FLASH_EMMC, {"alloc", "ENOMEM", at, true, true});
+        const FailingRun run = run_failing(place, "emmc", {"alloc", "ENOMEM", at, true, true});
         ASSERT_TRUE(run.result.exited) << "call " << at << ", signal " << run.result.signal;
         if (run.reported && run.failures == 0)
             break;
         if (run.reported)
             continue;
         ++ended_without_main;
-        EXPECT_EQ(run.result.exit_status, kStatusOutOfMemory);
+        EXPECT_EQ(run.result.exit_status, kOutOfMemory);
         EXPECT_TRUE(run.result.out.ends_with("out of memory\n")) << "call " << at << ":\n" << run.result.out;
         EXPECT_EQ(run.result.err, "");
     }

@@ -3,13 +3,12 @@
 
 #include "fuzz/fuzz_target.h"
 #include "fuzz/mutation.h"
-#include "program_run.h"
+#include "support/output_of.h"
+#include "support/process_limits.h"
 
-#include <cctype>
+#include <algorithm>
 #include <cstdio>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <ostream>
 #include <random>
 #include <set>
 #include <sys/resource.h>
@@ -20,36 +19,17 @@ namespace {
 
 using namespace test_support;
 
-// The program's messages go nowhere while the object lives.
-class MutedOutput {
-public:
-    MutedOutput() : m_kept(::dup(STDOUT_FILENO)) {
-        std::fflush(stdout);
-        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        ::dup2(nowhere, STDOUT_FILENO);
-        ::close(nowhere);
-    }
-    MutedOutput(const MutedOutput&) = delete;
-    MutedOutput& operator=(const MutedOutput&) = delete;
-    ~MutedOutput() {
-        std::fflush(stdout);
-        ::dup2(m_kept, STDOUT_FILENO);
-        ::close(m_kept);
-    }
-
-private:
-    int m_kept;
-};
-
 // Empty, or what the target has against the input.
 std::string complaint(const FuzzTarget& target, const Bytes& input) {
-    const MutedOutput muted;
-    try {
-        target.run(input);
-    } catch (const std::exception& exception) {
-        return exception.what();
-    }
-    return {};
+    std::string what;
+    output_of([&] {
+        try {
+            target.run(input);
+        } catch (const std::exception& exception) {
+            what = exception.what();
+        }
+    });
+    return what;
 }
 
 void expect_no_complaints(const FuzzTarget& target, const std::vector<NamedInput>& inputs) {
@@ -104,28 +84,12 @@ struct Finding {
     NamedInput input;
 };
 
-void PrintTo(const Finding& finding, std::ostream* out) {
-    *out << finding.target.name << " with " << finding.input.name;
-}
-
 std::vector<Finding> all_findings() {
     std::vector<Finding> findings;
     for (const FuzzTarget& target : fuzz_targets())
         for (const NamedInput& input : findings_of(target))
             findings.push_back({target, input});
     return findings;
-}
-
-// Letters and digits of the name, each word with a capital letter.
-std::string test_name(const Finding& finding) {
-    std::string name;
-    bool starts_word = true;
-    for (const char c : finding.target.name + ("-" + finding.input.name)) {
-        if (std::isalnum(static_cast<unsigned char>(c)) != 0)
-            name += starts_word ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
-        starts_word = std::isalnum(static_cast<unsigned char>(c)) == 0;
-    }
-    return name;
 }
 
 class FuzzFinding : public testing::TestWithParam<Finding> {};
@@ -144,8 +108,11 @@ TEST_P(FuzzFinding, PassesInSeconds) {
     EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, FuzzFinding, testing::ValuesIn(all_findings()),
-                         [](const auto& tested) { return test_name(tested.param); });
+INSTANTIATE_TEST_SUITE_P(Targets, FuzzFinding, testing::ValuesIn(all_findings()), [](const auto& tested) {
+    std::string name = tested.param.target.name + ("_" + tested.param.input.name);
+    std::ranges::replace(name, '-', '_');
+    return name;
+});
 
 }  // namespace
 }  // namespace robustness

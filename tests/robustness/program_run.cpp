@@ -1,83 +1,42 @@
 #include "program_run.h"
 
-#include "run_reason.h"
+#include <fstream>
 
 namespace robustness {
 
 using namespace test_support;
 
-Files files_in(const std::filesystem::path& directory) {
-    Files files;
-    for (const auto& entry : std::filesystem::directory_iterator(directory))
-        if (entry.is_regular_file())
-            files[entry.path().filename()] = read_file(entry.path());
-    return files;
-}
-
 std::string difference(const Files& wanted, const Files& got) {
     std::string text;
-    for (const auto& [name, bytes] : wanted) {
-        const auto other = got.find(name);
-        if (other == got.end())
+    for (const auto& [name, bytes] : wanted)
+        if (!got.contains(name))
             text += "missing: " + name + "\n";
-        else if (other->second != bytes)
+        else if (got.at(name) != bytes)
             text += "other bytes: " + name + "\n";
-    }
     for (const auto& [name, bytes] : got)
         if (!wanted.contains(name))
             text += "not wanted: " + name + "\n";
     return text;
 }
 
-std::vector<std::string> program_arguments(ENUM_FLASH_TYPE type, const Geometry& geometry,
-                                           const std::filesystem::path& firmware,
-                                           const std::filesystem::path& output) {
-    std::vector<std::string> arguments = {"-i", firmware,
-                                          "-o", output,
-                                          "-t", type_name(type),
-                                          "-b", std::to_string(geometry.block_kb),
-                                          "-p", std::to_string(geometry.page_kb),
-                                          "-s", std::to_string(geometry.oob_bytes)};
-    if (geometry.page_2k)
-        arguments.emplace_back("-2");
-    if (geometry.page_list)
-        arguments.emplace_back("--page_list");
-    return arguments;
+Workplace::Workplace(const Firmware& packed) : WorkDirectory(memory_directory()), m_packed(packed.build()) {
+    pack(m_packed);
 }
 
-Workplace::Workplace(const Firmware& firmware) : m_firmware_bytes(firmware.build()) {
-    write_file(this->firmware(), m_firmware_bytes);
-    std::filesystem::create_directory(output());
-}
-
-void Workplace::empty_output() const {
-    std::filesystem::remove_all(output());
-    std::filesystem::create_directory(output());
-}
-
-RunResult Workplace::run(ENUM_FLASH_TYPE type, const Geometry& geometry, RunOptions options) const {
+RunResult Workplace::run(const Conversion& conversion, RunOptions options) const {
     if (!options.timeout_seconds)
         options.timeout_seconds = kSanitized ? 60 : 20;
-    return run_program(NANDSMITH_PROGRAM, program_arguments(type, geometry, firmware(), output()), options);
+    return run_program(NANDSMITH_PROGRAM, conversion.arguments(firmware(), out_dir()), options);
 }
 
-Files Workplace::undisturbed(ENUM_FLASH_TYPE type, const Geometry& geometry) const {
+Files Workplace::undisturbed(const Conversion& conversion) const {
     empty_output();
-    const RunResult result = run(type, geometry);
+    const RunResult result = run(conversion);
     if (!result.succeeded())
         throw std::runtime_error("the undisturbed run fails:\n" + result.out);
-    Files files = files_in(output());
+    Files files = outputs();
     empty_output();
     return files;
-}
-
-std::string Workplace::damage() const {
-    if (read_file(firmware()) != m_firmware_bytes)
-        return "the firmware was changed";
-    for (const auto& entry : std::filesystem::directory_iterator(top()))
-        if (entry.path() != firmware() && entry.path() != output())
-            return "outside the output directory: " + entry.path().string();
-    return {};
 }
 
 std::string misbehaviour(const RunResult& run, const Files& wanted, const std::filesystem::path& output,
@@ -96,6 +55,26 @@ std::string misbehaviour(const RunResult& run, const Files& wanted, const std::f
         return wrong;
     const std::optional<int> told = errno_of_reason(run.out);
     return !error || !told || *told == *error ? "" : "err=" + std::to_string(*told) + " is not what failed";
+}
+
+FailingRun run_failing(const Workplace& place, const std::string& type, const FailingCalls& failing) {
+    const TemporaryDirectory reports(memory_directory());
+    const fs::path report_path = reports / "report";
+    RunOptions options;
+    options.environment = {{"LD_PRELOAD", FAILING_CALLS_LIBRARY},
+                           {"FAILING_CALLS_CLASS", failing.call_class},
+                           {"FAILING_CALLS_AT", std::to_string(failing.at)},
+                           {"FAILING_CALLS_HOW", failing.how},
+                           {"FAILING_CALLS_ALWAYS", failing.always ? "1" : ""},
+                           {"FAILING_CALLS_NO_POOL", failing.no_pool ? "1" : ""},
+                           {"FAILING_CALLS_REPORT", report_path}};
+    if (kSanitized)
+        options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
+    FailingRun run;
+    run.result = place.run(small_blocks(type), options);
+    std::ifstream report(report_path);
+    run.reported = static_cast<bool>(report >> run.calls >> run.failures);
+    return run;
 }
 
 }  // namespace robustness

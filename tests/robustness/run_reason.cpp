@@ -1,14 +1,13 @@
-#include "run_reason.h"
-
-#include "fuzz/conversion.h"
+#include "program_run.h"
 
 #include <algorithm>
-#include <cctype>
-#include <sstream>
 #include <string_view>
 #include <vector>
 
 namespace robustness {
+
+using namespace test_support;
+
 namespace {
 
 // A line, in which * stands for any text and # for a number.
@@ -19,22 +18,17 @@ struct Ending {
     Pattern last_line;
 };
 
-constexpr int kOutputNotAccessible = 247;
-constexpr int kOutputNotADirectory = 246;
-constexpr int kFirmwareNotAccessible = 245;
-constexpr int kFirmwareNotAFile = 244;
-
 constexpr Ending kEndings[] = {
-    {kOutputNotAccessible, "* failed to access"},
-    {kOutputNotADirectory, "* is not a directory"},
-    {kFirmwareNotAccessible, "* failed to access"},
-    {kFirmwareNotAFile, "* is not a file"},
-    {kStatusInitFailed, "page size is out of range"},
-    {kStatusInitFailed, "block size is out of range"},
-    {kStatusInitFailed, "failed to load firmware,ret=1"},
-    {kStatusInitFailed, "failed to create */out_image.img,err=#"},
-    {kStatusCreationFailed, "Failed to create programming image."},
-    {kStatusOutOfMemory, "out of memory"},
+    {status_of(-9), "* failed to access"},  // the output directory
+    {status_of(-10), "* is not a directory"},
+    {status_of(-11), "* failed to access"},  // the firmware
+    {status_of(-12), "* is not a file"},
+    {kInitFailed, "page size is out of range"},
+    {kInitFailed, "block size is out of range"},
+    {kInitFailed, "failed to load firmware,ret=1"},
+    {kInitFailed, "failed to create */out_image.img,err=#"},
+    {kCreationFailed, "Failed to create programming image."},
+    {kOutOfMemory, "out of memory"},
 };
 
 // What a failed creation says in colour before its last line, and the line before that: the cause. A step
@@ -86,26 +80,13 @@ constexpr std::string_view kLineAbove = "\033[1A\033[2K";
 bool matches(std::string_view line, Pattern pattern) {
     if (pattern.empty())
         return line.empty();
-    if (pattern.front() == '*') {
-        for (std::size_t taken = 0; taken <= line.size(); ++taken)
-            if (matches(line.substr(taken), pattern.substr(1)))
-                return true;
-        return false;
-    }
+    const Pattern rest = pattern.substr(1);
+    if (pattern.front() == '*')
+        return matches(line, rest) || (!line.empty() && matches(line.substr(1), pattern));
     if (pattern.front() != '#')
-        return !line.empty() && line.front() == pattern.front() && matches(line.substr(1), pattern.substr(1));
-    std::size_t digits = 0;
-    while (digits < line.size() && std::isdigit(static_cast<unsigned char>(line[digits])) != 0)
-        ++digits;
-    return digits != 0 && matches(line.substr(digits), pattern.substr(1));
-}
-
-std::vector<std::string> lines_of(const std::string& out) {
-    std::vector<std::string> lines;
-    std::istringstream text(out);
-    for (std::string line; std::getline(text, line);)
-        lines.push_back(line);
-    return lines;
+        return line.starts_with(pattern.front()) && matches(line.substr(1), rest);
+    const std::size_t digits = std::min(line.find_first_not_of("0123456789"), line.size());
+    return digits != 0 && matches(line.substr(digits), rest);
 }
 
 // The line that many lines before the last one, without what redraws it; empty when there are too few.
@@ -133,13 +114,13 @@ std::string_view error_text(std::string_view line) {
 std::string wrong_reason(int exit_status, const std::string& out) {
     if (!out.ends_with('\n'))
         return "the last line does not end";
-    const std::vector<std::string> lines = lines_of(out);
+    const std::vector<std::string> lines = split(out, '\n');
     const std::string_view last = line_from_end(lines, 0);
     if (std::none_of(std::begin(kEndings), std::end(kEndings), [&](const Ending& ending) {
             return ending.exit_status == exit_status && matches(last, ending.last_line);
         }))
         return "status " + std::to_string(exit_status) + " with the last line: " + std::string(last);
-    if (exit_status != kStatusCreationFailed)
+    if (exit_status != kCreationFailed)
         return {};
     const std::string_view verdict = error_text(line_from_end(lines, 1));
     const std::string_view cause = line_from_end(lines, 2);
@@ -151,7 +132,7 @@ std::string wrong_reason(int exit_status, const std::string& out) {
 }
 
 std::optional<int> errno_of_reason(const std::string& out) {
-    const std::vector<std::string> lines = lines_of(out);
+    const std::vector<std::string> lines = split(out, '\n');
     for (std::size_t before = 0; before < std::min<std::size_t>(lines.size(), 3); ++before) {
         std::string_view line = line_from_end(lines, before);
         if (const std::string_view text = error_text(line); !text.empty())
