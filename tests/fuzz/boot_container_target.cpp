@@ -3,8 +3,6 @@
 
 #include "firmware/QZBoot.h"
 #include "fuzz_target.h"
-#include "scratch_directory.h"
-#include "support/firmware_builder.h"
 
 #include <cstring>
 #include <memory>
@@ -49,7 +47,7 @@ void check_names(CQZBoot& boot, ENUM_QZBOOTENTRY type) {
 }
 
 void check_saving(CQZBoot& boot, ENUM_QZBOOTENTRY type, const Bytes& input) {
-    static const ScratchDirectory scratch;
+    static const TemporaryDirectory scratch(memory_directory());
     const std::string path = scratch / "entry.bin";
     if (boot.SaveEntryFile(type, 0, path))
         require(std::filesystem::file_size(path) <= input.size(),
@@ -68,14 +66,14 @@ void run_boot_container(const Bytes& input) {
     if (code != 0)
         return;
     require(uint32_t{boot.MergeVersion} == boot.GetMergeVersion(), "a property is not its getter");
-    const int counts[] = {boot.GetEntry471Count(), boot.GetEntry472Count(), boot.GetEntryLoaderCount()};
-    const ENUM_QZBOOTENTRY types[] = {ENTRY471, ENTRY472, ENTRYLOADER};
-    for (int i = 0; i < 3; ++i) {
-        for (int index = 0; index <= std::min(counts[i] + 1, kLargestIndex); ++index)
-            check_entry(boot, types[i], static_cast<uint8_t>(index), input);
-        check_entry(boot, types[i], kLargestIndex, input);
-        check_names(boot, types[i]);
-        check_saving(boot, types[i], input);
+    for (const auto& [type, count] : {std::pair<ENUM_QZBOOTENTRY, int>{ENTRY471, boot.GetEntry471Count()},
+                                      {ENTRY472, boot.GetEntry472Count()},
+                                      {ENTRYLOADER, boot.GetEntryLoaderCount()}}) {
+        for (int index = 0; index <= std::min(count + 1, kLargestIndex); ++index)
+            check_entry(boot, type, static_cast<uint8_t>(index), input);
+        check_entry(boot, type, kLargestIndex, input);
+        check_names(boot, type);
+        check_saving(boot, type, input);
     }
     uint32_t size = 0;
     uint32_t delay = 0;

@@ -13,15 +13,10 @@ namespace {
 // 2 TiB printed for hours.
 NamedInput refused_padding_of_two_tebibytes() {
     Firmware firmware = small_firmware();
-    for (Item& item : firmware.items)
-        if (item.name == "parameter")
-            item.part_size = 0xFFFFFFFE;
-    Bytes input = firmware.build();
+    firmware.item("parameter").part_size = 0xFFFFFFFE;
     constexpr uint8_t slc = 3;
     constexpr uint8_t spare_of_33_bytes = 5;
-    for (const uint8_t control : {slc, uint8_t{0}, uint8_t{0}, spare_of_33_bytes})
-        input.push_back(control);
-    return {"refused-padding-of-2-tebibytes", input};
+    return {"refused-padding-of-2-tebibytes", firmware.build() + Bytes{slc, 0, 0, spare_of_33_bytes}};
 }
 
 // A plain image of 4 TiB after a write that failed: the way to the verdict took a step for each of its pages,
@@ -32,12 +27,10 @@ NamedInput image_of_four_tebibytes_after_a_failure() {
     Item& data = firmware.item("data");
     data.flash_offset = 0x9000;
     data.size = (uint64_t{1} << 42) - 1024;
-    Bytes input = firmware.build();
     constexpr uint8_t emmc = 0;
     constexpr uint8_t pages_of_1_kilobyte = 2;
-    for (const uint8_t control : {emmc, uint8_t{0}, pages_of_1_kilobyte, uint8_t{0}})
-        input.push_back(control);
-    return {"image-of-4-tebibytes-after-a-failure", input};
+    return {"image-of-4-tebibytes-after-a-failure",
+            firmware.build() + Bytes{emmc, 0, pages_of_1_kilobyte, 0}};
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "fuzz_target.h"
 
-#include "seeds.h"
-
 #include <algorithm>
 
 namespace robustness {
@@ -37,10 +35,8 @@ const std::array<FuzzTarget, 5>& fuzz_targets() {
 }
 
 const FuzzTarget& fuzz_target(std::string_view name) {
-    const auto& targets = fuzz_targets();
-    const auto found = std::find_if(targets.begin(), targets.end(),
-                                    [&](const FuzzTarget& target) { return target.name == name; });
-    if (found == targets.end())
+    const auto found = std::ranges::find(fuzz_targets(), name, &FuzzTarget::name);
+    if (found == fuzz_targets().end())
         throw std::out_of_range("no such target");
     return *found;
 }

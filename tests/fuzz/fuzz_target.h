@@ -50,14 +50,22 @@ void run_parameter_text(const test_support::Bytes& input);
 void run_sparse_expansion(const test_support::Bytes& input);
 void run_conversion(const test_support::Bytes& input);
 
+// Correct inputs of every kind, and the numbers that cost most when they are wild.
+std::vector<NamedInput> boot_container_seeds();
+std::vector<NamedInput> update_image_seeds();
+std::vector<NamedInput> parameter_text_seeds();
+std::vector<NamedInput> sparse_expansion_seeds();
+std::vector<NamedInput> conversion_seeds();
+
 // ---- control bytes: the last bytes of an input choose how it is run ----
 
 class ControlBytes {
 public:
     // An input that is shorter has control bytes of 0 after it.
-    ControlBytes(const test_support::Bytes& input, std::size_t count)
-        : m_body(input.begin(), input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size()))),
-          m_values(input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size())), input.end()) {
+    ControlBytes(const test_support::Bytes& input, std::size_t count) {
+        const auto start = input.end() - static_cast<std::ptrdiff_t>(std::min(count, input.size()));
+        m_body.assign(input.begin(), start);
+        m_values.assign(start, input.end());
         m_values.resize(count);
     }
 
@@ -70,8 +78,8 @@ public:
     }
 
 private:
-    test_support::Bytes m_body;
-    test_support::Bytes m_values;
+    test_support::Bytes m_body{};
+    test_support::Bytes m_values{};
 };
 
 inline constexpr std::size_t kParameterControls = 1;

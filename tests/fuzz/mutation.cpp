@@ -3,7 +3,8 @@
 #include "support/firmware_builder.h"
 
 #include <algorithm>
-#include <string_view>
+#include <string>
+#include <vector>
 
 namespace robustness {
 
@@ -12,34 +13,11 @@ using namespace test_support;
 namespace {
 
 // The words of a parameter text, and numbers whose sums and products wrap.
-constexpr std::string_view kWords[] = {
-    "mtdparts",
-    ":",
-    "uuid:",
-    "=",
-    ",",
-    "@",
-    "(",
-    ")",
-    "-",
-    "0x",
-    "TYPE",
-    "GPT",
-    "\n",
-    "\r\n",
-    "#",
-    " ",
-    ":grow",
-    ":bootable",
-    "0xFFFFFFFF",
-    "0x80000000",
-    "0x",
-    "7a3c19e4-52d0-4f6b-9e81-c0ffee123456",
-    "TYPE: GPT\n",
-    "CMDLINE: mtdparts=flash0:",
-    "0x10@0x20(a)",
-    "-@0x30(b:grow)",
-};
+const std::vector<std::string> kWords =
+    split("mtdparts|:|uuid:|=|,|@|(|)|-|0x|TYPE|GPT|\n|\r\n|#| |:grow|:bootable|0xFFFFFFFF|0x80000000|0x|"
+          "7a3c19e4-52d0-4f6b-9e81-c0ffee123456|TYPE: GPT\n|CMDLINE: mtdparts=flash0:|0x10@0x20(a)|"
+          "-@0x30(b:grow)",
+          '|');
 
 // Parts of the input whose bytes belong together.
 std::vector<Span> regions(const Structure& structure) {
@@ -125,7 +103,7 @@ void Mutation::change_region(Bytes& input, const Structure& structure) {
 
 // Into the parameter text where there is one, over what follows; else anywhere, moving it.
 void Mutation::insert_word(Bytes& input) {
-    const Bytes word = to_bytes(kWords[below(std::size(kWords))]);
+    const Bytes word = to_bytes(kWords[below(kWords.size())]);
     const Structure structure = m_target.structure(input);
     if (structure.parameter && structure.parameter->size > 8 + word.size()) {
         const std::size_t room = structure.parameter->size - 8 - word.size();

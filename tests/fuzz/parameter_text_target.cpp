@@ -1,9 +1,9 @@
 // The parameter text: partition list, UUID lines and GPT flag, the GPT that is made of them, and the
 // parameter partition.
 
-#include "conversion.h"
 #include "fuzz_target.h"
-#include "single_item.h"
+#include "scratch_storage.h"
+#include "support/process_limits.h"
 
 #include <memory>
 
@@ -69,15 +69,14 @@ void run_parameter_text(const Bytes& input) {
 
     const Bytes record = text.flag(0, 7) ? text.body() : parameter_record(to_text(text.body()));
     const STRUCT_QZIMAGE_ITEM item = firmware.write(record);
-    OpenStorage storage(FLASH_SPI_NAND, 8, page_kb, 0, firmware.files().firmware, firmware.files().output,
-                        false);
+    OpenStorage storage(FLASH_SPI_NAND, 8, page_kb, 0, firmware.firmware(), firmware.out_dir(), false);
     require(storage.storage_init(), "the firmware around the text was not loaded");
     check_parsing(storage, text.body());
     check_pieces(storage, text.body());
     STRUCT_QZIMAGE_ITEM asked = item;
     storage.get_gpt_flag(asked);
     check_partition(storage, item, part_sectors);
-    firmware.files().clear_output();
+    firmware.empty_output();
 }
 
 }  // namespace robustness

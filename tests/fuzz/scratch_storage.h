@@ -1,43 +1,55 @@
 #pragma once
 
-// A storage object with its steps and members in the open, over a firmware in a scratch directory.
+// Storage objects over a firmware in a scratch directory.
 
-#include "scratch_directory.h"
 #include "storage/storage_impl.h"
+#include "support/work_directory.h"
 
-#include <filesystem>
-#include <string>
+#include <algorithm>
 
 namespace robustness {
 
+// A storage object with its steps and members in the open.
 class OpenStorage : public CStorage {
 public:
     using CStorage::CStorage;
 
     using CStorage::close_output;
     using CStorage::m_fill_byte;
-    using CStorage::m_fout;
-    using CStorage::m_paramBuffer;
     using CStorage::m_uiParamFileSize;
     using CStorage::m_update_image_ptr;
-    using CStorage::m_write_failure;
     using CStorage::switch_output;
 };
 
 // No output file grows beyond this in a fuzzed run: such a write fails, and the run goes on to its verdict.
 inline constexpr uint64_t kLargestFuzzedFile = 6 * 1024 * 1024;
 
-struct ScratchFiles {
-    ScratchDirectory top{};
-    std::filesystem::path firmware = top / "firmware.img";
-    std::filesystem::path output = top / "out";
-
-    ScratchFiles() { std::filesystem::create_directory(output); }
-
-    void clear_output() const {
-        for (const auto& entry : std::filesystem::directory_iterator(output))
-            std::filesystem::remove_all(entry.path());
+// A firmware whose only item is the bytes that are fuzzed, at its very end.
+class SingleItem : public test_support::WorkDirectory {
+public:
+    explicit SingleItem(const std::string& name) : WorkDirectory(test_support::memory_directory()) {
+        test_support::Firmware packed;
+        packed.boot.loader.entries = {{.name = "FlashData", .data = {1, 2, 3}}};
+        packed.items = {{.name = name}};
+        packed.item_alignment = 1;
+        packed.md5.clear();
+        m_front = packed.build();
+        m_item.offset =
+            static_cast<uint32_t>(packed.layout().item_data.at(0) - packed.layout().package_offset);
+        m_item.part_size = test_support::kGrowsToEnd;
+        std::copy(name.begin(), name.end(), m_item.name);
     }
+
+    // Writes the firmware and gives the record of the item.
+    STRUCT_QZIMAGE_ITEM write(const test_support::Bytes& data) {
+        pack(test_support::operator+(m_front, data));
+        m_item.size = static_cast<uint32_t>(data.size());
+        return m_item;
+    }
+
+private:
+    test_support::Bytes m_front;
+    STRUCT_QZIMAGE_ITEM m_item{};
 };
 
 }  // namespace robustness

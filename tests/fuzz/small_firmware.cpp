@@ -13,40 +13,23 @@ SparseImage small_sparse_image() {
     return image;
 }
 
-Firmware small_firmware(const SmallFirmwareOptions& options) {
-    Firmware firmware;
-    firmware.boot.rc4_flag = options.scramble_stages ? 1 : 0;
-    firmware.boot.entries_471.entries = {{.name = "MemoryInit", .data = patterned(24, 11), .delay = 1}};
-    firmware.boot.entries_472.entries = {{.name = "UsbLoader", .data = patterned(40, 12), .delay = 2}};
-    firmware.boot.loader.entries = {{.name = "FlashData", .data = patterned(600, 13)},
-                                    {.name = "FlashBoot", .data = patterned(520, 14)}};
+Firmware small_firmware(const SampleOptions& options) {
+    Firmware firmware = sample_firmware(options);
+    firmware.boot.entries_471.entries[0].data = patterned(24, 11);
+    firmware.boot.entries_472.entries[0].data = patterned(40, 12);
+    firmware.boot.loader.entries[0].data = patterned(600, 13);
+    firmware.boot.loader.entries[1].data = patterned(520, 14);
 
     // Close after the boot block copies, so that the images stay small.
     const uint32_t first = 0x500;
-    const Partition boot{"boot", first, 0x10};
-    const Partition rootfs{"rootfs:bootable", first + 0x10, 0x20};
-    const Partition data{"data:grow", first + 0x30, std::nullopt};
-    const std::string text = parameter_text({boot, rootfs, data}, options.gpt,
-                                            {{"rootfs", "7a3c19e4-52d0-4f6b-9e81-c0ffee123456"}});
+    const std::string text = parameter_text({{"boot", first, 0x10},
+                                             {"rootfs:bootable", first + 0x10, 0x20},
+                                             {"data:grow", first + 0x30, std::nullopt}},
+                                            options.gpt, {{"rootfs", kSampleUuid}});
     firmware.item_alignment = 16;
-    firmware.items = {
-        {.name = "parameter", .file = "parameter.txt", .part_size = 0x40, .data = parameter_record(text)},
-        {.name = "boot",
-         .file = "boot.img",
-         .part_size = *boot.size,
-         .flash_offset = boot.offset,
-         .data = patterned(700, 15)},
-        {.name = "rootfs",
-         .file = "rootfs.img",
-         .part_size = *rootfs.size,
-         .flash_offset = rootfs.offset,
-         .data = small_sparse_image().build()},
-        {.name = "data",
-         .file = "data.img",
-         .part_size = kGrowsToEnd,
-         .flash_offset = data.offset,
-         .data = patterned(100, 16)},
-    };
+    firmware.items = {parameter_item(text, 0x40), partition_item("boot", first, 0x10, patterned(700, 15)),
+                      partition_item("rootfs", first + 0x10, 0x20, small_sparse_image().build()),
+                      partition_item("data", first + 0x30, kGrowsToEnd, patterned(100, 16))};
     return firmware;
 }
 

@@ -6,17 +6,9 @@
 #include "support/firmware_builder.h"
 #include "support/sparse_builder.h"
 
-#include <cstdint>
-#include <string>
-
 namespace robustness {
 
-struct SmallFirmwareOptions {
-    bool gpt = false;
-    bool scramble_stages = false;
-};
-
-test_support::Firmware small_firmware(const SmallFirmwareOptions& options = {});
+test_support::Firmware small_firmware(const test_support::SampleOptions& options = {});
 
 // The sparse image of small_firmware: blocks of 512 bytes, two raw chunks, a fill, a don't-care, a checksum.
 test_support::SparseImage small_sparse_image();

@@ -74,50 +74,38 @@ void find_items(const Bytes& bytes, Structure& structure) {
     }
 }
 
-void add_container_fields(std::vector<Field>& fields, const Structure& structure) {
-    const std::size_t container = structure.container->offset;
-    const auto add = [&](const std::string& name, std::size_t position, unsigned width) {
-        fields.push_back({"container " + name, position, width});
-    };
-    add("head_size", container + boot_field::kHeadSize, 2);
-    add("count_471", container + boot_field::kCount471, 1);
-    add("offset_471", container + boot_field::kOffset471, 4);
-    add("size_471", container + boot_field::kSize471, 1);
-    add("count_472", container + boot_field::kCount472, 1);
-    add("offset_472", container + boot_field::kOffset472, 4);
-    add("size_472", container + boot_field::kSize472, 1);
-    add("count_loader", container + boot_field::kCountLoader, 1);
-    add("offset_loader", container + boot_field::kOffsetLoader, 4);
-    add("size_loader", container + boot_field::kSizeLoader, 1);
-    for (std::size_t record = container + boot_field::kHeadBytes;
-         record + boot_entry_field::kRecordBytes <= structure.container_tables_end;
-         record += boot_entry_field::kRecordBytes) {
-        const std::string entry = "entry at " + std::to_string(record - container) + " ";
-        add(entry + "record_size", record + boot_entry_field::kRecordSize, 1);
-        add(entry + "data_offset", record + boot_entry_field::kDataOffset, 4);
-        add(entry + "data_size", record + boot_entry_field::kDataSize, 4);
+// Adds the fields, whose positions count from the base.
+void add(std::vector<Field>& fields, const std::string& what, std::size_t base,
+         const std::vector<Field>& relative) {
+    for (Field field : relative) {
+        field.name = what + " " + field.name;
+        field.position += base;
+        if (field.mark_position)
+            *field.mark_position += base;
+        fields.push_back(field);
     }
 }
 
-void add_head_fields(std::vector<Field>& fields) {
-    fields.push_back({"head_size", head_field::kHeadSize, 2});
-    fields.push_back({"boot_offset", head_field::kBootOffset, 4});
-    fields.push_back({"boot_size", head_field::kBootSize, 4});
-    fields.push_back({"package_offset", head_field::kPackageOffset, 4});
-    fields.push_back({"package_size", head_field::kPackageSize, 4});
-    fields.push_back({"backup_size", head_field::kBackupSize, 2});
-    fields.push_back({"package_size_high", head_field::kPackageSizeHigh, 4, head_field::kLargeMark, "HI"});
-}
-
-void add_package_fields(std::vector<Field>& fields, std::size_t package) {
-    fields.push_back({"package size", package + package_field::kSize, 4});
-    fields.push_back({"item_count", package + package_field::kItemCount, 4});
-    fields.push_back({"count_extension", package + package_field::kCountExtension, 2,
-                      package + package_field::kCountExtensionMark, "Uf"});
-}
-
-void append(std::vector<Field>& fields, const std::vector<Field>& more) {
-    fields.insert(fields.end(), more.begin(), more.end());
+void add_container_fields(std::vector<Field>& fields, const Structure& structure) {
+    const std::size_t container = structure.container->offset;
+    add(fields, "container", container,
+        {{"head_size", boot_field::kHeadSize, 2},
+         {"count_471", boot_field::kCount471, 1},
+         {"offset_471", boot_field::kOffset471, 4},
+         {"size_471", boot_field::kSize471, 1},
+         {"count_472", boot_field::kCount472, 1},
+         {"offset_472", boot_field::kOffset472, 4},
+         {"size_472", boot_field::kSize472, 1},
+         {"count_loader", boot_field::kCountLoader, 1},
+         {"offset_loader", boot_field::kOffsetLoader, 4},
+         {"size_loader", boot_field::kSizeLoader, 1}});
+    for (std::size_t record = container + boot_field::kHeadBytes;
+         record + boot_entry_field::kRecordBytes <= structure.container_tables_end;
+         record += boot_entry_field::kRecordBytes)
+        add(fields, "container entry at " + std::to_string(record - container), record,
+            {{"record_size", boot_entry_field::kRecordSize, 1},
+             {"data_offset", boot_entry_field::kDataOffset, 4},
+             {"data_size", boot_entry_field::kDataSize, 4}});
 }
 
 }  // namespace
@@ -162,46 +150,58 @@ std::vector<Field> sparse_fields(const Structure& structure) {
     std::vector<Field> fields;
     if (!structure.sparse)
         return fields;
-    const auto add = [&](const std::string& name, std::size_t position, unsigned width) {
-        fields.push_back({"sparse " + name, position, width});
-    };
-    add("file_header_size", *structure.sparse + sparse_field::kFileHeaderSize, 2);
-    add("chunk_header_size", *structure.sparse + sparse_field::kChunkHeaderSize, 2);
-    add("block_size", *structure.sparse + sparse_field::kBlockSize, 4);
-    add("total_blocks", *structure.sparse + sparse_field::kTotalBlocks, 4);
-    add("total_chunks", *structure.sparse + sparse_field::kTotalChunks, 4);
-    for (const std::size_t chunk : structure.chunks) {
-        add("chunk blocks", chunk + sparse_field::kChunkBlocks, 4);
-        add("chunk total_size", chunk + sparse_field::kChunkTotalSize, 4);
-    }
+    add(fields, "sparse", *structure.sparse,
+        {{"file_header_size", sparse_field::kFileHeaderSize, 2},
+         {"chunk_header_size", sparse_field::kChunkHeaderSize, 2},
+         {"block_size", sparse_field::kBlockSize, 4},
+         {"total_blocks", sparse_field::kTotalBlocks, 4},
+         {"total_chunks", sparse_field::kTotalChunks, 4}});
+    for (const std::size_t chunk : structure.chunks)
+        add(fields, "sparse chunk", chunk,
+            {{"blocks", sparse_field::kChunkBlocks, 4}, {"total_size", sparse_field::kChunkTotalSize, 4}});
     return fields;
 }
 
 std::vector<Field> item_fields(const std::string& item, std::size_t record) {
-    return {
-        {item + " part_size", record + item_field::kPartSize, 4},
-        {item + " offset", record + item_field::kOffset, 4},
-        {item + " flash_offset", record + item_field::kFlashOffset, 4},
-        {item + " use_space", record + item_field::kUseSpace, 4},
-        {item + " size", record + item_field::kSize, 4},
-        {item + " offset_high", record + item_field::kOffsetHigh, 4, record + item_field::kOffsetMark, "H"},
-        {item + " size_high", record + item_field::kSizeHigh, 4, record + item_field::kSizeMark, "H"},
-    };
+    std::vector<Field> fields;
+    add(fields, item, record,
+        {{"part_size", item_field::kPartSize, 4},
+         {"offset", item_field::kOffset, 4},
+         {"flash_offset", item_field::kFlashOffset, 4},
+         {"use_space", item_field::kUseSpace, 4},
+         {"size", item_field::kSize, 4},
+         {"offset_high", item_field::kOffsetHigh, 4, item_field::kOffsetMark, "H"},
+         {"size_high", item_field::kSizeHigh, 4, item_field::kSizeMark, "H"}});
+    return fields;
 }
 
 std::vector<Field> number_fields(const Structure& structure) {
     std::vector<Field> fields;
+    const auto append = [&fields](const std::vector<Field>& more) {
+        fields.insert(fields.end(), more.begin(), more.end());
+    };
     if (structure.container)
         add_container_fields(fields, structure);
     if (structure.head)
-        add_head_fields(fields);
+        add(fields, "head", 0,
+            {{"head_size", head_field::kHeadSize, 2},
+             {"boot_offset", head_field::kBootOffset, 4},
+             {"boot_size", head_field::kBootSize, 4},
+             {"package_offset", head_field::kPackageOffset, 4},
+             {"package_size", head_field::kPackageSize, 4},
+             {"backup_size", head_field::kBackupSize, 2},
+             {"package_size_high", head_field::kPackageSizeHigh, 4, head_field::kLargeMark, "HI"}});
     if (structure.package)
-        add_package_fields(fields, *structure.package);
+        add(fields, "package", *structure.package,
+            {{"size", package_field::kSize, 4},
+             {"item_count", package_field::kItemCount, 4},
+             {"count_extension", package_field::kCountExtension, 2, package_field::kCountExtensionMark,
+              "Uf"}});
     for (std::size_t i = 0; i < structure.items.size(); ++i)
-        append(fields, item_fields("item " + std::to_string(i), structure.items[i]));
+        append(item_fields("item " + std::to_string(i), structure.items[i]));
     if (structure.parameter)
         fields.push_back({"parameter length", structure.parameter->offset + 4, 4});
-    append(fields, sparse_fields(structure));
+    append(sparse_fields(structure));
     return fields;
 }
 
@@ -215,8 +215,8 @@ uint64_t field_value(const Bytes& bytes, const Field& field) {
 void bend_field(Bytes& bytes, const Field& field, uint64_t value) {
     for (unsigned i = 0; i < field.width; ++i)
         bytes.at(field.position + i) = static_cast<uint8_t>(value >> (8 * i));
-    if (field.mark_position != 0)
-        put_bytes_at(bytes, field.mark_position, to_bytes(field.mark));
+    if (field.mark_position)
+        put_bytes_at(bytes, *field.mark_position, to_bytes(field.mark));
 }
 
 }  // namespace robustness

@@ -43,8 +43,8 @@ void repair_checksum(test_support::Bytes& bytes, const Structure& structure);
 struct Field {
     std::string name{};
     std::size_t position = 0;
-    unsigned width = 4;             // bytes
-    std::size_t mark_position = 0;  // not 0: where `mark` has to stand for the field to count
+    unsigned width = 4;                          // bytes
+    std::optional<std::size_t> mark_position{};  // where `mark` has to stand for the field to count
     std::string mark{};
 
     // The largest number of that width.

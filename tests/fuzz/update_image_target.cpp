@@ -1,9 +1,9 @@
 // The update image: its head, its trailer, reads from anywhere in it, and the item table of its package.
 
-#include "conversion.h"
 #include "firmware/QZImage.h"
 #include "fuzz_target.h"
 #include "scratch_storage.h"
+#include "support/process_limits.h"
 
 #include <algorithm>
 
@@ -13,9 +13,9 @@ using namespace test_support;
 
 namespace {
 
-const ScratchFiles& scratch() {
-    static const ScratchFiles files;
-    return files;
+const WorkDirectory& scratch() {
+    static const WorkDirectory directory(memory_directory());
+    return directory;
 }
 
 bool is_known_result(int code) {
@@ -45,8 +45,7 @@ void check_reads(CQZImage& image, const Bytes& file) {
             check_read(image, file, offset, size);
 }
 
-void check_saved(bool saved, const std::filesystem::path& path, const Bytes& file, uint64_t offset,
-                 uint64_t size) {
+void check_saved(bool saved, const fs::path& path, const Bytes& file, uint64_t offset, uint64_t size) {
     if (!saved || size == 0)  // nothing can be saved from anywhere
         return;
     require(offset <= file.size() && size <= file.size() - offset, "more was saved than there is");
@@ -55,7 +54,7 @@ void check_saved(bool saved, const std::filesystem::path& path, const Bytes& fil
 
 void check_image(const Bytes& file) {
     CQZImage image;
-    const int code = image.ObjectInit(scratch().firmware, false);
+    const int code = image.ObjectInit(scratch().firmware(), false);
     require(is_known_result(code), "unknown result of loading an image");
     if (code != 0)
         return;
@@ -74,14 +73,14 @@ void check_image(const Bytes& file) {
     image.GetReservedData(reserved, reserved_size);
     require(reserved_size == 61 && reserved != nullptr, "wrong size of the extension");
 
-    const std::filesystem::path saved = scratch().output / "saved";
+    const fs::path saved = scratch().out("saved");
     check_saved(image.SaveBootFile(saved), saved, file, image.BootOffset, image.BootSize);
     check_saved(image.SaveFWFile(saved), saved, file, image.FWOffset, image.FWSize);
-    require(!image.SaveFWFile(scratch().firmware), "the firmware was written over itself");
+    require(!image.SaveFWFile(scratch().firmware()), "the firmware was written over itself");
 }
 
 void check_item_table() {
-    OpenStorage storage(FLASH_SPI_NAND, 8, 2, 0, scratch().firmware, scratch().output, false);
+    OpenStorage storage(FLASH_SPI_NAND, 8, 2, 0, scratch().firmware(), scratch().out_dir(), false);
     if (!storage.storage_init())
         return;
     std::vector<STRUCT_QZIMAGE_ITEM> items;
@@ -93,26 +92,23 @@ void check_item_table() {
         storage.is_sparse_image(item);
         storage.get_sparse_size(item);
     }
-    const auto parameter_item = std::find_if(items.begin(), items.end(), [](const STRUCT_QZIMAGE_ITEM& item) {
-        return item_name(item) == "parameter";
-    });
-    if (parameter_item == items.end())
+    const auto parameter = std::ranges::find(items, std::string("parameter"), item_name);
+    if (parameter == items.end())
         return;
-    STRUCT_QZIMAGE_ITEM& parameter = *parameter_item;
-    storage.get_gpt_flag(parameter);
-    if (storage.make_param_buffer(parameter))
-        require(storage.m_uiParamFileSize == parameter.size, "a parameter record of another size");
+    storage.get_gpt_flag(*parameter);
+    if (storage.make_param_buffer(*parameter))
+        require(storage.m_uiParamFileSize == parameter->size, "a parameter record of another size");
 }
 
 }  // namespace
 
 void run_update_image(const Bytes& input) {
     const FileSizeLimit limit(kLargestFuzzedFile);
-    write_file(scratch().firmware, input);
+    scratch().pack(input);
     check_image(input);
     check_item_table();
-    require(read_file(scratch().firmware) == input, "the firmware was changed");
-    scratch().clear_output();
+    require(scratch().damage(input).empty(), "the firmware was changed, or something stands beside it");
+    scratch().empty_output();
 }
 
 }  // namespace robustness
