@@ -15,68 +15,44 @@ namespace {
 
 namespace slow {
 
-constexpr int kFieldDegree = 14;
-constexpr int kFieldOrder = (1 << kFieldDegree) - 1;
-constexpr int kLowPolynomial = 0x1D5;  // x^14 = x^8 + x^7 + x^6 + x^4 + x^2 + 1
-
-struct Field {
-    std::vector<int> power;      // power[i] = alpha^i
-    std::vector<int> logarithm;  // the inverse, -1 for 0
-
-    Field() : power(kFieldOrder), logarithm(kFieldOrder + 1, -1) {
-        int value = 1;
-        for (int i = 0; i < kFieldOrder; ++i) {
-            power[static_cast<std::size_t>(i)] = value;
-            logarithm[static_cast<std::size_t>(value)] = i;
-            const bool overflows = (value & 0x2000) != 0;
-            value = overflows ? kLowPolynomial ^ ((value ^ 0x2000) << 1) : value << 1;
-        }
-    }
-
-    int times_power(int value, int exponent) const {
-        if (value == 0)
-            return 0;
-        const int sum = logarithm[static_cast<std::size_t>(value)] + exponent;
-        return power[static_cast<std::size_t>(sum % kFieldOrder)];
-    }
-};
-
-// Exponents of the generator's roots: the cyclotomic cosets of 1 to 2t.
-std::set<int> root_exponents(unsigned t) {
-    std::set<int> exponents;
-    for (int first = 1; first <= static_cast<int>(2 * t); ++first) {
-        int exponent = first;
-        for (int j = 0; j < kFieldDegree; ++j) {
-            exponents.insert(exponent);
-            exponent = exponent * 2 % kFieldOrder;
-        }
-    }
-    return exponents;
+int times_alpha(int element) {
+    constexpr int low_polynomial = 0x1D5;  // x^14 = x^8 + x^7 + x^6 + x^4 + x^2 + 1
+    return (element & 0x2000) != 0 ? low_polynomial ^ ((element ^ 0x2000) << 1) : element << 1;
 }
 
-// Coefficients of the generator, index = power of x. They all come out as 0 or 1.
-std::vector<int> generator_polynomial(unsigned t) {
-    const Field field;
-    std::vector<int> generator{1};
-    for (const int root : root_exponents(t)) {
-        std::vector<int> product(generator.size() + 1, 0);
-        for (std::size_t k = 0; k < generator.size(); ++k) {
-            product[k + 1] ^= generator[k];
-            product[k] ^= field.times_power(generator[k], root);
-        }
-        generator = std::move(product);
+int multiply(int a, int b) {
+    int product = 0;
+    for (; b != 0; b >>= 1, a = times_alpha(a))
+        product ^= (b & 1) != 0 ? a : 0;
+    return product;
+}
+
+// The generator's roots: alpha^1 to alpha^2t and their conjugates.
+std::set<int> roots(unsigned t) {
+    std::set<int> roots;
+    int element = 1;
+    for (unsigned exponent = 1; exponent <= 2 * t; ++exponent) {
+        element = times_alpha(element);
+        for (int conjugate = element; roots.insert(conjugate).second;)
+            conjugate = multiply(conjugate, conjugate);
     }
-    return generator;
+    return roots;
 }
 
 class Encoder {
 public:
     explicit Encoder(unsigned t) {
-        const std::vector<int> generator = generator_polynomial(t);
-        m_degree = generator.size() - 1;
-        for (std::size_t b = 0; b < m_degree; ++b)
-            m_taps.push_back(static_cast<uint8_t>(generator[m_degree - 1 - b]));
-        m_correction.assign(m_degree, 0);
+        std::vector<int> generator{1};  // index = power of x; the coefficients all come out as 0 or 1
+        for (const int root : roots(t)) {
+            std::vector<int> product(generator.size() + 1, 0);
+            for (std::size_t k = 0; k < generator.size(); ++k) {
+                product[k + 1] ^= generator[k];
+                product[k] ^= multiply(generator[k], root);
+            }
+            generator = std::move(product);
+        }
+        m_taps.assign(generator.rbegin() + 1, generator.rend());
+        m_correction.assign(m_taps.size(), 0);
         if (t == 16 || t == 24 || t == 60) {
             const Bytes erased(kBchMessageBytes, 0xFF);
             m_correction = remainder(erased.data());
@@ -86,9 +62,9 @@ public:
     }
 
     Bytes parity(const uint8_t* message) const {
-        const std::vector<uint8_t> bits = remainder(message);
-        Bytes bytes((m_degree + 7) / 8, 0);
-        for (std::size_t b = 0; b < m_degree; ++b) {
+        const Bytes bits = remainder(message);
+        Bytes bytes((bits.size() + 7) / 8, 0);
+        for (std::size_t b = 0; b < bits.size(); ++b) {
             const unsigned bit = static_cast<unsigned>(bits[b] ^ m_correction[b]);
             bytes[b / 8] = static_cast<uint8_t>(bytes[b / 8] | (bit << (b % 8)));
         }
@@ -97,22 +73,21 @@ public:
 
 private:
     // The register after the last message bit: element b is the coefficient of x^(degree - 1 - b).
-    std::vector<uint8_t> remainder(const uint8_t* message) const {
-        std::vector<uint8_t> shift_register(m_degree, 0);
+    Bytes remainder(const uint8_t* message) const {
+        Bytes shift_register(m_taps.size(), 0);
         for (std::size_t i = 0; i < kBchMessageBits; ++i) {
             const unsigned input = static_cast<unsigned>(message[i / 8]) >> (i % 8) & 1U;
             const bool feedback = (input ^ shift_register[0]) != 0;
             std::copy(shift_register.begin() + 1, shift_register.end(), shift_register.begin());
             shift_register.back() = 0;
-            for (std::size_t b = 0; feedback && b < m_degree; ++b)
+            for (std::size_t b = 0; feedback && b < m_taps.size(); ++b)
                 shift_register[b] ^= m_taps[b];
         }
         return shift_register;
     }
 
-    std::size_t m_degree = 0;
-    std::vector<uint8_t> m_taps{};
-    std::vector<uint8_t> m_correction{};
+    Bytes m_taps{};
+    Bytes m_correction{};
 };
 
 }  // namespace slow
@@ -170,11 +145,10 @@ struct SyndromeTable {
             low[k] = field().multiply(static_cast<Element>(k), step);
             high[k] = field().multiply(static_cast<Element>(k << 7), step);
         }
-        for (uint32_t value = 0; value < byte.size(); ++value) {
+        for (uint32_t value = 0; value < byte.size(); ++value)
             for (uint32_t bit = 0; bit < 8; ++bit)
                 if ((value >> bit & 1U) != 0)  // bit 0 comes first, so it has the highest power
-                    byte[value] = static_cast<Element>(byte[value] ^ field().alpha(uint64_t{7 - bit} * j));
-        }
+                    byte[value] ^= field().alpha(uint64_t{7 - bit} * j);
     }
 
     Element after(Element syndrome, uint8_t next) const {
@@ -194,21 +168,14 @@ public:
     DecodeResult decode(const uint8_t* message, const uint8_t* parity) const {
         const Bytes word = received_word(message, parity);
         const std::vector<Element> odd = odd_syndromes(word);
-        DecodeResult result;
-        if (std::all_of(odd.begin(), odd.end(), [](Element syndrome) { return syndrome == 0; })) {
-            result.status = DecodeResult::Status::clean;
-            return result;
-        }
+        if (odd == std::vector<Element>(odd.size(), 0))
+            return {DecodeResult::Status::clean, {}};
         const Polynomial locator = error_locator(all_syndromes(odd));
         const std::size_t errors = locator.size() - 1;
-        if (errors > m_t)
-            return result;
-        result.wrong_bits = roots(locator);
-        if (result.wrong_bits.size() == errors)
-            result.status = DecodeResult::Status::corrected;
-        else
-            result.wrong_bits.clear();
-        return result;
+        const std::vector<std::size_t> positions = errors > m_t ? std::vector<std::size_t>{} : roots(locator);
+        if (positions.size() != errors)
+            return {};
+        return {DecodeResult::Status::corrected, positions};
     }
 
 private:
@@ -262,10 +229,8 @@ private:
         Element previous_discrepancy = 1;
         for (std::size_t n = 1; n < syndromes.size(); ++n) {
             Element discrepancy = 0;
-            for (std::size_t i = 0; i < current.size() && i < n; ++i) {
-                discrepancy =
-                    static_cast<Element>(discrepancy ^ field().multiply(current[i], syndromes[n - i]));
-            }
+            for (std::size_t i = 0; i < current.size() && i < n; ++i)
+                discrepancy ^= field().multiply(current[i], syndromes[n - i]);
             if (discrepancy == 0) {
                 ++gap;
                 continue;
@@ -273,10 +238,8 @@ private:
             const Polynomial before = current;
             const Element factor = field().divide(discrepancy, previous_discrepancy);
             current.resize(std::max(current.size(), previous.size() + gap), 0);
-            for (std::size_t i = 0; i < previous.size(); ++i) {
-                const Element term = field().multiply(factor, previous[i]);
-                current[i + gap] = static_cast<Element>(current[i + gap] ^ term);
-            }
+            for (std::size_t i = 0; i < previous.size(); ++i)
+                current[i + gap] ^= field().multiply(factor, previous[i]);
             if (2 * length < n) {
                 length = n - length;
                 previous = before;
@@ -301,10 +264,8 @@ private:
             const std::size_t power = word_bits() - 1 - position;
             const uint64_t inverse = (kOrder - power % kOrder) % kOrder;
             Element value = 0;
-            for (std::size_t i = 0; i < locator.size(); ++i) {
-                value =
-                    static_cast<Element>(value ^ field().multiply(locator[i], field().alpha(inverse * i)));
-            }
+            for (std::size_t i = 0; i < locator.size(); ++i)
+                value ^= field().multiply(locator[i], field().alpha(inverse * i));
             if (value == 0)
                 positions.push_back(position);
         }

@@ -9,12 +9,7 @@
 #include <charconv>
 #include <fcntl.h>
 #include <iostream>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 #include <sys/stat.h>
-#include <vector>
 
 namespace fs = std::filesystem;
 using namespace test_support;
@@ -22,9 +17,6 @@ using namespace test_support;
 namespace {
 
 constexpr time_t kBuildTime = 1700000000;  // of every file in the image
-constexpr std::string_view kRootfsUuid = "7a3c19e4-52d0-4f6b-9e81-c0ffee123456";
-constexpr uint64_t kMib = uint64_t{1} << 20;
-constexpr uint64_t kIb = 1024;
 
 // Partition starts in sectors. The boot block copies of an eMMC with large erase blocks reach beyond sector
 // 9000, so the first partition after the table starts at sector 0x4000 (8 MiB).
@@ -83,10 +75,6 @@ Arguments parse_arguments(const std::vector<std::string>& words) {
 
 // ---- tools ----
 
-std::string first_line(const std::string& text) {
-    return text.substr(0, text.find('\n'));
-}
-
 // Runs a tool whose output depends on nothing but its input: fixed clock, fixed time zone.
 void run_tool(const std::string& name, const std::vector<std::string>& arguments) {
     const fs::path program = find_program(name);
@@ -102,7 +90,7 @@ void run_tool(const std::string& name, const std::vector<std::string>& arguments
     const RunResult result = run_program(program.string(), arguments, options);
     if (!result.succeeded()) {
         const std::string& said = result.err.empty() ? result.out : result.err;
-        throw std::runtime_error(name + " failed: " + first_line(said));
+        throw std::runtime_error(name + " failed: " + said.substr(0, said.find('\n')));
     }
 }
 
@@ -142,25 +130,22 @@ void make_root_tree(const fs::path& root, uint64_t size) {
 
     uint64_t written = 180 * kIb;
     for (uint32_t i = 0; written < size; ++i) {
+        const auto add = [&](const std::string& path, const Bytes& bytes) {
+            write_file(root / path, bytes);
+            written += bytes.size();
+        };
         const std::string number = std::to_string(i);
-        const std::size_t library_size = 200 * kIb + i * 7919 % (300 * kIb);
-        const std::size_t log_size = 100 * kIb + i * 104729 % (150 * kIb);
-        const std::size_t database_size = 256 * kIb;
-        const std::size_t setting_size = 10 + i * 31 % 4000;
-        write_file(root / ("lib/lib" + number + ".so.1"), patterned(library_size, 1000 + i));
+        add("lib/lib" + number + ".so.1", patterned(200 * kIb + i * 7919 % (300 * kIb), 1000 + i));
         fs::create_symlink("lib" + number + ".so.1", root / ("lib/lib" + number + ".so"));
-        write_file(root / ("var/log/service" + number + ".log"), text_file(log_size, 2000 + i));
-        write_file(root / ("var/lib/data/table" + number + ".db"), zero_heavy_file(database_size, 3000 + i));
-        const fs::path settings = root / ("etc/conf.d/service" + number);
-        fs::create_directory(settings);
-        write_file(settings / "settings.conf", text_file(setting_size, 4000 + i));
-        written += library_size + log_size + database_size + setting_size;
+        add("var/log/service" + number + ".log", text_file(100 * kIb + i * 104729 % (150 * kIb), 2000 + i));
+        add("var/lib/data/table" + number + ".db", zero_heavy_file(256 * kIb, 3000 + i));
+        fs::create_directory(root / ("etc/conf.d/service" + number));
+        add("etc/conf.d/service" + number + "/settings.conf", text_file(10 + i * 31 % 4000, 4000 + i));
     }
 }
 
 void set_build_time(const fs::path& path) {
-    const timespec stamp{kBuildTime, 0};
-    const timespec both[2] = {stamp, stamp};
+    const timespec both[2] = {{kBuildTime, 0}, {kBuildTime, 0}};
     if (utimensat(AT_FDCWD, path.c_str(), both, AT_SYMLINK_NOFOLLOW) != 0)
         throw std::runtime_error("cannot set the time of " + path.string());
 }
@@ -203,19 +188,14 @@ void make_ext4(const Arguments& arguments, const fs::path& scratch, const fs::pa
     make_root_tree(tree, arguments.rootfs_mb * kMib);
     set_modes_and_times(tree);
     const uint64_t image_mb = arguments.rootfs_mb * 3 / 2 + 8;  // journal and inode tables take their share
-    run_tool(
-        "mke2fs",
-        {"-q",           "-F",
-         "-t",           "ext4",
-         "-b",           "4096",
-         "-I",           "256",
-         "-m",           "1",
-         "-L",           "rootfs",
-         "-O",           "has_journal,extent,64bit,flex_bg,metadata_csum,sparse_super,large_file,dir_index",
-         "-U",           std::string(kRootfsUuid),
-         "-E",           "root_owner=0:0,hash_seed=" + std::string(kRootfsUuid),
-         "-d",           tree.string(),
-         image.string(), std::to_string(image_mb) + "M"});
+    std::vector<std::string> options =
+        split("-q -F -t ext4 -b 4096 -I 256 -m 1 -L rootfs -O has_journal,extent,"
+              "64bit,flex_bg,metadata_csum,sparse_super,large_file,dir_index",
+              ' ');
+    const std::string uuid = kSampleUuid;
+    options.insert(options.end(), {"-U", uuid, "-E", "root_owner=0:0,hash_seed=" + uuid, "-d", tree, image,
+                                   std::to_string(image_mb) + "M"});
+    run_tool("mke2fs", options);
     fix_owners_and_times(tree, image, scratch / "owners_and_times.debugfs");
 }
 
@@ -264,16 +244,6 @@ Bytes misc_image() {
 
 // ---- firmware ----
 
-BootContainer boot_container() {
-    BootContainer boot;
-    boot.rc4_flag = 1;
-    boot.entries_471.entries = {{.name = "MemoryInit", .data = patterned(24003, 41), .delay = 1}};
-    boot.entries_472.entries = {{.name = "UsbLoader", .data = patterned(150001, 42), .delay = 0}};
-    boot.loader.entries = {{.name = "FlashData", .data = patterned(61003, 43)},
-                           {.name = "FlashBoot", .data = patterned(283451, 44)}};
-    return boot;
-}
-
 Firmware make_firmware(const Arguments& arguments, const fs::path& scratch) {
     uint64_t rootfs_bytes = 0;
     Bytes rootfs = rootfs_image(arguments, scratch, rootfs_bytes);
@@ -283,38 +253,23 @@ Firmware make_firmware(const Arguments& arguments, const fs::path& scratch) {
                                              {"boot:bootable", kBootStart, kBootSectors},
                                              {"rootfs", kRootfsStart, rootfs_sectors},
                                              {"userdata:grow", userdata_start, std::nullopt}},
-                                            arguments.gpt, {{"rootfs", std::string(kRootfsUuid)}});
+                                            arguments.gpt, {{"rootfs", kSampleUuid}});
     Firmware firmware;
-    firmware.boot = boot_container();
+    firmware.boot.rc4_flag = 1;
+    firmware.boot.entries_471.entries = {{.name = "MemoryInit", .data = patterned(24003, 41), .delay = 1}};
+    firmware.boot.entries_472.entries = {{.name = "UsbLoader", .data = patterned(150001, 42), .delay = 0}};
+    firmware.boot.loader.entries = {{.name = "FlashData", .data = patterned(61003, 43)},
+                                    {.name = "FlashBoot", .data = patterned(283451, 44)}};
     firmware.items = {
         {.name = "notes",
          .file = "notes.txt",
          .flash_offset = kNotPlaced,
          .data = to_bytes("Sample firmware.\n")},
-        {.name = "parameter",
-         .file = "parameter.txt",
-         .part_size = kParameterSectors,
-         .data = parameter_record(text)},
-        {.name = "misc",
-         .file = "misc.img",
-         .part_size = kMiscSectors,
-         .flash_offset = kMiscStart,
-         .data = misc_image()},
-        {.name = "boot",
-         .file = "boot.img",
-         .part_size = kBootSectors,
-         .flash_offset = kBootStart,
-         .data = boot_image(scratch)},
-        {.name = "rootfs",
-         .file = "rootfs.img",
-         .part_size = rootfs_sectors,
-         .flash_offset = kRootfsStart,
-         .data = std::move(rootfs)},
-        {.name = "userdata",
-         .file = "userdata.img",
-         .part_size = kGrowsToEnd,
-         .flash_offset = userdata_start,
-         .data = text_file(700001, 51)},
+        parameter_item(text, kParameterSectors),
+        partition_item("misc", kMiscStart, kMiscSectors, misc_image()),
+        partition_item("boot", kBootStart, kBootSectors, boot_image(scratch)),
+        partition_item("rootfs", kRootfsStart, rootfs_sectors, std::move(rootfs)),
+        partition_item("userdata", userdata_start, kGrowsToEnd, text_file(700001, 51)),
     };
     return firmware;
 }

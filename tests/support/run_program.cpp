@@ -1,5 +1,7 @@
 #include "run_program.h"
 
+#include "bytes.h"
+
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -8,10 +10,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <sstream>
-#include <stdexcept>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -21,33 +22,27 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-class Pipe {
-public:
+void close_end(int& end) {
+    if (end >= 0)
+        close(end);
+    end = -1;
+}
+
+struct Pipe {
+    int ends[2] = {-1, -1};
+    int& read_end = ends[0];
+    int& write_end = ends[1];
+
     Pipe() {
-        if (pipe2(m_ends.data(), O_CLOEXEC) != 0)
-            throw std::runtime_error(std::string("cannot make a pipe: ") + std::strerror(errno));
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
     }
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
     ~Pipe() {
-        close_end(0);
-        close_end(1);
+        close_end(read_end);
+        close_end(write_end);
     }
-
-    int read_end() const { return m_ends[0]; }
-    int write_end() const { return m_ends[1]; }
-    void close_read_end() { close_end(0); }
-    void close_write_end() { close_end(1); }
-
-private:
-    void close_end(std::size_t end) {
-        if (m_ends[end] >= 0) {
-            close(m_ends[end]);
-            m_ends[end] = -1;
-        }
-    }
-
-    std::array<int, 2> m_ends{-1, -1};
 };
 
 [[noreturn]] void give_up(const std::string& what) {
@@ -58,11 +53,9 @@ private:
 }
 
 void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
-    if (bytes) {
-        const rlimit both{*bytes, *bytes};
-        if (setrlimit(resource, &both) != 0)
-            give_up("set a limit");
-    }
+    const rlimit both{bytes.value_or(0), bytes.value_or(0)};
+    if (bytes && setrlimit(resource, &both) != 0)
+        give_up("set a limit");
 }
 
 [[noreturn]] void become_program(const std::string& program, const std::vector<std::string>& arguments,
@@ -70,8 +63,8 @@ void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
     setpgid(0, 0);  // so that a timeout reaches the program's own children as well
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
-    dup2(out.write_end(), STDOUT_FILENO);
-    dup2(err.write_end(), STDERR_FILENO);
+    dup2(out.write_end, STDOUT_FILENO);
+    dup2(err.write_end, STDERR_FILENO);
     if (!options.working_directory.empty() && chdir(options.working_directory.c_str()) != 0)
         give_up("enter " + options.working_directory.string());
     for (const auto& [name, value] : options.environment)
@@ -88,8 +81,10 @@ void limit(decltype(RLIMIT_AS) resource, const std::optional<uint64_t>& bytes) {
     give_up("run " + program);
 }
 
+using Deadline = std::optional<Clock::time_point>;
+
 // Time left until the deadline, for poll(): -1 without a deadline.
-int milliseconds_left(const std::optional<Clock::time_point>& deadline) {
+int milliseconds_left(const Deadline& deadline) {
     if (!deadline)
         return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
@@ -108,19 +103,18 @@ bool take_available(int from, std::string& to) {
 enum class Drained { all, up_to_the_deadline, up_to_the_text };
 
 // Reads both streams to their end, up to the deadline, or until the output ends in the text.
-Drained drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& deadline, const std::string& text,
-              RunResult& result) {
-    while (out.read_end() >= 0 || err.read_end() >= 0) {
-        std::array<pollfd, 2> streams{{{out.read_end(), POLLIN, 0}, {err.read_end(), POLLIN, 0}}};
+Drained drain(Pipe& out, Pipe& err, const Deadline& deadline, const std::string& text, RunResult& result) {
+    while (out.read_end >= 0 || err.read_end >= 0) {
+        std::array<pollfd, 2> streams{{{out.read_end, POLLIN, 0}, {err.read_end, POLLIN, 0}}};
         const int ready = poll(streams.data(), streams.size(), milliseconds_left(deadline));
         if (ready == 0)
             return Drained::up_to_the_deadline;
         if (ready < 0)
             continue;
-        if (streams[0].revents != 0 && !take_available(out.read_end(), result.out))
-            out.close_read_end();
-        if (streams[1].revents != 0 && !take_available(err.read_end(), result.err))
-            err.close_read_end();
+        if (streams[0].revents != 0 && !take_available(out.read_end, result.out))
+            close_end(out.read_end);
+        if (streams[1].revents != 0 && !take_available(err.read_end, result.err))
+            close_end(err.read_end);
         if (!text.empty() && result.out.ends_with(text))
             return Drained::up_to_the_text;
     }
@@ -128,13 +122,13 @@ Drained drain(Pipe& out, Pipe& err, const std::optional<Clock::time_point>& dead
 }
 
 // Waits for a program that has closed its streams. False when the deadline came first.
-bool reap(pid_t pid, const std::optional<Clock::time_point>& deadline, int& status, rusage& usage) {
+bool reap(pid_t pid, const Deadline& deadline, int& status, rusage& usage) {
     for (;;) {
         const pid_t ended = wait4(pid, &status, deadline ? WNOHANG : 0, &usage);
         if (ended == pid)
             return true;
         if (ended < 0 && errno != EINTR)
-            throw std::runtime_error(std::string("cannot wait for a program: ") + std::strerror(errno));
+            throw std::system_error(errno, std::generic_category(), "cannot wait for a program");
         if (deadline && milliseconds_left(deadline) == 0)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -150,14 +144,14 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
     const Clock::time_point start = Clock::now();
     const pid_t pid = fork();
     if (pid < 0)
-        throw std::runtime_error(std::string("cannot fork: ") + std::strerror(errno));
+        throw std::system_error(errno, std::generic_category(), "cannot fork");
     if (pid == 0)
         become_program(program, arguments, options, out, err);
     setpgid(pid, pid);
-    out.close_write_end();
-    err.close_write_end();
+    close_end(out.write_end);
+    close_end(err.write_end);
 
-    std::optional<Clock::time_point> deadline;
+    Deadline deadline;
     if (options.timeout_seconds) {
         deadline = start + std::chrono::duration_cast<Clock::duration>(
                                std::chrono::duration<double>(*options.timeout_seconds));
@@ -173,7 +167,6 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
         drain(out, err, std::nullopt, {}, result);
         reap(pid, std::nullopt, status, usage);
     }
-    result.wall_seconds = std::chrono::duration<double>(Clock::now() - start).count();
     result.max_rss_kb = usage.ru_maxrss;
     result.exited = WIFEXITED(status);
     if (result.exited)
@@ -185,8 +178,8 @@ RunResult run_program(const std::string& program, const std::vector<std::string>
 
 std::filesystem::path find_program(const std::string& name) {
     const char* path = std::getenv("PATH");
-    std::istringstream directories(std::string(path == nullptr ? "" : path) + ":/usr/sbin:/sbin");
-    for (std::string directory; std::getline(directories, directory, ':');) {
+    for (const std::string& directory :
+         split(std::string(path == nullptr ? "" : path) + ":/usr/sbin:/sbin", ':')) {
         const std::filesystem::path candidate = std::filesystem::path(directory) / name;
         if (!directory.empty() && access(candidate.c_str(), X_OK) == 0)
             return candidate;

@@ -28,7 +28,6 @@ struct RunResult {
     bool timed_out = false;  // killed at the end of its time
     std::string out{};
     std::string err{};
-    double wall_seconds = 0;
     // Peak resident set. The kernel counts in what the caller held when it started the program, so measure
     // before loading big files into the test.
     long max_rss_kb = 0;

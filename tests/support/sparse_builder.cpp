@@ -8,6 +8,12 @@ namespace test_support {
 
 namespace {
 
+Bytes word(uint32_t value) {
+    Bytes bytes;
+    put32(bytes, value);
+    return bytes;
+}
+
 bool lies_inside(const Bytes& bytes, uint64_t offset, uint64_t size) {
     return offset <= bytes.size() && size <= bytes.size() - offset;
 }
@@ -61,20 +67,17 @@ private:
     }
 
     void copy_raw(uint32_t total_size) {
-        uint64_t left = total_size > sparse_field::kChunkHeaderBytes
-                            ? total_size - uint64_t{sparse_field::kChunkHeaderBytes}
-                            : 0;
-        while (left > 0) {
-            const uint64_t piece = std::min<uint64_t>(left, m_page_size);
+        const uint64_t end = m_position + std::max<uint64_t>(total_size, sparse_field::kChunkHeaderBytes) -
+                             sparse_field::kChunkHeaderBytes;
+        while (m_position < end) {
+            const uint64_t piece = std::min<uint64_t>(end - m_position, m_page_size);
             if (!lies_inside(m_source, m_position, piece)) {
                 m_result.status = -5;
                 return;
             }
-            const auto from = m_source.begin() + static_cast<std::ptrdiff_t>(m_position);
-            m_result.image.insert(m_result.image.end(), from, from + static_cast<std::ptrdiff_t>(piece));
+            put_bytes(m_result.image, slice(m_source, m_position, piece));
             m_result.pieces.push_back(piece);
             m_position += piece;
-            left -= piece;
         }
     }
 
@@ -83,7 +86,7 @@ private:
             m_result.status = -6;
             return;
         }
-        const Bytes value = slice(m_source, static_cast<std::size_t>(m_position), sizeof(uint32_t));
+        const Bytes value = slice(m_source, m_position, sizeof(uint32_t));
         m_position += sizeof(uint32_t);
         for (uint64_t left = length; left > 0;) {
             const uint64_t piece = std::min<uint64_t>(left, m_page_size);
@@ -113,40 +116,24 @@ SparseExpansion expanded_or_throw(const Bytes& bytes, std::size_t page_size, uin
 }  // namespace
 
 SparseChunk SparseChunk::raw(Bytes data, uint32_t block_size) {
-    SparseChunk chunk;
-    chunk.blocks = static_cast<uint32_t>(round_up(data.size(), block_size) / block_size);
-    chunk.data = std::move(data);
-    return chunk;
+    const auto blocks = static_cast<uint32_t>(round_up(data.size(), block_size) / block_size);
+    return {.blocks = blocks, .data = std::move(data)};
 }
 
 SparseChunk SparseChunk::fill(uint32_t value, uint32_t blocks) {
-    SparseChunk chunk;
-    chunk.type = kFillType;
-    chunk.blocks = blocks;
-    put32(chunk.data, value);
-    return chunk;
+    return {.type = kFillType, .blocks = blocks, .data = word(value)};
 }
 
 SparseChunk SparseChunk::dont_care(uint32_t blocks) {
-    SparseChunk chunk;
-    chunk.type = kDontCareType;
-    chunk.blocks = blocks;
-    return chunk;
+    return {.type = kDontCareType, .blocks = blocks};
 }
 
 SparseChunk SparseChunk::crc(uint32_t value) {
-    SparseChunk chunk;
-    chunk.type = kCrcType;
-    put32(chunk.data, value);
-    return chunk;
+    return {.type = kCrcType, .data = word(value)};
 }
 
 SparseChunk SparseChunk::unknown(uint16_t type, Bytes data, uint32_t blocks) {
-    SparseChunk chunk;
-    chunk.type = type;
-    chunk.blocks = blocks;
-    chunk.data = std::move(data);
-    return chunk;
+    return {.type = type, .blocks = blocks, .data = std::move(data)};
 }
 
 Bytes SparseImage::build() const {
