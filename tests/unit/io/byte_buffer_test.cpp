@@ -59,7 +59,7 @@ TEST(ByteBuffer, MovesItsBytes) {
 }
 
 TEST(ByteBuffer, WithoutMemoryIsEmptyInsteadOfThrowing) {
-    if (test_support::kAddressSanitizer)
+    if (test_support::kSanitized)
         GTEST_SKIP() << "AddressSanitizer ends the program at such an allocation";
     for (const uint64_t size : {uint64_t{kBeyondMemory}, uint64_t{kLargestSize}}) {
         ByteBuffer buffer(size);

@@ -160,7 +160,7 @@ TEST_F(SparseTemporaryFile, ThatLosesItsEndIsAnError) {
     prepare(image);
     m_storage->at_first_page = [](const auto& path) { std::filesystem::resize_file(path, 100); };
     write_item();
-    Bytes pages = slice(data, 0, 256 * kIb);  // which were read at once
+    Bytes pages = slice(data, 0, 128 * kIb);  // which were read at once
     pages.resize(data.size(), 0);
     expect_done_with_failure(sparse_lines("root", image, 1024, 4096), pages, {m_path, EIO});
 }
