@@ -12,7 +12,7 @@
 //   FAILING_CALLS_NO_POOL  set: the C++ library gets no memory at the start to keep for exceptions
 //
 // Only what main() calls counts, not the loader, and no call on the standard streams. Here are the calls that
-// the program makes: it works on descriptors.
+// the program makes.
 
 #include <cerrno>
 #include <cstdarg>
@@ -70,12 +70,14 @@ struct Replaced {
 // All are looked up before the plan is armed, because looking up allocates.
 struct Next {
     int (*open)(const char*, int, ...) = Replaced{"open"};
+    FILE* (*fopen)(const char*, const char*) = Replaced{"fopen"};
     ssize_t (*read)(int, void*, size_t) = Replaced{"read"};
     ssize_t (*pread)(int, void*, size_t, off_t) = Replaced{"pread"};
     off_t (*lseek)(int, off_t, int) = Replaced{"lseek"};
     ssize_t (*write)(int, const void*, size_t) = Replaced{"write"};
     ssize_t (*pwrite)(int, const void*, size_t, off_t) = Replaced{"pwrite"};
     int (*close)(int) = Replaced{"close"};
+    int (*fclose)(FILE*) = Replaced{"fclose"};
     int (*stat)(const char*, struct stat*) = Replaced{"stat"};
     int (*fstat)(int, struct stat*) = Replaced{"fstat"};
     int (*ftruncate)(int, off_t) = Replaced{"ftruncate"};
@@ -212,6 +214,10 @@ int open(const char* path, int flags, ...) {
     return fails(CallClass::open) ? -1 : next().open(path, flags, mode);
 }
 
+FILE* fopen(const char* path, const char* mode) {
+    return fails(CallClass::open) ? nullptr : next().fopen(path, mode);
+}
+
 // ---- read ----
 
 ssize_t read(int descriptor, void* bytes, size_t count) {
@@ -253,6 +259,16 @@ int close(int descriptor) {
     return -1;
 }
 
+int fclose(FILE* file) {
+    const bool is_standard_file = file == stdin || file == stdout || file == stderr;
+    const Failure* failure = is_standard_file ? nullptr : fails(CallClass::close);
+    const int result = next().fclose(file);
+    if (failure == nullptr)
+        return result;
+    errno = failure->error;
+    return EOF;
+}
+
 // ---- stat, truncate, reserve, unlink ----
 
 int stat(const char* path, struct stat* status) noexcept {
@@ -280,6 +296,7 @@ int unlink(const char* path) noexcept {
 static_assert(sizeof(off_t) == 8, "the two families are one on the machines this is for");
 
 int open64(const char*, int, ...) __attribute__((alias("open")));
+FILE* fopen64(const char*, const char*) __attribute__((alias("fopen")));
 ssize_t pread64(int, void*, size_t, off_t) __attribute__((alias("pread")));
 off_t lseek64(int, off_t, int) noexcept __attribute__((alias("lseek")));
 ssize_t pwrite64(int, const void*, size_t, off_t) __attribute__((alias("pwrite")));
