@@ -433,7 +433,9 @@ TEST(OwnFirmware, IsSeenThroughEverySpelling) {
                                                 {out + "/out_image.img", spelling},
                                                 {bench.firmware().string(), spelling}}) {
             SCOPED_TRACE(from + " to " + to);
-            EXPECT_EQ(output_of([&] { EXPECT_EQ(convert_by_call(kEmmc, from, to), kInitFailed); }),
+            EXPECT_EQ(output_of([from = from, to = to] {
+                          EXPECT_EQ(convert_by_call(kEmmc, from, to), kInitFailed);
+                      }),
                       not_created(to + "/out_image.img", EBUSY));
             EXPECT_TRUE(same_bytes(bench.output("out_image.img"), firmware.build()));
         }
