@@ -1,0 +1,38 @@
+#pragma once
+
+#include "../src/options/conversion_options.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+enum class When { kAuto, kAlways, kNever };
+
+enum class Action { kCheck, kList, kVersion, kHelp };
+
+/// The command line of nandsmith-check.
+struct CheckOptions {
+    ConversionOptions conversion;  ///< as nandsmith reads them
+    Action action = Action::kCheck;
+    std::string target;  ///< directory, file, device or "-"; never empty after parsing: "." is the default
+    std::vector<std::string> only;    ///< names of parts; empty: all
+    std::vector<std::string> ignore;  ///< names of parts
+    bool strict = false;
+    uint64_t max_differences = 10;  ///< listed for a part; UINT64_MAX: all (0 on the command line)
+    bool json = false;
+    std::string json_file;  ///< empty: standard output
+    bool quiet = false;
+    bool verbose = false;
+    bool second_opinion = true;
+    When color = When::kAuto;
+    When progress = When::kAuto;
+    std::vector<std::string> warnings;  ///< one line for each part of the command line that is ignored
+    std::optional<std::string> error;   ///< the first thing that is wrong with it
+};
+
+/// Reads the command line. What is wrong with it is in error; the rest is then as far as it was read.
+CheckOptions parse_check_options(int argc, char* argv[]);
+
+/// The help text, with four examples.
+std::string check_help();

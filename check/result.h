@@ -1,0 +1,122 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What was found out about a target. The reports are written from it and from nothing else.
+
+enum class Verdict {
+    kSame,
+    kDiffers,
+    kMissing,  ///< the file is not in the directory, or no byte of the part is in the target
+    kIgnored,  ///< counted, but not part of the answer
+    kTrouble,  ///< of the whole only: there is no answer
+};
+
+/// Exit statuses of the program.
+enum Status : int {
+    kStatusSame = 0,
+    kStatusDiffers = 1,
+    kStatusTrouble = 2,
+};
+
+/// Sizes in bytes that places in a report are counted in.
+struct Geometry {
+    bool whole_image = false;  ///< eMMC and NOR: one image with sectors; else a file for each part
+    bool spare_areas = false;  ///< SLC NAND: a page consists of units and its spare area
+    uint64_t page = 0;         ///< of a page in the target, with its spare area; not 0
+    uint64_t block = 0;        ///< of an erase block in the target, with the spare areas; not 0
+    uint64_t page_data = 0;    ///< of a page without its spare area
+};
+
+constexpr uint64_t kSector = 512;
+/// A unit of SLC NAND in the target: 1024 bytes of data, 4 system bytes and 28 bytes of parity.
+constexpr uint64_t kUnit = 1056;
+
+/// Bytes in a row that all differ.
+struct DifferenceRun {
+    uint64_t offset = 0;   ///< of the first one, from the start of the target file
+    uint64_t length = 0;   ///< in bytes
+    uint64_t flips = 0;    ///< bits that differ in these bytes
+    uint8_t expected = 0;  ///< the first byte, as the firmware gives it
+    uint8_t actual = 0;    ///< the first byte, as it lies in the target
+};
+
+/// One file of a directory, or one part of an image. Offsets are from the start of the target file.
+struct PartResult {
+    std::string name;         ///< item name as the firmware has it: any bytes
+    std::string file;         ///< name in the directory; empty when the target is an image or a device
+    uint64_t offset = 0;      ///< where the part starts
+    uint64_t bytes = 0;       ///< its length by the firmware
+    uint64_t compared = 0;    ///< bytes that were read and compared
+    uint64_t missing = 0;     ///< bytes after the end of a target that is too short
+    uint64_t surplus = 0;     ///< bytes of the file after its last expected one
+    uint64_t unreadable = 0;  ///< bytes that could not be read
+    uint64_t differing = 0;   ///< bytes that differ, without missing and surplus ones
+    uint64_t differing_pages = 0;
+    uint64_t runs_found = 0;          ///< runs of differing bytes
+    std::vector<DifferenceRun> runs;  ///< the first ones, up to the limit that was asked for
+    Verdict verdict = Verdict::kSame;
+    std::string note;  ///< what else is to be said in its row, such as "copy 1 is good"
+};
+
+struct Diagnosis {
+    std::string code;  ///< such as "page-list"
+    std::string text;  ///< a sentence for people: what it looks like and what to try
+};
+
+/// What is right in the target by the formats alone.
+struct SecondOpinion {
+    bool asked = true;           ///< false with --no-second-opinion
+    uint64_t units = 0;          ///< of SLC NAND that were judged
+    uint64_t wrong_units = 0;    ///< of them, those whose parity does not belong to the data
+    uint64_t wrong_indexes = 0;  ///< pages with another list index than their place asks for
+    uint64_t findings_found = 0;
+    std::vector<std::string> findings;  ///< the first ones, one sentence each
+};
+
+/// The rest of an image or a device, after the last byte that the firmware gives.
+struct RestOfTarget {
+    uint64_t offset = 0;
+    uint64_t bytes = 0;  ///< 0: there is none
+    enum class Content { kUnknown, kEmpty, kNotEmpty } content = Content::kUnknown;
+};
+
+/// The options of the conversion, as they were understood.
+struct ConversionSummary {
+    std::string type;  ///< "slc", "spinand", "spinor" or "emmc"; empty: none was given
+    uint32_t block_kb = 0;
+    uint32_t page_kb = 0;
+    uint32_t spare = 0;
+    bool two_kb = false;
+    bool page_list = false;
+    std::string key;  ///< "development" or "own"
+};
+
+struct CheckResult {
+    ConversionSummary conversion;
+    Geometry geometry;
+    std::string firmware_path;
+    uint64_t firmware_bytes = 0;
+    std::string target_kind;  ///< "directory", "image", "device" or "stream"; empty: not looked at
+    std::string target_path;
+    bool past_the_cache = false;  ///< a device that was read from the medium and not from the page cache
+
+    std::vector<PartResult> parts;     ///< in the order of their places, or of the conversion for files
+    std::vector<std::string> missing;  ///< names of files that are not there
+    std::vector<std::string> extra;    ///< names of what else is in the directory
+    RestOfTarget rest;
+    SecondOpinion opinion;
+    std::vector<Diagnosis> diagnoses;
+    std::vector<std::string> warnings;
+    std::optional<std::string> error;  ///< why there is no answer
+    Verdict verdict = Verdict::kSame;  ///< same, differs or trouble
+
+    Status status() const {
+        if (verdict == Verdict::kTrouble)
+            return kStatusTrouble;
+        return verdict == Verdict::kSame ? kStatusSame : kStatusDiffers;
+    }
+};

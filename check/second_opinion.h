@@ -1,0 +1,51 @@
+#pragma once
+
+#include "result.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+/// Judges a target by the formats alone. Uses nothing of src/ that writes. Findings are sentences that name
+/// the place.
+
+/// One SLC NAND file: the parity of every unit and the list index of every page. The bytes come in order.
+class SlcOpinion {
+public:
+    /// page: bytes of a flash page with its spare area, of which data are data (a multiple of 1024).
+    /// index_step: 1 for a page linked list, else 4. What is found is added to opinion, which outlives this.
+    SlcOpinion(std::string file, uint64_t page, uint64_t data, uint32_t index_step, SecondOpinion& opinion);
+    ~SlcOpinion();
+
+    /// The next bytes of the file.
+    void take(std::span<const uint8_t> bytes);
+    /// No more bytes come.
+    void finish();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+/// Reads size bytes at an offset in a part's data (without spare areas). False when they cannot be read.
+using ReadPart = std::function<bool(uint64_t offset, std::size_t size, uint8_t* out)>;
+
+/// Protective MBR, GPT header and entry array at the start of read: signature, sizes, checksums, fields that
+/// depend on each other, entries that overlap.
+void judge_gpt(const ReadPart& read, SecondOpinion& opinion);
+
+/// A boot block at the start of read, of at most bytes: magic and sizes of its header, stages within it.
+void judge_boot_block(const std::string& name, const ReadPart& read, uint64_t bytes, SecondOpinion& opinion);
+
+/// copies of a record that are to be equal: a name for messages, and how each is read.
+void judge_copies(const std::string& name, const std::vector<ReadPart>& copies, uint64_t bytes,
+                  SecondOpinion& opinion);
+
+/// A copy of the parameter record: tag, length and checksum.
+void judge_parameter(const std::string& name, const ReadPart& read, uint64_t bytes, SecondOpinion& opinion);
+
+/// Adds a finding; keeps the first ones and counts all.
+void add_finding(SecondOpinion& opinion, const std::string& sentence);
