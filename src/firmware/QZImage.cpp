@@ -2,6 +2,7 @@
 
 #include "../common/byte_reader.h"
 #include "../common/lower_case.h"
+#include "../common/messages.h"
 #include "../io/retry.h"
 
 #include <algorithm>
@@ -54,7 +55,7 @@ int CQZImage::ObjectInit(std::string filename, bool /*bDoCheck*/) {
 
 int CQZImage::open_file(const std::string& filename) {
     if (filename.size() >= kPathBufferSize) {
-        std::printf("path of firmware is too long\n");
+        put_message("path of firmware is too long\n");
         std::exit(EXIT_FAILURE);
     }
 

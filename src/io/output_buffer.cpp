@@ -24,7 +24,7 @@ bool OutputBuffer::open(const std::string& path, OutputReceiver::OpenMode mode) 
         errno = ENOMEM;
         return false;
     }
-    if (const int error = m_receiver.open(path, mode, m_size); error != 0) {
+    if (const int error = m_receiver->open(path, mode, m_size); error != 0) {
         errno = error;
         return false;
     }
@@ -38,7 +38,17 @@ bool OutputBuffer::close() {
     complete_block();  // also after a failure: nothing may wait for bytes that the next output replaces
     flush();
     m_open = false;
-    return succeeds(m_receiver.close()) && m_error == 0;
+    return succeeds(m_receiver->close()) && m_error == 0;
+}
+
+void OutputBuffer::send_to(OutputReceiver& receiver) {
+    close();
+    m_receiver = &receiver;
+}
+
+void OutputBuffer::begin_part(const OutputPart& part) {
+    if (m_open && m_error == 0 && m_receiver->takes_parts() && flush_block())
+        m_receiver->begin_part(part);
 }
 
 void OutputBuffer::fail(int error) {
@@ -93,8 +103,8 @@ bool OutputBuffer::append(const uint8_t* bytes, uint64_t count) {
 bool OutputBuffer::append_fill(uint8_t value, uint64_t count) {
     if (!takes(count))
         return false;
-    if (value == 0 && count >= kHoleSize && position() >= m_receiver.zeros_from()) {
-        if (!flush_block() || !succeeds(m_receiver.zeros(m_block_offset, count)))
+    if (value == 0 && count >= kHoleSize && position() >= m_receiver->zeros_from()) {
+        if (!flush_block() || !succeeds(m_receiver->zeros(m_block_offset, count)))
             return false;
         m_block_offset += count;
         m_size = std::max(m_size, m_block_offset);
@@ -130,23 +140,23 @@ bool OutputBuffer::hand_over(uint64_t offset, const uint8_t* bytes, uint64_t cou
     while (pending != count) {
         const uint64_t position = offset + pending;
         const uint64_t part = std::min(count - pending, kHoleSize - position % kHoleSize);
-        if (position < m_receiver.zeros_from() || !holds_only(bytes + pending, part, 0)) {
+        if (position < m_receiver->zeros_from() || !holds_only(bytes + pending, part, 0)) {
             pending += part;
             continue;
         }
-        if (!succeeds(m_receiver.bytes(offset, bytes, pending)) ||
-            !succeeds(m_receiver.zeros(position, part)))
+        if (!succeeds(m_receiver->bytes(offset, bytes, pending)) ||
+            !succeeds(m_receiver->zeros(position, part)))
             return false;
         offset += pending + part;
         bytes += pending + part;
         count -= pending + part;
         pending = 0;
     }
-    return succeeds(m_receiver.bytes(offset, bytes, pending));
+    return succeeds(m_receiver->bytes(offset, bytes, pending));
 }
 
 bool OutputBuffer::flush() {
-    return m_open && m_error == 0 && flush_block() && succeeds(m_receiver.end(m_size));
+    return m_open && m_error == 0 && flush_block() && succeeds(m_receiver->end(m_size));
 }
 
 bool OutputBuffer::move_to(uint64_t position) {

@@ -35,7 +35,7 @@ public:
 
     /// receiver outlives the buffer. So does failure, which takes the first error when it is given.
     explicit OutputBuffer(OutputReceiver& receiver, WriteFailure* failure = nullptr)
-        : m_receiver(receiver), m_failure(failure) {}
+        : m_receiver(&receiver), m_failure(failure) {}
     ~OutputBuffer() override { close(); }
     OutputBuffer(const OutputBuffer&) = delete;
     OutputBuffer& operator=(const OutputBuffer&) = delete;
@@ -47,6 +47,12 @@ public:
     bool is_open() const { return m_open; }
     /// Flushes and closes. False when anything has failed for this output, or none was open.
     bool close();
+
+    /// Hands the bytes of the outputs that are opened from now on to another receiver, which outlives the
+    /// buffer. Closes the output that is open.
+    void send_to(OutputReceiver& receiver);
+    /// Tells a receiver that takes parts what the bytes from the position on are for.
+    void begin_part(const OutputPart& part);
 
     /// Where the next byte goes, in bytes from the start of the output.
     uint64_t position() const { return m_block_offset + m_block_used; }
@@ -86,7 +92,7 @@ private:
     bool hand_over(uint64_t offset, const uint8_t* bytes, uint64_t count);
     bool succeeds(int error);
 
-    OutputReceiver& m_receiver;
+    OutputReceiver* m_receiver;
     WriteFailure* m_failure;
     std::function<void()> m_complete;
     std::string m_path;

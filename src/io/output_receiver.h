@@ -3,6 +3,15 @@
 #include <cstdint>
 #include <string>
 
+/// What bytes of an output are for.
+struct OutputPart {
+    enum class Kind { kGap, kBootBlock, kGpt, kParameter, kItem };
+
+    Kind kind = Kind::kGap;
+    std::string name{};  ///< of the item; else empty
+    uint32_t copy = 0;   ///< counted from 1, of what is written several times
+};
+
 /// Takes the bytes of an output block by block: a file, or anything else that implements this.
 /// The operations return 0 or an errno. Offsets are in bytes from the start of the output, counts in bytes.
 class OutputReceiver {
@@ -26,6 +35,11 @@ public:
     virtual int end(uint64_t size) = 0;
     /// Ends the output.
     virtual int close() = 0;
+
+    /// True when begin_part is wanted. Bytes are then handed over at each start of a part.
+    virtual bool takes_parts() const { return false; }
+    /// The bytes that come now belong to this part.
+    virtual void begin_part(const OutputPart& /*part*/) {}
 
     static constexpr uint64_t kNoZeros = UINT64_MAX;
 };

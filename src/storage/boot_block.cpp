@@ -161,13 +161,14 @@ int CStorage::write_idblock() {
 /// Writes each copy in that many pages.
 int CStorage::write_idblock_copies(const ByteBuffer& block, uint32_t pages) {
     const uint32_t starts[] = {m_idb_start_sector, m_idb_second_start_sector};
-    const int copies = m_idb_copy > 1 ? 2 : 1;
-    for (int copy = 0; copy < copies; ++copy) {
+    const uint32_t copies = m_idb_copy > 1 ? 2 : 1;
+    for (uint32_t copy = 0; copy < copies; ++copy) {
         if (!fill_output_file(uint64_t{starts[copy]} * kSectorSize))
             return kNoIdblockMemory;
         PageSource source(block, m_page_size, m_fill_byte);
         if (!source)
             return kNoIdblockMemory;
+        m_fout.buffer().begin_part({.kind = OutputPart::Kind::kBootBlock, .copy = copy + 1});
         write_pages(source, pages);
     }
     post_write_idblock();

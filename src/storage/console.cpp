@@ -1,30 +1,26 @@
 #include "console.h"
 
+#include "../common/messages.h"
+
 #include <algorithm>
-#include <cstdio>
 
 namespace {
 
 // Holds a hundred times any size.
 __extension__ using Wide = unsigned __int128;
 
-void print(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
-}
-
 }  // namespace
 
 void print_line(const std::string& text) {
-    print(text + "\n");
+    put_message(text + "\n");
 }
 
 void print_error_line(const std::string& text) {
-    print("\033[30;41m" + text + "\033[37;40m\n");
+    put_message("\033[30;41m" + text + "\033[37;40m\n");
 }
 
 void redraw_line(const std::string& text) {
-    print("\033[1A\033[2K" + text + "\n");
+    put_message("\033[1A\033[2K" + text + "\n");
 }
 
 std::string error_suffix(int error_number) {

@@ -164,6 +164,7 @@ int CStorage::write_gpt(STRUCT_QZIMAGE_ITEM& entry) {
     }
 
     create_gpt_buffer(table.data(), parts, uuids, kDiskSectors);
+    m_fout.buffer().begin_part({.kind = OutputPart::Kind::kGpt});
     for (uint32_t i = 0; i < pages; ++i)
         write_page(table.data() + uint64_t{i} * m_page_size, m_page_size);
 

@@ -61,6 +61,7 @@ int CStorage::write_parameter(STRUCT_QZIMAGE_ITEM& entry) {
         return kNoParameterMemory;
 
     for (uint32_t copy = 0; copy < copies; ++copy) {
+        m_fout.buffer().begin_part({.kind = OutputPart::Kind::kParameter, .copy = copy + 1});
         write_pages(record, record_pages);
         write_fill_pages(record.page(), slot_pages - record_pages, m_page_size);
     }

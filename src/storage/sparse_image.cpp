@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <functional>
 #include <ios>
 #include <string>
 #include <unistd.h>
@@ -69,6 +71,48 @@ private:
     BlockReader m_reader;
 };
 
+/// Passes an expanded image to write_page as it expands.
+class PagesOfExpansion : public OutputReceiver {
+public:
+    /// limit: pages that are passed at most. has_failed: nothing more reaches the output.
+    PagesOfExpansion(CStorage& storage, uint32_t page_size, uint32_t limit, std::function<bool()> has_failed)
+        : m_storage(storage), m_page(page_size), m_limit(limit), m_has_failed(std::move(has_failed)) {}
+
+    explicit operator bool() const { return static_cast<bool>(m_page); }
+
+    int open(const std::string& /*path*/, OpenMode /*mode*/, uint64_t& size) override {
+        size = 0;
+        return 0;
+    }
+    int bytes(uint64_t /*offset*/, const uint8_t* bytes, uint64_t count) override {
+        while (count != 0 && m_passed != m_limit) {
+            const uint64_t part = std::min(count, m_page.size() - m_gathered);
+            std::memcpy(m_page.data() + m_gathered, bytes, part);
+            m_gathered += part;
+            bytes += part;
+            count -= part;
+            if (m_gathered == m_page.size()) {
+                m_storage.write_page(m_page.data(), static_cast<uint32_t>(m_page.size()));
+                m_gathered = 0;
+                ++m_passed;
+            }
+        }
+        return m_has_failed() ? EIO : 0;
+    }
+    int zeros(uint64_t /*offset*/, uint64_t /*count*/) override { return EINVAL; }
+    uint64_t zeros_from() const override { return kNoZeros; }
+    int end(uint64_t /*size*/) override { return 0; }
+    int close() override { return 0; }
+
+private:
+    CStorage& m_storage;
+    ByteBuffer m_page;
+    const uint32_t m_limit;
+    std::function<bool()> m_has_failed;
+    uint64_t m_gathered = 0;
+    uint32_t m_passed = 0;
+};
+
 }  // namespace
 
 bool CStorage::is_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
@@ -95,6 +139,9 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
         print_line("partition size is too small");
         return kSparseImageTooLarge;
     }
+
+    if (!m_writes_files)
+        return pass_sparse_pages(entry, *header, *pages);
 
     const std::string path = path_in_output("unsparse_tmp.bin");
     TemporaryFile temporary(path, m_write_failure);
@@ -137,5 +184,35 @@ int CStorage::write_sparse_image(STRUCT_QZIMAGE_ITEM& entry) {
     m_image_fill_page_num = *pages;
     redraw_line("writing " + name + "...OK");
     temporary.remove();
+    return kDone;
+}
+
+/// Writes the expanded image and padding up to that many pages, without a temporary file.
+int CStorage::pass_sparse_pages(STRUCT_QZIMAGE_ITEM& entry, const sparse_header_t& header, uint32_t pages) {
+    ByteBuffer page(m_page_size);
+    PagesOfExpansion receiver(*this, m_page_size, pages, [this] { return m_fout.buffer().has_failed(); });
+    if (!page || !receiver)
+        return kNoSparseMemory;
+    OutputFile expanded;
+    expanded.buffer().send_to(receiver);
+    expanded.open(item_name(entry));
+    if (!expanded.is_open())
+        return kNoSparseMemory;
+
+    Progress progress("writing " + item_name(entry) + "...");
+    const auto read = [&](uint64_t position, uint32_t size, uint8_t* out) {
+        return read_item_data(*m_update_image_ptr, entry, position, size, out);
+    };
+    SparseExpander expander(header, read, uint64_t{pages} * m_page_size, {page.data(), m_page_size},
+                            m_fill_byte, expanded, progress);
+    if (const int result = expander.expand(); result != kDone)
+        return result;
+    const uint64_t excess = expander.written() % m_page_size;
+    expanded.write_fill(m_fill_byte, 1, excess != 0 ? m_page_size - excess : 0);
+    expanded.close();
+
+    const uint32_t passed = std::min(page_count(expander.written(), m_page_size), pages);
+    write_partition_rest(page.data(), passed, pages, progress);
+    m_image_fill_page_num = pages;
     return kDone;
 }

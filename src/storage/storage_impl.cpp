@@ -125,6 +125,11 @@ bool CStorage::storage_init() {
     return true;
 }
 
+void CStorage::send_output_to(OutputReceiver& receiver) {
+    m_fout.buffer().send_to(receiver);
+    m_writes_files = false;
+}
+
 bool CStorage::create_image() {
     const bool created = run_creation();
     close_output();  // also after a failure: what was written so far stays in the file
@@ -207,12 +212,14 @@ bool CStorage::prepare_write_partition(STRUCT_QZIMAGE_ITEM& item) {
     char position[9];
     std::snprintf(position, sizeof(position), "%08x", static_cast<unsigned>(start));
     print_line("preparing " + item_name(item) + " at 0x" + position);
+    m_fout.buffer().begin_part({.kind = OutputPart::Kind::kItem, .name = item_name(item)});
     return true;
 }
 
 bool CStorage::fill_output_file(uint64_t offset) {
     if (!m_fout.is_open() || m_fout.buffer().has_failed())
         return true;  // a failure is reported by create_image
+    m_fout.buffer().begin_part({});
     m_fout.seekp(0, std::ios_base::end);
     const uint64_t size = m_fout.buffer().size();
     if (size >= offset) {
@@ -241,6 +248,7 @@ bool CStorage::fill_output_file(uint64_t offset) {
 bool CStorage::align_to_block() {
     if (!m_fout.is_open() || m_fout.buffer().has_failed())
         return true;
+    m_fout.buffer().begin_part({});
     m_fout.seekp(0, std::ios_base::end);
     const uint64_t excess = m_fout.buffer().size() % m_block_size;
     return excess == 0 || write_padding(page_count(m_block_size - excess, m_page_size));

@@ -77,6 +77,10 @@ public:
     /// Closes all files.
     virtual ~CStorage() = default;
 
+    /// Before storage_init: gives the output to this receiver, which outlives the object, in place of files.
+    /// Nothing is then created or written, and sparse images expand without a temporary file.
+    void send_output_to(OutputReceiver& receiver);
+
     /// Runs the whole conversion. False after a line that says what failed; what was written stays.
     bool create_image();
     /// Calls the writer of this kind and returns its result, or kUnknownImageType.
@@ -206,6 +210,7 @@ private:
     /// Bytes at m_paramBuffer that hold the record asked for last; a derived class may have moved it.
     uint64_t param_buffer_bytes() const;
     bool run_creation();
+    int pass_sparse_pages(STRUCT_QZIMAGE_ITEM& entry, const sparse_header_t& header, uint32_t pages);
     int write_idblock_copies(const ByteBuffer& block, uint32_t pages);
     bool write_partitions();
     bool finish_output();
@@ -215,6 +220,7 @@ private:
     uint32_t m_loaded_param_size = 0;  // bytes of the record in m_param_bytes
     uint64_t m_padding_by_pages = 0;   // bytes of padding that write_page wrote in this output file
     uint64_t m_refused_padding = 0;    // pages of padding that write_page refused in this run
+    bool m_writes_files = true;        // false: another receiver takes the output
 };
 
 /// eMMC: one image of the whole device. The second copy of the boot block starts 512 KB after the first one.
