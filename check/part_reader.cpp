@@ -1,0 +1,45 @@
+#include "part_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr uint64_t kDataPerPage = 2048;  // of a page with 2 KB of data
+constexpr uint64_t kUnitData = 1024;
+
+}  // namespace
+
+uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together) {
+    uint64_t page = position / layout.page_data;
+    uint64_t within = position % layout.page_data;
+    together = layout.page_data - within;
+    if (layout.two_kb && layout.page_data > kDataPerPage) {
+        const uint64_t slices = (layout.page_data + kDataPerPage - 1) / kDataPerPage;
+        page = page * slices + within / kDataPerPage;
+        within %= kDataPerPage;
+        together = std::min(together, kDataPerPage - within);
+    }
+    if (layout.spare_areas) {
+        together = std::min(together, kUnitData - within % kUnitData);
+        within = within / kUnitData * kUnit + within % kUnitData;
+    }
+    return page * layout.page + within;
+}
+
+ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout) {
+    return [&target, offset, layout](uint64_t position, std::size_t size, uint8_t* out) {
+        while (size != 0) {
+            uint64_t together = 0;
+            const uint64_t place = offset + place_of_data(layout, position, together);
+            const auto part = static_cast<std::size_t>(std::min<uint64_t>(size, together));
+            const auto got = target.read(place, part, out);
+            if (got != part)
+                return false;
+            position += part;
+            out += part;
+            size -= part;
+        }
+        return true;
+    };
+}

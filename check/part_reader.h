@@ -1,0 +1,20 @@
+#pragma once
+
+#include "result.h"
+#include "second_opinion.h"
+#include "target.h"
+
+/// Where the bytes of a part's data lie in a target: between the spare areas, and with 2 KB per page only at
+/// the start of each page.
+struct PageLayout {
+    uint64_t page_data = 0;  ///< of a page as the conversion counts it, in bytes
+    uint64_t page = 0;       ///< of a page in the target, in bytes
+    bool spare_areas = false;
+    bool two_kb = false;
+};
+
+/// Reads a part's data out of a target, which outlives the reader. offset: of the part.
+ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout);
+
+/// Where byte position of the data lies, from the start of the part; and how many bytes follow it there.
+uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together);
