@@ -1,0 +1,409 @@
+#include "check.h"
+
+#include "../src/io/retry.h"
+#include "comparison.h"
+#include "conversion_run.h"
+#include "diagnosis.h"
+#include "part_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <new>
+#include <sys/stat.h>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMostExtraNames = 1000;
+constexpr uint64_t kLookedAtOfRest = 16 * 1024 * 1024;
+
+std::string error_text(int error) {
+    return std::generic_category().message(error);
+}
+
+bool contains(const std::vector<std::string>& names, const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// The word for a part in --only and --ignore.
+std::string option_word(const PartResult& part) {
+    if (part.name.starts_with("boot block, copy "))
+        return "idblock";
+    if (part.name.starts_with("parameter, copy "))
+        return "parameter";
+    return part.name;
+}
+
+#ifdef NANDSMITH_RC4_KEY
+constexpr const char* kKeyKind = "own";
+#else
+constexpr const char* kKeyKind = "development";
+#endif
+
+ConversionSummary summary_of(const ConversionOptions& options) {
+    const StorageSettings& s = options.settings;
+    return {.type = options.type != nullptr ? options.type->word : "",
+            .block_kb = s.block_size,
+            .page_kb = s.page_size,
+            .spare = s.oob_size,
+            .two_kb = s.page_2k,
+            .page_list = s.page_list,
+            .key = kKeyKind};
+}
+
+/// One check from the options to the result.
+class Check {
+public:
+    Check(const CheckOptions& options, const CheckProgress& progress)
+        : m_options(options), m_settings(options.conversion.settings), m_progress(progress) {}
+
+    CheckResult run() {
+        m_result.conversion = summary_of(m_options.conversion);
+        m_result.geometry = geometry_of(m_options.conversion);
+        m_result.firmware_path = m_settings.in_firmware;
+        m_result.target_path = m_options.target;
+        m_result.opinion.asked = m_options.second_opinion;
+        m_result.warnings = m_options.warnings;
+        if (!open_firmware() || !open_target())
+            return finished();
+        compare();
+        if (!m_result.error) {
+            judge_rest();
+            ask_second_opinion();
+        }
+        settle();
+        return finished();
+    }
+
+private:
+    bool fail(const std::string& reason) {
+        if (!m_result.error)
+            m_result.error = reason;
+        return false;
+    }
+
+    CheckResult finished() {
+        if (m_result.error)
+            m_result.verdict = Verdict::kTrouble;
+        return m_result;
+    }
+
+    bool open_firmware() {
+        struct stat status {};
+        const std::string& path = m_settings.in_firmware;
+        if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) != 0)
+            return fail(path + " failed to access: " + error_text(errno));
+        if (!S_ISREG(status.st_mode))
+            return fail(path + " is not a file");
+        m_firmware = FileIdentity(status);
+        m_result.firmware_bytes = static_cast<uint64_t>(status.st_size);
+        return true;
+    }
+
+    bool open_target() {
+        const std::string& path = m_options.target;
+        struct stat status {};
+        if (path != "-") {
+            if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) != 0)
+                return fail(path + " failed to access: " + error_text(errno));
+            if (S_ISDIR(status.st_mode)) {
+                m_result.target_kind = "directory";
+                m_directory = path.ends_with("/") ? path : path + "/";
+                return true;
+            }
+            if (m_firmware.is(status))
+                return fail(path + " is the firmware itself");
+        }
+        if (!m_result.geometry.whole_image)
+            return fail(m_result.conversion.type +
+                        " gives a file for each partition: the target has to be their directory");
+        const int error = path == "-" ? m_target.open_standard_input() : m_target.open(path);
+        if (error == EINVAL)
+            return fail(path == "-" ? "standard input is a terminal"
+                                    : path + " is not a directory, a file or a block device");
+        if (error != 0)
+            return fail(path + " failed to open: " + error_text(error));
+        m_result.target_kind = m_target.kind() == Target::Kind::kFile     ? "image"
+                               : m_target.kind() == Target::Kind::kDevice ? "device"
+                                                                          : "stream";
+        m_result.past_the_cache = m_target.past_the_cache();
+        return true;
+    }
+
+    ComparisonPlan plan() {
+        ComparisonPlan plan;
+        plan.directory = m_directory;
+        plan.target = m_directory.empty() ? &m_target : nullptr;
+        plan.geometry = m_result.geometry;
+        plan.max_runs = m_options.max_differences;
+        return plan;
+    }
+
+    void compare() {
+        ComparisonPlan watched = plan();
+        if (m_result.geometry.spare_areas && m_options.second_opinion)
+            watched.watch = [this](const std::string& file, std::span<const uint8_t> bytes) {
+                judge_pages(file, bytes);
+            };
+        if (m_progress)
+            watched.progress = [this](uint64_t bytes) { m_progress(m_done += bytes, expected_total()); };
+        m_comparison = std::make_unique<Comparison>(watched);
+        ConversionRun run = run_conversion(m_options.conversion, *m_comparison);
+        finish_pages();
+        if (run.done && m_comparison->needs_second_pass()) {
+            m_comparison->start_second_pass();
+            m_done = 0;
+            m_judged_once = true;
+            run = run_conversion(m_options.conversion, *m_comparison);
+        }
+        m_result.parts = m_comparison->results();
+        if (!run.done)
+            fail(run.reason);
+    }
+
+    /// What the target has, for the progress.
+    uint64_t expected_total() const { return m_directory.empty() ? m_target.size() : 0; }
+
+    void judge_pages(const std::string& file, std::span<const uint8_t> bytes) {
+        if (m_judged_once)
+            return;
+        if (file != m_judged_file) {
+            finish_pages();
+            const Geometry& g = m_result.geometry;
+            m_judged_file = file;
+            m_judge = std::make_unique<SlcOpinion>(
+                file, g.page, m_settings.page_2k && g.page_data > 2048 ? 2048 : g.page_data,
+                m_settings.page_list ? 1 : 4, m_result.opinion);
+        }
+        m_judge->take(bytes);
+    }
+
+    void finish_pages() {
+        if (m_judge)
+            m_judge->finish();
+        m_judge.reset();
+        m_judged_file.clear();
+    }
+
+    /// What the target has beside and after what the firmware gives.
+    void judge_rest() {
+        if (!m_directory.empty()) {
+            find_extra_files();
+            return;
+        }
+        m_result.rest.offset = m_comparison->image_size();
+        if (m_target.size() <= m_result.rest.offset)
+            return;
+        m_result.rest.bytes = m_target.size() - m_result.rest.offset;
+        look_at_rest(m_target.size());
+    }
+
+    void look_at_rest(uint64_t end) {
+        RestOfTarget& rest = m_result.rest;
+        if (!m_options.strict && m_target.kind() == Target::Kind::kDevice)
+            end = std::min(end, rest.offset + kLookedAtOfRest);
+        ByteBuffer block(kLookedAtOfRest / 64);
+        if (!block)
+            return;
+        for (uint64_t at = rest.offset; at < end;) {
+            if (const uint64_t hole = m_target.hole_at(at, end - at); hole != 0) {
+                at += hole;
+                continue;
+            }
+            const auto got = m_target.read(at, std::min(block.size(), end - at), block.data());
+            if (!got || *got == 0)
+                return;
+            const uint8_t* last = block.data() + *got;
+            if (!std::all_of(block.data(), last, [](uint8_t byte) { return byte == 0; }) &&
+                !std::all_of(block.data(), last, [](uint8_t byte) { return byte == 0xFF; })) {
+                rest.content = RestOfTarget::Content::kNotEmpty;
+                return;
+            }
+            at += *got;
+        }
+        if (end == rest.offset + rest.bytes)
+            rest.content = RestOfTarget::Content::kEmpty;
+    }
+
+    void find_extra_files() {
+        std::error_code error;
+        for (fs::directory_iterator at(m_directory, error), end; !error && at != end; at.increment(error)) {
+            const std::string name = at->path().filename().string();
+            struct stat status {};
+            const bool known = std::any_of(m_result.parts.begin(), m_result.parts.end(),
+                                           [&](const PartResult& part) { return part.file == name; });
+            if (known || (::stat(at->path().c_str(), &status) == 0 && m_firmware.is(status)))
+                continue;
+            if (m_result.extra.size() == kMostExtraNames)
+                break;
+            m_result.extra.push_back(name);
+        }
+        if (error)
+            fail(m_options.target + " failed to read: " + error_text(error.value()));
+        std::sort(m_result.extra.begin(), m_result.extra.end());
+    }
+
+    // ---- the second opinion ----
+
+    void ask_second_opinion() {
+        if (!m_options.second_opinion)
+            return;
+        const Geometry& g = m_result.geometry;
+        const PageLayout layout{.page_data = g.page_data,
+                                .page = g.page,
+                                .spare_areas = g.spare_areas,
+                                .two_kb = m_settings.page_2k};
+        std::map<std::string, std::vector<Comparison::Extent>> copies;
+        for (const Comparison::Extent& extent : m_comparison->extents()) {
+            if (extent.written_again || is_ignored_extent(extent))
+                continue;
+            if (extent.part.kind == OutputPart::Kind::kGpt)
+                with_target(extent, [&](Target& target) {
+                    judge_gpt(part_reader(target, extent.offset, layout), m_result.opinion);
+                });
+            else if (extent.part.kind == OutputPart::Kind::kBootBlock)
+                with_target(extent, [&](Target& target) {
+                    const std::string name = "boot block, copy " + std::to_string(extent.part.copy);
+                    judge_boot_block(name, part_reader(target, extent.offset, layout),
+                                     data_bytes(extent, layout), m_result.opinion);
+                });
+            if (extent.part.kind == OutputPart::Kind::kBootBlock)
+                copies["boot block"].push_back(extent);
+            if (extent.part.kind == OutputPart::Kind::kParameter)
+                copies["parameter"].push_back(extent);
+        }
+        for (const auto& [name, extents] : copies)
+            judge_equal_copies(name, extents, layout);
+    }
+
+    /// Bytes of data in the pages of a part.
+    static uint64_t data_bytes(const Comparison::Extent& extent, const PageLayout& layout) {
+        const uint64_t pages = extent.bytes / layout.page;
+        const uint64_t slices =
+            layout.two_kb && layout.page_data > 2048 ? (layout.page_data + 2047) / 2048 : 1;
+        return pages / slices * layout.page_data;
+    }
+
+    void judge_equal_copies(const std::string& name, const std::vector<Comparison::Extent>& extents,
+                            const PageLayout& layout) {
+        if (extents.size() < 2)
+            return;
+        with_target(extents.front(), [&](Target& target) {
+            std::vector<ReadPart> readers;
+            uint64_t bytes = UINT64_MAX;
+            for (const Comparison::Extent& extent : extents) {
+                readers.push_back(part_reader(target, extent.offset, layout));
+                bytes = std::min(bytes, data_bytes(extent, layout));
+            }
+            judge_copies(name, readers, bytes, m_result.opinion);
+        });
+    }
+
+    template <typename Use>
+    void with_target(const Comparison::Extent& extent, Use use) {
+        if (m_directory.empty()) {
+            use(m_target);
+            return;
+        }
+        Target file;
+        if (file.open(m_directory + extent.file) == 0)
+            use(file);  // a file that is missing has its own line
+    }
+
+    bool is_ignored_extent(const Comparison::Extent& extent) const {
+        std::string word = extent.part.name;
+        if (extent.part.kind == OutputPart::Kind::kBootBlock)
+            word = "idblock";
+        else if (extent.part.kind == OutputPart::Kind::kGpt)
+            word = "gpt";
+        else if (extent.part.kind == OutputPart::Kind::kParameter)
+            word = "parameter";
+        return is_ignored(word);
+    }
+
+    // ---- the answer ----
+
+    bool is_ignored(const std::string& word) const {
+        return contains(m_options.ignore, word) ||
+               (!m_options.only.empty() && !contains(m_options.only, word));
+    }
+
+    /// Of a whole image parts are ignored, and never the file.
+    bool is_ignored_file(const std::string& file) const {
+        return !m_result.geometry.whole_image && is_ignored(file.substr(0, file.rfind(".img")));
+    }
+
+    /// False, with the trouble noted, when an option names a part that there is not.
+    bool names_are_known() {
+        for (const auto* names : {&m_options.only, &m_options.ignore})
+            for (const std::string& name : *names) {
+                const bool known =
+                    contains({"idblock", "gpt", "parameter", "gaps", "rest"}, name) ||
+                    std::any_of(m_result.parts.begin(), m_result.parts.end(),
+                                [&](const PartResult& part) { return option_word(part) == name; });
+                if (!known)
+                    return fail("no part has the name '" + name + "'");
+            }
+        return true;
+    }
+
+    void settle() {
+        uint64_t unreadable = 0;
+        bool differs = false;
+        for (const std::string& file : m_comparison->missing_files())
+            if (!is_ignored_file(file))
+                m_result.missing.push_back(file);
+        for (PartResult& part : m_result.parts) {
+            if (is_ignored(option_word(part))) {
+                part.verdict = Verdict::kIgnored;
+                continue;
+            }
+            unreadable += part.unreadable;
+            differs = differs || part.verdict == Verdict::kDiffers || part.verdict == Verdict::kMissing;
+        }
+        if (!m_result.error && !names_are_known())
+            return;
+        if (unreadable != 0)
+            fail(std::to_string(unreadable) + " bytes of the target failed to be read");
+        if (differs && !m_result.error) {
+            name_good_copies(m_result);
+            diagnose(m_options.conversion, plan(), m_result);
+        }
+        const bool rest_counts =
+            m_result.rest.content == RestOfTarget::Content::kNotEmpty && !is_ignored("rest");
+        if (m_options.strict)
+            differs = differs || !m_result.extra.empty() || rest_counts || !m_result.warnings.empty();
+        differs = differs || m_result.opinion.findings_found != 0;
+        m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
+        // Without differences a gap is not worth a row.
+        std::erase_if(m_result.parts, [](const PartResult& part) {
+            return part.name == "gaps" && part.file.empty() && part.verdict == Verdict::kSame;
+        });
+    }
+
+    const CheckOptions& m_options;
+    const StorageSettings& m_settings;
+    const CheckProgress& m_progress;
+    CheckResult m_result;
+    FileIdentity m_firmware;
+    std::string m_directory;  // with a slash at its end; empty: m_target is the image
+    Target m_target;
+    std::unique_ptr<Comparison> m_comparison;
+    std::unique_ptr<SlcOpinion> m_judge;
+    std::string m_judged_file;
+    bool m_judged_once = false;  // the second pass brings the same bytes again
+    uint64_t m_done = 0;
+};
+
+}  // namespace
+
+CheckResult run_check(const CheckOptions& options, const CheckProgress& progress) {
+    return Check(options, progress).run();
+}
