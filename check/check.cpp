@@ -220,9 +220,10 @@ private:
             const auto got = m_target.read(at, std::min(block.size(), end - at), block.data());
             if (!got || *got == 0)
                 return;
-            const uint8_t* last = block.data() + *got;
-            if (!std::all_of(block.data(), last, [](uint8_t byte) { return byte == 0; }) &&
-                !std::all_of(block.data(), last, [](uint8_t byte) { return byte == 0xFF; })) {
+            const uint8_t* first = block.data();
+            const uint8_t* last = first + *got;
+            if (!std::all_of(first, last, [](uint8_t byte) { return byte == 0; }) &&
+                !std::all_of(first, last, [](uint8_t byte) { return byte == 0xFF; })) {
                 rest.content = RestOfTarget::Content::kNotEmpty;
                 return;
             }

@@ -120,7 +120,7 @@ public:
     int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) override {
         Captured* part = current();
         if (part == nullptr)
-            return 0;
+            return is_complete() ? ECANCELED : 0;
         if (part->bytes.empty()) {
             part->file = m_file;
             part->offset = offset;
@@ -140,8 +140,6 @@ public:
     void begin_part(const OutputPart& part) override {
         m_kind = part.kind;
         m_copy = part.copy;
-        // Items after the table are of no interest: the boot block and the table come first.
-        m_items += part.kind == OutputPart::Kind::kItem ? 1 : 0;
     }
 
     struct Captured {
@@ -159,10 +157,14 @@ private:
         return m_kind == OutputPart::Kind::kGpt ? &gpt : nullptr;
     }
 
+    /// Nothing more is wanted. A firmware has a table or parameter copies.
+    bool is_complete() const {
+        return !boot_block.bytes.empty() && (!gpt.bytes.empty() || m_kind == OutputPart::Kind::kParameter);
+    }
+
     std::string m_file;
     OutputPart::Kind m_kind = OutputPart::Kind::kGap;
     uint32_t m_copy = 0;
-    uint32_t m_items = 0;
 };
 
 /// The bytes of the target at the place of what was captured; fewer where the target ends.

@@ -1,0 +1,155 @@
+#include "../src/io/retry.h"
+#include "check.h"
+#include "listing.h"
+#include "options.h"
+#include "progress_line.h"
+#include "report.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kVersion = "nandsmith-check 1.0\n";
+
+/// Writes all of text. False, with errno set, when that failed.
+bool write_all(int descriptor, const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count =
+            retry_interrupted([&] { return ::write(descriptor, text.data() + done, text.size() - done); });
+        if (count <= 0)
+            return false;
+        done += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+void warn(const CheckOptions& options, const std::string& text) {
+    if (!options.quiet)
+        write_all(STDERR_FILENO, "nandsmith-check: " + text + "\n");
+}
+
+bool wants(When when, int descriptor) {
+    if (when == When::kAuto)
+        return ::isatty(descriptor) != 0;
+    return when == When::kAlways;
+}
+
+bool wants_color(const CheckOptions& options) {
+    const char* no_color = std::getenv("NO_COLOR");
+    if (options.color == When::kAuto && no_color != nullptr && *no_color != '\0')
+        return false;
+    return wants(options.color, STDOUT_FILENO);
+}
+
+/// Writes what a run has found. False when it does not arrive whole.
+bool put(const CheckOptions& options, const std::string& text) {
+    if (options.quiet || write_all(STDOUT_FILENO, text))
+        return true;
+    warn(options, "the report failed to be written: " + std::generic_category().message(errno));
+    return false;
+}
+
+bool put_json(const CheckOptions& options, const std::string& text) {
+    if (options.json_file.empty())
+        return put(options, text);
+    const int file = ::open(options.json_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    const bool written = file >= 0 && write_all(file, text);
+    const int error = errno;
+    if (file >= 0 && ::close(file) == 0 && written)
+        return true;
+    warn(options, options.json_file + " failed to be written: " + std::generic_category().message(error));
+    return false;
+}
+
+int report(const CheckOptions& options, const CheckResult& result) {
+    bool written = true;
+    if (options.json)
+        written = put_json(options, json_report(result));
+    if (!options.json || !options.json_file.empty())
+        written = put(options, text_report(result, {wants_color(options), options.verbose})) && written;
+    return written ? result.status() : kStatusTrouble;
+}
+
+CheckResult trouble(const CheckOptions& options, const std::string& reason) {
+    CheckResult result;
+    result.firmware_path = options.conversion.settings.in_firmware;
+    result.target_path = options.target;
+    result.geometry.page = result.geometry.block = result.geometry.page_data = 1;
+    result.opinion.asked = false;
+    result.error = reason;
+    result.verdict = Verdict::kTrouble;
+    return result;
+}
+
+int list(const CheckOptions& options) {
+    Listing listing;
+    const std::string& firmware = options.conversion.settings.in_firmware;
+    if (const auto reason = read_listing(firmware, listing))
+        return report(options, trouble(options, *reason));
+    bool written = true;
+    if (options.json)
+        written = put_json(options, json_listing(listing));
+    if (!options.json || !options.json_file.empty())
+        written = put(options, text_listing(listing, wants_color(options))) && written;
+    return written ? kStatusSame : kStatusTrouble;
+}
+
+int run(const CheckOptions& options) {
+    if (options.error)
+        return report(options, trouble(options, *options.error));
+    for (const std::string& warning : options.warnings)
+        warn(options, warning);
+    switch (options.action) {
+    case Action::kVersion:
+        return put(options, kVersion) ? kStatusSame : kStatusTrouble;
+    case Action::kHelp:
+        return put(options, check_help()) ? kStatusSame : kStatusTrouble;
+    case Action::kList:
+        return list(options);
+    case Action::kCheck:
+        break;
+    }
+    if (!options.quiet && wants(options.progress, STDERR_FILENO)) {
+        ProgressLine line;
+        const CheckResult result =
+            run_check(options, [&line](uint64_t done, uint64_t total) { line.show(done, total); });
+        line.clear();
+        return report(options, result);
+    }
+    return report(options, run_check(options, {}));
+}
+
+/// Opens closed standard descriptors: a target with such a descriptor would get the report.
+void occupy_standard_descriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
+        // A descriptor that was closed stays of no use: what is written to it fails.
+        if (::fcntl(descriptor, F_GETFD) < 0)
+            ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    occupy_standard_descriptors();
+    std::signal(SIGPIPE, SIG_IGN);  // a report that nobody reads is trouble, like one on a full disk
+    std::signal(SIGXFSZ, SIG_IGN);
+    CheckOptions options;
+    try {
+        options = parse_check_options(argc, argv);
+        return run(options);
+    } catch (const std::bad_alloc&) {
+        warn(options, "out of memory");
+    } catch (const std::exception& exception) {
+        warn(options, exception.what());
+    }
+    return kStatusTrouble;
+}
