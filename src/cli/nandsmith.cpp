@@ -1,35 +1,23 @@
 #include "../io/retry.h"
-#include "../storage/storage_types.h"
+#include "../options/conversion_options.h"
 
-#include <algorithm>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <fcntl.h>
 #include <getopt.h>
 #include <new>
 #include <optional>
-#include <span>
 #include <string>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
-/// What main returns; the process ends with the value modulo 256.
+/// What main returns where options are not refused; the process ends with the value modulo 256.
 enum ExitCode : int {
     kSuccess = 0,
-    kUnknownFlashType = -1,
-    kBlockSizeNotANumber = -2,
-    kPageSizeNotANumber = -3,
-    kOobSizeNotANumber = -4,
-    kNoFlashType = -5,
-    kNoBlockSize = -6,
-    kNoPageSize = -7,
-    kNoOobSize = -8,
     kOutputNotAccessible = -9,
     kOutputNotADirectory = -10,
     kFirmwareNotAccessible = -11,
@@ -40,32 +28,9 @@ enum ExitCode : int {
     kOutOfMemory = -16,
 };
 
-struct Options {
-    const StorageType* type = nullptr;
-    StorageSettings settings;
-};
-
 /// The code with which the run ends here; nothing when it goes on.
 using Ending = std::optional<int>;
 constexpr Ending kGoOn;
-
-const option long_options[] = {
-    {"in", required_argument, nullptr, 'i'},
-    {"out", required_argument, nullptr, 'o'},
-    {"flash_type", required_argument, nullptr, 't'},
-    {"block_size", required_argument, nullptr, 'b'},
-    {"page_size", required_argument, nullptr, 'p'},
-    {"oob_size", required_argument, nullptr, 's'},
-    {"2k_data", no_argument, nullptr, '2'},
-    {"page_list", no_argument, nullptr, 'l'},
-    {"version", no_argument, nullptr, 'v'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
-// With "-" the parser returns arguments that are not options, in order. With ":" it prints nothing. Kept:
-// there is no letter l, only the long option switches the page list on.
-const char short_options[] = "-:i:o:t:b:p:s:2vh";
 
 void usage() {
     std::printf("NAME\n"
@@ -87,65 +52,32 @@ void usage() {
                 "\t  -v\tshow version\n");
 }
 
-Ending parse_flash_type(const char* word, const StorageType*& type) {
-    std::printf("flash type is '%s'\n", word);
-    const std::span<const StorageType> types = storage_types();
-    const auto found = std::find_if(types.begin(), types.end(), [word](const StorageType& candidate) {
-        return ::strcasecmp(word, candidate.word) == 0;
-    });
-    if (found == types.end()) {
-        std::printf("flash type is not support.\n");
-        return kUnknownFlashType;
-    }
-    type = &*found;
+int refuse(const std::string& message, int code) {
+    std::printf("%s\n", message.c_str());
+    return code;
+}
+
+Ending apply_conversion(int code, ConversionOptions& options) {
+    const AppliedOption applied = apply_conversion_option(code, optarg, options);
+    if (applied.echo.empty())
+        std::printf("?? getopt returned character code 0%o ??\n", static_cast<unsigned>(code));
+    else
+        std::printf("%s\n", applied.echo.c_str());
+    if (applied.refusal)
+        return refuse(applied.refusal->line, applied.refusal->code);
     return kGoOn;
 }
 
-Ending parse_size(const char* what, const char* text, int failure, uint32_t& size) {
-    std::printf("%s size is '%s'\n", what, text);
-    try {
-        size = static_cast<uint32_t>(std::stoi(text));  // kept: a negative number becomes a large one
-    } catch (const std::exception& exception) {
-        std::printf("exception is '%s'\n", exception.what());
-        return failure;
-    }
-    return kGoOn;
-}
-
-Ending apply_option(int code, int option_index, Options& options) {
+Ending apply_option(int code, const char* long_name, ConversionOptions& options) {
     switch (code) {
     case 0:
-        std::printf("long option %s", long_options[option_index].name);
+        std::printf("long option %s", long_name);
         if (optarg != nullptr)
             std::printf(" with arg %s", optarg);
         std::printf("\n");
         return kGoOn;
     case 1:
         std::printf("regular argument '%s'\n", optarg);
-        return kGoOn;
-    case 'i':
-        std::printf("input firmware is '%s'\n", optarg);
-        options.settings.in_firmware = optarg;
-        return kGoOn;
-    case 'o':
-        std::printf("output directory is '%s'\n", optarg);
-        options.settings.out_dir = optarg;
-        return kGoOn;
-    case 't':
-        return parse_flash_type(optarg, options.type);
-    case 'b':
-        return parse_size("block", optarg, kBlockSizeNotANumber, options.settings.block_size);
-    case 'p':
-        return parse_size("page", optarg, kPageSizeNotANumber, options.settings.page_size);
-    case 's':
-        return parse_size("oob", optarg, kOobSizeNotANumber, options.settings.oob_size);
-    case '2':
-        std::printf("2k data page on.\n");
-        options.settings.page_2k = true;
-        return kGoOn;
-    case 'l':
-        std::printf("page linked list on.\n");
-        options.settings.page_list = true;
         return kGoOn;
     case 'v':
         std::printf("%s%s\n", "nandsmith ", " v1.0_20210204");
@@ -160,37 +92,26 @@ Ending apply_option(int code, int option_index, Options& options) {
         std::printf("Unknown option %c\n", optopt);
         return kGoOn;
     default:
-        std::printf("?? getopt returned character code 0%o ??\n", static_cast<unsigned>(code));
-        return kGoOn;
+        return apply_conversion(code, options);
     }
 }
 
-Ending parse_options(int argc, char* argv[], Options& options) {
+Ending parse_options(int argc, char* argv[], ConversionOptions& options) {
+    // With "-" the parser returns arguments that are not options, in order. With ":" it prints nothing.
+    const std::string short_options = "-:" + std::string(kConversionLetters) + "vh";
+    const std::vector<option> long_options = with_conversion_options({
+        {"version", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+    });
     for (;;) {
-        int option_index = 0;
-        const int code = ::getopt_long(argc, argv, short_options, long_options, &option_index);
+        int index = 0;
+        const int code = ::getopt_long(argc, argv, short_options.c_str(), long_options.data(), &index);
         if (code == -1)
             return kGoOn;
-        if (const Ending ending = apply_option(code, option_index, options))
+        if (const Ending ending =
+                apply_option(code, long_options[static_cast<std::size_t>(index)].name, options))
             return ending;
     }
-}
-
-int refuse(const std::string& message, int code) {
-    std::printf("%s\n", message.c_str());
-    return code;
-}
-
-Ending check_geometry(const Options& options) {
-    if (options.type == nullptr)
-        return refuse("flash type is none", kNoFlashType);
-    if (options.settings.block_size == 0)
-        return refuse("block size is zero", kNoBlockSize);
-    if (options.settings.page_size == 0)
-        return refuse("page size is zero", kNoPageSize);
-    if (options.settings.oob_size == 0 && options.type->needs_spare)
-        return refuse("oob size is zero", kNoOobSize);
-    return kGoOn;
 }
 
 /// Checks the output directory, or takes the current one when none is given.
@@ -220,11 +141,11 @@ Ending check_firmware(const StorageSettings& settings) {
 }
 
 int run(int argc, char* argv[]) {
-    Options options;
+    ConversionOptions options;
     if (const Ending ending = parse_options(argc, argv, options))
         return *ending;
-    if (const Ending ending = check_geometry(options))
-        return *ending;
+    if (const std::optional<Refusal> refusal = check_geometry(options))
+        return refuse(refusal->line, refusal->code);
     if (const Ending ending = check_output(options.settings.out_dir))
         return *ending;
     if (const Ending ending = check_firmware(options.settings))
