@@ -178,9 +178,8 @@ private:
             finish_pages();
             const Geometry& g = m_result.geometry;
             m_judged_file = file;
-            m_judge = std::make_unique<SlcOpinion>(
-                file, g.page, m_settings.page_2k && g.page_data > 2048 ? 2048 : g.page_data,
-                m_settings.page_list ? 1 : 4, m_result.opinion);
+            m_judge = std::make_unique<SlcOpinion>(file, g.page, g.page_data, m_settings.page_list ? 1 : 4,
+                                                   m_result.opinion);
         }
         m_judge->take(bytes);
     }
