@@ -187,8 +187,9 @@ std::vector<uint8_t> data_of(const std::vector<uint8_t>& pages, const PageLayout
     for (uint64_t position = 0;;) {
         uint64_t together = 0;
         const uint64_t place = place_of_data(layout, position, together);
-        if (place + together > pages.size())
+        if (place >= pages.size())
             return data;
+        together = std::min(together, pages.size() - place);
         data.insert(data.end(), pages.begin() + static_cast<std::ptrdiff_t>(place),
                     pages.begin() + static_cast<std::ptrdiff_t>(place + together));
         position += together;

@@ -11,6 +11,10 @@ constexpr uint64_t kUnitData = 1024;
 }  // namespace
 
 uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together) {
+    if (!layout.spare_areas && !(layout.two_kb && layout.page_data > kDataPerPage)) {
+        together = UINT64_MAX - position;
+        return position;
+    }
     uint64_t page = position / layout.page_data;
     uint64_t within = position % layout.page_data;
     together = layout.page_data - within;
