@@ -1,10 +1,9 @@
 #include "common_define.h"
 
-#include "hexadecimal.h"
+#include "rc4_key.h"
 
 #include <array>
 #include <cstddef>
-#include <string_view>
 #include <utility>
 
 namespace {
@@ -32,32 +31,6 @@ constexpr uint32_t reflected_entry(uint32_t index) {
         remainder = (remainder >> 1) ^ ((remainder & 1U) != 0 ? kReflectedGenerator : 0U);
     return remainder;
 }
-
-// The default is a development key ("nandsmith-devkey") that no device has: images for a device need the key
-// of its boot ROM.
-#ifndef NANDSMITH_RC4_KEY
-#define NANDSMITH_RC4_KEY "6e616e64736d6974682d6465766b6579"
-#endif
-
-constexpr bool is_key_text(std::string_view text) {
-    for (char digit : text)
-        if (hexadecimal_value(digit) < 0)
-            return false;
-    return text.size() == 32;
-}
-
-constexpr std::string_view kKeyText = NANDSMITH_RC4_KEY;
-static_assert(is_key_text(kKeyText), "NANDSMITH_RC4_KEY must be exactly 32 hexadecimal digits");
-
-constexpr std::array<uint8_t, 16> make_key() {
-    std::array<uint8_t, 16> key{};
-    for (std::size_t i = 0; i < key.size(); ++i)
-        key[i] = static_cast<uint8_t>(hexadecimal_value(kKeyText[2 * i]) * 16 +
-                                      hexadecimal_value(kKeyText[2 * i + 1]));
-    return key;
-}
-
-constexpr std::array<uint8_t, 16> kBuildKey = make_key();
 
 }  // namespace
 
