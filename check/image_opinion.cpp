@@ -34,8 +34,10 @@ bool all_zero(std::span<const uint8_t> bytes) {
 /// A record at a place, whose fields are held against what the format says.
 class Record {
 public:
-    Record(std::string place, std::span<const uint8_t> bytes, SecondOpinion& opinion)
-        : m_place(std::move(place)), m_bytes(bytes), m_opinion(opinion) {}
+    using Add = void (*)(SecondOpinion& opinion, const std::string& sentence);
+
+    Record(std::string place, std::span<const uint8_t> bytes, SecondOpinion& opinion, Add add = add_finding)
+        : m_place(std::move(place)), m_bytes(bytes), m_opinion(opinion), m_add(add) {}
 
     template <typename Integer>
     Integer field(std::size_t offset) const {
@@ -61,12 +63,13 @@ public:
     void complain(const char* name, uint64_t value, const std::string& reason) const {
         say(std::string(name) + " is " + hexadecimal(value) + ", " + reason);
     }
-    void say(const std::string& what) const { add_finding(m_opinion, m_place + ": " + what); }
+    void say(const std::string& what) const { m_add(m_opinion, m_place + ": " + what); }
 
 private:
     std::string m_place;
     std::span<const uint8_t> m_bytes;
     SecondOpinion& m_opinion;
+    Add m_add;
 };
 
 // ---- checksums and the scrambler ----
@@ -188,9 +191,9 @@ void judge_overlaps(std::vector<SectorRange> ranges, SecondOpinion& opinion) {
                       [](const SectorRange& range) { return std::pair(range.first, range.entry); });
     for (std::size_t i = 1, furthest = 0; i < ranges.size(); ++i) {
         if (ranges[i].first <= ranges[furthest].last)
-            add_finding(opinion, "gpt " + entry_name(ranges[i].entry) + ": overlaps " +
-                                     entry_name(ranges[furthest].entry) + " from sector " +
-                                     hexadecimal(ranges[i].first) + " on");
+            add_remark(opinion, "gpt " + entry_name(ranges[i].entry) + ": overlaps " +
+                                    entry_name(ranges[furthest].entry) + " from sector " +
+                                    hexadecimal(ranges[i].first) + " on");
         if (ranges[i].last > ranges[furthest].last)
             furthest = i;
     }
@@ -213,12 +216,13 @@ bool judge_gpt_entry(const Record& entry, const GptFields& header) {
     return first <= last;
 }
 
+/// What is odd in an entry comes from the firmware's partition list: these are remarks.
 void judge_gpt_entries(std::span<const uint8_t> entries, const GptFields& header, SecondOpinion& opinion) {
     std::vector<SectorRange> ranges;
     std::map<std::string, std::size_t> guids;
     for (std::size_t i = 0; i < kGptEntries; ++i) {
         const Record entry("gpt " + entry_name(i + 1), entries.subspan(i * kGptEntryBytes, kGptEntryBytes),
-                           opinion);
+                           opinion, add_remark);
         if (all_zero(entry.bytes(0, 16))) {  // not in use
             if (!all_zero(entry.bytes(0, kGptEntryBytes)))
                 entry.say("partition_type_guid is not set, but other fields are");
@@ -314,16 +318,17 @@ std::vector<OtherCopy> other_copies(const std::vector<ReadPart>& copies, std::si
     return others;
 }
 
-constexpr std::size_t kParameterHead = 8;
-constexpr std::size_t kParameterChecksum = 4;
-constexpr uint32_t kParameterTag = 0x4D524150;  // "PARM"
-
 }  // namespace
 
 void add_finding(SecondOpinion& opinion, const std::string& sentence) {
     ++opinion.findings_found;
     if (opinion.findings.size() < kFindingsKept)
         opinion.findings.push_back(sentence);
+}
+
+void add_remark(SecondOpinion& opinion, const std::string& sentence) {
+    if (opinion.remarks.size() < kFindingsKept)
+        opinion.remarks.push_back(sentence);
 }
 
 void judge_gpt(const ReadPart& read, SecondOpinion& opinion) {
@@ -400,36 +405,4 @@ void judge_copies(const std::string& name, const std::vector<ReadPart>& copies, 
         else
             add_finding(opinion, name + ": copies " + pair + " cannot be read and compared");
     }
-}
-
-void judge_parameter(const std::string& name, const ReadPart& read, uint64_t bytes, SecondOpinion& opinion) {
-    std::array<uint8_t, kParameterHead> head{};
-    if (bytes < head.size() + kParameterChecksum || !read(0, head.size(), head.data())) {
-        add_finding(opinion, name + ": its head cannot be read");
-        return;
-    }
-    const Record record(name, head, opinion);
-    if (!record.expect<uint32_t>("tag", 0, kParameterTag))
-        return;
-    const auto length = record.field<uint32_t>(4);
-    if (length > bytes - kParameterHead - kParameterChecksum) {
-        record.complain("length", length, "too much for a record of " + std::to_string(bytes) + " bytes");
-        return;
-    }
-    uint32_t checksum = 0;
-    std::array<uint8_t, 4096> piece{};
-    for (uint64_t done = 0; done < length;) {
-        const auto count = static_cast<std::size_t>(std::min<uint64_t>(piece.size(), length - done));
-        if (!read(kParameterHead + done, count, piece.data())) {
-            record.say("its text cannot be read");
-            return;
-        }
-        add_to_container_checksum(checksum, std::span(piece).first(count));
-        done += count;
-    }
-    std::array<uint8_t, kParameterChecksum> tail{};
-    if (!read(kParameterHead + uint64_t{length}, tail.size(), tail.data()))
-        record.say("its checksum cannot be read");
-    else
-        Record(name, tail, opinion).expect<uint32_t>("checksum", 0, checksum);
 }

@@ -48,10 +48,8 @@ void judge_boot_block(const std::string& name, const ReadPart& read, uint64_t by
 void judge_copies(const std::string& name, const std::vector<ReadPart>& copies, uint64_t bytes,
                   SecondOpinion& opinion);
 
-/// A copy of the parameter record, of at most bytes: the tag "PARM", a length that fits, and after the text
-/// the checksum of the text as boot containers have it. nandsmith copies a record as the firmware has it, so
-/// a finding may be the firmware's.
-void judge_parameter(const std::string& name, const ReadPart& read, uint64_t bytes, SecondOpinion& opinion);
-
 /// Adds a finding; keeps the first ones and counts all.
 void add_finding(SecondOpinion& opinion, const std::string& sentence);
+
+/// Adds what is odd but comes from the firmware; keeps the first ones.
+void add_remark(SecondOpinion& opinion, const std::string& sentence);

@@ -33,7 +33,9 @@ Findings findings_of(const std::function<void(SecondOpinion&)>& judge) {
     SecondOpinion opinion;
     judge(opinion);
     EXPECT_EQ(opinion.findings.size(), std::min<uint64_t>(opinion.findings_found, 20));
-    return opinion.findings;
+    Findings all = opinion.findings;
+    all.insert(all.end(), opinion.remarks.begin(), opinion.remarks.end());
+    return all;
 }
 
 bool has(const Findings& findings, const std::string& finding) {
@@ -441,60 +443,6 @@ TEST(JudgeCopies, CopyThatCannotBeReadIsNamed) {
     Bytes all = equal_copies(4);
     all.pop_back();
     EXPECT_EQ(copy_findings(all, 4), Findings{"parameter: copies 4 and 1 cannot be read and compared"});
-}
-
-// ---- parameter record ----
-
-Findings parameter_findings(const Bytes& record) {
-    return findings_of([&](SecondOpinion& opinion) {
-        judge_parameter("parameter", reader(record), record.size(), opinion);
-    });
-}
-
-TEST(JudgeParameter, RecordsAreRight) {
-    const std::string text = "FIRMWARE: 1\nCMDLINE: mtdparts=x:0x10@0x20(a)\n";
-    EXPECT_EQ(parameter_findings(parameter_record(text)), Findings{});
-    EXPECT_EQ(parameter_findings(parameter_record("")), Findings{});
-    EXPECT_EQ(parameter_findings(parameter_record(std::string(10000, 'x'))), Findings{});
-    EXPECT_EQ(parameter_findings(zero_padded(parameter_record(text), 16384)), Findings{}) << "a whole slot";
-}
-
-TEST(JudgeParameter, EveryByteIsFound) {
-    Bytes record = parameter_record("CMDLINE: mtdparts=x:0x10@0x20(a)\n");
-    for (std::size_t byte = 0; byte < record.size(); ++byte) {
-        record[byte] ^= 0x04;
-        EXPECT_EQ(parameter_findings(record).size(), 1U) << byte;
-        record[byte] ^= 0x04;
-    }
-}
-
-TEST(JudgeParameter, EveryFieldIsNamed) {
-    Bytes record = parameter_record("text");
-    put32_at(record, 4, 5);
-    EXPECT_EQ(parameter_findings(record),
-              Findings{"parameter: length is 0x5, too much for a record of 16 bytes"});
-    put32_at(record, 4, 0xFFFFFFFF);
-    EXPECT_EQ(parameter_findings(record),
-              Findings{"parameter: length is 0xffffffff, too much for a record of 16 bytes"});
-    record = parameter_record("text");
-    put32_at(record, 12, 1);
-    char text[80];
-    std::snprintf(text, sizeof text, "parameter: checksum is 0x1, not 0x%x", crc32_boot(to_bytes("text")));
-    EXPECT_EQ(parameter_findings(record), Findings{text});
-    put_text_at(record, 0, "PARN", 4);
-    EXPECT_EQ(parameter_findings(record), Findings{"parameter: tag is 0x4e524150, not 0x4d524150"});
-}
-
-TEST(JudgeParameter, RecordThatCannotBeReadIsAFinding) {
-    EXPECT_EQ(parameter_findings(Bytes(11, 0)), Findings{"parameter: its head cannot be read"});
-    const Bytes record = parameter_record("text");
-    const auto judge = [&](std::size_t there) {
-        const Bytes part = slice(record, 0, there);
-        return findings_of(
-            [&](SecondOpinion& opinion) { judge_parameter("parameter", reader(part), 100, opinion); });
-    };
-    EXPECT_EQ(judge(11), Findings{"parameter: its text cannot be read"});
-    EXPECT_EQ(judge(15), Findings{"parameter: its checksum cannot be read"});
 }
 
 }  // namespace
