@@ -281,6 +281,8 @@ private:
         }
         for (const auto& [name, extents] : copies)
             judge_equal_copies(name, extents, layout);
+        for (const std::string& remark : m_result.opinion.remarks)
+            m_result.warnings.push_back("odd, but so by the firmware: " + remark);
     }
 
     /// Bytes of data in the pages of a part.
