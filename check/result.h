@@ -69,10 +69,11 @@ struct Diagnosis {
 
 /// What is right in the target by the formats alone.
 struct SecondOpinion {
-    bool asked = true;           ///< false with --no-second-opinion
-    uint64_t units = 0;          ///< of SLC NAND that were judged
-    uint64_t wrong_units = 0;    ///< of them, those whose parity does not belong to the data
-    uint64_t wrong_indexes = 0;  ///< pages with another list index than their place asks for
+    bool asked = true;                ///< false with --no-second-opinion
+    std::vector<std::string> judged;  ///< what else was judged, such as "GPT" or "boot block"; each once
+    uint64_t units = 0;               ///< of SLC NAND that were judged
+    uint64_t wrong_units = 0;         ///< of them, those whose parity does not belong to the data
+    uint64_t wrong_indexes = 0;       ///< pages with another list index than their place asks for
     uint64_t findings_found = 0;
     std::vector<std::string> findings;  ///< the first ones, one sentence each
     std::vector<std::string> remarks;   ///< the first ones: odd, but right if the firmware says so
