@@ -1,0 +1,22 @@
+#pragma once
+
+#include "report_tally.h"
+#include "result.h"
+#include "table.h"
+
+#include <string>
+#include <vector>
+
+/// A row of the table of a report for people.
+struct ReportRow {
+    TableRow cells;
+    enum class Kind { kPart, kExtra, kRest } kind = Kind::kPart;
+    Verdict verdict = Verdict::kSame;  ///< of a part
+};
+
+/// A row for each part, missing file and extra file, and for the rest of the target.
+std::vector<ReportRow> rows_of(const CheckResult& result, bool color);
+
+/// The table with at most so many rows, and a line that counts the others. Rows that are not "same" go first.
+/// Nothing when there are no rows.
+std::string table_of(const CheckResult& result, const std::vector<ReportRow>& rows, std::size_t most_rows);
