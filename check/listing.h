@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,3 +52,6 @@ std::string text_listing(const Listing& listing, bool color);
 
 /// The list for programs: one JSON document and a line feed.
 std::string json_listing(const Listing& listing);
+
+/// Reads what is in the firmware at that path. Nothing when it was read, else the reason.
+std::optional<std::string> read_listing(const std::string& firmware_path, Listing& listing);
