@@ -21,6 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::size_t kLongestPath = 255;  // with a longer one the conversion ends the process
 constexpr std::size_t kMostExtraNames = 1000;
 constexpr uint64_t kLookedAtOfRest = 16 * 1024 * 1024;
 
@@ -98,6 +99,8 @@ private:
     bool open_firmware() {
         struct stat status {};
         const std::string& path = m_settings.in_firmware;
+        if (path.size() > kLongestPath)
+            return fail("path of firmware is too long");
         if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) != 0)
             return fail(path + " failed to access: " + error_text(errno));
         if (!S_ISREG(status.st_mode))
@@ -139,6 +142,7 @@ private:
 
     ComparisonPlan plan() {
         ComparisonPlan plan;
+        plan.firmware = m_firmware;
         plan.directory = m_directory;
         plan.target = m_directory.empty() ? &m_target : nullptr;
         plan.geometry = m_result.geometry;
@@ -266,10 +270,12 @@ private:
                 continue;
             if (extent.part.kind == OutputPart::Kind::kGpt)
                 with_target(extent, [&](Target& target) {
+                    note_judged("GPT");
                     judge_gpt(part_reader(target, extent.offset, layout), m_result.opinion);
                 });
             else if (extent.part.kind == OutputPart::Kind::kBootBlock)
                 with_target(extent, [&](Target& target) {
+                    note_judged("boot block");
                     const std::string name = "boot block, copy " + std::to_string(extent.part.copy);
                     judge_boot_block(name, part_reader(target, extent.offset, layout),
                                      data_bytes(extent, layout), m_result.opinion);
@@ -285,6 +291,11 @@ private:
             m_result.warnings.push_back("odd, but so by the firmware: " + remark);
     }
 
+    void note_judged(const std::string& what) {
+        if (!contains(m_result.opinion.judged, what))
+            m_result.opinion.judged.push_back(what);
+    }
+
     /// Bytes of data in the pages of a part.
     static uint64_t data_bytes(const Comparison::Extent& extent, const PageLayout& layout) {
         const uint64_t pages = extent.bytes / layout.page;
@@ -298,6 +309,7 @@ private:
         if (extents.size() < 2)
             return;
         with_target(extents.front(), [&](Target& target) {
+            note_judged(name);
             std::vector<ReadPart> readers;
             uint64_t bytes = UINT64_MAX;
             for (const Comparison::Extent& extent : extents) {

@@ -45,6 +45,10 @@ int Comparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& size)
     }
     const int error = m_own_target.open(m_plan.directory + path);
     m_file->there = error == 0;
+    const FileIdentity& identity = m_own_target.identity();
+    if (m_file->there && m_plan.firmware.known && identity.device == m_plan.firmware.device &&
+        identity.inode == m_plan.firmware.inode)
+        return EBUSY;
     log();
     // Not a file: nothing in it can be compared. A file that may not be read is trouble.
     return error == 0 || error == ENOENT || error == EISDIR || error == EINVAL ? 0 : error;

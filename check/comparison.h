@@ -14,6 +14,8 @@
 
 /// What is compared, and how much is kept of what differs.
 struct ComparisonPlan {
+    /// The firmware: an output cannot be in its place.
+    FileIdentity firmware;
     /// Where the files of the output lie; empty: target takes the one output.
     std::string directory;
     Target* target = nullptr;

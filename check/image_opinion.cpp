@@ -85,15 +85,6 @@ uint32_t gpt_checksum(std::span<const uint8_t> bytes) {
     return ~crc;
 }
 
-/// CRC of a boot container: most significant bit first, no inversion, another generator than usual.
-void add_to_container_checksum(uint32_t& crc, std::span<const uint8_t> bytes) {
-    for (const uint8_t byte : bytes) {
-        crc ^= uint32_t{byte} << 24;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = crc << 1 ^ ((crc >> 31) != 0 ? 0x04C10DB7 : 0);
-    }
-}
-
 using Sector = std::array<uint8_t, kSector>;
 
 /// What RC4 with the key of this build scrambles a sector with.

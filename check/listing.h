@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,8 +10,8 @@ enum class ItemKind {
     kPlain,
     kSparse,
     kParameter,
-    kEmpty,         ///< no data: nothing is written for it
-    kNotOnStorage,  ///< its place says that it is not written to the storage
+    kEmpty,      ///< no data: nothing is written for it
+    kNotPlaced,  ///< its place says that it is not written to the storage
 };
 
 /// An item's place on the storage that says "none", and a partition that grows to the end of the device.
@@ -52,6 +51,3 @@ std::string text_listing(const Listing& listing, bool color);
 
 /// The list for programs: one JSON document and a line feed.
 std::string json_listing(const Listing& listing);
-
-/// Reads what is in the firmware at that path. Nothing when it was read, else the reason.
-std::optional<std::string> read_listing(const std::string& firmware_path, Listing& listing);

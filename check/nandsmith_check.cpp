@@ -3,6 +3,7 @@
 #include "listing.h"
 #include "options.h"
 #include "progress_line.h"
+#include "read_listing.h"
 #include "report.h"
 
 #include <cerrno>

@@ -19,7 +19,7 @@ Listing sample() {
     listing.items = {{"parameter", 612, 2048, 0, 8192, ItemKind::kParameter, -1},
                      {"rootfs", 36765696, 4096, 34816, 143360, ItemKind::kSparse, 12},
                      {"userdata", 0, 0, 178176, kGrows, ItemKind::kEmpty, -1},
-                     {"package-file", 540, 36769792, kNoPlace, 0, ItemKind::kNotOnStorage, -1}};
+                     {"package-file", 540, 36769792, kNoPlace, 0, ItemKind::kNotPlaced, -1}};
     listing.loader_entries = {{"DDRInit", 40960, "471"}, {"FlashBoot", 102400, "loader"}};
     return listing;
 }

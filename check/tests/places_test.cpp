@@ -80,8 +80,10 @@ TEST(Corrections, OfARunThatHoldsAWholeUnit) {
 }
 
 TEST(Corrections, LeaveBytesAfterTheUnitsOut) {
-    const PartResult part = part_with({{2111, 17, 17, 0, 0}, {2112 + 2128, 16, 128, 0, 0}});
-    EXPECT_EQ(corrections(part, roomy_geometry()), (Corrections{kYes, kOpen}));
+    const PartResult part =
+        part_with({{2111, 17, 17, 0, 0}, {2128 + 2112, 16, 128, 0, 0}, {2 * 2128, 1, 1, 0, 0}});
+    EXPECT_EQ(corrections(part, roomy_geometry()), (Corrections{kYes, kOpen, kYes}));
+    EXPECT_EQ(corrections(part_with({{2112, 16, 16, 0, 0}}), roomy_geometry()), Corrections{kOpen});
 }
 
 TEST(Corrections, AreOpenWhereRunsAreNotListed) {

@@ -229,8 +229,11 @@ TEST(TextTable, EscapesAndShortensNames) {
     result.parts[0].file = "\033[2J\nx\xFF";
     result.parts[1].file = std::string(300, 'n');
     const std::string text = plain(result);
-    EXPECT_EQ(line_with(text, "2J").substr(0, 43), "\\x1b[2J\\x0ax\\xff" + std::string(24, ' ') + "   ");
-    EXPECT_EQ(line_with(text, "nnn").substr(0, 43), std::string(37, 'n') + "...   ");
+    std::string padded = "\\x1b[2J\\x0ax\\xff";
+    padded.resize(43, ' ');
+    EXPECT_EQ(line_with(text, "2J").substr(0, 43), padded);
+    EXPECT_EQ(line_with(text, "nnn").substr(0, 37), std::string(37, 'n'));
+    EXPECT_EQ(line_with(text, "nnn").substr(37, 6), "...   ");
     EXPECT_EQ(times(text, "\033"), 0u);
 }
 
@@ -374,6 +377,14 @@ TEST(TextOpinion, NamesWhatWasJudged) {
     result.opinion.judged = {"boot block"};
     EXPECT_EQ(line_with(plain(result), "second"),
               "second opinion: 34944 units, 17472 list indexes and boot block right");
+}
+
+TEST(TextOpinion, StaysWhenTroubleCameAfterIt) {
+    CheckResult result = device_result();
+    result.verdict = Verdict::kTrouble;
+    EXPECT_EQ(times(plain(result), "second"), 0u);
+    result.opinion.judged = {"GPT"};
+    EXPECT_EQ(line_with(plain(result), "second"), "second opinion: GPT is right");
 }
 
 TEST(TextOpinion, DoesNotCountIndexesOfPagesInPart) {

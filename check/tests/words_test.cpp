@@ -28,6 +28,7 @@ TEST(Escaped, WritesControlsBeyondAsciiAsHexadecimal) {
                       "gmi.x"),
               "\\xe2\\x80\\xaegmi.x");
     EXPECT_EQ(escaped("\xEF\xBB\xBFx"), "\\xef\\xbb\\xbfx");
+    EXPECT_EQ(escaped("\xC2\x9F"), "\\xc2\\x9f");
     EXPECT_EQ(escaped("\xC2\xA0"), "\xC2\xA0");  // the first character after them
 }
 
