@@ -16,6 +16,9 @@ constexpr uint64_t kPiece = 128 * 1024;
 // Differences are looked for byte by byte only where bytes of this number are not equal.
 constexpr uint64_t kStep = 64;
 
+// Bytes of a part that are looked for after the end of the target. A firmware can ask for terabytes.
+constexpr uint64_t kMostMissing = uint64_t{1} << 30;
+
 // A range that is expected to be zeros is compared with these.
 constexpr uint8_t kZeros[kPiece] = {};
 
@@ -140,6 +143,7 @@ void Comparison::cover(uint64_t offset, uint64_t count) {
 /// Compares what no later run of the conversion writes again. bytes is null for zeros.
 int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     note_place(offset, count);
+    Log& current = log();
     uint64_t done = 0;
     while (done < count) {
         // The next place that a later run writes again ends this range, or is passed over.
@@ -165,6 +169,10 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     }
     if (m_plan.progress)
         m_plan.progress(count);
+    if (current.result.missing >= kMostMissing) {
+        m_gave_up = true;
+        return ENOSPC;
+    }
     return m_differing >= m_plan.give_up_at ? ECANCELED : 0;
 }
 

@@ -71,6 +71,9 @@ public:
     uint64_t image_size() const { return m_image_size; }
     uint64_t differing() const { return m_differing; }
     uint64_t compared() const { return m_compared; }
+    /// True when the target is so much too short that the rest of a file was not compared. The conversion
+    /// then ends as after a failure.
+    bool gave_up() const { return m_gave_up; }
 
 private:
     /// What is known of a file or a part while it is compared.
@@ -123,4 +126,5 @@ private:
     uint64_t m_compared = 0;
     uint64_t m_image_size = 0;
     bool m_second_pass = false;
+    bool m_gave_up = false;
 };
