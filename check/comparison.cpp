@@ -17,7 +17,7 @@ constexpr uint64_t kPiece = 128 * 1024;
 constexpr uint64_t kStep = 64;
 
 // Bytes of a part that are looked for after the end of the target. A firmware can ask for terabytes.
-constexpr uint64_t kMostMissing = uint64_t{1} << 30;
+constexpr uint64_t kMostMissing = 256 * 1024 * 1024;
 
 // A range that is expected to be zeros is compared with these.
 constexpr uint8_t kZeros[kPiece] = {};
@@ -173,13 +173,14 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
         m_gave_up = true;
         return ENOSPC;
     }
-    return m_differing >= m_plan.give_up_at ? ECANCELED : 0;
+    return m_differing + m_missing >= m_plan.give_up_at ? ECANCELED : 0;
 }
 
 void Comparison::compare_range(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     Log& current = log();
     if (!m_file->there) {
         current.result.missing += count;
+        m_missing += count;
         return;
     }
     while (count != 0) {
@@ -209,6 +210,7 @@ void Comparison::compare_piece(uint64_t offset, const uint8_t* bytes, uint64_t c
     }
     Log& current = log();
     current.result.missing += count - *got;
+    m_missing += count - *got;
     current.result.compared += *got;
     m_compared += *got;
     if (m_file->watched)
@@ -382,7 +384,7 @@ std::vector<Comparison::Extent> Comparison::extents() const {
 void Comparison::start_second_pass() {
     m_second_pass = true;
     m_logs.clear();
-    m_differing = m_compared = m_image_size = 0;
+    m_differing = m_missing = m_compared = m_image_size = 0;
     m_file = nullptr;
     for (auto& [name, file] : m_files) {
         file.covered.clear();

@@ -123,6 +123,7 @@ private:
     OutputPart m_part;
     ByteBuffer m_piece;
     uint64_t m_differing = 0;
+    uint64_t m_missing = 0;
     uint64_t m_compared = 0;
     uint64_t m_image_size = 0;
     bool m_second_pass = false;

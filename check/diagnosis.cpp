@@ -18,6 +18,9 @@ constexpr uint64_t kSmallestDifference = 256;
 // Another option is named when it leaves at most one in this many of the bytes that differ.
 constexpr uint64_t kExplains = 8;
 
+// And no more than this, so that a run with options that explain nothing ends soon.
+constexpr uint64_t kMostLeft = 4 * 1024 * 1024;
+
 constexpr uint32_t kPageSizes[] = {1, 2, 4, 8, 16};                                      // in KB
 constexpr uint32_t kBlockSizes[] = {4, 8, 16, 32, 64, 128, 256, 512, 1024, 2048, 4096};  // in KB
 constexpr uint32_t kSpareSizes[] = {32,  64,  96,  128, 192, 208,  218,  224,  232,
@@ -386,7 +389,7 @@ void diagnose(const ConversionOptions& options, const ComparisonPlan& plan, Chec
     if (wrong < kSmallestDifference && !lengths)
         return;
     const Candidate* best = nullptr;
-    uint64_t limit = wrong / kExplains;
+    uint64_t limit = std::min(wrong / kExplains, kMostLeft);
     const std::vector<Candidate> candidates = candidates_for(options);
     for (const Candidate& candidate : candidates) {
         const auto left = wrong_bytes_with(candidate.options, plan, limit);
