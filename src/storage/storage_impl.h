@@ -74,13 +74,10 @@ public:
     virtual bool write_page(uint8_t* data, uint32_t length);
     /// Loads the firmware and, for eMMC and NOR, creates out_image.img. False after a line that says why.
     virtual bool storage_init();
-    /// Closes all files.
     virtual ~CStorage() = default;
 
-    /// Before storage_init: gives the output to this receiver, which outlives the object, in place of files.
-    /// Nothing is then created or written, and sparse images expand without a temporary file.
+    /// Before storage_init: the output goes to receiver, which outlives the object. No file is written.
     void send_output_to(OutputReceiver& receiver);
-
     /// Runs the whole conversion. False after a line that says what failed; what was written stays.
     bool create_image();
     /// Calls the writer of this kind and returns its result, or kUnknownImageType.
@@ -112,11 +109,8 @@ public:
     bool is_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
     /// blk_sz * total_blks in bytes, wrapping at 32 bits. UINT64_MAX, after a line, for an unreadable header.
     uint64_t get_sparse_size(STRUCT_QZIMAGE_ITEM& entry);
-    /// Expands a sparse image. The temporary file unsparse_tmp.bin in the output directory stays there after
-    /// a failure. A WriteSparseImageResult.
+    /// Expands a sparse image. After a failure its unsparse_tmp.bin stays. A WriteSparseImageResult.
     int write_sparse_image(STRUCT_QZIMAGE_ITEM& entry);
-
-    // Parameter text; see parameter_text.h.
 
     bool parse_parameter(const char* pParameter, PARAM_ITEM_VECTOR& vecItem) {
         return parse_partition_list(pParameter, vecItem);
