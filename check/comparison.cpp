@@ -277,9 +277,12 @@ void Comparison::note_difference(Log& log, uint64_t offset, uint8_t expected, ui
 }
 
 bool Comparison::needs_second_pass() const {
-    return !m_second_pass && m_differing != 0 &&
-           std::any_of(m_files.begin(), m_files.end(),
-                       [](const auto& file) { return !file.second.rewrites.empty(); });
+    const bool counted = std::any_of(m_logs.begin(), m_logs.end(), [](const Log& log) {
+        return log.result.differing != 0 || log.result.missing != 0 || log.result.unreadable != 0;
+    });
+    return !m_second_pass && counted && std::any_of(m_files.begin(), m_files.end(), [](const auto& file) {
+        return !file.second.rewrites.empty();
+    });
 }
 
 namespace {

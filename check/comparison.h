@@ -47,7 +47,7 @@ public:
     bool takes_parts() const override { return true; }
     void begin_part(const OutputPart& part) override;
 
-    /// True when something differs and places were written several times.
+    /// True when something differs, is missing or cannot be read, and places were written several times.
     bool needs_second_pass() const;
     /// Forgets the results, and keeps what is written several times.
     void start_second_pass();
