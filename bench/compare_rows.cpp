@@ -18,6 +18,13 @@ constexpr double kSparseLimit = 1.6;
 constexpr double kCarryLessLimit = 1.5;
 constexpr double kTableLimit = 2.6;
 
+// Of processor time, to cmp.
+constexpr double kCheckLimit = 1.0;
+constexpr double kCheckGapsLimit = 0.6;
+constexpr double kCheckSparseLimit = 1.1;
+constexpr double kCheckSlcCompareLimit = 1.5;
+constexpr double kCheckSlcLimit = 2.0;
+
 Words program_words(const Programs& programs, const Words& options) {
     Words words{programs.nandsmith.string(), "-i", "@firmware", "-o", "@output"};
     words.insert(words.end(), options.begin(), options.end());
@@ -74,6 +81,36 @@ void add_slc_rows(const Programs& programs, std::vector<Row>& rows) {
     }
 }
 
+Row check_row(const Programs& programs, const std::string& name, InputKind input, double limit,
+              const Words& options, const Words& own_options = {}) {
+    Row row{.name = name,
+            .input = input,
+            .limit = limit,
+            .words = {programs.nandsmith_check.string(), "-i", "@firmware", "-o", "@output"},
+            .preparation = program_words(programs, options)};
+    row.words.insert(row.words.end(), options.begin(), options.end());
+    row.words.insert(row.words.end(), own_options.begin(), own_options.end());
+    return row;
+}
+
+void add_check_rows(const Programs& programs, std::vector<Row>& rows) {
+    const Words emmc{"-t", "emmc", "-b", "512", "-p", "2"};
+    const Words nor{"-t", "spinor", "-b", "64", "-p", "2"};
+    const Words spi_nand{"-t", "spinand", "-b", "128", "-p", "2"};
+    const Words slc{"-t", "slc", "-b", "128", "-p", "2", "-s", "64"};
+    const auto add = [&](const std::string& name, InputKind input, double limit, const Words& options,
+                         const Words& own_options = {}) {
+        rows.push_back(check_row(programs, name, input, limit, options, own_options));
+    };
+    add("check-emmc", InputKind::dense, kCheckLimit, emmc);
+    add("check-nor", InputKind::dense, kCheckLimit, nor);
+    add("check-spinand", InputKind::dense, kCheckLimit, spi_nand);
+    add("check-gaps", InputKind::gaps, kCheckGapsLimit, emmc);
+    add("check-sparse", InputKind::sparse, kCheckSparseLimit, emmc);
+    add("check-slc/compare", InputKind::dense, kCheckSlcCompareLimit, slc, {"--no-second-opinion"});
+    add("check-slc", InputKind::dense, kCheckSlcLimit, slc);
+}
+
 void write_genimage_config(const fs::path& path, const Input& input, uint64_t mib) {
     std::ofstream config(path);
     config << "image out_image.img {\n"
@@ -93,6 +130,16 @@ Command genimage_command(const Input& input, uint64_t mib, const WorkDirectory& 
              (work.copy() / "tmp").string(), "--inputpath", work.inputs().string(), "--outputpath",
              (work.copy() / "images").string()},
             {}};
+}
+
+Command command_of(const Words& words, const Input& input, const WorkDirectory& work) {
+    Command command{words, {}};
+    for (std::string& word : command.words)
+        if (word == "@firmware")
+            word = input.firmware.string();
+        else if (word == "@output")
+            word = work.output().string();
+    return command;
 }
 
 }  // namespace
@@ -121,17 +168,16 @@ std::vector<Row> comparison_rows(const Programs& programs) {
          .others = {OtherTool::cat, OtherTool::simg2img}},
     };
     add_slc_rows(programs, rows);
+    add_check_rows(programs, rows);
     return rows;
 }
 
 Command command_of(const Row& row, const Input& input, const WorkDirectory& work) {
-    Command command{row.words, {}};
-    for (std::string& word : command.words)
-        if (word == "@firmware")
-            word = input.firmware.string();
-        else if (word == "@output")
-            word = work.output().string();
-    return command;
+    return command_of(row.words, input, work);
+}
+
+Command preparation_of(const Row& row, const Input& input, const WorkDirectory& work) {
+    return command_of(row.preparation, input, work);
 }
 
 Command copy_command(const WorkDirectory& work) {
@@ -139,6 +185,18 @@ Command copy_command(const WorkDirectory& work) {
     for (const fs::path& file : files_in(work.output()))
         command.words.push_back(file.string());
     command.words.push_back(work.copy().string());
+    return command;
+}
+
+Command compare_command(const WorkDirectory& work) {
+    const std::vector<fs::path> files = files_in(work.output());
+    if (files.size() == 1)
+        return {{"cmp", files[0].string(), (work.copy() / files[0].filename()).string()}, {}};
+    Command command{{"sh", "-c", R"(copy=$0; for file; do cmp "$file" "$copy/${file##*/}" || exit; done)",
+                     work.copy().string()},
+                    {}};
+    for (const fs::path& file : files)
+        command.words.push_back(file.string());
     return command;
 }
 

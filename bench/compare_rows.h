@@ -16,24 +16,32 @@ enum class OtherTool { cat, simg2img, genimage };
 struct Row {
     std::string name{};
     InputKind input = InputKind::dense;
-    double limit = 0;  // of the ratio to cp
+    double limit = 0;  // of the ratio to cp, or to cmp for a check
     // "@firmware" and "@output" stand for the input and the output directory.
     std::vector<std::string> words{};
     std::vector<OtherTool> others{};
     bool at_largest_size = false;  // also runs alone with a firmware that is too large for pairs
+    // Not empty: the row checks what these words have written, beside cmp of the output and its copy.
+    std::vector<std::string> preparation{};
+
+    bool is_check() const { return !preparation.empty(); }
 };
 
 // The rows that this processor can run. programs: the directory of the conversion programs by name.
 struct Programs {
     std::filesystem::path nandsmith{};
+    std::filesystem::path nandsmith_check{};
     std::filesystem::path convert_with_path{};
 };
 std::vector<Row> comparison_rows(const Programs& programs);
 
 Command command_of(const Row& row, const Input& input, const WorkDirectory& work);
+Command preparation_of(const Row& row, const Input& input, const WorkDirectory& work);
 
 // The copy of everything in the output directory that the row is measured against.
 Command copy_command(const WorkDirectory& work);
+// cmp of each file in the output directory with its copy.
+Command compare_command(const WorkDirectory& work);
 
 std::string name_of(OtherTool tool);
 // Writes to the copy directory, which is empty, what the tool makes of the same contents. mib: size of the

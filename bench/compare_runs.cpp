@@ -68,7 +68,7 @@ public:
         const std::vector<Row> rows = selected_rows();
         for (const uint64_t mib : m_arguments.sizes_mib()) {
             for (const Row& row : rows)
-                m_table.print_row(run_pairs(row, mib));
+                m_table.print_row(row.is_check() ? run_checks(row, mib) : run_pairs(row, mib));
             m_work.empty(m_work.inputs());
         }
         if (!m_arguments.quick) {
@@ -88,10 +88,15 @@ private:
     bool is_selected(const std::string& name) const { return std::regex_search(name, m_arguments.rows); }
 
     std::vector<Row> selected_rows() const {
+        const fs::path check = m_arguments.programs / "nandsmith-check";
         std::vector<Row> rows =
             comparison_rows({.nandsmith = m_arguments.programs / "nandsmith",
+                             .nandsmith_check = check,
                              .convert_with_path = m_arguments.programs / "bench/convert_with_path"});
         std::erase_if(rows, [this](const Row& row) { return !is_selected(row.name); });
+        const bool can_check = fs::exists(check);
+        if (std::erase_if(rows, [&](const Row& row) { return row.is_check() && !can_check; }) != 0)
+            std::printf("Left out: the rows of nandsmith-check, which is not built.\n");
         return rows;
     }
 
@@ -111,7 +116,32 @@ private:
             RowResult discarded = result;
             run_pair(row, input, program, pair == 0 ? discarded : result);  // the first one warms up
         }
+        clear();
         result.calls_per_mib = calls_per_mib(program);
+        clear();
+        return result;
+    }
+
+    // Checks of one output, in turn with cmp of it and its copy. Nothing is written meanwhile.
+    RowResult run_checks(const Row& row, uint64_t mib) {
+        const Input input = input_of(row, mib, false);
+        clear();
+        run_measured(preparation_of(row, input, m_work));
+        run_measured(copy_command(m_work));
+        m_work.settle();
+        const Command check = command_of(row, input, m_work);
+        const Command compare = compare_command(m_work);
+        RowResult result{.name = row.name, .mib = mib, .limit = row.limit, .is_check = true};
+        for (int pair = 0; pair <= m_arguments.pairs(); ++pair) {
+            const Measurement checked = run_measured(check);
+            const Measurement compared = run_measured(compare);
+            if (pair == 0)  // it warms up
+                continue;
+            result.program.add(checked);
+            result.program.ratios.push_back(checked.processor_seconds() / compared.processor_seconds());
+            result.copy.add(compared);
+        }
+        result.calls_per_mib = calls_per_mib(check);
         clear();
         return result;
     }
@@ -156,13 +186,13 @@ private:
             clear();
             result.program.add(run_measured(program));
         }
+        clear();
         result.calls_per_mib = calls_per_mib(program);
         clear();
         return result;
     }
 
     std::optional<double> calls_per_mib(const Command& program) {
-        clear();
         const std::optional<uint64_t> calls = count_system_calls(program, m_work.scratch("strace.txt"));
         if (!calls)
             return std::nullopt;

@@ -12,7 +12,7 @@
 // One command over all its runs.
 struct Timing {
     std::vector<double> seconds{};
-    std::vector<double> ratios{};  // to the copy of the same pair; empty without pairs
+    std::vector<double> ratios{};  // to the copy, or to cmp, of the same pair; empty without pairs
     std::vector<double> user_seconds{};
     std::vector<double> system_seconds{};
     double peak_mib = 0;  // the highest
@@ -32,7 +32,8 @@ struct RowResult {
     uint64_t mib = 0;
     double limit = 0;
     Timing program{};
-    Timing copy{};                          // without runs: too large for pairs
+    bool is_check = false;                  // beside cmp, by processor time
+    Timing copy{};                          // of cmp for a check; without runs: too large for pairs
     std::optional<double> calls_per_mib{};  // of output
     std::vector<OtherResult> others{};
 };
@@ -53,7 +54,9 @@ public:
     int rows_over() const { return m_over; }
 
 private:
-    bool m_header_printed = false;
+    void print_header(bool is_check);
+
+    std::optional<bool> m_header_is_of_checks{};
     int m_over = 0;
     std::vector<RowResult> m_with_others{};
 };

@@ -18,6 +18,8 @@ struct Measurement {
     double user_seconds = 0;    // in the processes themselves, descendants included
     double system_seconds = 0;  // in the kernel for them
     double peak_mib = 0;        // resident
+
+    double processor_seconds() const { return user_seconds + system_seconds; }
 };
 
 // std::runtime_error when the command cannot be started or does not end with status 0.
