@@ -399,9 +399,13 @@ private:
             differs = differs || !m_result.extra.empty() || rest_counts || !m_result.warnings.empty();
         differs = differs || m_result.opinion.findings_found != 0;
         m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
+        if (!m_result.geometry.whole_image)
+            return;
+        for (PartResult& part : m_result.parts)
+            part.file.clear();  // there is but one
         // Without differences a gap is not worth a row.
         std::erase_if(m_result.parts, [](const PartResult& part) {
-            return part.name == "gaps" && part.file.empty() && part.verdict == Verdict::kSame;
+            return part.name == "gaps" && part.verdict == Verdict::kSame;
         });
     }
 
