@@ -267,10 +267,9 @@ private:
     }
 
     void check_completeness() {
-        for (const std::string& name : m_options.only) {
+        for (const std::string& name : m_options.only)
             if (std::find(m_options.ignore.begin(), m_options.ignore.end(), name) != m_options.ignore.end())
                 fail(quoted(name) + " is in --only and in --ignore");
-        }
         if (m_options.action == Action::kCheck) {
             if (const std::optional<Refusal> refusal = check_geometry(m_options.conversion))
                 fail(refusal->line);

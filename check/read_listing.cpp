@@ -73,10 +73,9 @@ std::string date_text(const STRUCT_QZTIME& time) {
 
 /// The item that the conversion takes for the parameter: the last one of that name with a place.
 std::optional<std::size_t> parameter_index(const std::vector<STRUCT_QZIMAGE_ITEM>& items) {
-    for (std::size_t i = items.size(); i-- > 0;) {
+    for (std::size_t i = items.size(); i-- > 0;)
         if (items[i].flash_offset != kNotOnStorage && item_name(items[i]) == kParameterName)
             return i;
-    }
     return std::nullopt;
 }
 
@@ -105,10 +104,9 @@ public:
     void fill() {
         for (std::size_t i = 0; i < m_items.size(); ++i)
             add(i);
-        for (std::size_t i = 0; i < m_items.size(); ++i) {
+        for (std::size_t i = 0; i < m_items.size(); ++i)
             if (m_listing.items[i].kind == ItemKind::kPlain && (m_sparse_bits >> i % 32 & 1) != 0)
                 warn(i, "is written as a sparse image, because an item 32 places away is one");
-        }
         if (!m_parameter)
             m_listing.warnings.emplace_back("there is no item 'parameter': nandsmith does not convert this");
     }

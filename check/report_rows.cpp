@@ -127,12 +127,11 @@ std::vector<ReportRow> most_important(const std::vector<ReportRow>& rows, std::s
 
 Tally tally_of_rows(const std::vector<ReportRow>& rows) {
     Tally tally;
-    for (const ReportRow& row : rows) {
+    for (const ReportRow& row : rows)
         if (row.kind == ReportRow::Kind::kPart)
             tally.add(row.verdict);
         else if (row.kind == ReportRow::Kind::kExtra)
             tally.extra++;
-    }
     return tally;
 }
 

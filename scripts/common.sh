@@ -34,7 +34,7 @@ build_preset() {
 # source_files [DIRECTORY]...: the C++ files of these directories, or of the whole project, separated by NUL.
 source_files() {
     if (($# == 0)); then
-        set -- src tests bench
+        set -- src check tests bench
     fi
     find "$@" -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.inc' \) -print0 | sort -z
 }

@@ -362,10 +362,9 @@ TEST(CheckList, NeedsAFirmwareAlone) {
 Words help_lines(const std::string& beginning) {
     Words lines;
     std::istringstream text(check_help());
-    for (std::string line; std::getline(text, line);) {
+    for (std::string line; std::getline(text, line);)
         if (line.starts_with(beginning))
             lines.push_back(line);
-    }
     return lines;
 }
 

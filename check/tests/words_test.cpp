@@ -8,7 +8,7 @@
 
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 TEST(Escaped, LeavesWhatIsSeenAsItIs) {
     EXPECT_EQ(escaped("rootfs_a-1.img ~\\"), "rootfs_a-1.img ~\\");
