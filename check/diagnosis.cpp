@@ -200,7 +200,8 @@ std::vector<uint8_t> data_of(const std::vector<uint8_t>& pages, const PageLayout
 }
 
 /// True when all sectors that differ do so by the same bytes: each sector is scrambled with a keystream that
-/// starts anew, so another key shows as one XOR of all of them.
+/// starts anew, so another key shows as one XOR of all of them. The last sector of a stage is scrambled up to
+/// the end of the stage.
 bool is_another_key(const std::vector<uint8_t>& expected, const std::vector<uint8_t>& actual) {
     constexpr std::size_t kSize = kSector;
     std::vector<uint8_t> difference;
@@ -213,7 +214,9 @@ bool is_another_key(const std::vector<uint8_t>& expected, const std::vector<uint
             continue;
         if (difference.empty())
             difference = now;
-        if (now != difference)
+        const auto scrambled_end =
+            std::find_if(now.rbegin(), now.rend(), [](uint8_t byte) { return byte != 0; }).base();
+        if (!std::equal(now.begin(), scrambled_end, difference.begin()))
             return false;
         ++scrambled;
     }
@@ -232,6 +235,8 @@ constexpr std::size_t kEntries = 2 * kSector;
 constexpr std::size_t kEntrySize = 128;
 constexpr std::size_t kEntryGuid = 16;
 constexpr std::size_t kGuidSize = 16;
+constexpr std::size_t kEntryLastSector = 40;
+constexpr std::size_t kEntryName = 56;
 constexpr std::size_t kTableEnd = kEntries + 128 * kEntrySize;
 
 /// Which bytes of a table may differ for a reason: the rest has to be equal.
@@ -254,6 +259,17 @@ bool equal_but(const std::vector<uint8_t>& expected, const std::vector<uint8_t>&
         release(0, kSector);  // the protective MBR spans the disk
         release(kBackupSector, 8);
         release(kLastUsable, 8);
+        for (std::size_t entry = kEntries; entry < kTableEnd; entry += kEntrySize) {
+            const uint8_t* bytes = expected.data() + entry;
+            // A partition that grows ends where the disk does.
+            if (std::memcmp(bytes + kEntryLastSector, expected.data() + kLastUsable, 8) == 0)
+                release(entry + kEntryLastSector, 8);
+            // A tool that writes the table again drops the flags, which stand after the end of the name.
+            std::size_t name_end = kEntryName;
+            while (name_end < kEntrySize && (bytes[name_end] != 0 || bytes[name_end + 1] != 0))
+                name_end += 2;
+            release(entry + name_end, kEntrySize - name_end);
+        }
     }
     for (std::size_t i = 0; i < kTableEnd; ++i)
         if (!free[i] && expected[i] != actual[i])
@@ -282,8 +298,9 @@ void look_at_parts(const ConversionOptions& options, const ComparisonPlan& plan,
         result.diagnoses.push_back(
             {"gpt-guids", "only GUIDs of the GPT differ: it was made on a machine with another C library"});
     else if (equal_but(expected, actual, false, true))
-        result.diagnoses.push_back(
-            {"gpt-adapted", "the GPT was adapted to the size of the device; the partitions are unchanged"});
+        result.diagnoses.push_back({"gpt-adapted",
+                                    "the GPT was adapted to the size of the device; "
+                                    "the partitions are unchanged, but one that grows ends with the disk"});
 }
 
 /// True when places that are spread over the target all hold the same byte, and that is 0 or 0xFF.
