@@ -7,6 +7,7 @@
 #include "support/bytes.h"
 
 #include <array>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -50,6 +51,13 @@ void run_parameter_text(const test_support::Bytes& input);
 void run_sparse_expansion(const test_support::Bytes& input);
 void run_conversion(const test_support::Bytes& input);
 
+// How far a conversion is followed. A firmware can make it print a million lines; the fuzzer sets this lower,
+// because they say nothing new. The replay of findings follows each to its end.
+struct ConversionPatience {
+    uint64_t messages = UINT64_MAX;
+};
+ConversionPatience& conversion_patience();
+
 // Correct inputs of every kind, and the numbers that cost most when they are wild.
 std::vector<NamedInput> boot_container_seeds();
 std::vector<NamedInput> update_image_seeds();
@@ -85,5 +93,7 @@ private:
 inline constexpr std::size_t kParameterControls = 1;
 inline constexpr std::size_t kSparseControls = 3;
 inline constexpr std::size_t kConversionControls = 4;
+// Control byte 2 is a page size and, times this, a second path of the encoder.
+inline constexpr std::size_t kConversionPageSizes = 6;
 
 }  // namespace robustness

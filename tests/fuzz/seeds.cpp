@@ -135,10 +135,18 @@ std::vector<NamedInput> conversion_seeds() {
             seeds.push_back({name + word, firmware.build() + Bytes{type, 0, 0, 0}});
         const Bytes gpt = small_firmware({.gpt = true}).build();
         const auto two_kilobytes = static_cast<uint8_t>(type | 0x10);
+        const auto like_a_file = static_cast<uint8_t>(type | 0x40);
         const auto bare = static_cast<uint8_t>(type | 0x80);
         seeds.push_back({"gpt-2k" + word, gpt + Bytes{two_kilobytes, 1, 1, 1}});
         seeds.push_back({"gpt-odd" + word, gpt + Bytes{two_kilobytes, 5, 4, 3}});
+        seeds.push_back({"gpt-file" + word, gpt + Bytes{like_a_file, 0, 0, 0}});
         seeds.push_back({"container" + word, small_container() + Bytes{bare, 0, 0, 0}});
+    }
+    for (uint8_t path = 1; path < 4; ++path) {
+        constexpr uint8_t slc = 3;
+        const auto control = static_cast<uint8_t>(kConversionPageSizes * path);
+        seeds.push_back({"gpt-path" + std::to_string(path) + "-slc",
+                         small_firmware({.gpt = true}).build() + Bytes{slc, 0, control, 0}});
     }
     return seeds;
 }

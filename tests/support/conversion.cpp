@@ -40,7 +40,7 @@ uint32_t size_of(const std::string& text) {
 }  // namespace
 
 int convert_by_call(const Conversion& c, const std::filesystem::path& firmware,
-                    const std::filesystem::path& out, const BchPath* path) try {
+                    const std::filesystem::path& out, const BchPath* path, OutputReceiver* receiver) try {
     std::srand(1);
     const auto types = storage_types();
     const auto type = std::ranges::find(types, c.type, &StorageType::word);
@@ -50,6 +50,8 @@ int convert_by_call(const Conversion& c, const std::filesystem::path& firmware,
                                      firmware, out, c.two_kilobytes_data, c.page_list});
     if (path != nullptr)
         bch_select_path(*path);
+    if (receiver != nullptr)
+        storage->send_output_to(*receiver);
     if (!storage->storage_init())
         return kInitFailed;
     return storage->create_image() ? kConverted : kCreationFailed;

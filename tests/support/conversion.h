@@ -3,6 +3,7 @@
 // One conversion as a user asks for it.
 
 #include "common/bch/paths.h"
+#include "io/output_receiver.h"
 
 #include <array>
 #include <filesystem>
@@ -47,8 +48,10 @@ struct Conversion {
 
 // Converts in this process, as in a fresh one: the storage class that main makes from the options, its
 // storage_init and create_image. The exit status. SLC NAND is encoded on the path, or on the fastest one.
+// The output goes to the receiver, or to files.
 int convert_by_call(const Conversion& conversion, const std::filesystem::path& firmware,
-                    const std::filesystem::path& out, const BchPath* path = nullptr);
+                    const std::filesystem::path& out, const BchPath* path = nullptr,
+                    OutputReceiver* receiver = nullptr);
 
 void PrintTo(const Conversion& conversion, std::ostream* out);
 
