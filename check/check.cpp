@@ -161,6 +161,7 @@ private:
         m_comparison = std::make_unique<Comparison>(watched);
         ConversionRun run = run_conversion(m_options.conversion, *m_comparison);
         finish_pages();
+        add_page_opinions();
         if (run.done && m_comparison->needs_second_pass()) {
             m_comparison->start_second_pass();
             m_done = 0;
@@ -179,14 +180,14 @@ private:
     uint64_t expected_total() const { return m_directory.empty() ? m_target.size() : 0; }
 
     void judge_pages(const std::string& file, std::span<const uint8_t> bytes) {
-        if (m_judged_once)
+        if (m_judged_once || is_ignored_file(file))
             return;
-        if (file != m_judged_file) {
+        if (bytes.empty()) {
             finish_pages();
             const Geometry& g = m_result.geometry;
-            m_judged_file = file;
+            m_page_opinions.erase(file);  // of an item of the same name, which this one replaces
             m_judge = std::make_unique<SlcOpinion>(file, g.page, g.page_data, m_settings.page_list ? 1 : 4,
-                                                   m_result.opinion);
+                                                   m_page_opinions[file]);
         }
         m_judge->take(bytes);
     }
@@ -195,7 +196,20 @@ private:
         if (m_judge)
             m_judge->finish();
         m_judge.reset();
-        m_judged_file.clear();
+    }
+
+    void add_page_opinions() {
+        SecondOpinion& sum = m_result.opinion;
+        for (const auto& [file, opinion] : m_page_opinions) {
+            sum.units += opinion.units;
+            sum.wrong_units += opinion.wrong_units;
+            sum.wrong_indexes += opinion.wrong_indexes;
+            for (const std::string& finding : opinion.findings)
+                add_finding(sum, finding);
+            sum.findings_found += opinion.findings_found - opinion.findings.size();
+            for (const std::string& remark : opinion.remarks)
+                add_remark(sum, remark);
+        }
     }
 
     /// What the target has beside and after what the firmware gives.
@@ -418,8 +432,8 @@ private:
     Target m_target;
     std::unique_ptr<Comparison> m_comparison;
     std::unique_ptr<SlcOpinion> m_judge;
-    std::string m_judged_file;
-    bool m_judged_once = false;  // the second pass brings the same bytes again
+    std::map<std::string, SecondOpinion> m_page_opinions;  // by the names of the files
+    bool m_judged_once = false;                            // the second pass brings the same bytes again
     uint64_t m_done = 0;
 };
 

@@ -37,9 +37,11 @@ int Comparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& size)
     m_file->watched = static_cast<bool>(m_plan.watch);
     // An item of the same name replaces the file.
     std::erase_if(m_logs, [&](const Log& log) {
-        if (log.result.file == path)
-            m_differing -= log.result.differing;
-        return log.result.file == path;
+        if (log.result.file != path)
+            return false;
+        m_differing -= log.result.differing;
+        m_missing -= log.result.missing;
+        return true;
     });
     begin_part({});
     if (m_plan.target != nullptr) {
@@ -53,6 +55,8 @@ int Comparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& size)
         identity.inode == m_plan.firmware.inode)
         return EBUSY;
     log();
+    if (m_file->there && m_file->watched)
+        m_plan.watch(path, {});
     // Not a file: nothing in it can be compared. A file that may not be read is trouble.
     return error == 0 || error == ENOENT || error == EISDIR || error == EINVAL ? 0 : error;
 }
@@ -348,7 +352,9 @@ std::vector<PartResult> Comparison::results() const {
     for (PartResult& part : parts) {
         const auto file = m_files.find(part.file);
         const bool there = m_plan.target != nullptr || (file != m_files.end() && file->second.there);
-        if (!there || (part.missing != 0 && part.missing == part.bytes))
+        // Bytes that a later part writes again are neither compared nor missing.
+        const bool nothing_there = part.missing != 0 && part.compared + part.unreadable == 0;
+        if (!there || nothing_there)
             part.verdict = Verdict::kMissing;
         else if (part.differing != 0 || part.missing != 0 || part.surplus != 0)
             part.verdict = Verdict::kDiffers;

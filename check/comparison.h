@@ -23,7 +23,8 @@ struct ComparisonPlan {
     uint64_t max_runs = 10;  ///< kept for a part
     /// Bytes of difference from which on nothing more is compared: the conversion then ends early.
     uint64_t give_up_at = UINT64_MAX;
-    /// Is passed the bytes of the target's file in their order, as far as they are there. May be empty.
+    /// Is passed the bytes of the target's file in their order, as far as they are there, after a call with
+    /// no bytes. A file that is written again starts with such a call again. May be empty.
     std::function<void(const std::string& file, std::span<const uint8_t> bytes)> watch;
     /// Is told the bytes that were dealt with. May be empty.
     std::function<void(uint64_t bytes)> progress;
