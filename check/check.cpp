@@ -339,13 +339,14 @@ private:
 
     template <typename Use>
     void with_target(const Comparison::Extent& extent, Use use) {
-        if (m_directory.empty()) {
-            use(m_target);
-            return;
-        }
         Target file;
-        if (file.open(m_directory + extent.file) == 0)
-            use(file);  // a file that is missing has its own line
+        Target& target = m_directory.empty() ? m_target : file;
+        if (!m_directory.empty() && file.open(m_directory + extent.file) != 0)
+            return;  // a file that is missing has its own line
+        target.clear_read_failed();
+        use(target);
+        if (target.read_failed())
+            fail("the target failed to be read for the second opinion");
     }
 
     bool is_ignored_extent(const Comparison::Extent& extent) const {

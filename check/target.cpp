@@ -101,7 +101,7 @@ int Target::measure(const std::string& path) {
     m_size = static_cast<uint64_t>(status.st_size);
     m_has_holes = m_kind == Kind::kFile;
     m_hole_from = m_data_from = m_data_until = 0;
-    m_direct = false;
+    m_direct = m_read_failed = false;
     if (m_kind == Kind::kDevice) {
         const off_t end = ::lseek(m_descriptor, 0, SEEK_END);  // st_size of a device is 0
         m_size = end > 0 ? static_cast<uint64_t>(end) : 0;
@@ -115,14 +115,16 @@ int Target::measure(const std::string& path) {
     return 0;
 }
 
-std::optional<uint64_t> Target::read_plainly(uint64_t offset, uint64_t count, uint8_t* out) const {
+std::optional<uint64_t> Target::read_plainly(uint64_t offset, uint64_t count, uint8_t* out) {
     uint64_t total = 0;
     while (total < count) {
         const ssize_t part = retry_interrupted([&] {
             return ::pread(m_descriptor, out + total, count - total, static_cast<off_t>(offset + total));
         });
-        if (part < 0)
+        if (part < 0) {
+            m_read_failed = true;
             return std::nullopt;
+        }
         if (part == 0)
             break;
         total += static_cast<uint64_t>(part);

@@ -36,16 +36,20 @@ public:
     /// Reads up to count bytes at the offset and returns their number, which is less only at the end.
     /// Nothing, with errno set, when they cannot be read.
     std::optional<uint64_t> read(uint64_t offset, uint64_t count, uint8_t* out);
+    /// True when a read has failed since the file was opened or the mark was cleared.
+    bool read_failed() const { return m_read_failed; }
+    void clear_read_failed() { m_read_failed = false; }
     /// How many of the count bytes at the offset lie in a hole, from the offset on: they are zeros.
     uint64_t hole_at(uint64_t offset, uint64_t count);
 
 private:
     int measure(const std::string& path);
-    std::optional<uint64_t> read_plainly(uint64_t offset, uint64_t count, uint8_t* out) const;
+    std::optional<uint64_t> read_plainly(uint64_t offset, uint64_t count, uint8_t* out);
 
     int m_descriptor = -1;
     Kind m_kind = Kind::kFile;
     bool m_direct = false;
+    bool m_read_failed = false;
     bool m_has_holes = true;  // until the file system says that it knows of none
     uint64_t m_size = 0;
     uint64_t m_data_from = 0;  // a hole ends here at the earliest: [m_hole_from, m_data_from) is one
