@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <dirent.h>
 #include <map>
 #include <memory>
 #include <new>
@@ -18,8 +18,6 @@
 #include <vector>
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::size_t kLongestPath = 255;  // with a longer one the conversion ends the process
 constexpr std::size_t kMostExtraNames = 1000;
@@ -254,20 +252,30 @@ private:
     }
 
     void find_extra_files() {
-        std::error_code error;
-        for (fs::directory_iterator at(m_directory, error), end; !error && at != end; at.increment(error)) {
-            const std::string name = at->path().filename().string();
+        // The directory iterator of the standard library ends the process when there is no memory.
+        const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(m_directory.c_str()), ::closedir);
+        if (!directory) {
+            fail(m_options.target + " failed to read: " + error_text(errno));
+            return;
+        }
+        for (;;) {
+            errno = 0;
+            const dirent* entry = ::readdir(directory.get());
+            if (entry == nullptr)
+                break;
+            const std::string name = entry->d_name;
             struct stat status {};
-            const bool known = std::any_of(m_result.parts.begin(), m_result.parts.end(),
+            const bool known = name == "." || name == ".." ||
+                               std::any_of(m_result.parts.begin(), m_result.parts.end(),
                                            [&](const PartResult& part) { return part.file == name; });
-            if (known || (::stat(at->path().c_str(), &status) == 0 && m_firmware.is(status)))
+            if (known || (::stat((m_directory + name).c_str(), &status) == 0 && m_firmware.is(status)))
                 continue;
             if (m_result.extra.size() == kMostExtraNames)
                 break;
             m_result.extra.push_back(name);
         }
-        if (error)
-            fail(m_options.target + " failed to read: " + error_text(error.value()));
+        if (errno != 0 && m_result.extra.size() != kMostExtraNames)
+            fail(m_options.target + " failed to read: " + error_text(errno));
         std::sort(m_result.extra.begin(), m_result.extra.end());
     }
 

@@ -3,7 +3,9 @@
 #include "../src/common/messages.h"
 #include "../src/io/output_receiver.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <new>
 
 namespace {
 
@@ -48,21 +50,79 @@ private:
     std::string m_refused;
 };
 
+/// Takes the messages as long as it lives, which may end by an exception.
+class MessagesTo {
+public:
+    explicit MessagesTo(Reason& reason) {
+        send_messages_to([&reason](const std::string& text) { reason.take(text); });
+    }
+    ~MessagesTo() { send_messages_to({}); }
+    MessagesTo(const MessagesTo&) = delete;
+    MessagesTo& operator=(const MessagesTo&) = delete;
+};
+
+/// Passes all on to a receiver that may throw for want of memory. The conversion then ends as after a failed
+/// write, and its files, which hand over their last bytes while they are destroyed, are not listened to.
+class Guarded : public OutputReceiver {
+public:
+    explicit Guarded(OutputReceiver& receiver) : m_receiver(receiver) {}
+
+    int open(const std::string& path, OpenMode mode, uint64_t& size) override {
+        return guard([&] { return m_receiver.open(path, mode, size); });
+    }
+    int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) override {
+        return guard([&] { return m_receiver.bytes(offset, bytes, count); });
+    }
+    int zeros(uint64_t offset, uint64_t count) override {
+        return guard([&] { return m_receiver.zeros(offset, count); });
+    }
+    uint64_t zeros_from() const override { return m_receiver.zeros_from(); }
+    int end(uint64_t size) override {
+        return guard([&] { return m_receiver.end(size); });
+    }
+    int close() override {
+        return guard([&] { return m_receiver.close(); });
+    }
+    bool takes_parts() const override { return m_receiver.takes_parts(); }
+    void begin_part(const OutputPart& part) override {
+        guard([&] {
+            m_receiver.begin_part(part);
+            return 0;
+        });
+    }
+
+private:
+    template <typename Operation>
+    int guard(Operation operation) {
+        if (m_failed)
+            return ENOMEM;
+        try {
+            return operation();
+        } catch (const std::bad_alloc&) {
+            m_failed = true;
+            return ENOMEM;
+        }
+    }
+
+    OutputReceiver& m_receiver;
+    bool m_failed = false;
+};
+
 }  // namespace
 
 ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& receiver) {
     Reason reason;
-    send_messages_to([&reason](const std::string& text) { reason.take(text); });
     std::srand(1);  // the conversion does not seed it, so that its GUIDs are those of a fresh process
     ConversionRun run;
     {
+        const MessagesTo messages(reason);
+        Guarded guarded(receiver);
         StorageSettings settings = options.settings;
         settings.out_dir.clear();
         const std::unique_ptr<CStorage> storage = options.type->make(settings);
-        storage->send_output_to(receiver);
+        storage->send_output_to(guarded);
         run.done = storage->storage_init() && storage->create_image();
     }
-    send_messages_to({});
     if (run.done && !reason.refused().empty()) {
         run.done = false;
         run.reason = reason.refused();

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <new>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <unistd.h>
 
@@ -148,7 +149,9 @@ int main(int argc, char* argv[]) {
         options = parse_check_options(argc, argv);
         return run(options);
     } catch (const std::bad_alloc&) {
-        warn(options, "out of memory");
+        constexpr std::string_view kLine = "nandsmith-check: out of memory\n";  // no memory is needed for it
+        if (!options.quiet && ::write(STDERR_FILENO, kLine.data(), kLine.size()) < 0)
+            return kStatusTrouble;
     } catch (const std::exception& exception) {
         warn(options, exception.what());
     }
