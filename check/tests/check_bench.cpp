@@ -1,0 +1,108 @@
+#include "check_bench.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace check_test {
+
+std::map<std::string, FileState> states_below(const fs::path& directory) {
+    std::map<std::string, FileState> states;
+    const auto add = [&](const fs::path& path) {
+        struct stat now {};
+        if (lstat(path.c_str(), &now) != 0)
+            throw std::runtime_error("cannot look at " + path.string());
+        states[path] = {.inode = now.st_ino,
+                        .size = now.st_size,
+                        .changed_s = now.st_ctim.tv_sec,
+                        .changed_ns = now.st_ctim.tv_nsec,
+                        .modified_s = now.st_mtim.tv_sec,
+                        .modified_ns = now.st_mtim.tv_nsec,
+                        .mode = now.st_mode};
+    };
+    add(directory);
+    for (const auto& entry : fs::recursive_directory_iterator(directory))
+        add(entry.path());
+    return states;
+}
+
+std::string CheckBench::main_file() const {
+    std::string name;
+    uint64_t most = 0;
+    for (const auto& entry : fs::directory_iterator(out_dir()))
+        if (entry.file_size() >= most) {
+            most = entry.file_size();
+            name = entry.path().filename();
+        }
+    return name;
+}
+
+Arguments CheckBench::arguments_without_target(const Arguments& more) const {
+    Arguments all = m_conversion.arguments(firmware(), out_dir());
+    const auto option = std::find(all.begin(), all.end(), "-o");
+    all.erase(option, option + 2);
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+Json CheckBench::document_as(const Conversion& conversion, const Arguments& more) const {
+    Arguments all = arguments_as(conversion, more);
+    all.emplace_back("--json");
+    const RunResult run = run_check_program(all);
+    const Json document = parsed(run);
+    EXPECT_EQ(run.err, "");
+    return document;
+}
+
+void CheckBench::damage(const std::string& name, uint64_t offset, std::size_t count) const {
+    Bytes bytes = read_file_at(out(name), offset, count);
+    for (uint8_t& byte : bytes)
+        byte = static_cast<uint8_t>(~byte);
+    bend(name, offset, bytes);
+}
+
+void CheckBench::bend(const std::string& name, uint64_t offset, const Bytes& bytes) const {
+    const int file = open(out(name).c_str(), O_WRONLY | O_CLOEXEC);
+    const ssize_t written = pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+    if (close(file) != 0 || written != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error("cannot bend " + name);
+}
+
+Json parsed(const RunResult& run) {
+    EXPECT_TRUE(run.exited) << "ended by signal " << run.signal;
+    EXPECT_FALSE(run.timed_out);
+    EXPECT_TRUE(run.out.ends_with("}\n")) << run.out << run.err;
+    const Json document = Json::parse(run.out, nullptr, false);
+    EXPECT_FALSE(document.is_discarded()) << run.out;
+    if (document.is_discarded())
+        return Json::object();
+    EXPECT_EQ(document.value("status", -1), run.exit_status);
+    EXPECT_EQ(document.value("verdict", ""), run.exit_status == kSame      ? "same"
+                                             : run.exit_status == kDiffers ? "differs"
+                                                                           : "trouble");
+    EXPECT_EQ(document.at("error").is_string(), run.exit_status == kTrouble) << document.at("error");
+    return document;
+}
+
+Json part_of(const Json& document, const std::string& name) {
+    for (const Json& part : document.at("parts"))
+        if (part.at("name") == name)
+            return part;
+    return {};
+}
+
+std::string codes_of(const Json& document) {
+    std::string codes;
+    for (const Json& diagnosis : document.at("diagnoses"))
+        codes += (codes.empty() ? "" : " ") + diagnosis.at("code").get<std::string>();
+    return codes;
+}
+
+uint64_t sum_of(const Json& document, const std::string& key) {
+    uint64_t sum = 0;
+    for (const Json& part : document.at("parts"))
+        sum += part.at(key).get<uint64_t>();
+    return sum;
+}
+
+}  // namespace check_test
