@@ -23,14 +23,17 @@ Structure expansion_structure(const Bytes& input) {
 
 }  // namespace
 
-const std::array<FuzzTarget, 5>& fuzz_targets() {
-    static const std::array<FuzzTarget, 5> targets = {{
+const std::vector<FuzzTarget>& fuzz_targets() {
+    static const std::vector<FuzzTarget> targets = {
         {"boot_container", run_boot_container, container_structure, boot_container_seeds},
         {"update_image", run_update_image, image_structure, update_image_seeds},
         {"parameter_text", run_parameter_text, nothing_to_bend, parameter_text_seeds},
         {"sparse_expansion", run_sparse_expansion, expansion_structure, sparse_expansion_seeds},
         {"conversion", run_conversion, conversion_structure, conversion_seeds},
-    }};
+#ifdef NANDSMITH_CHECK
+        {"check", run_check, nothing_to_bend, check_seeds},
+#endif
+    };
     return targets;
 }
 

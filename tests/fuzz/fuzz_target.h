@@ -6,7 +6,7 @@
 #include "structure.h"
 #include "support/bytes.h"
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -39,7 +39,7 @@ struct FuzzTarget {
     std::vector<NamedInput> (*seeds)();
 };
 
-const std::array<FuzzTarget, 5>& fuzz_targets();
+const std::vector<FuzzTarget>& fuzz_targets();
 const FuzzTarget& fuzz_target(std::string_view name);  // std::out_of_range
 
 // Inputs that once broke a target, in its seeds too; each says what failed.
@@ -50,6 +50,7 @@ void run_update_image(const test_support::Bytes& input);
 void run_parameter_text(const test_support::Bytes& input);
 void run_sparse_expansion(const test_support::Bytes& input);
 void run_conversion(const test_support::Bytes& input);
+void run_check(const test_support::Bytes& input);  // only where nandsmith-check is built
 
 // How far a conversion is followed. A firmware can make it print a million lines; the fuzzer sets this lower,
 // because they say nothing new. The replay of findings follows each to its end.
@@ -64,6 +65,7 @@ std::vector<NamedInput> update_image_seeds();
 std::vector<NamedInput> parameter_text_seeds();
 std::vector<NamedInput> sparse_expansion_seeds();
 std::vector<NamedInput> conversion_seeds();
+std::vector<NamedInput> check_seeds();
 
 // ---- control bytes: the last bytes of an input choose how it is run ----
 
