@@ -210,17 +210,19 @@ Firmware with_full_partitions(uint32_t seed) {
     return firmware;
 }
 
-TEST(DiagnosisOfContent, NamesAnotherFirmware) {
-    for (const Conversion& conversion : kFourTypes) {
-        SCOPED_TRACE(conversion.type);
-        const CheckBench bench(conversion, with_full_partitions(40));
-        Firmware other = with_full_partitions(60);
-        other.boot.loader.entries = {{.name = "FlashData", .data = patterned(3000, 21)},
-                                     {.name = "FlashBoot", .data = patterned(2048, 22)}};
-        bench.pack(other);
-        expect_diagnosis(bench, conversion, "other-firmware", "made from another firmware");
-    }
+class DiagnosisOfFirmware : public testing::TestWithParam<Conversion> {};
+
+TEST_P(DiagnosisOfFirmware, NamesAnotherOne) {
+    const CheckBench bench(GetParam(), with_full_partitions(40));
+    Firmware other = with_full_partitions(60);
+    other.boot.loader.entries = {{.name = "FlashData", .data = patterned(3000, 21)},
+                                 {.name = "FlashBoot", .data = patterned(2048, 22)}};
+    bench.pack(other);
+    expect_diagnosis(bench, GetParam(), "other-firmware", "made from another firmware");
 }
+
+INSTANTIATE_TEST_SUITE_P(Types, DiagnosisOfFirmware, testing::ValuesIn(kFourTypes),
+                         [](const auto& made) { return made.param.type; });
 
 TEST(DiagnosisOfContent, NamesWhatIsBlank) {
     for (const Conversion& conversion : kFourTypes)
