@@ -489,11 +489,11 @@ TEST_P(ChosenParts, AreThoseThatCount) {
     bench.damage(chosen.damaged, chosen.offset);
     const Json document = bench.document({chosen.option, "--no-second-opinion"});
     EXPECT_EQ(document.at("status"), chosen.status) << document.dump(1);
-    if (chosen.status != kTrouble)
-        EXPECT_EQ(sum_of(document, "differing_bytes"), 1U) << "ignored parts are counted";
+    if (chosen.status == kTrouble)
+        return;
+    EXPECT_EQ(sum_of(document, "differing_bytes"), 1U) << "ignored parts are counted";
 }
 
-constexpr uint64_t kBootPart = 0x2000 * kSectorSize;
 constexpr uint64_t kMiscPart = 0x2080 * kSectorSize;
 
 INSTANTIATE_TEST_SUITE_P(
@@ -533,7 +533,7 @@ TEST(ChosenFiles, ParityInAnIgnoredFileIsIgnored) {
 
 TEST(MaxDifferences, LimitsWhatIsListedAndNotWhatIsCounted) {
     const CheckBench bench(kSpiNand);
-    for (const uint64_t place : {100, 300, 5000, 9000})
+    for (const uint64_t place : {100U, 300U, 5000U, 9000U})
         bench.damage("rootfs.img", place, 2);
     for (const auto& [value, listed] :
          std::map<std::string, std::size_t>{{"0", 4}, {"1", 1}, {"3", 3}, {"0x2", 2}, {"1K", 4}}) {

@@ -10,11 +10,7 @@
 
 namespace {
 
-using test_support::Bytes;
-using test_support::patterned;
-using test_support::slice;
-using test_support::to_bytes;
-using test_support::operator+;
+using namespace test_support;
 
 Bytes from_hex(std::string_view text) {
     Bytes bytes;

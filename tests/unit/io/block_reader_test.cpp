@@ -18,10 +18,7 @@
 
 namespace {
 
-using test_support::Bytes;
-using test_support::patterned;
-using test_support::slice;
-using test_support::operator+;
+using namespace test_support;
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
