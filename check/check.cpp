@@ -157,15 +157,9 @@ private:
         if (m_progress)
             watched.progress = [this](uint64_t bytes) { m_progress(m_done += bytes, expected_total()); };
         m_comparison = std::make_unique<Comparison>(watched);
-        ConversionRun run = run_conversion(m_options.conversion, *m_comparison);
+        const ConversionRun run = compare_conversion(m_options.conversion, *m_comparison);
         finish_pages();
         add_page_opinions();
-        if (run.done && m_comparison->needs_second_pass()) {
-            m_comparison->start_second_pass();
-            m_done = 0;
-            m_judged_once = true;
-            run = run_conversion(m_options.conversion, *m_comparison);
-        }
         m_result.parts = m_comparison->results();
         // The conversion takes a file that was given up for one that it failed to write.
         const bool given_up = m_comparison->gave_up() && run.reason.starts_with("failed to write ") &&
@@ -178,7 +172,7 @@ private:
     uint64_t expected_total() const { return m_directory.empty() ? m_target.size() : 0; }
 
     void judge_pages(const std::string& file, std::span<const uint8_t> bytes) {
-        if (m_judged_once || is_ignored_file(file))
+        if (is_ignored_file(file))
             return;
         if (bytes.empty()) {
             finish_pages();
@@ -442,7 +436,6 @@ private:
     std::unique_ptr<Comparison> m_comparison;
     std::unique_ptr<SlcOpinion> m_judge;
     std::map<std::string, SecondOpinion> m_page_opinions;  // by the names of the files
-    bool m_judged_once = false;                            // the second pass brings the same bytes again
     uint64_t m_done = 0;
 };
 

@@ -33,16 +33,16 @@ int Comparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& size)
     m_file->covered.clear();
     if (!m_second_pass)
         m_file->rewrites.clear();
-    m_file->run = m_file->size = m_file->next = 0;
+    m_file->size = m_file->next = 0;
+    ++m_run;
+    if (!m_second_pass)
+        m_file->first_run = m_run;
     m_file->watched = static_cast<bool>(m_plan.watch);
     // An item of the same name replaces the file.
-    std::erase_if(m_logs, [&](const Log& log) {
-        if (log.result.file != path)
-            return false;
-        m_differing -= log.result.differing;
-        m_missing -= log.result.missing;
-        return true;
-    });
+    std::erase_if(m_logs, [&](const Log& log) { return log.result.file == path; });
+    m_wrong = 0;
+    for (const Log& log : m_logs)
+        m_wrong += wrong_bytes_of(log);
     begin_part({});
     if (m_plan.target != nullptr) {
         m_file->there = true;
@@ -81,6 +81,11 @@ void Comparison::begin_part(const OutputPart& part) {
     ++m_serial;
 }
 
+/// Bytes that count for giving up. A table may follow over the zeros of a gap.
+uint64_t Comparison::wrong_bytes_of(const Log& log) {
+    return log.part.kind == OutputPart::Kind::kGap ? 0 : log.result.differing + log.result.missing;
+}
+
 /// The log of the part that is being written. For files of a directory that is the file, but its parts are
 /// kept as well.
 Comparison::Log& Comparison::log() {
@@ -89,7 +94,7 @@ Comparison::Log& Comparison::log() {
         Log next;
         next.part = m_part;
         next.serial = m_serial;
-        next.run = m_file->run;
+        next.run = m_run;
         next.result.file = m_file->name;
         next.result.offset = m_file->next;
         m_logs.push_back(next);
@@ -108,7 +113,7 @@ int Comparison::zeros(uint64_t offset, uint64_t count) {
 /// Notes what was written before, so that a place counts for its last writer alone.
 void Comparison::note_place(uint64_t offset, uint64_t count) {
     if (offset != m_file->next) {
-        ++m_file->run;
+        ++m_run;
         m_new_part = true;  // the part goes on at another place
     }
     Log& current = log();
@@ -132,10 +137,10 @@ void Comparison::cover(uint64_t offset, uint64_t count) {
         const uint64_t again_to = std::min(at->second, end);
         if (again_from < again_to && !m_second_pass) {
             std::vector<Rewrite>& rewrites = m_file->rewrites;
-            if (!rewrites.empty() && rewrites.back().run == m_file->run && rewrites.back().end == again_from)
+            if (!rewrites.empty() && rewrites.back().run == m_run && rewrites.back().end == again_from)
                 rewrites.back().end = again_to;
             else
-                rewrites.push_back({again_from, again_to, m_file->run});
+                rewrites.push_back({again_from, again_to, m_run});
         }
         begin = std::min(begin, at->first);
         joined = std::max(joined, at->second);
@@ -147,7 +152,10 @@ void Comparison::cover(uint64_t offset, uint64_t count) {
 /// Compares what no later run of the conversion writes again. bytes is null for zeros.
 int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     note_place(offset, count);
+    if (m_second_pass && m_run >= m_last_rewrite)
+        return ECANCELED;
     Log& current = log();
+    const uint64_t wrong_before = wrong_bytes_of(current);
     uint64_t done = 0;
     while (done < count) {
         // The next place that a later run writes again ends this range, or is passed over.
@@ -156,7 +164,7 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
         uint64_t skip_to = 0;
         if (m_second_pass) {
             for (const Rewrite& again : m_file->rewrites) {
-                if (again.run <= m_file->run || again.end <= at)
+                if (again.run <= m_run || again.end <= at)
                     continue;
                 if (again.begin <= at)
                     skip_to = std::max(skip_to, again.end);
@@ -177,20 +185,19 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
         m_gave_up = true;
         return ENOSPC;
     }
-    return m_differing + m_missing >= m_plan.give_up_at ? ECANCELED : 0;
+    m_wrong += wrong_bytes_of(current) - wrong_before;
+    return m_wrong >= m_plan.give_up_at ? ECANCELED : 0;
 }
 
 void Comparison::compare_range(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     Log& current = log();
     if (!m_file->there) {
         current.result.missing += count;
-        m_missing += count;
         return;
     }
     while (count != 0) {
         if (bytes == nullptr && !m_file->watched) {
             const uint64_t hole = target().hole_at(offset, count);
-            m_compared += hole;
             current.result.compared += hole;
             offset += hole;
             count -= hole;
@@ -214,9 +221,7 @@ void Comparison::compare_piece(uint64_t offset, const uint8_t* bytes, uint64_t c
     }
     Log& current = log();
     current.result.missing += count - *got;
-    m_missing += count - *got;
     current.result.compared += *got;
-    m_compared += *got;
     if (m_file->watched)
         m_plan.watch(m_file->name, {m_piece.data(), static_cast<std::size_t>(*got)});
     note_differences(offset, bytes, *got);
@@ -232,7 +237,6 @@ void Comparison::compare_sectors(uint64_t offset, const uint8_t* bytes, uint64_t
         if (got) {
             current.result.missing += part - *got;
             current.result.compared += *got;
-            m_compared += *got;
             note_differences(offset, bytes, *got);
         } else {
             current.result.unreadable += part;
@@ -260,7 +264,6 @@ void Comparison::note_differences(uint64_t offset, const uint8_t* expected, uint
 
 void Comparison::note_difference(Log& log, uint64_t offset, uint8_t expected, uint8_t actual) {
     PartResult& result = log.result;
-    ++m_differing;
     ++result.differing;
     const uint64_t page = offset / m_plan.geometry.page;
     if (page != log.last_page) {
@@ -278,15 +281,6 @@ void Comparison::note_difference(Log& log, uint64_t offset, uint8_t expected, ui
         ++result.runs.back().length;
         result.runs.back().flips += flips;
     }
-}
-
-bool Comparison::needs_second_pass() const {
-    const bool counted = std::any_of(m_logs.begin(), m_logs.end(), [](const Log& log) {
-        return log.result.differing != 0 || log.result.missing != 0 || log.result.unreadable != 0;
-    });
-    return !m_second_pass && counted && std::any_of(m_files.begin(), m_files.end(), [](const auto& file) {
-        return !file.second.rewrites.empty();
-    });
 }
 
 namespace {
@@ -390,14 +384,38 @@ std::vector<Comparison::Extent> Comparison::extents() const {
     return extents;
 }
 
+bool Comparison::needs_second_pass() {
+    m_last_rewrite = 0;
+    for (const auto& [name, file] : m_files)
+        if (!file.rewrites.empty())
+            m_last_rewrite = std::max(m_last_rewrite, file.rewrites.back().run);
+    return std::any_of(m_logs.begin(), m_logs.end(), [&](const Log& log) {
+        const PartResult& result = log.result;
+        return log.run < m_last_rewrite &&
+               (result.differing != 0 || result.missing != 0 || result.unreadable != 0);
+    });
+}
+
 void Comparison::start_second_pass() {
     m_second_pass = true;
+    m_kept = std::move(m_logs);
+    std::erase_if(m_kept, [&](const Log& log) { return log.run < m_last_rewrite; });
     m_logs.clear();
-    m_differing = m_missing = m_compared = m_image_size = 0;
+    m_plan.watch = {};
+    m_plan.progress = {};
+    m_run = m_serial = m_wrong = 0;
     m_file = nullptr;
     for (auto& [name, file] : m_files) {
         file.covered.clear();
-        file.run = 0;
         file.next = UINT64_MAX;
     }
+}
+
+bool Comparison::finish_second_pass() {
+    const bool complete = m_run >= m_last_rewrite;
+    std::erase_if(m_logs, [&](const Log& log) {
+        return log.run >= m_last_rewrite || log.run < m_files.at(log.result.file).first_run;
+    });
+    m_logs.insert(m_logs.end(), m_kept.begin(), m_kept.end());
+    return complete;
 }

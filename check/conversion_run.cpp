@@ -2,6 +2,7 @@
 
 #include "../src/common/messages.h"
 #include "../src/io/output_receiver.h"
+#include "comparison.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -130,4 +131,13 @@ ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& r
         run.reason = reason.text();
     }
     return run;
+}
+
+ConversionRun compare_conversion(const ConversionOptions& options, Comparison& comparison) {
+    ConversionRun run = run_conversion(options, comparison);
+    if (!run.done || !comparison.needs_second_pass())
+        return run;
+    comparison.start_second_pass();
+    const ConversionRun second = run_conversion(options, comparison);
+    return comparison.finish_second_pass() ? run : second;
 }

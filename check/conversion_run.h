@@ -4,6 +4,7 @@
 
 #include <string>
 
+class Comparison;
 class OutputReceiver;
 
 /// How a conversion ended whose output went to a receiver.
@@ -15,3 +16,7 @@ struct ConversionRun {
 /// Runs the conversion silently. Writes nothing: all bytes go to the receiver, under names without a
 /// directory.
 ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& receiver);
+
+/// Runs the conversion into a comparison; a second time, as far as it is needed, where places are written
+/// several times.
+ConversionRun compare_conversion(const ConversionOptions& options, Comparison& comparison);

@@ -48,11 +48,7 @@ std::optional<uint64_t> wrong_bytes_with(const ConversionOptions& options, Compa
     plan.watch = {};
     plan.progress = {};
     Comparison comparison(plan);
-    ConversionRun run = run_conversion(options, comparison);
-    if (comparison.needs_second_pass()) {
-        comparison.start_second_pass();
-        run = run_conversion(options, comparison);
-    }
+    const ConversionRun run = compare_conversion(options, comparison);
     const uint64_t wrong = wrong_bytes(comparison.results());
     return run.done && wrong <= limit ? std::optional<uint64_t>(wrong) : std::nullopt;
 }

@@ -202,11 +202,8 @@ std::vector<PartResult> compare(const Case& tested, ComparisonPlan plan) {
     plan.geometry = tested.geometry;
     plan.max_runs = UINT64_MAX;
     Comparison comparison(std::move(plan));
-    require(::run_conversion(tested.options, comparison).done, "a conversion that succeeds into files fails");
-    if (comparison.needs_second_pass()) {
-        comparison.start_second_pass();
-        require(::run_conversion(tested.options, comparison).done, "the second pass fails");
-    }
+    require(compare_conversion(tested.options, comparison).done,
+            "a conversion that succeeds into files fails");
     return comparison.results();
 }
 
