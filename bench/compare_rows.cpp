@@ -24,6 +24,7 @@ constexpr double kCheckGapsLimit = 0.6;
 constexpr double kCheckSparseLimit = 1.1;
 constexpr double kCheckSlcCompareLimit = 1.5;
 constexpr double kCheckSlcLimit = 2.0;
+constexpr double kCheckTableLimit = 4.0;
 
 Words program_words(const Programs& programs, const Words& options) {
     Words words{programs.nandsmith.string(), "-i", "@firmware", "-o", "@output"};
@@ -109,6 +110,10 @@ void add_check_rows(const Programs& programs, std::vector<Row>& rows) {
     add("check-sparse", InputKind::sparse, kCheckSparseLimit, emmc);
     add("check-slc/compare", InputKind::dense, kCheckSlcCompareLimit, slc, {"--no-second-opinion"});
     add("check-slc", InputKind::dense, kCheckSlcLimit, slc);
+    add("check-slc/portable", InputKind::dense, kCheckTableLimit, slc);
+    std::vector<std::string>& portable = rows.back().words;
+    portable[0] = programs.check_with_path.string();
+    portable.insert(portable.begin() + 1, "portable");
 }
 
 void write_genimage_config(const fs::path& path, const Input& input, uint64_t mib) {

@@ -32,6 +32,7 @@ struct Programs {
     std::filesystem::path nandsmith{};
     std::filesystem::path nandsmith_check{};
     std::filesystem::path convert_with_path{};
+    std::filesystem::path check_with_path{};
 };
 std::vector<Row> comparison_rows(const Programs& programs);
 

@@ -92,7 +92,8 @@ private:
         std::vector<Row> rows =
             comparison_rows({.nandsmith = m_arguments.programs / "nandsmith",
                              .nandsmith_check = check,
-                             .convert_with_path = m_arguments.programs / "bench/convert_with_path"});
+                             .convert_with_path = m_arguments.programs / "bench/convert_with_path",
+                             .check_with_path = m_arguments.programs / "bench/check_with_path"});
         std::erase_if(rows, [this](const Row& row) { return !is_selected(row.name); });
         const bool can_check = fs::exists(check);
         if (std::erase_if(rows, [&](const Row& row) { return row.is_check() && !can_check; }) != 0)

@@ -1,7 +1,7 @@
 // Converts for SLC NAND as the program does, with a BCH path of the caller's choice. The program itself has
 // no such option: it takes the fastest path that the processor has.
 
-#include "common/bch/paths.h"
+#include "named_path.h"
 #include "storage/storage_impl.h"
 
 #include <cstdint>
@@ -23,20 +23,10 @@ struct Job {
     bool two_kilobytes_data = false;
 };
 
-std::optional<BchPath> path_named(const std::string& name) {
-    for (const BchPath& path : bch_paths())
-        if (path.name == name)
-            return path;
-    return std::nullopt;
-}
-
 void print_usage() {
     std::fprintf(stderr,
-                 "usage: convert_with_path PATH FIRMWARE DIRECTORY BLOCK_KB PAGE_KB SPARE_BYTES [-2]\n"
-                 "PATH is one of:");
-    for (const BchPath& path : bch_paths())
-        std::fprintf(stderr, " %s", std::string(path.name).c_str());
-    std::fprintf(stderr, "\n");
+                 "usage: convert_with_path PATH FIRMWARE DIRECTORY BLOCK_KB PAGE_KB SPARE_BYTES [-2]\n");
+    print_path_names();
 }
 
 uint32_t number(const std::string& text) {
