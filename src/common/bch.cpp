@@ -102,13 +102,6 @@ void set_correction() {
         word = ~word;
 }
 
-void write_parity(const BchRegister& parity, uint8_t* out) {
-    uint64_t words[kBchRegisterWords];
-    for (std::size_t k = 0; k * sizeof(words[0]) < CodecBytesNum; ++k)
-        words[k] = parity.word[k] ^ correction.word[k];
-    std::memcpy(out, words, CodecBytesNum);
-}
-
 }  // namespace
 
 void generate_gf() {
@@ -172,15 +165,22 @@ void bch_encode(const uint8_t* input, uint8_t* output) {
 
 void bch_encode_units(uint8_t* const* units, uint32_t count) {
     encoded_codewords += count;
-    BchRegister parity[kBchUnitsTogether];
+    BchRegister parities[kBchUnitsTogether];
     while (count != 0) {
         const uint32_t group = std::min(count, kBchUnitsTogether);
-        bch_selected_path().kernel(tables, units, group, parity);
+        bch_compute_parities(units, group, parities);
         for (uint32_t i = 0; i < group; ++i)
-            write_parity(parity[i], units[i] + kBchCodewordBytes);
+            std::memcpy(units[i] + kBchCodewordBytes, parities[i].word, CodecBytesNum);
         units += group;
         count -= group;
     }
+}
+
+void bch_compute_parities(const uint8_t* const* units, uint32_t count, BchRegister* parities) {
+    bch_selected_path().kernel(tables, units, count, parities);
+    for (uint32_t i = 0; i < count; ++i)
+        for (std::size_t k = 0; k * sizeof(correction.word[0]) < CodecBytesNum; ++k)
+            parities[i].word[k] ^= correction.word[k];
 }
 
 void bch_replace_system_bytes(uint8_t* codeword, uint32_t value) {

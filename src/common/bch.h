@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+struct BchRegister;
+
 /// Binary BCH code over GF(2^14) for NAND pages. A codeword has 1024 data bytes, 4 system bytes and parity
 /// for t correctable bits. bch_init configures the code and bch_encode uses it. Both work on global state.
 
@@ -52,6 +54,10 @@ void bch_encode(const uint8_t* input, uint8_t* output);
 /// Encodes count codewords in place, each as bch_encode does. They may lie anywhere. A multiple of
 /// kBchUnitsTogether takes the least time for each.
 void bch_encode_units(uint8_t* const* units, uint32_t count);
+
+/// Sets parities[i] to the parity that bch_encode_units would write to units[i], for i below count, which is
+/// 1 to kBchUnitsTogether. Bits after the CodecBytesNum bytes mean nothing. The units stay as they are.
+void bch_compute_parities(const uint8_t* const* units, uint32_t count, BchRegister* parities);
 
 /// Replaces the system bytes of an encoded codeword by value (little-endian) and updates its parity. The code
 /// is linear, so the data is not read.
