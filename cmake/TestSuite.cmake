@@ -5,6 +5,7 @@ include(GoogleTest)
 # One GoogleTest executable. ctest runs its tests one by one, under the given label. Its sources may use
 #   NANDSMITH_PROGRAM      path of the program
 #   MAKE_SAMPLE_FIRMWARE   path of the maker of sample firmware
+#   MAKE_SAMPLE_DUMP       path of the maker of chip dumps
 #   NANDSMITH_SOURCE_DIR   top directory of the source tree
 #   NANDSMITH_COVERAGE     defined in a coverage build
 # Without a source no executable is added.
@@ -32,10 +33,11 @@ function(nandsmith_add_test_suite target)
         ${target}
         PRIVATE NANDSMITH_PROGRAM="$<TARGET_FILE:nandsmith>"
                 MAKE_SAMPLE_FIRMWARE="$<TARGET_FILE:make_sample_firmware>"
+                MAKE_SAMPLE_DUMP="$<TARGET_FILE:make_sample_dump>"
                 NANDSMITH_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
                 $<$<BOOL:${NANDSMITH_COVERAGE}>:NANDSMITH_COVERAGE>
     )
-    add_dependencies(${target} nandsmith make_sample_firmware)
+    add_dependencies(${target} nandsmith make_sample_firmware make_sample_dump)
 
     gtest_discover_tests(
         ${target}
