@@ -1,4 +1,5 @@
-// A check changes nothing: it opens for reading alone, and all files keep size, times and inode.
+// A check changes nothing: it opens for reading alone, and all files keep size, times and inode. It reads no
+// more than it needs.
 
 #include "check_bench.h"
 
@@ -81,30 +82,74 @@ std::vector<std::string> changing_calls(const std::string& trace) {
     return changing;
 }
 
-TEST_P(Untouched, NoSystemCallWritesOrCreates) {
+/// The calls of a check of the bench, or why they cannot be traced here.
+struct Trace {
+    std::string why_not{};
+    std::string calls{};
+    RunResult run{};
+};
+
+Trace traced(const CheckBench& bench, const Arguments& strace_options) {
     if (kSanitized)
-        GTEST_SKIP() << "a sanitizer makes calls of its own";
+        return {.why_not = "a sanitizer makes calls of its own"};
 #ifdef NANDSMITH_COVERAGE
-    GTEST_SKIP() << "needs a build without coverage counters";
+    return {.why_not = "needs a build without coverage counters"};
 #endif
     const fs::path strace = find_program("strace");
     if (strace.empty())
-        GTEST_SKIP() << "missing tool: strace";
+        return {.why_not = "missing tool: strace"};
     const TemporaryDirectory traces;
-    const std::string trace = traces / "trace";
-    if (!run_program(strace, {"-f", "-o", trace, "true"}).succeeded())
-        GTEST_SKIP() << "strace is not allowed to trace here";
+    const std::string file = traces / "trace";
+    if (!run_program(strace, {"-f", "-o", file, "true"}).succeeded())
+        return {.why_not = "strace is not allowed to trace here"};
+    Arguments arguments{"-f", "-s", "200", "-o", file};
+    arguments.insert(arguments.end(), strace_options.begin(), strace_options.end());
+    arguments.emplace_back(NANDSMITH_CHECK_PROGRAM);
+    const Arguments own = bench.arguments({"--verbose"});
+    arguments.insert(arguments.end(), own.begin(), own.end());
+    Trace trace;
+    trace.run = run_program(strace, arguments, {.timeout_seconds = 60});
+    trace.calls = to_text(read_file(file));
+    return trace;
+}
+
+TEST_P(Untouched, NoSystemCallWritesOrCreates) {
     for (const Situation& situation : {kSituations[0], kSituations[1]}) {
         situation.bend(m_bench);
-        Arguments arguments{"-f", "-s", "200", "-o", trace, NANDSMITH_CHECK_PROGRAM};
-        const Arguments own = m_bench.arguments({"--verbose"});
-        arguments.insert(arguments.end(), own.begin(), own.end());
-        const RunResult run = run_program(strace, arguments, {.timeout_seconds = 60});
-        EXPECT_EQ(run.exit_status, situation.status) << run.out << run.err;
-        const std::string calls = to_text(read_file(trace));
-        EXPECT_NE(calls.find(m_bench.main_file()), std::string::npos) << "nothing was traced";
-        EXPECT_EQ(changing_calls(calls), std::vector<std::string>{});
+        const Trace trace = traced(m_bench, {});
+        if (!trace.why_not.empty())
+            GTEST_SKIP() << trace.why_not;
+        EXPECT_EQ(trace.run.exit_status, situation.status) << trace.run.out << trace.run.err;
+        EXPECT_NE(trace.calls.find(m_bench.main_file()), std::string::npos) << "nothing was traced";
+        EXPECT_EQ(changing_calls(trace.calls), std::vector<std::string>{});
     }
+}
+
+/// Bytes that the traced calls, of which each names its file, read out of files of that name.
+uint64_t bytes_read(const std::string& trace, const std::string& name) {
+    uint64_t sum = 0;
+    for (const std::string& line : split(trace, '\n')) {
+        const std::size_t result = line.rfind(" = ");
+        if (line.find("pread64(") != std::string::npos && line.find(name + ">") != std::string::npos &&
+            result != std::string::npos)
+            sum += std::strtoull(line.c_str() + result + 3, nullptr, 10);
+    }
+    return sum;
+}
+
+TEST(WhatIsRead, OfAnIntactImageWithATableIsOneImage) {
+    Firmware firmware = sample_firmware({.gpt = true});
+    firmware.item("rootfs").data = patterned(32 * kMib, 5);  // far more than the boot block and the table
+    const CheckBench bench(kEmmc, firmware);
+    const Bytes image = bench.output("out_image.img");
+    write_file(bench.out("out_image.img"), image);  // without holes
+    const Trace trace = traced(bench, {"-y", "-e", "trace=pread64"});
+    if (!trace.why_not.empty())
+        GTEST_SKIP() << trace.why_not;
+    EXPECT_EQ(trace.run.exit_status, kSame) << trace.run.out;
+    const uint64_t bytes = bytes_read(trace.calls, "out_image.img");
+    EXPECT_GE(bytes, image.size());
+    EXPECT_LT(bytes, image.size() + image.size() / 10);
 }
 
 TEST(ChangingCalls, AreFoundInATrace) {
