@@ -4,6 +4,7 @@
 #include "comparison.h"
 #include "conversion_run.h"
 #include "diagnosis.h"
+#include "firmware_file.h"
 #include "part_reader.h"
 
 #include <algorithm>
@@ -19,7 +20,6 @@
 
 namespace {
 
-constexpr std::size_t kLongestPath = 255;  // with a longer one the conversion ends the process
 constexpr std::size_t kMostExtraNames = 1000;
 constexpr uint64_t kLookedAtOfRest = 16 * 1024 * 1024;
 
@@ -96,13 +96,8 @@ private:
 
     bool open_firmware() {
         struct stat status {};
-        const std::string& path = m_settings.in_firmware;
-        if (path.size() > kLongestPath)
-            return fail("path of firmware is too long");
-        if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) != 0)
-            return fail(path + " failed to access: " + error_text(errno));
-        if (!S_ISREG(status.st_mode))
-            return fail(path + " is not a file");
+        if (const auto reason = refused_firmware(m_settings.in_firmware, status))
+            return fail(*reason);
         m_firmware = FileIdentity(status);
         m_result.firmware_bytes = static_cast<uint64_t>(status.st_size);
         return true;

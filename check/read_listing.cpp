@@ -3,36 +3,21 @@
 #include "../src/common/byte_reader.h"
 #include "../src/firmware/item_table.h"
 #include "../src/storage/sparse_format.h"
+#include "firmware_file.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <optional>
 #include <set>
-#include <sys/stat.h>
 
 namespace {
 
-constexpr std::size_t kLongestPath = 255;  // with a longer one the reader of the firmware ends the program
-constexpr int kContainerCodes = -1000;     // codes from here on downwards are about the boot container
+constexpr int kContainerCodes = -1000;  // codes from here on downwards are about the boot container
 
 const std::string kParameterName = "parameter";
 
 std::string quoted(const std::string& text) {
     return "'" + text + "'";
-}
-
-/// Why the file is not one that the reader of the firmware should open; nothing when it may.
-std::optional<std::string> refused_file(const std::string& path) {
-    if (path.size() > kLongestPath)
-        return "path of the firmware is too long";
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0)
-        return path + " failed to access: " + std::strerror(errno);
-    if (!S_ISREG(status.st_mode))
-        return path + " is not a file";
-    return std::nullopt;
 }
 
 /// What a code of CQZImage::ObjectInit says; nothing for success.
@@ -201,7 +186,8 @@ void list_container(CQZBoot& boot, Listing& listing) {
 }
 
 std::optional<std::string> list_firmware(Listing& listing) {
-    if (std::optional<std::string> reason = refused_file(listing.firmware_path))
+    struct stat status {};
+    if (std::optional<std::string> reason = refused_firmware(listing.firmware_path, status))
         return reason;
     CQZImage image;
     const int code = image.ObjectInit(listing.firmware_path, false);

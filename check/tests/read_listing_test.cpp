@@ -274,9 +274,9 @@ TEST_F(ReadListing, RefusesWhatIsNotAFirmware) {
 
 TEST_F(ReadListing, RefusesAPathThatWouldEndTheProgram) {
     Listing listing;
-    EXPECT_EQ(read_listing(std::string(256, 'f'), listing), "path of the firmware is too long");
+    EXPECT_EQ(read_listing(std::string(256, 'f'), listing), "path of firmware is too long");
     const std::string longest = "./" + std::string(253, 'f');  // its last part is longer than a file system
-    EXPECT_NE(read_listing(longest, listing), "path of the firmware is too long");
+    EXPECT_NE(read_listing(longest, listing), "path of firmware is too long");
 }
 
 // Every byte of the structures, with each of these values.
