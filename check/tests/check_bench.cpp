@@ -6,6 +6,41 @@
 
 namespace check_test {
 
+Conversion with(Conversion conversion, const std::string& block_kb, const std::string& page_kb,
+                const std::string& spare) {
+    conversion.block_kb = block_kb;
+    conversion.page_kb = page_kb;
+    conversion.spare_bytes = spare;
+    return conversion;
+}
+
+Conversion with_two_kb(Conversion conversion) {
+    conversion.two_kilobytes_data = true;
+    return conversion;
+}
+
+Conversion with_page_list(Conversion conversion) {
+    conversion.page_list = true;
+    return conversion;
+}
+
+UnprivilegedRun unprivileged(const Arguments& arguments) {
+#ifdef NANDSMITH_COVERAGE
+    return {.why_not = "needs a build without coverage counters"};
+#endif
+    if (geteuid() != 0)
+        return {.program = NANDSMITH_CHECK_PROGRAM, .arguments = arguments};
+    const std::string setpriv = find_program("setpriv");
+    if (setpriv.empty())
+        return {.why_not = "missing tool: setpriv"};
+    Arguments as_nobody{"--reuid=65534", "--clear-groups", NANDSMITH_CHECK_PROGRAM, "-v"};
+    if (!run_program(setpriv, as_nobody).succeeded())
+        return {.why_not = "setpriv cannot run the program as nobody here"};
+    as_nobody.pop_back();
+    as_nobody.insert(as_nobody.end(), arguments.begin(), arguments.end());
+    return {.program = setpriv, .arguments = as_nobody};
+}
+
 std::map<std::string, FileState> states_below(const fs::path& directory) {
     std::map<std::string, FileState> states;
     const auto add = [&](const fs::path& path) {

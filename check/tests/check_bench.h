@@ -21,6 +21,12 @@ inline const Conversion kSpiNand{.type = "spinand", .block_kb = "128", .page_kb 
 inline const Conversion kSlcNand{.type = "slc", .block_kb = "128", .page_kb = "2", .spare_bytes = "64"};
 inline const std::vector<Conversion> kFourTypes{kEmmc, kSpiNor, kSpiNand, kSlcNand};
 
+/// The same conversion with other sizes, 2 KB of data in a page, or a page linked list.
+Conversion with(Conversion conversion, const std::string& block_kb, const std::string& page_kb,
+                const std::string& spare = {});
+Conversion with_two_kb(Conversion conversion);
+Conversion with_page_list(Conversion conversion);
+
 inline constexpr int kSame = 0;
 inline constexpr int kDiffers = 1;
 inline constexpr int kTrouble = 2;
@@ -39,6 +45,18 @@ inline RunResult run_check_in_shell(const std::string& line, const Arguments& ar
     options.timeout_seconds = options.timeout_seconds.value_or(60);
     return run_program("/bin/sh", all, options);
 }
+
+/// The program as somebody runs it who may not do everything: this process's user, or nobody in place of
+/// root.
+struct UnprivilegedRun {
+    std::string why_not{};  ///< it cannot be run so; empty: it can
+    std::string program{};
+    Arguments arguments{};
+
+    RunResult run() const { return run_program(program, arguments, {.timeout_seconds = 60}); }
+};
+
+UnprivilegedRun unprivileged(const Arguments& arguments);
 
 /// The last line without its line feed.
 inline std::string last_line(const std::string& text) {

@@ -11,24 +11,6 @@ namespace {
 
 using namespace check_test;
 
-Conversion with(Conversion conversion, const std::string& block_kb, const std::string& page_kb,
-                const std::string& spare = {}) {
-    conversion.block_kb = block_kb;
-    conversion.page_kb = page_kb;
-    conversion.spare_bytes = spare;
-    return conversion;
-}
-
-Conversion with_two_kb(Conversion conversion) {
-    conversion.two_kilobytes_data = true;
-    return conversion;
-}
-
-Conversion with_page_list(Conversion conversion) {
-    conversion.page_list = true;
-    return conversion;
-}
-
 Firmware with_sparse_item() {
     Firmware firmware = sample_firmware({.gpt = true});
     SparseImage image;

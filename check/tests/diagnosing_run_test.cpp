@@ -30,24 +30,6 @@ void expect_diagnosis(const CheckBench& bench, const Conversion& checked_as, con
     EXPECT_TRUE(last_line(run.out).starts_with("differs: ")) << run.out;
 }
 
-Conversion with(Conversion conversion, const std::string& block_kb, const std::string& page_kb,
-                const std::string& spare = {}) {
-    conversion.block_kb = block_kb;
-    conversion.page_kb = page_kb;
-    conversion.spare_bytes = spare;
-    return conversion;
-}
-
-Conversion two_kb(Conversion conversion) {
-    conversion.two_kilobytes_data = true;
-    return conversion;
-}
-
-Conversion page_list(Conversion conversion) {
-    conversion.page_list = true;
-    return conversion;
-}
-
 // ---- other options ----
 
 struct OtherOptions {
@@ -68,16 +50,18 @@ TEST_P(DiagnosisOfOptions, NamesTheOption) {
 INSTANTIATE_TEST_SUITE_P(
     Options, DiagnosisOfOptions,
     testing::Values(
-        OtherOptions{"PageListLeftOut", page_list(kSlcNand), kSlcNand, "page-list", "made with --page_list"},
-        OtherOptions{"PageListGiven", kSlcNand, page_list(kSlcNand), "page-list", "made without --page_list"},
-        OtherOptions{"TwoKbLeftOutOfSlc", two_kb(with(kSlcNand, "256", "4", "128")),
+        OtherOptions{"PageListLeftOut", with_page_list(kSlcNand), kSlcNand, "page-list",
+                     "made with --page_list"},
+        OtherOptions{"PageListGiven", kSlcNand, with_page_list(kSlcNand), "page-list",
+                     "made without --page_list"},
+        OtherOptions{"TwoKbLeftOutOfSlc", with_two_kb(with(kSlcNand, "256", "4", "128")),
                      with(kSlcNand, "256", "4", "128"), "2k-data", "made with -2"},
         OtherOptions{"TwoKbGivenForSlc", with(kSlcNand, "256", "4", "128"),
-                     two_kb(with(kSlcNand, "256", "4", "128")), "2k-data", "made without -2"},
-        OtherOptions{"TwoKbLeftOutOfSpiNand", two_kb(with(kSpiNand, "256", "4")), with(kSpiNand, "256", "4"),
-                     "2k-data", "made with -2"},
-        OtherOptions{"TwoKbGivenForEmmc", with(kEmmc, "512", "4"), two_kb(with(kEmmc, "512", "4")), "2k-data",
-                     "made without -2"},
+                     with_two_kb(with(kSlcNand, "256", "4", "128")), "2k-data", "made without -2"},
+        OtherOptions{"TwoKbLeftOutOfSpiNand", with_two_kb(with(kSpiNand, "256", "4")),
+                     with(kSpiNand, "256", "4"), "2k-data", "made with -2"},
+        OtherOptions{"TwoKbGivenForEmmc", with(kEmmc, "512", "4"), with_two_kb(with(kEmmc, "512", "4")),
+                     "2k-data", "made without -2"},
         OtherOptions{"BlocksOfSlc", with(kSlcNand, "256", "2", "64"), kSlcNand, "block-size",
                      "made for erase blocks of 256 KB (-b 256)"},
         OtherOptions{"BlocksOfSpiNand", with(kSpiNand, "64", "2"), kSpiNand, "block-size", "(-b 64)"},

@@ -104,20 +104,9 @@ TEST_P(TroubleWithTarget, ThatIsAClosedStandardInput) {
 }
 
 TEST_P(TroubleWithTarget, ThatMayNotBeRead) {
-#ifdef NANDSMITH_COVERAGE
-    GTEST_SKIP() << "needs a build without coverage counters";
-#endif
-    Arguments words = m_bench.arguments();
-    std::string program = NANDSMITH_CHECK_PROGRAM;
-    if (geteuid() == 0) {
-        words.insert(words.begin(), {"--reuid=65534", "--clear-groups", program});
-        program = find_program("setpriv");
-        if (program.empty())
-            GTEST_SKIP() << "missing tool: setpriv";
-        if (!run_program(program, {"--reuid=65534", "--clear-groups", NANDSMITH_CHECK_PROGRAM, "-v"})
-                 .succeeded())
-            GTEST_SKIP() << "setpriv cannot run the program as nobody here";
-    }
+    const UnprivilegedRun unprivileged_run = unprivileged(m_bench.arguments());
+    if (!unprivileged_run.why_not.empty())
+        GTEST_SKIP() << unprivileged_run.why_not;
     fs::permissions(m_bench.directory(), fs::perms{0755});
     for (const auto& [path, mode] :
          {std::pair{m_bench.out_dir(), fs::perms{0}}, std::pair{m_bench.out_dir(), fs::perms{0111}},
@@ -125,7 +114,7 @@ TEST_P(TroubleWithTarget, ThatMayNotBeRead) {
         SCOPED_TRACE(path);
         const fs::perms before = fs::status(path).permissions();
         fs::permissions(path, mode);
-        const RunResult run = run_program(program, words, {.timeout_seconds = 60});
+        const RunResult run = unprivileged_run.run();
         fs::permissions(path, before);
         EXPECT_EQ(run.exit_status, kTrouble) << run.out;
         EXPECT_TRUE(last_line(run.out).starts_with("trouble: ")) << run.out;

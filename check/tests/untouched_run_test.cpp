@@ -3,8 +3,6 @@
 
 #include "check_bench.h"
 
-#include <unistd.h>
-
 namespace {
 
 using namespace check_test;
@@ -160,25 +158,14 @@ TEST(ChangingCalls, AreFoundInATrace) {
 }
 
 TEST_P(Untouched, ADirectoryForReadingAloneIsEnough) {
-#ifdef NANDSMITH_COVERAGE
-    GTEST_SKIP() << "needs a build without coverage counters";
-#endif
-    Arguments words = m_bench.arguments();
-    std::string program = NANDSMITH_CHECK_PROGRAM;
-    if (geteuid() == 0) {
-        words.insert(words.begin(), {"--reuid=65534", "--clear-groups", program});
-        program = find_program("setpriv");
-        if (program.empty())
-            GTEST_SKIP() << "missing tool: setpriv";
-        if (!run_program(program, {"--reuid=65534", "--clear-groups", NANDSMITH_CHECK_PROGRAM, "-v"})
-                 .succeeded())
-            GTEST_SKIP() << "setpriv cannot run the program as nobody here";
-    }
+    const UnprivilegedRun unprivileged_run = unprivileged(m_bench.arguments());
+    if (!unprivileged_run.why_not.empty())
+        GTEST_SKIP() << unprivileged_run.why_not;
     fs::permissions(m_bench.directory(), fs::perms{0555});
     fs::permissions(m_bench.out_dir(), fs::perms{0555});
     for (const std::string& name : m_bench.output_names())
         fs::permissions(m_bench.out(name), fs::perms{0444});
-    const RunResult run = run_program(program, words, {.timeout_seconds = 60});
+    const RunResult run = unprivileged_run.run();
     fs::permissions(m_bench.directory(), fs::perms{0755});
     fs::permissions(m_bench.out_dir(), fs::perms{0755});
     EXPECT_EQ(run.exit_status, kSame) << run.out;
