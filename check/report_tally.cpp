@@ -47,7 +47,7 @@ OpinionVerdict opinion_verdict(const CheckResult& result) {
     if (opinion.wrong_units != 0 || opinion.wrong_indexes != 0 || opinion.findings_found != 0 ||
         !opinion.findings.empty())
         return OpinionVerdict::kDiffers;
-    if (result.verdict == Verdict::kTrouble && opinion.units == 0 && opinion.judged.empty())
+    if (opinion.units == 0 && opinion.judged.empty())
         return OpinionVerdict::kNone;
     return OpinionVerdict::kSame;
 }

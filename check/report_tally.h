@@ -38,7 +38,7 @@ inline std::string_view noun_of_parts(const CheckResult& result) {
 
 enum class OpinionVerdict {
     kNotAsked,
-    kNone,  ///< asked for, but the check ended before anything was judged
+    kNone,  ///< asked for, but nothing was judged
     kSame,
     kDiffers,
 };

@@ -131,8 +131,6 @@ std::string TextReport::opinion_of_right_target() const {
     }
     for (const std::string& name : opinion.judged)
         things.push_back(escaped(name));
-    if (things.empty())
-        return "nothing wrong found";
     return enumerated(things) + (opinion.units != 0   ? " right"
                                  : things.size() == 1 ? " is right"
                                                       : " are right");
@@ -156,7 +154,10 @@ void TextReport::add_second_opinion() {
     const SecondOpinion& opinion = m_result.opinion;
     switch (opinion_verdict(m_result)) {
     case OpinionVerdict::kNotAsked:
+        return;
     case OpinionVerdict::kNone:
+        if (m_result.verdict != Verdict::kTrouble)
+            line("second opinion: nothing was judged");
         return;
     case OpinionVerdict::kSame:
         line("second opinion: " + opinion_of_right_target());

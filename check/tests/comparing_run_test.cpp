@@ -543,6 +543,14 @@ TEST(MaxDifferences, ZeroListsEvenTensOfThousands) {
     EXPECT_LT(split(run.out, '\n').size(), 50U) << "only --verbose lists more than fits a screen";
 }
 
+TEST(ChosenFiles, WithNothingForTheSecondOpinion) {
+    const CheckBench bench(kSpiNand);
+    const RunResult run = bench.check({"--only=misc"});
+    EXPECT_EQ(run.exit_status, kSame);
+    EXPECT_NE(run.out.find("second opinion: nothing was judged\n"), std::string::npos) << run.out;
+    EXPECT_TRUE(bench.document({"--only=misc"}).at("second_opinion").at("verdict").is_null());
+}
+
 // ---- the text ----
 
 TEST(ReportOfARun, SaysWhereAFlippedBitIs) {

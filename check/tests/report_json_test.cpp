@@ -140,6 +140,7 @@ TEST(JsonReport, OfTheSecondOpinion) {
     EXPECT_EQ(parsed(result)["second_opinion"].dump(),
               R"({"verdict":"differs","findings":["a","b"],"findings_found":7,"judged":["boot block"]})");
     result.opinion = {};
+    EXPECT_TRUE(parsed(result)["second_opinion"]["verdict"].is_null()) << "nothing was judged";
     result.opinion.asked = false;
     EXPECT_EQ(parsed(result)["second_opinion"]["verdict"], "not-asked");
 }

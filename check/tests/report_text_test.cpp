@@ -109,7 +109,7 @@ TEST(TextReport, OfADevice) {
               "boot block, copy 2: first difference at byte 558092 (0x8840c): is 0x41, should be 0x40\n"
               "  sector 1090, bytes 12 to 15: 9 bits differ\n"
               "device: read past the page cache\n"
-              "second opinion: nothing wrong found\n"
+              "second opinion: nothing was judged\n"
               "differs: 1 of 3 parts, 1 ignored; 1.0 MiB compared\n");
 }
 
@@ -377,6 +377,14 @@ TEST(TextOpinion, NamesWhatWasJudged) {
     result.opinion.judged = {"boot block"};
     EXPECT_EQ(line_with(plain(result), "second"),
               "second opinion: 34944 units, 17472 list indexes and boot block right");
+}
+
+TEST(TextOpinion, SaysThatNothingWasJudged) {
+    CheckResult result = slc_result();
+    result.opinion.units = 0;
+    EXPECT_EQ(line_with(plain(result), "second"), "second opinion: nothing was judged");
+    result.opinion.judged = {"GPT"};
+    EXPECT_EQ(line_with(plain(result), "second"), "second opinion: GPT is right");
 }
 
 TEST(TextOpinion, StaysWhenTroubleCameAfterIt) {
