@@ -194,8 +194,6 @@ private:
             for (const std::string& finding : opinion.findings)
                 add_finding(sum, finding);
             sum.findings_found += opinion.findings_found - opinion.findings.size();
-            for (const std::string& remark : opinion.remarks)
-                add_remark(sum, remark);
         }
     }
 
@@ -286,6 +284,7 @@ private:
                 with_target(extent, [&](Target& target) {
                     note_judged("GPT");
                     judge_gpt(part_reader(target, extent.offset, layout), m_result.opinion);
+                    warn_of_remarks(extent.same);
                 });
             else if (extent.part.kind == OutputPart::Kind::kBootBlock)
                 with_target(extent, [&](Target& target) {
@@ -301,8 +300,13 @@ private:
         }
         for (const auto& [name, extents] : copies)
             judge_equal_copies(name, extents, layout);
+    }
+
+    /// What is odd in a table. It comes from the firmware where the target has the table of the firmware.
+    void warn_of_remarks(bool same) {
         for (const std::string& remark : m_result.opinion.remarks)
-            m_result.warnings.push_back("odd, but so by the firmware: " + remark);
+            m_result.warnings.push_back(
+                (same ? "odd, but so by the firmware: " : "odd in the table of the target: ") + remark);
     }
 
     void note_judged(const std::string& what) {

@@ -379,7 +379,12 @@ std::vector<Comparison::Extent> Comparison::extents() const {
         const bool again = std::any_of(rewrites.begin(), rewrites.end(), [&](const Rewrite& rewrite) {
             return rewrite.run > log.run && rewrite.begin < end && log.result.offset < rewrite.end;
         });
-        extents.push_back({log.part, log.result.file, log.result.offset, log.result.bytes, again});
+        extents.push_back({.part = log.part,
+                           .file = log.result.file,
+                           .offset = log.result.offset,
+                           .bytes = log.result.bytes,
+                           .written_again = again,
+                           .same = log.result.compared == log.result.bytes && log.result.differing == 0});
     }
     return extents;
 }

@@ -69,6 +69,7 @@ public:
         uint64_t offset = 0;
         uint64_t bytes = 0;
         bool written_again = false;  ///< at least in part
+        bool same = false;           ///< all of it is in the target
     };
     /// Files of the output that are not in the directory.
     std::vector<std::string> missing_files() const;

@@ -76,7 +76,7 @@ struct SecondOpinion {
     uint64_t wrong_indexes = 0;       ///< pages with another list index than their place asks for
     uint64_t findings_found = 0;
     std::vector<std::string> findings;  ///< the first ones, one sentence each
-    std::vector<std::string> remarks;   ///< the first ones: odd, but right if the firmware says so
+    std::vector<std::string> remarks;   ///< the first ones of the GPT: odd, but right if the firmware says so
 };
 
 /// The rest of an image or a device, after the last byte that the firmware gives.

@@ -180,6 +180,32 @@ TEST(DiagnosisOfGpt, IsSilentAboutAMovedPartition) {
     EXPECT_EQ(codes_of(document), "");
 }
 
+TEST(OddTable, ThatIsSoByTheFirmware) {
+    Firmware firmware = sample_firmware({.gpt = true});
+    firmware.items.front() = parameter_item(
+        parameter_text(
+            {{"boot", 0x2000, 0x100}, {"misc", 0x2080, 0x40}, {"rootfs:grow", 0x20C0, std::nullopt}}, true),
+        0x100);
+    for (const Conversion& conversion : {kEmmc, kSlcNand})
+        EXPECT_EQ(CheckBench(conversion, firmware).document().at("warnings"),
+                  Json::array(
+                      {"odd, but so by the firmware: gpt entry 2: overlaps entry 1 from sector 0x2080 on",
+                       "odd, but so by the firmware: gpt entry 3: overlaps entry 1 from sector 0x20c0 on"}));
+}
+
+TEST(OddTable, ThatWasChangedIsNotOfTheFirmware) {
+    const CheckBench bench(kEmmc);
+    Bytes image = bench.output("out_image.img");
+    put_integer_at<uint64_t>(image, kEntries + 40, get64(image, kEntries + 40) + 8);
+    repair_gpt_checksums(image);
+    write_file(bench.out("out_image.img"), image);
+    const Json document = bench.document();
+    EXPECT_EQ(part_of(document, "gpt").at("verdict"), "differs");
+    EXPECT_EQ(
+        document.at("warnings"),
+        Json::array({"odd in the table of the target: gpt entry 2: overlaps entry 1 from sector 0x2080 on"}));
+}
+
 // ---- what was written, or not ----
 
 /// Partitions that hold no padding.
