@@ -409,11 +409,12 @@ private:
             name_good_copies(m_result);
             diagnose(m_options.conversion, plan(), m_result);
         }
-        const bool rest_counts =
-            m_result.rest.content == RestOfTarget::Content::kNotEmpty && !is_ignored("rest");
-        if (m_options.strict)
-            differs = differs || !m_result.extra.empty() || rest_counts || !m_result.warnings.empty();
-        differs = differs || m_result.opinion.findings_found != 0;
+        m_result.rest_counts = m_options.strict && !is_ignored("rest") &&
+                               m_result.rest.content == RestOfTarget::Content::kNotEmpty;
+        m_result.warnings_count = m_options.strict && !m_result.warnings.empty();
+        const bool extra_counts = m_options.strict && !m_result.extra.empty();
+        differs = differs || m_result.rest_counts || m_result.warnings_count || extra_counts ||
+                  m_result.opinion.findings_found != 0;
         m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
         if (!m_result.geometry.whole_image)
             return;

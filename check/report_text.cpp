@@ -215,9 +215,9 @@ std::string TextReport::why_not_same() const {
     std::vector<std::string> reasons = {""};
     if (opinion_verdict(m_result) == OpinionVerdict::kDiffers)
         reasons.emplace_back("second opinion differs");
-    if (m_result.rest.content == RestOfTarget::Content::kNotEmpty)
+    if (m_result.rest_counts)
         reasons.emplace_back("rest not empty");
-    if (!m_result.warnings.empty())
+    if (m_result.warnings_count)
         reasons.push_back(counted(m_result.warnings.size(), "warning"));
     return joined(reasons, ", ");
 }

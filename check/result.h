@@ -113,6 +113,8 @@ struct CheckResult {
     SecondOpinion opinion;
     std::vector<Diagnosis> diagnoses;
     std::vector<std::string> warnings;
+    bool rest_counts = false;          ///< a rest that is not empty makes the verdict "differs"
+    bool warnings_count = false;       ///< so do warnings
     std::optional<std::string> error;  ///< why there is no answer
     Verdict verdict = Verdict::kSame;  ///< same, differs or trouble
 

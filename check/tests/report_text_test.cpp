@@ -428,8 +428,19 @@ TEST(TextClosing, SaysWhatStrictMadeDifferent) {
     CheckResult result = device_result();
     result.parts.erase(result.parts.begin() + 2);
     result.warnings = {"-s is ignored"};
+    result.rest_counts = result.warnings_count = true;
     EXPECT_EQ(last_line(plain(result)),
               "differs: 0 of 2 parts, 1 ignored, rest not empty, 1 warning; 530.0 KiB compared");
+}
+
+TEST(TextClosing, IsSilentAboutWhatDidNotMatter) {
+    CheckResult result = device_result();
+    result.parts.erase(result.parts.begin() + 2);
+    result.warnings = {"-s is ignored"};
+    result.opinion.findings = {"GPT: checksum of the header is wrong"};
+    result.opinion.findings_found = 1;
+    EXPECT_EQ(last_line(plain(result)),
+              "differs: 0 of 2 parts, 1 ignored, second opinion differs; 530.0 KiB compared");
 }
 
 TEST(TextClosing, CountsOneFileInTheSingular) {
