@@ -76,6 +76,14 @@ ReportRow row_of(const PartResult& part, const Geometry& geometry, bool color) {
     return row;
 }
 
+ReportRow row_of_missing(const std::string& name, bool color) {
+    ReportRow row;
+    row.verdict = Verdict::kMissing;
+    row.cells.name = name;
+    row.cells.words = painted("missing", Color::kRed, color);
+    return row;
+}
+
 ReportRow row_of_extra(const std::string& name, bool color) {
     ReportRow row;
     row.kind = ReportRow::Kind::kExtra;
@@ -157,14 +165,14 @@ std::string line_of_others(const std::vector<ReportRow>& all, const std::vector<
 
 std::vector<ReportRow> rows_of(const CheckResult& result, bool color) {
     std::vector<ReportRow> list;
-    for (const PartResult& part : result.parts)
-        list.push_back(row_of(part, result.geometry, color));
-    for (const std::string& name : missing_without_part(result)) {
-        ReportRow row;
-        row.verdict = Verdict::kMissing;
-        row.cells.name = name;
-        row.cells.words = painted("missing", Color::kRed, color);
-        list.push_back(row);
+    if (image_is_missing(result)) {
+        for (const std::string& name : result.missing)
+            list.push_back(row_of_missing(name, color));
+    } else {
+        for (const PartResult& part : result.parts)
+            list.push_back(row_of(part, result.geometry, color));
+        for (const std::string& name : missing_without_part(result))
+            list.push_back(row_of_missing(name, color));
     }
     for (const std::string& name : result.extra)
         list.push_back(row_of_extra(name, color));

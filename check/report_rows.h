@@ -14,7 +14,8 @@ struct ReportRow {
     Verdict verdict = Verdict::kSame;  ///< of a part
 };
 
-/// A row for each part, missing file and extra file, and for the rest of the target.
+/// A row for each part, missing file and extra file, and for the rest of the target. An image that is missing
+/// has one row in place of those of its parts.
 std::vector<ReportRow> rows_of(const CheckResult& result, bool color);
 
 /// The table with at most so many rows, and a line that counts the others. Rows that are not "same" go first.

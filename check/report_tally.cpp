@@ -30,6 +30,8 @@ Tally tally_of(const CheckResult& result) {
 }
 
 std::vector<std::string> missing_without_part(const CheckResult& result) {
+    if (image_is_missing(result) && !result.parts.empty())
+        return {};
     std::set<std::string_view> names_of_parts;
     for (const PartResult& part : result.parts)
         names_of_parts.insert(name_for_people(part));

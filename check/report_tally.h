@@ -20,12 +20,17 @@ struct Tally {
     std::size_t judged() const { return same + differ + missing; }
 };
 
-/// Of all parts, and of missing files that no part stands for.
+/// Of all parts, and of missing files that no part stands for. The parts of an image stand for its file.
 Tally tally_of(const CheckResult& result);
 
 /// File name of a part, or its name when the target is one image.
 inline const std::string& name_for_people(const PartResult& part) {
     return part.file.empty() ? part.name : part.file;
+}
+
+/// True when the one file of a directory is missing: no part of the image is there.
+inline bool image_is_missing(const CheckResult& result) {
+    return result.geometry.whole_image && !result.missing.empty();
 }
 
 /// Names of missing files that no part stands for.

@@ -227,6 +227,12 @@ TEST_P(ComparingFiles, NamesAMissingFile) {
     EXPECT_EQ(document.at("missing"), Json::array({file}));
     for (const Json& part : document.at("parts"))
         EXPECT_EQ(part.at("verdict"), part.value("file", file) == file ? "missing" : "same") << part;
+    const RunResult run = m_bench.check();
+    EXPECT_NE(run.out.find("\n" + file + " "), std::string::npos) << run.out;
+    std::size_t rows = 0;
+    for (const std::string& line : split(run.out, '\n'))
+        rows += line.ends_with("  missing") ? 1 : 0;
+    EXPECT_EQ(rows, 1U) << run.out;
 }
 
 TEST_P(ComparingFiles, FindsAShorterFile) {

@@ -210,6 +210,28 @@ TEST(TextTable, HasARowForAMissingFileWithoutAPart) {
     EXPECT_EQ(last_line(plain(result)), "differs: 0 of 3 files, 1 missing; 35.1 MiB compared");
 }
 
+TEST(TextTable, HasOneRowForAnImageThatIsMissing) {
+    CheckResult result = device_result();
+    result.target_kind = "directory";
+    result.verdict = Verdict::kDiffers;
+    result.rest = {};
+    result.parts.pop_back();
+    for (PartResult& part : result.parts) {
+        part = same_part(part.name, part.offset / kSector, part.bytes / kSector);
+        part.verdict = Verdict::kMissing;
+        part.compared = 0;
+        part.missing = part.bytes;
+    }
+    result.missing = {"out_image.img"};
+    result.extra = {"old.img"};
+    for (const std::string& text : {plain(result), verbose(result)})
+        EXPECT_EQ(text, "part            first sector   sectors   verdict\n"
+                        "out_image.img                            missing\n"
+                        "old.img                                  extra: not of this firmware\n"
+                        "second opinion: nothing was judged\n"
+                        "differs: 0 of 3 parts, 3 missing, 1 extra; 0 bytes compared\n");
+}
+
 TEST(TextTable, SaysWhatTheRestHolds) {
     CheckResult result = device_result();
     result.target_kind = "image";
