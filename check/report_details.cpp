@@ -2,6 +2,7 @@
 
 #include "places.h"
 #include "report.h"
+#include "report_copies.h"
 #include "report_tally.h"
 #include "words.h"
 
@@ -15,11 +16,17 @@ bool has_details(const PartResult& part, bool ignored_too) {
     return wanted && !part.runs.empty();
 }
 
-std::string first_difference(const PartResult& part) {
+/// Of the first of parts that differ alike.
+std::string first_difference(const Alike& alike) {
+    const PartResult& part = *alike.front();
     const DifferenceRun& run = *first_run(part);
-    return escaped(name_for_people(part)) + ": first difference at byte " + std::to_string(run.offset) +
-           " (" + hexadecimal(run.offset) + "): is " + hexadecimal(run.actual, 2) + ", should be " +
-           hexadecimal(run.expected, 2);
+    std::string text = escaped(name_for_people(part)) + ": first difference at byte " +
+                       std::to_string(run.offset) + " (" + hexadecimal(run.offset) + "): is " +
+                       hexadecimal(run.actual, 2) + ", should be " + hexadecimal(run.expected, 2);
+    std::vector<uint64_t> others;
+    for (std::size_t i = 1; i < alike.size(); i++)
+        others.push_back(copy_name(*alike[i])->number);
+    return others.empty() ? text : text.append("; the same in ") + copies_text(others);
 }
 
 /// The bytes of a run in what holds them: "byte 12 of unit 0", "bytes 12 to 15". A run that goes on after its
@@ -78,19 +85,25 @@ std::size_t add_runs(const PartResult& part, const Geometry& geometry, std::size
 
 }  // namespace
 
-std::string details_of(const CheckResult& result, std::size_t most_lines, bool ignored_too) {
-    std::vector<const PartResult*> parts;
+std::string details_of(const CheckResult& result, std::size_t most_lines, bool verbose) {
+    std::vector<const PartResult*> listed;
     for (const PartResult& part : result.parts)
-        if (has_details(part, ignored_too))
-            parts.push_back(&part);
+        if (has_details(part, verbose))
+            listed.push_back(&part);
+    std::vector<Alike> parts;
+    if (verbose)
+        for (const PartResult* part : listed)
+            parts.push_back({part});
+    else
+        parts = grouped_copies(listed);
 
     const bool all_fit = parts.size() <= most_lines;
     const std::size_t shown = all_fit ? parts.size() : most_lines - 1;
     std::size_t lines_left = all_fit ? most_lines - shown : 0;
     std::string text;
     for (std::size_t i = 0; i < shown; i++) {
-        add_line(text, first_difference(*parts[i]));
-        lines_left -= add_runs(*parts[i], result.geometry, lines_left, text);
+        add_line(text, first_difference(parts[i]));
+        lines_left -= add_runs(*parts[i].front(), result.geometry, lines_left, text);
     }
     if (!all_fit)
         add_line(text, "and " + counted(parts.size() - shown, "more " + std::string(noun_of_parts(result))));

@@ -2,9 +2,11 @@
 
 #include "places.h"
 #include "report.h"
+#include "report_copies.h"
 #include "words.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace {
 
@@ -76,6 +78,47 @@ ReportRow row_of(const PartResult& part, const Geometry& geometry, bool color) {
     return row;
 }
 
+/// A row for parts of an image that lie side by side: copies of one thing.
+ReportRow row_of(const Alike& copies, const Geometry& geometry, bool color) {
+    ReportRow row = row_of(*copies.front(), geometry, color);
+    if (copies.size() == 1)
+        return row;
+    std::vector<uint64_t> numbers;
+    for (const PartResult* part : copies)
+        numbers.push_back(copy_name(*part)->number);
+    const uint64_t end = copies.back()->offset + copies.back()->bytes;
+    row.cells.name = std::string(copy_name(*copies.front())->thing) + ", " + copies_text(numbers);
+    row.cells.numbers[1] = std::to_string(divided_up(end - copies.front()->offset, kSector));
+    row.parts = copies.size();
+    return row;
+}
+
+/// True when the part is the next copy of the same thing after the other one, and their rows say the same.
+bool goes_on(const PartResult& part, const PartResult& other, bool whole_image) {
+    const auto name = copy_name(part);
+    const auto before = copy_name(other);
+    return whole_image && name && before && name->thing == before->thing &&
+           name->number == before->number + 1 && part.offset == other.offset + other.bytes &&
+           verdict_text(part, whole_image, false) == verdict_text(other, whole_image, false);
+}
+
+std::vector<ReportRow> rows_of_parts(const CheckResult& result, bool color, bool each_part) {
+    std::vector<ReportRow> list;
+    Alike together;
+    const auto add = [&] {
+        if (!together.empty())
+            list.push_back(row_of(together, result.geometry, color));
+        together.clear();
+    };
+    for (const PartResult& part : result.parts) {
+        if (!together.empty() && (each_part || !goes_on(part, *together.back(), result.geometry.whole_image)))
+            add();
+        together.push_back(&part);
+    }
+    add();
+    return list;
+}
+
 ReportRow row_of_missing(const std::string& name, bool color) {
     ReportRow row;
     row.verdict = Verdict::kMissing;
@@ -137,10 +180,15 @@ Tally tally_of_rows(const std::vector<ReportRow>& rows) {
     Tally tally;
     for (const ReportRow& row : rows)
         if (row.kind == ReportRow::Kind::kPart)
-            tally.add(row.verdict);
+            tally.add(row.verdict, row.parts);
         else if (row.kind == ReportRow::Kind::kExtra)
             tally.extra++;
     return tally;
+}
+
+std::size_t parts_of(const std::vector<ReportRow>& rows) {
+    return std::accumulate(rows.begin(), rows.end(), std::size_t{0},
+                           [](std::size_t sum, const ReportRow& row) { return sum + row.parts; });
 }
 
 /// "and 12 more: 10 same, 2 different (all with --verbose)"
@@ -157,20 +205,19 @@ std::string line_of_others(const std::vector<ReportRow>& all, const std::vector<
     add(&Tally::missing, " missing");
     add(&Tally::ignored, " ignored");
     add(&Tally::extra, " extra");
-    return "and " + std::to_string(all.size() - shown.size()) + " more" + (kinds.empty() ? "" : ": ") +
+    return "and " + std::to_string(parts_of(all) - parts_of(shown)) + " more" + (kinds.empty() ? "" : ": ") +
            joined(kinds, ", ") + " (all with --verbose)";
 }
 
 }  // namespace
 
-std::vector<ReportRow> rows_of(const CheckResult& result, bool color) {
+std::vector<ReportRow> rows_of(const CheckResult& result, bool color, bool each_part) {
     std::vector<ReportRow> list;
     if (image_is_missing(result)) {
         for (const std::string& name : result.missing)
             list.push_back(row_of_missing(name, color));
     } else {
-        for (const PartResult& part : result.parts)
-            list.push_back(row_of(part, result.geometry, color));
+        list = rows_of_parts(result, color, each_part);
         for (const std::string& name : missing_without_part(result))
             list.push_back(row_of_missing(name, color));
     }

@@ -2,20 +2,20 @@
 
 #include <set>
 
-void Tally::add(Verdict verdict) {
+void Tally::add(Verdict verdict, std::size_t number) {
     switch (verdict) {
     case Verdict::kSame:
-        same++;
+        same += number;
         break;
     case Verdict::kMissing:
-        missing++;
+        missing += number;
         break;
     case Verdict::kIgnored:
-        ignored++;
+        ignored += number;
         break;
     case Verdict::kDiffers:
     case Verdict::kTrouble:
-        differ++;
+        differ += number;
         break;
     }
 }

@@ -15,7 +15,7 @@ struct Tally {
     std::size_t ignored = 0;
     std::size_t extra = 0;
 
-    void add(Verdict verdict);
+    void add(Verdict verdict, std::size_t number = 1);
     /// Parts that the answer is about.
     std::size_t judged() const { return same + differ + missing; }
 };

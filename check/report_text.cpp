@@ -1,4 +1,5 @@
 #include "report.h"
+#include "report_copies.h"
 #include "report_details.h"
 #include "report_rows.h"
 #include "report_tally.h"
@@ -23,6 +24,13 @@ constexpr std::size_t kMostFindings = 10;
 constexpr std::size_t kMostFindingsExplained = 2;
 constexpr std::size_t kMostDiagnoses = 3;
 
+// A report in which one thing differs has fewer than 20 lines, too. Its table and its list of places give
+// way, but not further than this.
+constexpr std::size_t kMostLinesOfOneThing = 19;
+constexpr std::size_t kLeastRows = 4;
+constexpr std::size_t kLeastDetails = 2;
+constexpr std::size_t kUsualDetails = 4;  // for which the table gives way
+
 /// Diagnoses that explain all differences at once.
 constexpr std::array<std::string_view, 7> kExplainingCodes = {
     "page-list", "2k-data", "rc4-key", "block-size", "page-or-spare-size", "other-firmware", "blank"};
@@ -30,6 +38,24 @@ constexpr std::array<std::string_view, 7> kExplainingCodes = {
 bool explains_all(const Diagnosis& diagnosis) {
     return std::find(kExplainingCodes.begin(), kExplainingCodes.end(), diagnosis.code) !=
            kExplainingCodes.end();
+}
+
+/// True when one part, or copies that differ alike, are all that is wrong in the target.
+bool one_thing_differs(const CheckResult& result) {
+    std::vector<const PartResult*> wrong;
+    for (const PartResult& part : result.parts)
+        if (part.verdict == Verdict::kDiffers || part.verdict == Verdict::kMissing)
+            wrong.push_back(&part);
+    return grouped_copies(wrong).size() == 1 && missing_without_part(result).empty();
+}
+
+std::size_t lines_of(const std::string& text) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+/// What is left of a number of lines, but not less than so many.
+std::size_t left_of(std::size_t lines, std::size_t used, std::size_t least) {
+    return lines > used + least ? lines - used : least;
 }
 
 /// List indexes that were judged, one for each page. Nothing when the units do not fill whole pages.
@@ -45,29 +71,32 @@ public:
     TextReport(const CheckResult& result, const ReportStyle& style)
         : m_result(result), m_style(style), m_tally(tally_of(result)),
           m_explained(!style.verbose &&
-                      std::any_of(result.diagnoses.begin(), result.diagnoses.end(), explains_all)) {}
+                      std::any_of(result.diagnoses.begin(), result.diagnoses.end(), explains_all)),
+          m_one_thing(!style.verbose && !m_explained && one_thing_differs(result)) {}
 
     std::string text() {
-        add_table();
-        add_details();
         add_way_of_reading();
         add_warnings();
         add_second_opinion();
         add_diagnoses();
         line(closing_line());
-        return m_text;
+        const std::string end = std::move(m_text);
+        m_text.clear();
+        add_table(lines_of(end));
+        add_details(lines_of(end));
+        return m_text + end;
     }
 
 private:
     void line(const std::string& text) { add_line(m_text, text); }
     std::string paint(std::string_view word, Color hue) const { return painted(word, hue, m_style.color); }
     std::size_t limit(std::size_t usual, std::size_t explained) const {
-        return m_style.verbose ? SIZE_MAX : m_explained ? explained : usual;
+        return m_style.verbose ? SIZE_MAX : m_explained || m_one_thing ? explained : usual;
     }
     std::string counted_parts(std::size_t number) const { return counted(number, noun_of_parts(m_result)); }
 
-    void add_table();
-    void add_details();
+    void add_table(std::size_t lines_after);
+    void add_details(std::size_t lines_after);
     void add_way_of_reading();
     void add_warnings();
     void add_second_opinion();
@@ -83,22 +112,29 @@ private:
     const ReportStyle m_style;
     const Tally m_tally;
     const bool m_explained;  ///< one diagnosis stands for all details
+    const bool m_one_thing;  ///< differs: the report is short
     std::string m_text;
 };
 
-void TextReport::add_table() {
-    const std::vector<ReportRow> rows = rows_of(m_result, m_style.color);
+void TextReport::add_table(std::size_t lines_after) {
+    const std::vector<ReportRow> rows = rows_of(m_result, m_style.color, m_style.verbose);
+    // The head, the line that counts other rows, an empty line.
+    const std::size_t of_one_thing =
+        left_of(kMostLinesOfOneThing, lines_after + kUsualDetails + 3, kLeastRows);
     if (m_explained && rows.size() > kMostRowsExplained)
         line(std::to_string(m_tally.differ) + " of " + counted_parts(m_tally.judged()) +
              (m_tally.differ == 1 ? " differs" : " differ") + " (all with --verbose)");
     else
-        m_text += table_of(m_result, rows, limit(kMostRows, kMostRows));
+        m_text += table_of(m_result, rows, m_one_thing ? of_one_thing : limit(kMostRows, kMostRows));
 }
 
-void TextReport::add_details() {
+void TextReport::add_details(std::size_t lines_after) {
     if (m_explained)
         return;
-    const std::string details = details_of(m_result, limit(kMostDetails, kMostDetails), m_style.verbose);
+    const std::size_t of_one_thing =
+        left_of(kMostLinesOfOneThing, lines_of(m_text) + 1 + lines_after, kLeastDetails);
+    const std::string details =
+        details_of(m_result, m_one_thing ? of_one_thing : limit(kMostDetails, kMostDetails), m_style.verbose);
     if (!details.empty())
         m_text += '\n' + details;
 }

@@ -73,6 +73,19 @@ CheckResult with_many_differing(std::size_t files, std::size_t runs) {
     return result;
 }
 
+/// An image with eight copies of the parameter side by side, and two boot blocks with a gap between them.
+CheckResult image_with_copies() {
+    CheckResult result = device_result();
+    result.target_kind = "image";
+    result.verdict = Verdict::kSame;
+    result.rest = {};
+    result.parts = {same_part("boot block, copy 1", 64, 8), same_part("boot block, copy 2", 1088, 8)};
+    for (uint64_t copy = 1; copy <= 8; copy++)
+        result.parts.push_back(
+            same_part("parameter, copy " + std::to_string(copy), 8160 + copy * 32, copy == 8 ? 40 : 32));
+    return result;
+}
+
 TEST(TextReport, OfADirectoryThatIsTheSame) {
     EXPECT_EQ(plain(slc_result()), "file          blocks   pages      bytes   verdict\n"
                                    "idblock.img        1      64     135168   same\n"
@@ -273,6 +286,16 @@ TEST(TextTable, CountsTheRowsThatAreTooMany) {
     EXPECT_EQ(lines_of(verbose(result)), 1u + 60 + 2);
 }
 
+TEST(TextTable, CountsEachCopyOfARowThatIsTooMany) {
+    CheckResult result = image_with_copies();
+    const std::vector<PartResult> copies(result.parts.begin() + 2, result.parts.end());
+    result.parts.clear();
+    for (uint64_t i = 0; i < 40; i++)
+        result.parts.push_back(same_part("part" + std::to_string(i), i, 1));
+    result.parts.insert(result.parts.end(), copies.begin(), copies.end());
+    EXPECT_EQ(line_with(plain(result), "and "), "and 8 more: 8 same (all with --verbose)");
+}
+
 TEST(TextTable, CountsExtraFilesThatAreTooMany) {
     CheckResult result = slc_result();
     for (int i = 0; i < 10000; i++)
@@ -303,15 +326,98 @@ TEST(TextDetails, CountTheRunsThatAreNotListed) {
 
 TEST(TextDetails, FillAtMostTwentyLines) {
     EXPECT_EQ(times(plain(with_many_differing(1, 10)), "\n  block"), 10u);
-    EXPECT_EQ(times(plain(with_many_differing(1, 19)), "\n  block"), 19u);
-    EXPECT_EQ(times(plain(with_many_differing(1, 19)), "  and "), 0u);
-    EXPECT_EQ(times(plain(with_many_differing(1, 20)), "\n  block"), 18u);
-    EXPECT_EQ(line_with(plain(with_many_differing(1, 20)), "  and "), "  and 2 more");
+    EXPECT_EQ(times(plain(with_many_differing(2, 9)), "\n  block"), 18u);
+    EXPECT_EQ(times(plain(with_many_differing(2, 9)), "  and "), 0u);
+    EXPECT_EQ(times(plain(with_many_differing(2, 10)), "\n  block"), 17u);
+    EXPECT_EQ(line_with(plain(with_many_differing(2, 10)), "  and "), "  and 3 more");
     for (const std::size_t files : {2u, 3u, 7u, 19u, 20u}) {
         const std::string text = plain(with_many_differing(files, 30));
         EXPECT_EQ(times(text, "first difference"), files);
         EXPECT_LE(lines_of(text), 1 + files + 1 + 20 + 2) << text;
     }
+}
+
+TEST(TextOneThing, FillsFewerThanTwentyLines) {
+    for (const std::size_t runs : {1u, 10u, 30u})
+        for (const std::size_t other_files : {0u, 7u, 100u}) {
+            CheckResult result = with_many_differing(1, runs);
+            for (std::size_t i = 0; i < other_files; i++)
+                result.parts.push_back(same_file("other" + std::to_string(i), 4096));
+            result.target_kind = "device";
+            result.warnings.assign(5, "something is ignored");
+            result.opinion.findings.assign(10, "a unit is wrong");
+            result.opinion.findings_found = 1000;
+            result.diagnoses = {{"copy-good", "another copy is good"}};
+            EXPECT_LT(lines_of(plain(result)), 20u) << plain(result);
+            EXPECT_EQ(times(plain(result), "part0.img: first difference"), 1u);
+            EXPECT_EQ(times(verbose(result), "\n  block"), runs);
+        }
+}
+
+TEST(TextOneThing, KeepsTheTableWhereItFits) {
+    CheckResult result = with_many_differing(1, 4);
+    for (int i = 0; i < 8; i++)
+        result.parts.push_back(same_file("other" + std::to_string(i), 4096));
+    EXPECT_EQ(times(plain(result), "   same\n"), 8u);
+    EXPECT_EQ(times(plain(result), "\n  block"), 4u);
+    EXPECT_EQ(times(plain(result), "and "), 1u) << "but in the second opinion";
+}
+
+TEST(TextCopies, ThatLieSideBySideShareARow) {
+    EXPECT_EQ(plain(image_with_copies()), "part                       first sector   sectors   verdict\n"
+                                          "boot block, copy 1                   64         8   same\n"
+                                          "boot block, copy 2                 1088         8   same\n"
+                                          "parameter, copies 1 to 8           8192       264   same\n"
+                                          "second opinion: nothing was judged\n"
+                                          "same: 10 of 10 parts; 140.0 KiB compared\n");
+    EXPECT_EQ(times(verbose(image_with_copies()), "\nparameter, copy "), 8u);
+}
+
+TEST(TextCopies, WithAnotherVerdictHaveARowOfTheirOwn) {
+    CheckResult result = image_with_copies();
+    result.verdict = Verdict::kDiffers;
+    add_run(result.parts[4], result.parts[4].offset + 9, 1, 1);
+    result.parts[4].note = "copy 1 is good";
+    const std::string text = plain(result);
+    EXPECT_EQ(line_with(text, "parameter, copies 1"),
+              "parameter, copies 1 and 2           8192        64   same");
+    EXPECT_EQ(line_with(text, "parameter, copy 3 "),
+              "parameter, copy 3                   8256        32   differs: 1 sector; copy 1 is good");
+    EXPECT_EQ(line_with(text, "parameter, copies 4"),
+              "parameter, copies 4 to 8            8288       168   same");
+}
+
+TEST(TextCopies, ThatDifferAlikeHaveTheirPlacesOnce) {
+    CheckResult result = image_with_copies();
+    result.verdict = Verdict::kDiffers;
+    for (std::size_t copy = 2; copy < 10; copy++) {
+        add_run(result.parts[copy], result.parts[copy].offset + 9, 1, 1);
+        add_run(result.parts[copy], result.parts[copy].offset + 600, 2, 3);
+    }
+    EXPECT_EQ(plain(result),
+              "part                       first sector   sectors   verdict\n"
+              "boot block, copy 1                   64         8   same\n"
+              "boot block, copy 2                 1088         8   same\n"
+              "parameter, copies 1 to 8           8192       264   differs: 2 sectors\n"
+              "\n"
+              "parameter, copy 1: first difference at byte 4194313 (0x400009): is 0x41, should be 0x40; the "
+              "same in copies 2 to 8\n"
+              "  sector 8192, byte 9: 1 bit differs\n"
+              "  sector 8193, bytes 88 to 89: 3 bits differ\n"
+              "second opinion: nothing was judged\n"
+              "differs: 8 of 10 parts; 140.0 KiB compared\n");
+    EXPECT_EQ(times(verbose(result), "first difference"), 8u);
+}
+
+TEST(TextCopies, ThatDifferElsewhereHaveTheirOwnPlaces) {
+    CheckResult result = image_with_copies();
+    result.verdict = Verdict::kDiffers;
+    for (const std::size_t copy : {2u, 3u, 5u, 9u})
+        add_run(result.parts[copy], result.parts[copy].offset + (copy == 3 ? 8 : 9), 1, 1);
+    const std::string text = plain(result);
+    EXPECT_EQ(times(text, "first difference"), 2u);
+    EXPECT_EQ(times(text, "; the same in copies 4 and 8\n"), 1u) << text;
+    EXPECT_EQ(times(text, "parameter, copy 2: first difference"), 1u);
 }
 
 TEST(TextDetails, CountThePartsThatAreTooMany) {
