@@ -341,6 +341,9 @@ std::vector<PartResult> Comparison::results() const {
             parts.back().file = m_plan.target == nullptr ? log.result.file : "";
             parts.back().name = whole ? name_of(log.part) : without_suffix(log.result.file);
         }
+        // All of a file is the item's, unless one of its parts is something else.
+        const bool item = log.part.kind == OutputPart::Kind::kItem || (!whole && gap);
+        parts[at->second].item = item && (fresh || parts[at->second].item);
         add(parts[at->second], log.result, m_plan.max_runs);
     }
     for (PartResult& part : parts) {

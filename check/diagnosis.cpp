@@ -1,6 +1,7 @@
 #include "diagnosis.h"
 
 #include "conversion_run.h"
+#include "other_firmware.h"
 #include "part_reader.h"
 
 #include <algorithm>
@@ -338,20 +339,6 @@ bool is_blank(const ComparisonPlan& plan, const CheckResult& result) {
     });
 }
 
-/// True when most parts that hold data differ in most of their pages.
-bool is_other_firmware(const CheckResult& result) {
-    uint64_t parts = 0;
-    uint64_t other = 0;
-    for (const PartResult& part : result.parts) {
-        if (part.verdict == Verdict::kIgnored || part.compared == 0 || part.name == "gaps")
-            continue;
-        ++parts;
-        if (part.differing_pages * 2 > part.compared / result.geometry.page)
-            ++other;
-    }
-    return other * 2 > parts;
-}
-
 }  // namespace
 
 Geometry geometry_of(const ConversionOptions& options) {
@@ -420,7 +407,7 @@ void diagnose(const ConversionOptions& options, const ComparisonPlan& plan, Chec
     }
     if (best != nullptr)
         result.diagnoses.push_back(best->diagnosis);
-    else if (result.diagnoses.empty() && is_other_firmware(result))
+    else if (result.diagnoses.empty() && is_other_firmware(options, plan, result))
         result.diagnoses.push_back(
             {"other-firmware", "most of it differs: it was made from another firmware"});
 }

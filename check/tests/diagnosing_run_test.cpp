@@ -231,6 +231,42 @@ TEST_P(DiagnosisOfFirmware, NamesAnotherOne) {
     expect_diagnosis(bench, GetParam(), "other-firmware", "made from another firmware");
 }
 
+TEST_P(DiagnosisOfFirmware, NamesASmallOneWithMuchPadding) {
+    const CheckBench bench(GetParam());
+    Firmware other = sample_firmware({.gpt = true});
+    for (const std::string name : {"boot", "misc", "rootfs"})
+        other.item(name).data = patterned(other.item(name).data.size(), 77);
+    bench.pack(other);
+    expect_diagnosis(bench, GetParam(), "other-firmware", "made from another firmware");
+}
+
+TEST_P(DiagnosisOfFirmware, IsSilentAboutOneItemOfAnother) {
+    const CheckBench bench(GetParam());
+    Firmware other = sample_firmware({.gpt = true});
+    other.item("rootfs").data = patterned(other.item("rootfs").data.size(), 77);
+    bench.pack(other);
+    const Json document = bench.document();
+    EXPECT_EQ(document.at("verdict"), "differs");
+    EXPECT_EQ(codes_of(document), "");
+}
+
+TEST_P(DiagnosisOfFirmware, IsSilentAboutWrongPadding) {
+    const CheckBench bench(GetParam());
+    // The data of each item stays. Some of the padding after it is changed.
+    const bool image = GetParam().is_whole_device();
+    const std::map<std::string, uint64_t> sectors{{"boot", 0x2000}, {"misc", 0x2080}, {"rootfs", 0x20C0}};
+    for (const auto& [name, first] : sectors) {
+        const uint64_t padding = name == "rootfs" ? 20001 + 5000 : 20000;
+        const std::string file = image ? "out_image.img" : name + ".img";
+        const uint64_t place = (image ? first * kSectorSize : 0) + padding;
+        if (place + 4000 <= fs::file_size(bench.out(file)))
+            bench.damage(file, place, 4000);
+    }
+    const Json document = bench.document({"--no-second-opinion"});
+    EXPECT_EQ(document.at("verdict"), "differs");
+    EXPECT_EQ(codes_of(document), "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Types, DiagnosisOfFirmware, testing::ValuesIn(kFourTypes),
                          [](const auto& made) { return made.param.type; });
 
