@@ -3,6 +3,7 @@
 #include "../src/io/retry.h"
 #include "comparison.h"
 #include "conversion_run.h"
+#include "conversion_summary.h"
 #include "diagnosis.h"
 #include "firmware_file.h"
 #include "part_reader.h"
@@ -38,23 +39,6 @@ std::string option_word(const PartResult& part) {
     if (part.name.starts_with("parameter, copy "))
         return "parameter";
     return part.name;
-}
-
-#ifdef NANDSMITH_RC4_KEY
-constexpr const char* kKeyKind = "own";
-#else
-constexpr const char* kKeyKind = "development";
-#endif
-
-ConversionSummary summary_of(const ConversionOptions& options) {
-    const StorageSettings& s = options.settings;
-    return {.type = options.type != nullptr ? options.type->word : "",
-            .block_kb = s.block_size,
-            .page_kb = s.page_size,
-            .spare = s.oob_size,
-            .two_kb = s.page_2k,
-            .page_list = s.page_list,
-            .key = kKeyKind};
 }
 
 /// One check from the options to the result.

@@ -3,6 +3,7 @@
 #include "conversion_run.h"
 #include "other_firmware.h"
 #include "part_reader.h"
+#include "usual_sizes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,12 +22,6 @@ constexpr uint64_t kExplains = 8;
 
 // And no more than this, so that a run with options that explain nothing ends soon.
 constexpr uint64_t kMostLeft = 4 * 1024 * 1024;
-
-constexpr uint32_t kPageSizes[] = {1, 2, 4, 8, 16};                                      // in KB
-constexpr uint32_t kBlockSizes[] = {4, 8, 16, 32, 64, 128, 256, 512, 1024, 2048, 4096};  // in KB
-constexpr uint32_t kSpareSizes[] = {32,  64,  96,  128, 192, 208,  218,  224,  232,
-                                    256, 320, 384,  // in bytes
-                                    436, 448, 512, 640, 744, 1024, 1280, 1664, 2208};
 
 // Bytes of the boot block and of the table that are looked at for a key and for another tool's changes.
 constexpr std::size_t kMostCaptured = 4 * 1024 * 1024;
@@ -79,14 +74,14 @@ std::vector<Candidate> candidates_for(const ConversionOptions& given) {
         other.page_list = !s.page_list;
         add(other, "page-list", std::string("made ") + (s.page_list ? "without" : "with") + " --page_list");
     }
-    for (const uint32_t size : kBlockSizes) {
+    for (const uint32_t size : kUsualBlockSizes) {
         other = s;
         other.block_size = size;
         if (size != s.block_size)
             add(other, "block-size",
                 "made for erase blocks of " + kilobytes(size) + " (-b " + std::to_string(size) + ")");
     }
-    for (const uint32_t page : kPageSizes) {
+    for (const uint32_t page : kUsualPageSizes) {
         other = s;
         other.page_size = page;
         const std::string text = "made for pages of " + kilobytes(page) + " (-p " + std::to_string(page);
@@ -94,7 +89,7 @@ std::vector<Candidate> candidates_for(const ConversionOptions& given) {
             add(other, "page-or-spare-size", text + ")");
         if (!given.type->needs_spare)
             continue;
-        std::vector<uint32_t> spares(std::begin(kSpareSizes), std::end(kSpareSizes));
+        std::vector<uint32_t> spares(std::begin(kUsualSpareSizes), std::end(kUsualSpareSizes));
         spares.insert(spares.begin(), s.oob_size);
         for (const uint32_t spare : spares) {
             other.oob_size = spare;

@@ -6,7 +6,6 @@
 namespace {
 
 constexpr uint64_t kDataPerPage = 2048;  // of a page with 2 KB of data
-constexpr uint64_t kUnitData = 1024;
 
 }  // namespace
 

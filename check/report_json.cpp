@@ -1,4 +1,4 @@
-#include "json_text.h"
+#include "json_parts.h"
 #include "places.h"
 #include "report.h"
 #include "report_tally.h"
@@ -7,51 +7,10 @@
 
 namespace {
 
-std::string verdict_word(Verdict verdict) {
-    switch (verdict) {
-    case Verdict::kSame:
-        return "same";
-    case Verdict::kDiffers:
-        return "differs";
-    case Verdict::kMissing:
-        return "missing";
-    case Verdict::kIgnored:
-        return "ignored";
-    case Verdict::kTrouble:
-        break;
-    }
-    return "trouble";
-}
-
-Json text_or_null(const std::string& text) {
-    return text.empty() ? Json() : Json(json_string(text));
-}
-
-Json conversion_object(const ConversionSummary& conversion) {
-    Json object;
-    object["type"] = text_or_null(conversion.type);
-    object["block_kb"] = conversion.block_kb;
-    object["page_kb"] = conversion.page_kb;
-    object["spare"] = conversion.spare;
-    object["two_kb"] = conversion.two_kb;
-    object["page_list"] = conversion.page_list;
-    object["key"] = text_or_null(conversion.key);
-    return object;
-}
-
 Json firmware_object(const CheckResult& result) {
     Json object;
     add_name(object, "path", result.firmware_path);
     object["bytes"] = result.firmware_bytes;
-    return object;
-}
-
-Json target_object(const CheckResult& result) {
-    Json object;
-    object["kind"] = text_or_null(result.target_kind);
-    add_name(object, "path", result.target_path);
-    if (result.target_kind == "device")
-        object["past_the_cache"] = result.past_the_cache;
     return object;
 }
 
@@ -177,17 +136,6 @@ Json opinion_object(const CheckResult& result) {
     return object;
 }
 
-Json diagnoses_array(const std::vector<Diagnosis>& diagnoses) {
-    Json list = Json::array();
-    for (const Diagnosis& diagnosis : diagnoses) {
-        Json object;
-        object["code"] = json_string(diagnosis.code);
-        object["text"] = json_string(diagnosis.text);
-        list.push_back(std::move(object));
-    }
-    return list;
-}
-
 }  // namespace
 
 std::string json_report(const CheckResult& result) {
@@ -198,7 +146,7 @@ std::string json_report(const CheckResult& result) {
     document["status"] = static_cast<int>(result.status());
     document["conversion"] = conversion_object(result.conversion);
     document["firmware"] = firmware_object(result);
-    document["target"] = target_object(result);
+    document["target"] = target_object(result.target_kind, result.target_path, result.past_the_cache);
     document["parts"] = parts_array(result);
     add_names(document, "missing", result.missing);
     add_names(document, "extra", result.extra);

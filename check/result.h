@@ -22,6 +22,13 @@ enum Status : int {
     kStatusTrouble = 2,
 };
 
+/// The exit status of a verdict on the whole.
+inline Status status_of(Verdict verdict) {
+    if (verdict == Verdict::kTrouble)
+        return kStatusTrouble;
+    return verdict == Verdict::kSame ? kStatusSame : kStatusDiffers;
+}
+
 /// Sizes in bytes that places in a report are counted in.
 struct Geometry {
     bool whole_image = false;  ///< eMMC and NOR: one image with sectors; else a file for each part
@@ -34,6 +41,7 @@ struct Geometry {
 constexpr uint64_t kSector = 512;
 /// A unit of SLC NAND in the target: 1024 bytes of data, 4 system bytes and 28 bytes of parity.
 constexpr uint64_t kUnit = 1056;
+constexpr uint64_t kUnitData = 1024;  ///< of kUnit, its first bytes
 
 /// Bytes in a row that all differ.
 struct DifferenceRun {
@@ -119,9 +127,5 @@ struct CheckResult {
     std::optional<std::string> error;  ///< why there is no answer
     Verdict verdict = Verdict::kSame;  ///< same, differs or trouble
 
-    Status status() const {
-        if (verdict == Verdict::kTrouble)
-            return kStatusTrouble;
-        return verdict == Verdict::kSame ? kStatusSame : kStatusDiffers;
-    }
+    Status status() const { return status_of(verdict); }
 };

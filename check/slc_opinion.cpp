@@ -1,5 +1,6 @@
 #include "second_opinion.h"
 
+#include "../src/common/byte_reader.h"
 #include "unit_parity.h"
 
 #include <algorithm>
@@ -8,16 +9,11 @@
 
 namespace {
 
-constexpr uint64_t kUnitData = 1024;
 constexpr uint32_t kNoIndex = 0xFFFFFFFF;  // system bytes of all units of a page but the first
 
 const UnitParity& unit_parity() {
     static const UnitParity parity;
     return parity;
-}
-
-uint32_t little_endian_32(const uint8_t* bytes) {
-    return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
 }
 
 std::string hexadecimal(uint32_t value) {
@@ -102,7 +98,7 @@ void SlcOpinion::State::add_unit(const uint8_t* unit) {
 }
 
 void SlcOpinion::State::judge_system_bytes(const uint8_t* unit, uint64_t unit_of_page) {
-    const uint32_t found = little_endian_32(unit + kUnitData);
+    const uint32_t found = little_endian_at<uint32_t>(unit + kUnitData);
     if (unit_of_page != 0) {
         if (found != kNoIndex)
             add_finding(opinion, at_unit(page * units_of_page + unit_of_page) + ": system bytes are " +

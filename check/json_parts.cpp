@@ -1,0 +1,53 @@
+#include "json_parts.h"
+
+std::string verdict_word(Verdict verdict) {
+    switch (verdict) {
+    case Verdict::kSame:
+        return "same";
+    case Verdict::kDiffers:
+        return "differs";
+    case Verdict::kMissing:
+        return "missing";
+    case Verdict::kIgnored:
+        return "ignored";
+    case Verdict::kTrouble:
+        break;
+    }
+    return "trouble";
+}
+
+Json text_or_null(const std::string& text) {
+    return text.empty() ? Json() : Json(json_string(text));
+}
+
+Json conversion_object(const ConversionSummary& conversion) {
+    Json object;
+    object["type"] = text_or_null(conversion.type);
+    object["block_kb"] = conversion.block_kb;
+    object["page_kb"] = conversion.page_kb;
+    object["spare"] = conversion.spare;
+    object["two_kb"] = conversion.two_kb;
+    object["page_list"] = conversion.page_list;
+    object["key"] = text_or_null(conversion.key);
+    return object;
+}
+
+Json target_object(const std::string& kind, const std::string& path, bool past_the_cache) {
+    Json object;
+    object["kind"] = text_or_null(kind);
+    add_name(object, "path", path);
+    if (kind == "device")
+        object["past_the_cache"] = past_the_cache;
+    return object;
+}
+
+Json diagnoses_array(const std::vector<Diagnosis>& diagnoses) {
+    Json list = Json::array();
+    for (const Diagnosis& diagnosis : diagnoses) {
+        Json object;
+        object["code"] = json_string(diagnosis.code);
+        object["text"] = json_string(diagnosis.text);
+        list.push_back(std::move(object));
+    }
+    return list;
+}
