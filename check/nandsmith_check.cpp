@@ -117,6 +117,8 @@ int run(const CheckOptions& options) {
         return put(options, check_help()) ? kStatusSame : kStatusTrouble;
     case Action::kList:
         return list(options);
+    case Action::kEcc:
+    case Action::kExtract:
     case Action::kCheck:
         break;
     }
