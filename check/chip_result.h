@@ -19,8 +19,10 @@ struct UnitCounts {
     uint64_t beyond = 0;   ///< with more flipped bits: not correctable, or other data
     uint64_t foreign = 0;  ///< of beyond: they are, or can be corrected to, valid data of something else
     uint64_t erased = 0;   ///< units of 0xFF, but for flips; they are in flips as well where that is right
-    uint64_t cleared = 0;  ///< bits that are 0 and should be 1, of the units in flips
-    uint64_t set = 0;      ///< bits that are 1 and should be 0, of the units in flips
+    uint64_t erased_right = 0;  ///< of erased: those that are in flips
+    uint64_t erased_flips = 0;  ///< of the flipped bits: those of erased_right
+    uint64_t cleared = 0;       ///< bits that are 0 and should be 1, of the units in flips
+    uint64_t set = 0;           ///< bits that are 1 and should be 0, of the units in flips
 
     uint64_t flipped_bits() const { return cleared + set; }
     /// Most flips of a unit in flips.
@@ -37,6 +39,8 @@ struct UnitCounts {
         beyond += other.beyond;
         foreign += other.foreign;
         erased += other.erased;
+        erased_right += other.erased_right;
+        erased_flips += other.erased_flips;
         cleared += other.cleared;
         set += other.set;
     }
