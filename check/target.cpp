@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -81,6 +82,16 @@ int Target::open_standard_input() {
     const int error = measure("");
     m_kind = Kind::kStream;
     return error;
+}
+
+std::optional<std::string> Target::open_or_reason(const std::string& path) {
+    const int error = path == "-" ? open_standard_input() : open(path);
+    if (error == 0)
+        return std::nullopt;
+    if (error == EINVAL)
+        return path == "-" ? "standard input is a terminal" : path + " is not a file or a block device";
+    return (path == "-" ? "standard input" : path) +
+           " failed to open: " + std::generic_category().message(error);
 }
 
 int Target::measure(const std::string& path) {

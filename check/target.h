@@ -23,6 +23,8 @@ public:
     /// Takes the bytes of standard input. Those of a pipe are kept in a file without a name, because the
     /// conversion goes back to earlier places. Returns 0 or an errno; EINVAL for a terminal.
     int open_standard_input();
+    /// Opens path, or standard input for "-". The reason, as a line of a report, when that failed.
+    std::optional<std::string> open_or_reason(const std::string& path);
     void close();
 
     bool is_open() const { return m_descriptor >= 0; }
