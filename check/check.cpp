@@ -275,7 +275,7 @@ private:
                     note_judged("boot block");
                     const std::string name = "boot block, copy " + std::to_string(extent.part.copy);
                     judge_boot_block(name, part_reader(target, extent.offset, layout),
-                                     data_bytes(extent, layout), m_result.opinion);
+                                     data_bytes(layout, extent.bytes), m_result.opinion);
                 });
             if (extent.part.kind == OutputPart::Kind::kBootBlock)
                 copies["boot block"].push_back(extent);
@@ -298,14 +298,6 @@ private:
             m_result.opinion.judged.push_back(what);
     }
 
-    /// Bytes of data in the pages of a part.
-    static uint64_t data_bytes(const Comparison::Extent& extent, const PageLayout& layout) {
-        const uint64_t pages = extent.bytes / layout.page;
-        const uint64_t slices =
-            layout.two_kb && layout.page_data > 2048 ? (layout.page_data + 2047) / 2048 : 1;
-        return pages / slices * layout.page_data;
-    }
-
     void judge_equal_copies(const std::string& name, const std::vector<Comparison::Extent>& extents,
                             const PageLayout& layout) {
         if (extents.size() < 2)
@@ -316,7 +308,7 @@ private:
             uint64_t bytes = UINT64_MAX;
             for (const Comparison::Extent& extent : extents) {
                 readers.push_back(part_reader(target, extent.offset, layout));
-                bytes = std::min(bytes, data_bytes(extent, layout));
+                bytes = std::min(bytes, data_bytes(layout, extent.bytes));
             }
             judge_copies(name, readers, bytes, m_result.opinion);
         });

@@ -32,6 +32,13 @@ Json conversion_object(const ConversionSummary& conversion) {
     return object;
 }
 
+Json firmware_object(const std::string& path, uint64_t bytes) {
+    Json object;
+    add_name(object, "path", path);
+    object["bytes"] = bytes;
+    return object;
+}
+
 Json target_object(const std::string& kind, const std::string& path, bool past_the_cache) {
     Json object;
     object["kind"] = text_or_null(kind);

@@ -3,6 +3,7 @@
 #include "json_text.h"
 #include "result.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@ std::string verdict_word(Verdict verdict);
 Json text_or_null(const std::string& text);
 
 Json conversion_object(const ConversionSummary& conversion);
+
+Json firmware_object(const std::string& path, uint64_t bytes);
 
 /// past_the_cache is said of a device alone.
 Json target_object(const std::string& kind, const std::string& path, bool past_the_cache);

@@ -7,6 +7,13 @@ namespace {
 
 constexpr uint64_t kDataPerPage = 2048;  // of a page with 2 KB of data
 
+/// Pages of the target that hold a page as the conversion counts it.
+uint64_t slices_of(const PageLayout& layout) {
+    return layout.two_kb && layout.page_data > kDataPerPage
+               ? (layout.page_data + kDataPerPage - 1) / kDataPerPage
+               : 1;
+}
+
 }  // namespace
 
 uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together) {
@@ -18,8 +25,7 @@ uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& to
     uint64_t within = position % layout.page_data;
     together = layout.page_data - within;
     if (layout.two_kb && layout.page_data > kDataPerPage) {
-        const uint64_t slices = (layout.page_data + kDataPerPage - 1) / kDataPerPage;
-        page = page * slices + within / kDataPerPage;
+        page = page * slices_of(layout) + within / kDataPerPage;
         within %= kDataPerPage;
         together = std::min(together, kDataPerPage - within);
     }
@@ -28,6 +34,10 @@ uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& to
         within = within / kUnitData * kUnit + within % kUnitData;
     }
     return page * layout.page + within;
+}
+
+uint64_t data_bytes(const PageLayout& layout, uint64_t bytes) {
+    return bytes / layout.page / slices_of(layout) * layout.page_data;
 }
 
 ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout) {

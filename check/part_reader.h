@@ -18,3 +18,6 @@ ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout);
 
 /// Where byte position of the data lies, from the start of the part; and how many bytes follow it there.
 uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together);
+
+/// Bytes of data in pages that take bytes in the target.
+uint64_t data_bytes(const PageLayout& layout, uint64_t bytes);

@@ -7,13 +7,6 @@
 
 namespace {
 
-Json firmware_object(const CheckResult& result) {
-    Json object;
-    add_name(object, "path", result.firmware_path);
-    object["bytes"] = result.firmware_bytes;
-    return object;
-}
-
 Json difference_object(const DifferenceRun& run, Correction correction, const Geometry& geometry) {
     const Place place = place_of(run.offset, geometry);
     Json object;
@@ -145,7 +138,7 @@ std::string json_report(const CheckResult& result) {
     document["verdict"] = verdict_word(result.verdict);
     document["status"] = static_cast<int>(result.status());
     document["conversion"] = conversion_object(result.conversion);
-    document["firmware"] = firmware_object(result);
+    document["firmware"] = firmware_object(result.firmware_path, result.firmware_bytes);
     document["target"] = target_object(result.target_kind, result.target_path, result.past_the_cache);
     document["parts"] = parts_array(result);
     add_names(document, "missing", result.missing);
