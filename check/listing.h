@@ -26,6 +26,7 @@ struct ListedItem {
     uint32_t partition_sectors = 0;  ///< kGrows: to the end of the device
     ItemKind kind = ItemKind::kPlain;
     int64_t sparse_chunks = -1;  ///< -1: not a sparse image
+    uint64_t stored_bytes = 0;   ///< of the data on the storage: a sparse image is expanded there
 };
 
 struct ListedLoaderEntry {

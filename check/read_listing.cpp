@@ -64,13 +64,18 @@ std::optional<std::size_t> parameter_index(const std::vector<STRUCT_QZIMAGE_ITEM
     return std::nullopt;
 }
 
-/// The header of a sparse image, if the item's data begins with one.
-std::optional<sparse_header_t> sparse_header(CQZImage& image, const STRUCT_QZIMAGE_ITEM& item) {
+/// The first bytes of the item's data, as the header of a sparse image.
+std::optional<sparse_header_t> first_bytes(CQZImage& image, const STRUCT_QZIMAGE_ITEM& item) {
     sparse_header_t header;
-    if (!read_item_data(image, item, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header)) ||
-        header.magic != kSparseMagic)
+    if (!read_item_data(image, item, 0, sizeof(header), reinterpret_cast<uint8_t*>(&header)))
         return std::nullopt;
     return header;
+}
+
+/// The header of a sparse image, if the item's data begins with one.
+std::optional<sparse_header_t> sparse_header(CQZImage& image, const STRUCT_QZIMAGE_ITEM& item) {
+    const std::optional<sparse_header_t> header = first_bytes(image, item);
+    return header && header->magic == kSparseMagic ? header : std::nullopt;
 }
 
 /// True when the item's data ends before the file does.
@@ -90,8 +95,11 @@ public:
         for (std::size_t i = 0; i < m_items.size(); ++i)
             add(i);
         for (std::size_t i = 0; i < m_items.size(); ++i)
-            if (m_listing.items[i].kind == ItemKind::kPlain && (m_sparse_bits >> i % 32 & 1) != 0)
+            if (m_listing.items[i].kind == ItemKind::kPlain && (m_sparse_bits >> i % 32 & 1) != 0) {
                 warn(i, "is written as a sparse image, because an item 32 places away is one");
+                if (const std::optional<sparse_header_t> header = first_bytes(m_image, m_items[i]))
+                    m_listing.items[i].stored_bytes = expanded_size(*header);
+            }
         if (!m_parameter)
             m_listing.warnings.emplace_back("there is no item 'parameter': nandsmith does not convert this");
     }
@@ -107,6 +115,11 @@ private:
         listed.partition_sectors = item.part_size;
         const std::optional<sparse_header_t> header = sparse_header(m_image, item);
         listed.kind = kind_of(index, listed, header.has_value());
+        listed.stored_bytes = listed.kind == ItemKind::kSparse ? expanded_size(*header)
+                              : listed.kind == ItemKind::kParameter
+                                  ? item.size  // kept: without the high half
+                              : listed.kind == ItemKind::kPlain ? listed.bytes
+                                                                : 0;
         if (header && listed.kind != ItemKind::kParameter && listed.kind != ItemKind::kEmpty)
             listed.sparse_chunks = header->total_chunks;
         // As in the conversion, an item without data is asked too, and items share bits.

@@ -108,6 +108,20 @@ TEST_F(ReadListing, TakesTheChunkCountOfTheSparseHeader) {
     EXPECT_EQ(list(firmware.build()).items[2].sparse_chunks, 0xFFFFFFFFLL);
 }
 
+TEST_F(ReadListing, KnowsHowMuchIsOnTheStorage) {
+    Firmware firmware = sample_firmware();
+    SparseImage sparse;
+    sparse.chunks = {SparseChunk::dont_care(5)};
+    sparse.block_size = 512;
+    firmware.item("misc").data = sparse.build();
+    firmware.item("boot").flash_offset = kNotPlaced;
+    const Listing listing = list(firmware.build());
+    EXPECT_EQ(listing.items[0].stored_bytes, listing.items[0].bytes);
+    EXPECT_EQ(listing.items[1].stored_bytes, 0U);
+    EXPECT_EQ(listing.items[2].stored_bytes, 5U * 512);
+    EXPECT_EQ(listing.items[3].stored_bytes, 20001U);
+}
+
 TEST_F(ReadListing, TakesTheLastPlacedParameterItem) {
     Firmware firmware = sample_firmware();
     firmware.items.push_back(firmware.items[0]);
@@ -161,6 +175,8 @@ TEST_F(ReadListing, WarnsOfAnItemThatASparseOneMakesSparse) {
     const Listing listing = list(firmware.build());
     EXPECT_EQ(listing.items[1].kind, ItemKind::kSparse);
     EXPECT_EQ(listing.items[33].kind, ItemKind::kPlain);
+    const Bytes data = patterned(64, 1);  // which has a block size and a number of blocks all the same
+    EXPECT_EQ(listing.items[33].stored_bytes, declared_size(data));
     EXPECT_EQ(listing.warnings, Lines{"item 34, 'item33', is written as a sparse image, because an item 32 "
                                       "places away is one"});
 }
