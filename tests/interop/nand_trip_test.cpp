@@ -2,47 +2,14 @@
 // what the firmware holds.
 
 #include "interop/sample.h"
-#include "support/slc_reader.h"
+#include "support/nand_geometries.h"
 
 namespace {
 
 using namespace interop_test;
 
-struct NandGeometry {
-    uint32_t page_kb = 0;
-    bool two_kilobytes_data = false;
-    bool page_list = false;
-
-    SlcGeometry of_reader() const {
-        return {.page_size = page_kb * 1024,
-                .spare_size = 32 * page_kb + 10,  // 10 bytes are left over
-                .two_kilobytes_data = two_kilobytes_data,
-                .list_step = page_list ? 1U : 4U};
-    }
-
-    // 96 pages of any size are whole blocks.
-    Conversion conversion() const {
-        return {"slc",
-                std::to_string(96 * page_kb),
-                std::to_string(page_kb),
-                std::to_string(of_reader().spare_size),
-                two_kilobytes_data,
-                page_list};
-    }
-};
-
 std::string name_of(const testing::TestParamInfo<NandGeometry>& tested) {
-    return "Pages" + std::to_string(tested.param.page_kb) +
-           (tested.param.two_kilobytes_data ? "With2K" : "") + (tested.param.page_list ? "List" : "");
-}
-
-std::vector<NandGeometry> all_geometries() {
-    std::vector<NandGeometry> geometries;
-    for (const uint32_t page_kb : {1U, 2U, 3U, 4U, 8U})
-        for (const bool two_kilobytes_data : {false, true})
-            for (const bool page_list : {false, true})
-                geometries.push_back({page_kb, two_kilobytes_data, page_list});
-    return geometries;
+    return tested.param.name();
 }
 
 class SlcNandTrip : public testing::TestWithParam<NandGeometry> {
@@ -86,6 +53,6 @@ TEST_P(SlcNandTrip, GivesThePartitionsBack) {
     EXPECT_TRUE(files_in(out) == files_in(directory / "again"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Sample, SlcNandTrip, testing::ValuesIn(all_geometries()), name_of);
+INSTANTIATE_TEST_SUITE_P(Sample, SlcNandTrip, testing::ValuesIn(all_nand_geometries()), name_of);
 
 }  // namespace
