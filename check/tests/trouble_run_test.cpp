@@ -376,6 +376,40 @@ TEST_P(UnreadableSectors, AreTroubleAndTheRestIsCounted) {
     EXPECT_GT(with_a_lost_sector, 0U);
 }
 
+TEST_P(UnreadableSectors, ThatStaySoLeaveTheOthersCompared) {
+    const CheckBench bench(GetParam());
+    const std::string file = bench.main_file();
+    const uint64_t last_sector = (fs::file_size(bench.out(file)) - 1) / kSectorSize;
+    const uint64_t sector = last_sector - 9;  // of the last item
+    const std::vector<uint64_t> damaged{0, sector * kSectorSize - 1, (sector + 1) * kSectorSize};
+    for (const uint64_t place : damaged)
+        bench.damage(file, place);
+    const TemporaryDirectory reports(memory_directory());
+    RunOptions options;
+    options.environment = {{"LD_PRELOAD", FAILING_CALLS_LIBRARY},
+                           {"FAILING_CALLS_CLASS", "read"},
+                           {"FAILING_CALLS_AT", "0"},
+                           {"FAILING_CALLS_FILE", bench.out(file)},
+                           {"FAILING_CALLS_BYTES", std::to_string(sector * kSectorSize + 100) + " 1"},
+                           {"FAILING_CALLS_REPORT", reports / "report"}};
+    if (kSanitized)
+        options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
+    const Json document = parsed(run_check_program(bench.arguments({"--json"}), options));
+    EXPECT_EQ(document.at("error"), "512 bytes of the target failed to be read");
+    EXPECT_EQ(sum_of(document, "unreadable_bytes"), kSectorSize);
+    std::vector<uint64_t> listed;
+    const Json parts = document.at("parts");
+    for (const Json& part : parts)
+        for (const Json& run : part.at("differences"))
+            listed.push_back(run.at("offset"));
+    std::sort(listed.begin(), listed.end());
+    EXPECT_EQ(listed, damaged);
+    const RunResult text = run_check_program(bench.arguments(), options);
+    EXPECT_EQ(text.exit_status, kTrouble);
+    EXPECT_NE(text.out.find("512 bytes unreadable"), std::string::npos) << text.out;
+    EXPECT_EQ(last_line(text.out), "trouble: 512 bytes of the target failed to be read");
+}
+
 TEST_P(UnreadableSectors, ThatAreReadAtTheSecondTryAreSame) {
     const CheckBench bench(GetParam());
     const Arguments arguments = bench.arguments({"--json"});

@@ -7,6 +7,10 @@
 //                          read or write of 0 bytes. Several words with commas between them: the Nth call
 //                          and those after it fail, each in its own way
 //   FAILING_CALLS_ALWAYS   set: all later calls of the class fail too, in the last way
+//   FAILING_CALLS_FILE     path: a read of this file that touches FAILING_CALLS_BYTES fails with EIO each
+//   time, like
+//                          that of a bad sector. It counts among the calls and the failures of the class read
+//   FAILING_CALLS_BYTES    the first of these bytes and how many they are, with a blank between them
 //   FAILING_CALLS_REPORT   file that gets the number of calls of the class and of failures, as two numbers;
 //                          it is not written when the program ends without a return from main()
 //   FAILING_CALLS_NO_POOL  set: the C++ library gets no memory at the start to keep for exceptions
@@ -53,6 +57,9 @@ struct Plan {
     bool always = false;
     long calls = 0;
     long failures = 0;
+    struct stat bad_file {};  // of which some bytes are never read; st_ino is 0: there is none
+    off_t bad_from = 0;
+    off_t bad_bytes = 0;
 };
 
 Plan plan;
@@ -119,6 +126,19 @@ ssize_t transfer(CallClass call_class, int descriptor, size_t count, Transfer ru
     return failure->how == How::nothing ? 0 : -1;
 }
 
+/// True, with errno set, when the bytes are some that are never read.
+bool is_bad(int descriptor, size_t count, off_t offset) {
+    struct stat status {};
+    if (!plan.armed || plan.bad_file.st_ino == 0 || offset >= plan.bad_from + plan.bad_bytes ||
+        offset + static_cast<off_t>(count) <= plan.bad_from || next().fstat(descriptor, &status) != 0 ||
+        status.st_ino != plan.bad_file.st_ino || status.st_dev != plan.bad_file.st_dev)
+        return false;
+    ++plan.calls;
+    ++plan.failures;
+    errno = EIO;
+    return true;
+}
+
 const char* variable(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
@@ -147,6 +167,11 @@ void read_plan() {
             plan.call_class = static_cast<CallClass>(i);
     plan.at = std::atol(variable("FAILING_CALLS_AT"));
     plan.always = *variable("FAILING_CALLS_ALWAYS") != '\0';
+    if (next().stat(variable("FAILING_CALLS_FILE"), &plan.bad_file) != 0)
+        plan.bad_file.st_ino = 0;
+    char* bad_bytes = nullptr;
+    plan.bad_from = std::strtol(variable("FAILING_CALLS_BYTES"), &bad_bytes, 10);
+    plan.bad_bytes = std::strtol(bad_bytes, nullptr, 10);
 
     for (const char* how = variable("FAILING_CALLS_HOW"); plan.way_count < kMostFailuresInARow;) {
         plan.ways[plan.way_count++] = way_of(how);
@@ -226,6 +251,8 @@ ssize_t read(int descriptor, void* bytes, size_t count) {
 }
 
 ssize_t pread(int descriptor, void* bytes, size_t count, off_t offset) {
+    if (is_bad(descriptor, count, offset))
+        return -1;
     return transfer(CallClass::read, descriptor, count,
                     [&](size_t allowed) { return next().pread(descriptor, bytes, allowed, offset); });
 }
