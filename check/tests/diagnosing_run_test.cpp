@@ -1,6 +1,7 @@
 // What the program says when one thing explains all that differs: the report names it and stays short.
 
 #include "check_bench.h"
+#include "support/bch_judge.h"
 #include "support/boot_rom.h"
 
 namespace {
@@ -71,6 +72,15 @@ INSTANTIATE_TEST_SUITE_P(
         OtherOptions{"PagesOfSlc", with(kSlcNand, "128", "4", "256"), with(kSlcNand, "128", "2", "256"),
                      "page-or-spare-size",
                      "made for pages of 4 KB (-p 4) with 256 bytes of spare area (-s 256)"},
+        OtherOptions{"PagesOfSpiNand", with_two_kb(with(kSpiNand, "128", "8")),
+                     with_two_kb(with(kSpiNand, "128", "4")), "page-or-spare-size",
+                     "made for pages of 8 KB (-p 8)"},
+        OtherOptions{"PagesOfEmmc", with_two_kb(with(kEmmc, "512", "8")),
+                     with_two_kb(with(kEmmc, "512", "4")), "page-or-spare-size",
+                     "made for pages of 8 KB (-p 8)"},
+        OtherOptions{"PagesOfSpiNor", with_two_kb(with(kSpiNor, "128", "8")),
+                     with_two_kb(with(kSpiNor, "128", "4")), "page-or-spare-size",
+                     "made for pages of 8 KB (-p 8)"},
         OtherOptions{"PagesAndSpareOfSlc", with(kSlcNand, "128", "4", "224"), kSlcNand, "page-or-spare-size",
                      "made for pages of 4 KB (-p 4) with 224 bytes of spare area (-s 224)"}),
     [](const auto& made) { return made.param.name; });
@@ -103,6 +113,43 @@ TEST(DiagnosisOfBootBlock, NamesAnotherKey) {
     ASSERT_GE(blocks, 2U);
     write_file(bench.out("out_image.img"), image);
     expect_diagnosis(bench, kEmmc, "rc4-key", "built with another key");
+}
+
+/// The same in the pages of SLC NAND, with the parity of the new data.
+void scramble_units_again(Bytes& file, const Bytes& keystream) {
+    constexpr std::size_t page_bytes = 2112;
+    constexpr std::size_t unit_bytes = 1056;
+    constexpr std::size_t data_bytes = 1024;
+    const auto place_of_unit = [&](std::size_t unit) {
+        return unit / 2 * page_bytes + unit % 2 * unit_bytes;
+    };
+    constexpr std::size_t units = 6;  // of the header and 4096 bytes of the stages
+    Bytes data;
+    for (std::size_t unit = 0; unit < units; ++unit)
+        put_bytes(data, slice(file, place_of_unit(unit), data_bytes));
+    scramble_again(data, 0, 4096, keystream);
+    for (std::size_t unit = 0; unit < units; ++unit) {
+        const std::size_t place = place_of_unit(unit);
+        put_bytes_at(file, place, slice(data, unit * data_bytes, data_bytes));
+        put_bytes_at(file, place + kBchMessageBytes, bch_slow_parity(file.data() + place, 16));
+    }
+}
+
+TEST(DiagnosisOfBootBlock, NamesAnotherKeyInAFile) {
+    const Bytes keystream = rc4_scrambled(Bytes(kSectorSize, 0), "one key");
+    for (const Conversion& conversion : {kSpiNand, kSlcNand}) {
+        SCOPED_TRACE(conversion.type);
+        const CheckBench bench(conversion, sample_firmware({.gpt = true, .scramble_stages = true}));
+        Bytes file = bench.output("idblock.img");
+        if (conversion.type == "slc")
+            scramble_units_again(file, keystream);
+        else
+            scramble_again(file, 0, 4096, keystream);
+        write_file(bench.out("idblock.img"), file);
+        expect_diagnosis(bench, conversion, "rc4-key", "built with another key");
+        const Json ecc = bench.document().at("ecc");
+        EXPECT_EQ(ecc.is_null() ? 0 : ecc.at("wrong_units").get<int>(), 0);
+    }
 }
 
 // ---- the partition table ----
