@@ -73,19 +73,6 @@ CheckResult with_many_differing(std::size_t files, std::size_t runs) {
     return result;
 }
 
-/// An image with eight copies of the parameter side by side, and two boot blocks with a gap between them.
-CheckResult image_with_copies() {
-    CheckResult result = device_result();
-    result.target_kind = "image";
-    result.verdict = Verdict::kSame;
-    result.rest = {};
-    result.parts = {same_part("boot block, copy 1", 64, 8), same_part("boot block, copy 2", 1088, 8)};
-    for (uint64_t copy = 1; copy <= 8; copy++)
-        result.parts.push_back(
-            same_part("parameter, copy " + std::to_string(copy), 8160 + copy * 32, copy == 8 ? 40 : 32));
-    return result;
-}
-
 TEST(TextReport, OfADirectoryThatIsTheSame) {
     EXPECT_EQ(plain(slc_result()), "file          blocks   pages      bytes   verdict\n"
                                    "idblock.img        1      64     135168   same\n"

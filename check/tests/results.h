@@ -107,3 +107,16 @@ inline CheckResult device_result() {
     result.rest = {180224 * kSector, 60891136 * kSector, RestOfTarget::Content::kNotEmpty};
     return result;
 }
+
+/// An image with eight copies of the parameter side by side, and two boot blocks with a gap between them.
+inline CheckResult image_with_copies() {
+    CheckResult result = device_result();
+    result.target_kind = "image";
+    result.verdict = Verdict::kSame;
+    result.rest = {};
+    result.parts = {same_part("boot block, copy 1", 64, 8), same_part("boot block, copy 2", 1088, 8)};
+    for (uint64_t copy = 1; copy <= 8; copy++)
+        result.parts.push_back(
+            same_part("parameter, copy " + std::to_string(copy), 8160 + copy * 32, copy == 8 ? 40 : 32));
+    return result;
+}
