@@ -55,7 +55,7 @@ struct BlockCounts {
 };
 
 /// Blocks that are kept for reports. More are counted and not listed.
-constexpr std::size_t kMostListedBlocks = 65536;
+constexpr std::size_t kMostListedBlocks = 16384;
 
 /// An erase block that the programmer passed over.
 struct SkippedBlock {

@@ -85,9 +85,16 @@ std::optional<DumpShape> DumpShapes::find(uint64_t block) {
 /// Lengths of a header. What is left over from whole erase blocks comes before the usual lengths: two lengths
 /// that differ by whole pages show the same pages.
 std::vector<uint64_t> DumpShapes::likely_skips(uint64_t block) const {
-    std::vector<uint64_t> skips = {m_given.skip, 0, m_target.size() % block};
+    std::vector<uint64_t> skips;
+    const auto add = [&](uint64_t skip) {
+        if (std::find(skips.begin(), skips.end(), skip) == skips.end())
+            skips.push_back(skip);
+    };
+    add(m_given.skip);
+    add(0);
+    add(m_target.size() % block);
     for (const uint64_t header : kUsualHeaders)
-        skips.push_back(m_given.skip + header);
+        add(m_given.skip + header);
     return skips;
 }
 
