@@ -1,15 +1,14 @@
 #include "extraction.h"
 
 #include "../src/io/retry.h"
-#include "../src/storage/gpt_format.h"
 #include "boot_stages.h"
 #include "conversion_run.h"
 #include "conversion_summary.h"
 #include "diagnosis.h"
 #include "extracted_file.h"
 #include "extraction_plan.h"
+#include "extraction_target.h"
 #include "read_listing.h"
-#include "words.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -74,7 +73,8 @@ public:
     Extraction(const CheckOptions& options, const CheckProgress& progress,
                const FindPlacements& find_placements)
         : m_options(options), m_progress(progress), m_find_placements(find_placements),
-          m_geometry(geometry_of(options.conversion)) {}
+          m_geometry(geometry_of(options.conversion)),
+          m_target(m_geometry, options.chip.dump_spare, options.chip.skip) {}
 
     ExtractionResult run() {
         m_result.conversion = summary_of(m_options.conversion);
@@ -117,7 +117,9 @@ private:
             return fail(m_result.firmware_path + " failed to access: " + error_text(errno));
         m_firmware = FileIdentity(status);
         m_result.firmware_bytes = listing.firmware_bytes;
-        if (!open_target())
+        if (!open_target([this](Target& dump, std::vector<Placement>& placements) {
+                return m_find_placements(m_options, dump, placements);
+            }))
             return false;
         OutputMap map;
         const ConversionRun run = run_conversion(m_options.conversion, map);
@@ -191,89 +193,38 @@ private:
     bool plan_dump() {
         if (m_geometry.whole_image)
             return fail("firmware is none; give it with -i");
-        if (!open_target())
+        if (!open_target({}))
             return false;
-        if (!m_directory.empty())
+        if (m_target.is_directory())
             return fail(m_options.target + " is a directory: without a firmware the target is one file");
-        const uint64_t in_target = m_geometry.page + m_raw_places.spare;
-        const uint64_t bytes = m_target.size() - std::min(m_target.size(), m_raw_places.skip);
+        const uint64_t pages = m_target.dump_bytes() / m_target.dump_page();
         const std::string name = m_options.target == "-" ? "stdin" : last_name(m_options.target);
         m_parts.push_back({.name = name,
                            .choice = name,
                            .output = name + ".data",
                            .file = {},
-                           .bytes = data_bytes(m_layout, bytes / in_target * m_geometry.page)});
-        m_surplus = bytes % in_target;
+                           .bytes = data_bytes(m_layout, pages * m_geometry.page)});
+        m_surplus = m_target.dump_bytes() % m_target.dump_page();
         refuse_names(m_parts);
         return true;
     }
 
-    // ---- target ----
-
-    bool open_target() {
-        m_raw_places = {.page = m_geometry.page, .block = m_geometry.block};
+    bool open_target(const ExtractionTarget::Find& find) {
         if (m_geometry.spare_areas &&
             (m_geometry.page_data % 1024 != 0 || m_geometry.page < m_geometry.page_data / 1024 * kUnit))
             return fail("size of oob is not enough");
-        const std::string& path = m_options.target;
-        struct stat status {};
-        if (path != "-") {
-            if (retry_interrupted([&] { return ::stat(path.c_str(), &status); }) != 0)
-                return fail(path + " failed to access: " + error_text(errno));
-            m_target_identity = FileIdentity(status);
-            if (m_firmware.is(status))
-                return fail(path + " is the firmware itself");
-            if (S_ISDIR(status.st_mode)) {
-                m_result.target_kind = "directory";
-                m_directory = path.ends_with("/") ? path : path + "/";
-                return true;
-            }
-        }
-        const int error = path == "-" ? m_target.open_standard_input() : m_target.open(path);
-        if (error == EINVAL)
-            return fail(path == "-" ? "standard input is a terminal"
-                                    : path + " is not a directory, a file or a block device");
-        if (error != 0)
-            return fail(path + " failed to open: " + error_text(error));
-        m_target_identity = m_target.identity();
+        const auto reason = m_target.open(m_options.target, m_firmware, find);
+        m_result.target_kind = m_target.kind();
         m_result.past_the_cache = m_target.past_the_cache();
-        m_result.target_kind = m_target.kind() == Target::Kind::kDevice   ? "device"
-                               : m_target.kind() == Target::Kind::kStream ? "stream"
-                               : m_geometry.whole_image                   ? "image"
-                                                                          : "dump";
-        return m_geometry.whole_image || find_in_dump();
-    }
-
-    bool find_in_dump() {
-        m_raw_places.skip = m_options.chip.skip;
-        m_raw_places.spare = m_geometry.spare_areas ? 0 : m_options.chip.dump_spare;
-        if (m_result.firmware_path.empty())
-            return true;
-        const auto reason = m_find_placements(m_options, m_target, m_placements);
         return reason ? fail(*reason) : true;
     }
 
-    /// What holds the bytes of a file of the conversion, and where. Null when nothing does.
     Target* source_of(const std::string& file, FilePlaces& places) {
-        places = m_raw_places;
-        if (!m_directory.empty())
-            return open_file(file) ? &m_file : nullptr;
-        if (m_geometry.whole_image || m_result.firmware_path.empty())
-            return &m_target;
-        const auto placement = std::find_if(m_placements.begin(), m_placements.end(),
-                                            [&](const Placement& at) { return at.file == file; });
-        if (placement == m_placements.end() || !placement->placed)
-            return nullptr;
-        places.blocks = placement->blocks;
-        return &m_target;
-    }
-
-    bool open_file(const std::string& file) {
-        const int error = m_file.open(m_directory + file);
-        // Not a file: it counts as missing. A file that may not be read is trouble.
-        if (error != 0 && error != ENOENT && error != EISDIR && error != EINVAL)
-            fail(m_directory + file + " failed to open: " + error_text(error));
-        return error == 0;
+        std::optional<std::string> trouble;
+        Target* const source = m_target.source_of(file, places, trouble);
+        if (trouble)
+            fail(*trouble);
+        return source;
     }
 
     // ---- the directory that is written to ----
@@ -285,7 +236,7 @@ private:
         const bool exists = ::stat(path.c_str(), &status) == 0;
         if (exists && m_options.target != "-" && lies_in(m_options.target, FileIdentity(status)))
             return fail(m_options.target + " lies in " + path + ", which is written to");
-        if (!m_directory.empty() && lies_in(exists ? plain : parent_of(plain), m_target_identity))
+        if (m_target.is_directory() && lies_in(exists ? plain : parent_of(plain), m_target.identity()))
             return fail(path + " lies in " + m_options.target + ", which is not written to");
         if (const int error = m_output.open(path); error != 0)
             return fail(path + " failed to open: " + error_text(error));
@@ -301,7 +252,7 @@ private:
             return fail(path_of(part.output) + " failed to access: " + error_text(error));
         if (!status)
             return true;
-        if (m_firmware.is(*status) || m_target_identity.is(*status))
+        if (m_firmware.is(*status) || m_target.identity().is(*status))
             return fail(path_of(part.output) +
                         (m_firmware.is(*status) ? " is the firmware" : " is the target"));
         return m_options.chip.force || fail(path_of(part.output) + " exists; --force replaces it");
@@ -427,16 +378,11 @@ private:
     const CheckProgress& m_progress;
     const FindPlacements& m_find_placements;
     const Geometry m_geometry;
+    ExtractionTarget m_target;
     PageLayout m_layout;
     uint32_t m_index_step = 0;  // without a firmware it is not known which page of a file a page is
     ExtractionResult m_result;
     FileIdentity m_firmware;
-    FileIdentity m_target_identity;
-    std::string m_directory;  // with a slash at its end; empty: m_target holds everything
-    Target m_target;
-    Target m_file;  // of m_directory
-    FilePlaces m_raw_places;
-    std::vector<Placement> m_placements;
     std::vector<PlannedPart> m_parts;
     uint64_t m_surplus = 0;  // bytes of a dump after its last whole page
     ExtractionDirectory m_output;

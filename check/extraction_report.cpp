@@ -106,8 +106,8 @@ private:
         for (const ExtractedPart& part : m_result.parts)
             parts.push_back(&part);
         if (parts.size() > limit(kMostRows)) {
-            std::ranges::stable_partition(
-                parts, [](const ExtractedPart* part) { return part->verdict != Verdict::kSame; });
+            std::stable_partition(parts.begin(), parts.end(),
+                                  [](const ExtractedPart* part) { return part->verdict != Verdict::kSame; });
             parts.resize(kMostRows);
         }
         std::vector<TableRow> rows;
