@@ -40,7 +40,6 @@ void EccScan::pass_unreadable() {
 void EccScan::finish() {
     if (m_place.page != 0) {
         m_result.pages_of_last = m_place.page;
-        m_erased_of_block = 0;  // it is not whole
         end_block();
     }
     m_result.indexes = m_indexes.result();

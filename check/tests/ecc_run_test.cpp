@@ -433,6 +433,16 @@ TEST(EccGeometry, WrittenPagesFarInTheDumpAreFound) {
     EXPECT_EQ(diagnosis_of(bench.judge()).substr(0, 19), "page-or-spare-size:");
 }
 
+TEST(EccGeometry, OneWrittenBlockBetweenErasedOnes) {
+    EccBench bench;
+    DumpMaker other(2, 128);
+    other.add_erased(2);  // of 32 blocks, so that none of the 16 sections begins in the written one
+    other.add_file(1);
+    other.add_erased(29);
+    bench.dump.add_bytes(other.bytes());
+    EXPECT_EQ(diagnosis_of(bench.judge()).substr(0, 19), "page-or-spare-size:");
+}
+
 TEST(EccGeometry, UnitsWithoutAnIndexAreJudged) {
     EccBench bench;
     for (int i = 0; i < 128; ++i)
@@ -508,6 +518,7 @@ TEST(EccTrouble, DumpThatGetsShorterIsJudgedToItsEnd) {
     EXPECT_TRUE(result.judged);
     EXPECT_EQ(result.pages, 577u);
     EXPECT_EQ(result.blocks, 10u);
+    EXPECT_EQ(result.pages_of_last, 0u);
     EXPECT_EQ(result.units.flips[0], 2u * 577);
 }
 

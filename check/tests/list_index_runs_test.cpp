@@ -54,6 +54,7 @@ TEST(ListIndexRuns, UnreadablePagesMayBelongToTheRunOrNot) {
     EXPECT_EQ(of({0, 4, {}, {}, 16, 20}), "4 pages, 1 runs, step 4, 0 out of order");
     EXPECT_EQ(of({0, 4, {}, {}, 8, 12}), "4 pages, 1 runs, step 4, 0 out of order");
     EXPECT_EQ(of({0, 4, {}, {}, 20}), "3 pages, 1 runs, step 4, 1 out of order");
+    EXPECT_EQ(of({0, {}, 8, 16}), "3 pages, 1 runs, step 4, 1 out of order");
     EXPECT_EQ(of({0, 1, {}, {}, 4}), "3 pages, 1 runs, step 1, 0 out of order");
 }
 
