@@ -1,5 +1,8 @@
 #include "../src/io/retry.h"
 #include "check.h"
+#include "ecc_report.h"
+#include "ecc_run.h"
+#include "extraction.h"
 #include "listing.h"
 #include "options.h"
 #include "progress_line.h"
@@ -11,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <functional>
 #include <new>
 #include <string>
 #include <string_view>
@@ -72,13 +76,38 @@ bool put_json(const CheckOptions& options, const std::string& text) {
     return false;
 }
 
-int report(const CheckOptions& options, const CheckResult& result) {
+using MakeReport = std::function<std::string()>;
+
+/// Writes the reports that are asked for. Returns the exit status.
+int report(const CheckOptions& options, Status status, const MakeReport& text, const MakeReport& json) {
     bool written = true;
     if (options.json)
-        written = put_json(options, json_report(result));
+        written = put_json(options, json());
     if (!options.json || !options.json_file.empty())
-        written = put(options, text_report(result, {wants_color(options), options.verbose})) && written;
-    return written ? result.status() : kStatusTrouble;
+        written = put(options, text()) && written;
+    return written ? status : kStatusTrouble;
+}
+
+ReportStyle style_of(const CheckOptions& options) {
+    return {wants_color(options), options.verbose};
+}
+
+int report(const CheckOptions& options, const CheckResult& result) {
+    return report(
+        options, result.status(), [&] { return text_report(result, style_of(options)); },
+        [&] { return json_report(result); });
+}
+
+int report(const CheckOptions& options, const EccResult& result) {
+    return report(
+        options, result.status(), [&] { return ecc_text(result, style_of(options)); },
+        [&] { return ecc_json(result); });
+}
+
+int report(const CheckOptions& options, const ExtractionResult& result) {
+    return report(
+        options, result.status(), [&] { return extraction_text(result, style_of(options)); },
+        [&] { return extraction_json(result); });
 }
 
 CheckResult trouble(const CheckOptions& options, const std::string& reason) {
@@ -97,12 +126,20 @@ int list(const CheckOptions& options) {
     const std::string& firmware = options.conversion.settings.in_firmware;
     if (const auto reason = read_listing(firmware, listing))
         return report(options, trouble(options, *reason));
-    bool written = true;
-    if (options.json)
-        written = put_json(options, json_listing(listing));
-    if (!options.json || !options.json_file.empty())
-        written = put(options, text_listing(listing, wants_color(options))) && written;
-    return written ? kStatusSame : kStatusTrouble;
+    return report(
+        options, kStatusSame, [&] { return text_listing(listing, wants_color(options)); },
+        [&] { return json_listing(listing); });
+}
+
+/// Reports what run(options, progress) finds.
+template <typename Run>
+int report_run(const CheckOptions& options, Run run) {
+    if (options.quiet || !wants(options.progress, STDERR_FILENO))
+        return report(options, run(options, CheckProgress{}));
+    ProgressLine line;
+    const auto result = run(options, [&line](uint64_t done, uint64_t total) { line.show(done, total); });
+    line.clear();
+    return report(options, result);
 }
 
 int run(const CheckOptions& options) {
@@ -118,18 +155,15 @@ int run(const CheckOptions& options) {
     case Action::kList:
         return list(options);
     case Action::kEcc:
+        return report_run(options, run_ecc);
     case Action::kExtract:
+        return report_run(options, [](const CheckOptions& asked, const CheckProgress& progress) {
+            return run_extraction(asked, progress);
+        });
     case Action::kCheck:
         break;
     }
-    if (!options.quiet && wants(options.progress, STDERR_FILENO)) {
-        ProgressLine line;
-        const CheckResult result =
-            run_check(options, [&line](uint64_t done, uint64_t total) { line.show(done, total); });
-        line.clear();
-        return report(options, result);
-    }
-    return report(options, run_check(options, {}));
+    return report_run(options, run_check);
 }
 
 /// Opens closed standard descriptors: a target with such a descriptor would get the report.

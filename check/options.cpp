@@ -1,7 +1,8 @@
 #include "options.h"
 
+#include "strict_number.h"
+
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -20,6 +21,10 @@ enum OwnCode : int {
     kNoSecondOpinion,
     kVerbose,
     kList,
+    kEcc,
+    kExtract,
+    kForce,
+    kHoles,
 };
 
 constexpr char kOwnLetters[] = "lqvh";
@@ -37,9 +42,24 @@ std::vector<option> long_options() {
         {"verbose", no_argument, nullptr, kVerbose},
         {"quiet", no_argument, nullptr, 'q'},
         {"list", no_argument, nullptr, kList},
+        {"ecc", no_argument, nullptr, kEcc},
+        {"extract", required_argument, nullptr, kExtract},
+        {"force", no_argument, nullptr, kForce},
+        {"holes", optional_argument, nullptr, kHoles},
+        {"at", required_argument, nullptr, kAt},
+        {"layout", required_argument, nullptr, kLayout},
+        {"bad-blocks", required_argument, nullptr, kBadBlocks},
+        {"max-bad-blocks", required_argument, nullptr, kMaxBadBlocks},
+        {"max-flips", required_argument, nullptr, kMaxFlips},
+        {"warn-flips", required_argument, nullptr, kWarnFlips},
+        {"dump-spare", required_argument, nullptr, kDumpSpare},
+        {"skip", required_argument, nullptr, kSkip},
         {"version", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
-        // nandsmith takes these beginnings of "in" and "version". Here other options begin with them too.
+        // nandsmith takes these beginnings of its options. Here other options begin with them too.
+        {"b", required_argument, nullptr, 'b'},
+        {"f", required_argument, nullptr, 't'},
+        {"h", no_argument, nullptr, 'h'},
         {"i", required_argument, nullptr, 'i'},
         {"v", no_argument, nullptr, 'v'},
         {"ve", no_argument, nullptr, 'v'},
@@ -61,27 +81,6 @@ bool begins_with_number(std::string_view text) {
     if (position < text.size() && (text[position] == '+' || text[position] == '-'))
         ++position;
     return position < text.size() && only_digits(text.substr(position, 1));
-}
-
-/// Decimal or 0x and hexadecimal digits, then K, M, G (powers of 1024) or nothing.
-std::optional<uint64_t> strict_number(std::string_view text) {
-    uint64_t unit = 1;
-    const std::string_view units = "KMG";
-    if (const std::size_t power = text.empty() ? text.npos : units.find(text.back()); power != text.npos) {
-        unit <<= 10 * (power + 1);
-        text.remove_suffix(1);
-    }
-    int base = 10;
-    if (text.starts_with("0x")) {
-        base = 16;
-        text.remove_prefix(2);
-    }
-    uint64_t value = 0;
-    const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, value, base);
-    if (error != std::errc() || rest != end || value > UINT64_MAX / unit)
-        return std::nullopt;
-    return value * unit;
 }
 
 std::string type_words() {
@@ -112,6 +111,7 @@ public:
             for (int i = ::optind; i < m_argc; ++i)
                 take_target(m_argv[i]);
             decide_target();
+            check_chip_options();
             check_completeness();
         }
         return std::move(m_options);
@@ -124,6 +124,8 @@ private:
     }
 
     void take(int code, bool letter) {
+        if (code >= kFirstChipOption && code <= kLastChipOption)
+            return take_chip_option(code);
         switch (code) {
         case 1:
             return take_target(::optarg);
@@ -152,8 +154,20 @@ private:
             m_options.quiet = true;
             return;
         case kList:
-            m_options.action = Action::kList;
-            return;
+            return act(Action::kList);
+        case kEcc:
+            return act(Action::kEcc);
+        case kExtract:
+            m_options.chip.extract_directory = ::optarg;
+            if (*::optarg == '\0')
+                fail("--extract= names no directory");
+            return act(Action::kExtract);
+        case kForce:
+            m_options.chip.force = true;
+            return note_own("--force", m_of_extraction);
+        case kHoles:
+            take_when("--holes", m_options.chip.holes);
+            return note_own("--holes", m_of_extraction);
         case 'v':
             return end_with(Action::kVersion);
         case 'h':
@@ -165,6 +179,43 @@ private:
         default:
             return take_conversion_option(code, letter);
         }
+    }
+
+    void act(Action action) {
+        if (m_options.action != Action::kCheck && m_options.action != action)
+            fail("--list, --ecc and --extract exclude each other");
+        m_options.action = action;
+    }
+
+    static void note_own(const std::string& name, std::string& first) {
+        if (first.empty())
+            first = name;
+    }
+
+    void take_chip_option(int code) {
+        if (const auto wrong = m_chip.take(code, ::optarg))
+            return fail(*wrong);
+        note_own(name_of(code), m_of_chips);
+        if (code != kMaxFlips && code != kWarnFlips && code != kSkip)
+            note_own(name_of(code), m_of_placed_dumps);
+    }
+
+    /// Options that would be of no use are refused, so that nobody takes them for heard.
+    void check_chip_options() {
+        if (const auto wrong = m_chip.finish())
+            fail(*wrong);
+        const StorageType* type = m_options.conversion.type;
+        const std::string word = type != nullptr ? type->word : "";
+        if (!m_of_extraction.empty() && m_options.action != Action::kExtract)
+            fail(m_of_extraction + " is for --extract");
+        if (!m_of_placed_dumps.empty() && m_options.action == Action::kEcc)
+            fail(m_of_placed_dumps + " is of no use with --ecc");
+        if (!m_of_chips.empty() && type != nullptr && word != "slc" && word != "spinand")
+            fail(m_of_chips + " is for slc and spinand");
+        if (m_options.chip.dump_spare != 0 && type != nullptr && word != "spinand")
+            fail("--dump-spare is for spinand");
+        if (m_options.action == Action::kEcc && type != nullptr && word != "slc")
+            fail("--ecc is for slc: only its pages hold parity");
     }
 
     /// As in nandsmith, later options are then not read and earlier errors count.
@@ -270,12 +321,18 @@ private:
         for (const std::string& name : m_options.only)
             if (std::find(m_options.ignore.begin(), m_options.ignore.end(), name) != m_options.ignore.end())
                 fail(quoted(name) + " is in --only and in --ignore");
-        if (m_options.action == Action::kCheck) {
-            if (const std::optional<Refusal> refusal = check_geometry(m_options.conversion))
-                fail(refusal->line);
-        }
-        if (m_options.conversion.settings.in_firmware.empty())
+        const bool list = m_options.action == Action::kList;
+        if (const auto refusal = check_geometry(m_options.conversion); refusal && !list)
+            fail(refusal->line);
+        const bool firmware = !m_options.conversion.settings.in_firmware.empty();
+        if (m_options.action == Action::kEcc) {
+            if (firmware)
+                fail("--ecc takes no firmware");
+            if (!m_target && !m_output)
+                fail("--ecc needs the file or the device to read");
+        } else if (!firmware && m_options.action != Action::kExtract) {
             fail("firmware is none; give it with -i");
+        }
     }
 
     std::string name_of(int code) const {
@@ -311,6 +368,10 @@ private:
     char** const m_argv;
     const std::vector<option> m_long_options = long_options();
     CheckOptions m_options;
+    ChipOptionReader m_chip{m_options.chip};
+    std::string m_of_chips;         // the first option of this kind
+    std::string m_of_placed_dumps;  // likewise
+    std::string m_of_extraction;    // likewise
     std::optional<std::string> m_target;
     std::optional<std::string> m_output;  // of -o
     bool m_ended = false;                 // by --help or --version
@@ -324,10 +385,13 @@ CheckOptions parse_check_options(int argc, char* argv[]) {
 
 std::string check_help() {
     return R"(Usage: nandsmith-check -i FIRMWARE -t TYPE -b KB -p KB [-s BYTES] [OPTION]... [TARGET]
+       nandsmith-check --ecc -t slc -b KB -p KB -s BYTES [OPTION]... DUMP
+       nandsmith-check --extract=DIR [-i FIRMWARE] -t TYPE -b KB -p KB [-s BYTES] [OPTION]... TARGET
        nandsmith-check --list -i FIRMWARE [--json[=FILE]]
 
 Says whether TARGET holds what nandsmith makes of FIRMWARE with the same options. Writes nothing to it.
 TARGET is the output directory of a conversion, an image, a block device, or - for standard input.
+For slc and spinand a file, a device or - is the dump of a chip.
 Without TARGET and -o it is the current directory.
 
 The conversion, as nandsmith takes it:
@@ -346,6 +410,22 @@ What is compared:
                            names: those of items, idblock, gpt, parameter, gaps, rest
       --strict             extra files, a rest that is not empty and warnings are differences too
       --no-second-opinion  compare only; the formats are not judged by themselves
+
+The dump of a chip:
+      --at=NAME=BLOCK      the erase block at which a file begins; without it the file is searched
+      --layout=CSV         table of windows: name,first block,last block
+      --bad-blocks=LIST    blocks that the programmer passed over, with commas between them
+      --max-bad-blocks=N   most that are passed over in a file (2 % of its blocks, at least 2)
+      --max-flips=N        most flipped bits of a unit that count as the same (16)
+      --warn-flips=N       from more flipped bits on there is a warning (three quarters of that)
+      --dump-spare=BYTES   spare area after each page of a spinand dump
+      --skip=BYTES         header of the dump, before its first block
+      --ecc                what the parity says, without a firmware
+
+Back to plain data:
+      --extract=DIR        the items of TARGET, without spare areas, corrected, into DIR
+      --force              existing files are replaced
+      --holes[=WHEN]       auto or always: holes in place of long runs of zeros; never
 
 What is reported:
       --max-differences=N  places listed for each part (10); 0 lists all, and all are always counted
