@@ -295,6 +295,34 @@ TEST_F(ParameterOrderTest, WildStageIsRefusedBeforeTheBlockIsAllocated) {
               line("writing idblock...") + line("Failed to create idblock,ret=-4"));
 }
 
+// Loads a smaller record with its first page.
+class LoadingAnother : public Recorder {
+public:
+    using Recorder::Recorder;
+    bool write_page(uint8_t* data, uint32_t length) override {
+        if (pages.empty())
+            make_param_buffer(smaller);
+        return Recorder::write_page(data, length);
+    }
+    STRUCT_QZIMAGE_ITEM smaller{};
+};
+
+TEST_F(ParameterOrderTest, SmallerRecordOfAPageIsNotOverread) {
+    use({{.name = "parameter", .part_size = 16384, .data = Bytes(1024 * 1024, 1)},
+         {.name = "smaller", .part_size = 128, .data = Bytes(2048, 1)}});
+    auto storage = make<LoadingAnother>({});
+    storage->smaller = item_in(m_firmware, 1);
+    m_storage = std::move(storage);
+    load(*m_storage, m_firmware);
+    ASSERT_TRUE(load_record(m_item));
+    EXPECT_EQ(write_parameter(), kWritten);
+    ASSERT_FALSE(m_storage->pages.empty());
+    const Bytes of_the_record(2048, 1);
+    EXPECT_EQ(m_storage->pages[0].bytes, of_the_record);
+    for (const auto& page : m_storage->pages)
+        EXPECT_TRUE(page.bytes == of_the_record || page.bytes == Bytes(2048, 0));
+}
+
 // A derived class may put a record of its own in the place of the loaded one.
 TEST_F(ParameterOrderTest, RecordOfADerivedClassIsWritten) {
     Bytes own = patterned(3 * 2048, 9);
