@@ -1,4 +1,5 @@
 #include "extraction.h"
+#include "flip_lines.h"
 #include "json_parts.h"
 #include "table.h"
 #include "words.h"
@@ -18,8 +19,7 @@ struct Sums {
     std::size_t damaged = 0;
     std::size_t not_extracted = 0;
     uint64_t bytes = 0;
-    uint64_t flipped_bits = 0;
-    uint64_t beyond = 0;
+    UnitCounts units;
 
     explicit Sums(const ExtractionResult& result) {
         for (const ExtractedPart& part : result.parts) {
@@ -30,8 +30,7 @@ struct Sums {
             damaged += part.verdict == Verdict::kDiffers ? 1 : 0;
             not_extracted += part.verdict == Verdict::kMissing ? 1 : 0;
             bytes += part.bytes;
-            flipped_bits += part.counts.units.flipped_bits();
-            beyond += part.counts.units.beyond;
+            units.add(part.counts.units);
         }
     }
 };
@@ -87,6 +86,7 @@ public:
     std::string text() {
         add_table();
         add_places();
+        add_units();
         add_warnings();
         add_line(m_text, closing_line());
         return m_text;
@@ -151,6 +151,13 @@ private:
                std::to_string(place.unit.value_or(0)) + " of the target";
     }
 
+    void add_units() {
+        if (!m_result.geometry.spare_areas || m_sums.units.units == 0)
+            return;
+        add_line(m_text, flips_per_unit(m_sums.units));
+        add_line(m_text, directions(m_sums.units));
+    }
+
     void add_warnings() {
         const std::vector<std::string>& warnings = m_result.warnings;
         const std::size_t shown = std::min(warnings.size(), limit(kMostWarnings));
@@ -169,13 +176,13 @@ private:
                                            counted(m_sums.wanted, "file")};
         if (m_sums.not_extracted != 0)
             pieces.push_back(std::to_string(m_sums.not_extracted) + " not extracted");
-        if (m_sums.beyond != 0)
-            pieces.push_back(counted(m_sums.beyond, "unit") + " not correctable");
+        if (m_sums.units.beyond != 0)
+            pieces.push_back(counted(m_sums.units.beyond, "unit") + " not correctable");
         std::string line =
             painted(same ? "same" : "differs", same ? Color::kGreen : Color::kRed, m_style.color) + ": " +
             joined(pieces, ", ") + "; " + readable_bytes(m_sums.bytes) + " extracted";
         if (m_result.geometry.spare_areas)
-            line += ", " + counted(m_sums.flipped_bits, "bit") + " corrected";
+            line += ", " + counted(m_sums.units.flipped_bits(), "bit") + " corrected";
         return line;
     }
 

@@ -40,9 +40,5 @@ struct ExtractionResult {
     std::optional<std::string> error;  ///< why not all was extracted that could be read
     Verdict verdict = Verdict::kSame;  ///< same, differs or trouble
 
-    Status status() const {
-        if (verdict == Verdict::kTrouble)
-            return kStatusTrouble;
-        return verdict == Verdict::kSame ? kStatusSame : kStatusDiffers;
-    }
+    Status status() const { return status_of(verdict); }
 };

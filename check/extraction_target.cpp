@@ -31,12 +31,8 @@ std::optional<std::string> ExtractionTarget::open(const std::string& path, const
             return std::nullopt;
         }
     }
-    const int error = path == "-" ? m_target.open_standard_input() : m_target.open(path);
-    if (error == EINVAL)
-        return path == "-" ? "standard input is a terminal"
-                           : path + " is not a directory, a file or a block device";
-    if (error != 0)
-        return path + " failed to open: " + error_text(error);
+    if (const auto reason = m_target.open_or_reason(path))
+        return reason;
     m_identity = m_target.identity();
     m_kind = m_target.kind() == Target::Kind::kDevice   ? "device"
              : m_target.kind() == Target::Kind::kStream ? "stream"

@@ -192,7 +192,11 @@ void PartData::note(const Unit& unit, const UnitVerdict& verdict) {
     ++units.flips[verdict.flips()];
     units.cleared += verdict.cleared;
     units.set += verdict.set;
-    units.erased += verdict.erased ? 1 : 0;
+    if (verdict.erased) {
+        ++units.erased;
+        ++units.erased_right;
+        units.erased_flips += verdict.flips();
+    }
     if (m_source.index_step != 0 && unit.in_file % m_source.layout.page == 0)
         look_at_index(unit);
 }

@@ -49,6 +49,8 @@ TEST(ExtractionText, HasARowForEachFile) {
               "boot.img      5000       2            2   same\n"
               "rootfs.img    3072       0            0   same\n"
               "misc.img                                  ignored\n"
+              "flips per unit   0: 6   1: 0   2: 1   3 to 16: 0   beyond: 0\n"
+              "1 to 0: 0   0 to 1: 2   bit error rate 3.4e-05\n"
               "same: 2 of 2 files; 7.8 KiB extracted, 2 bits corrected\n");
 }
 
@@ -72,6 +74,8 @@ TEST(ExtractionText, ListsWhatIsNotRight) {
         "  byte 2048 of the data: block 1, page 1, unit 0 of the target\n"))
         << text;
     EXPECT_TRUE(text.ends_with("  and 2 more units\n"
+                               "flips per unit   0: 4   1 to 16: 0   beyond: 12\n"
+                               "1 to 0: 0   0 to 1: 0   bit error rate 0\n"
                                "warning: one\\x0atwo\n"
                                "differs: 1 of 2 files, 1 not extracted, 12 units not correctable; "
                                "4.8 KiB extracted, 0 bits corrected\n"))

@@ -7,8 +7,6 @@ namespace {
 
 using namespace check_test;
 
-constexpr std::size_t kUnitData = 1024;
-
 Conversion spi_nand(uint32_t page_kb, bool two_kb) {
     return {.type = "spinand",
             .block_kb = std::to_string(96 * page_kb),
