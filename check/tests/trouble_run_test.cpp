@@ -1,7 +1,7 @@
 // Targets, firmware and machines that give no answer: the status is 2, the last line says why, and the
 // document is whole.
 
-#include "check_bench.h"
+#include "failing_run.h"
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -324,28 +324,6 @@ TEST(JsonOfARun, IsReadByAnotherParser) {
 }
 
 // ---- a medium with sectors that cannot be read ----
-
-struct FailedRun {
-    RunResult run;
-    long failures = 0;
-    long calls = 0;
-};
-
-FailedRun run_with_failing(const Arguments& arguments, const std::string& call_class, const std::string& how,
-                           long at, const fs::path& report) {
-    RunOptions options;
-    options.environment = {{"LD_PRELOAD", FAILING_CALLS_LIBRARY},
-                           {"FAILING_CALLS_CLASS", call_class},
-                           {"FAILING_CALLS_AT", std::to_string(at)},
-                           {"FAILING_CALLS_HOW", how},
-                           {"FAILING_CALLS_REPORT", report}};
-    if (kSanitized)
-        options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
-    FailedRun failed;
-    failed.run = run_check_program(arguments, options);
-    std::ifstream(report) >> failed.calls >> failed.failures;
-    return failed;
-}
 
 class UnreadableSectors : public testing::TestWithParam<Conversion> {};
 

@@ -1,7 +1,8 @@
 // A library for LD_PRELOAD that lets a system call or an allocation of a program fail: the Nth of its class,
 // once or from then on. The environment says which and how:
 //
-//   FAILING_CALLS_CLASS    open, read, seek, write, close, stat, truncate, reserve, unlink or alloc
+//   FAILING_CALLS_CLASS    open, read, seek, write, close, stat, truncate, reserve, unlink, rename, mkdir or
+//                          alloc
 //   FAILING_CALLS_AT       N, from 1; 0 lets nothing fail
 //   FAILING_CALLS_HOW      EIO, ENOSPC or EINTR; short: half of the bytes are read or written; nothing: a
 //                          read or write of 0 bytes. Several words with commas between them: the Nth call
@@ -33,10 +34,24 @@
 
 namespace {
 
-enum class CallClass { none, open, read, seek, write, close, stat, truncate, reserve, unlink, alloc };
+enum class CallClass {
+    none,
+    open,
+    read,
+    seek,
+    write,
+    close,
+    stat,
+    truncate,
+    reserve,
+    unlink,
+    rename,
+    mkdir,
+    alloc
+};
 
-constexpr const char* kClassNames[] = {"none", "open",     "read",    "seek",   "write", "close",
-                                       "stat", "truncate", "reserve", "unlink", "alloc"};
+constexpr const char* kClassNames[] = {"none",     "open",    "read",   "seek",   "write", "close", "stat",
+                                       "truncate", "reserve", "unlink", "rename", "mkdir", "alloc"};
 
 enum class How { error, short_count, nothing };
 
@@ -77,6 +92,7 @@ struct Replaced {
 // All are looked up before the plan is armed, because looking up allocates.
 struct Next {
     int (*open)(const char*, int, ...) = Replaced{"open"};
+    int (*openat)(int, const char*, int, ...) = Replaced{"openat"};
     FILE* (*fopen)(const char*, const char*) = Replaced{"fopen"};
     ssize_t (*read)(int, void*, size_t) = Replaced{"read"};
     ssize_t (*pread)(int, void*, size_t, off_t) = Replaced{"pread"};
@@ -87,9 +103,13 @@ struct Next {
     int (*fclose)(FILE*) = Replaced{"fclose"};
     int (*stat)(const char*, struct stat*) = Replaced{"stat"};
     int (*fstat)(int, struct stat*) = Replaced{"fstat"};
+    int (*fstatat)(int, const char*, struct stat*, int) = Replaced{"fstatat"};
     int (*ftruncate)(int, off_t) = Replaced{"ftruncate"};
     int (*fallocate)(int, int, off_t, off_t) = Replaced{"fallocate"};
     int (*unlink)(const char*) = Replaced{"unlink"};
+    int (*unlinkat)(int, const char*, int) = Replaced{"unlinkat"};
+    int (*renameat)(int, const char*, int, const char*) = Replaced{"renameat"};
+    int (*mkdir)(const char*, mode_t) = Replaced{"mkdir"};
 };
 
 const Next& next() {
@@ -239,6 +259,14 @@ int open(const char* path, int flags, ...) {
     return fails(CallClass::open) ? -1 : next().open(path, flags, mode);
 }
 
+int openat(int directory, const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return fails(CallClass::open) ? -1 : next().openat(directory, path, flags, mode);
+}
+
 FILE* fopen(const char* path, const char* mode) {
     return fails(CallClass::open) ? nullptr : next().fopen(path, mode);
 }
@@ -296,7 +324,7 @@ int fclose(FILE* file) {
     return EOF;
 }
 
-// ---- stat, truncate, reserve, unlink ----
+// ---- stat, truncate, reserve, unlink, rename, mkdir ----
 
 int stat(const char* path, struct stat* status) noexcept {
     return fails(CallClass::stat) ? -1 : next().stat(path, status);
@@ -304,6 +332,10 @@ int stat(const char* path, struct stat* status) noexcept {
 
 int fstat(int descriptor, struct stat* status) noexcept {
     return !is_standard(descriptor) && fails(CallClass::stat) ? -1 : next().fstat(descriptor, status);
+}
+
+int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
+    return fails(CallClass::stat) ? -1 : next().fstatat(directory, path, status, flags);
 }
 
 int ftruncate(int descriptor, off_t length) noexcept {
@@ -318,11 +350,24 @@ int unlink(const char* path) noexcept {
     return fails(CallClass::unlink) ? -1 : next().unlink(path);
 }
 
+int unlinkat(int directory, const char* path, int flags) noexcept {
+    return fails(CallClass::unlink) ? -1 : next().unlinkat(directory, path, flags);
+}
+
+int renameat(int directory, const char* path, int new_directory, const char* new_path) noexcept {
+    return fails(CallClass::rename) ? -1 : next().renameat(directory, path, new_directory, new_path);
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+    return fails(CallClass::mkdir) ? -1 : next().mkdir(path, mode);
+}
+
 // ---- the same calls under their names for 64-bit offsets ----
 
 static_assert(sizeof(off_t) == 8, "the two families are one on the machines this is for");
 
 int open64(const char*, int, ...) __attribute__((alias("open")));
+int openat64(int, const char*, int, ...) __attribute__((alias("openat")));
 FILE* fopen64(const char*, const char*) __attribute__((alias("fopen")));
 ssize_t pread64(int, void*, size_t, off_t) __attribute__((alias("pread")));
 off_t lseek64(int, off_t, int) noexcept __attribute__((alias("lseek")));
@@ -334,6 +379,9 @@ int stat64(const char* path, struct stat64* status) noexcept {
 }
 int fstat64(int descriptor, struct stat64* status) noexcept {
     return fstat(descriptor, reinterpret_cast<struct stat*>(status));
+}
+int fstatat64(int directory, const char* path, struct stat64* status, int flags) noexcept {
+    return fstatat(directory, path, reinterpret_cast<struct stat*>(status), flags);
 }
 
 // ---- allocations; a sanitizer brings its own and would not see these ----
