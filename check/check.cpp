@@ -6,6 +6,7 @@
 #include "conversion_summary.h"
 #include "diagnosis.h"
 #include "firmware_file.h"
+#include "part_choice.h"
 #include "part_reader.h"
 
 #include <algorithm>
@@ -28,24 +29,12 @@ std::string error_text(int error) {
     return std::generic_category().message(error);
 }
 
-bool contains(const std::vector<std::string>& names, const std::string& name) {
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-/// The word for a part in --only and --ignore.
-std::string option_word(const PartResult& part) {
-    if (part.name.starts_with("boot block, copy "))
-        return "idblock";
-    if (part.name.starts_with("parameter, copy "))
-        return "parameter";
-    return part.name;
-}
-
 /// One check from the options to the result.
 class Check {
 public:
     Check(const CheckOptions& options, const CheckProgress& progress)
-        : m_options(options), m_settings(options.conversion.settings), m_progress(progress) {}
+        : m_options(options), m_settings(options.conversion.settings), m_choice(options),
+          m_progress(progress) {}
 
     CheckResult run() {
         m_result.conversion = summary_of(m_options.conversion);
@@ -170,15 +159,8 @@ private:
     }
 
     void add_page_opinions() {
-        SecondOpinion& sum = m_result.opinion;
-        for (const auto& [file, opinion] : m_page_opinions) {
-            sum.units += opinion.units;
-            sum.wrong_units += opinion.wrong_units;
-            sum.wrong_indexes += opinion.wrong_indexes;
-            for (const std::string& finding : opinion.findings)
-                add_finding(sum, finding);
-            sum.findings_found += opinion.findings_found - opinion.findings.size();
-        }
+        for (const auto& [file, opinion] : m_page_opinions)
+            add_opinion(m_result.opinion, opinion);
     }
 
     /// What the target has beside and after what the firmware gives.
@@ -294,8 +276,9 @@ private:
     }
 
     void note_judged(const std::string& what) {
-        if (!contains(m_result.opinion.judged, what))
-            m_result.opinion.judged.push_back(what);
+        std::vector<std::string>& judged = m_result.opinion.judged;
+        if (std::find(judged.begin(), judged.end(), what) == judged.end())
+            judged.push_back(what);
     }
 
     void judge_equal_copies(const std::string& name, const std::vector<Comparison::Extent>& extents,
@@ -334,33 +317,14 @@ private:
             word = "gpt";
         else if (extent.part.kind == OutputPart::Kind::kParameter)
             word = "parameter";
-        return is_ignored(word);
+        return m_choice.is_ignored(word);
     }
 
     // ---- the answer ----
 
-    bool is_ignored(const std::string& word) const {
-        return contains(m_options.ignore, word) ||
-               (!m_options.only.empty() && !contains(m_options.only, word));
-    }
-
     /// Of a whole image parts are ignored, and never the file.
     bool is_ignored_file(const std::string& file) const {
-        return !m_result.geometry.whole_image && is_ignored(file.substr(0, file.rfind(".img")));
-    }
-
-    /// False, with the trouble noted, when an option names a part that there is not.
-    bool names_are_known() {
-        for (const auto* names : {&m_options.only, &m_options.ignore})
-            for (const std::string& name : *names) {
-                const bool known =
-                    contains({"idblock", "gpt", "parameter", "gaps", "rest"}, name) ||
-                    std::any_of(m_result.parts.begin(), m_result.parts.end(),
-                                [&](const PartResult& part) { return option_word(part) == name; });
-                if (!known)
-                    return fail("no part has the name '" + name + "'");
-            }
-        return true;
+        return !m_result.geometry.whole_image && m_choice.is_ignored(file.substr(0, file.rfind(".img")));
     }
 
     void settle() {
@@ -370,22 +334,25 @@ private:
             if (!is_ignored_file(file))
                 m_result.missing.push_back(file);
         for (PartResult& part : m_result.parts) {
-            if (is_ignored(option_word(part))) {
+            if (m_choice.is_ignored(option_word(part))) {
                 part.verdict = Verdict::kIgnored;
                 continue;
             }
             unreadable += part.unreadable;
             differs = differs || part.verdict == Verdict::kDiffers || part.verdict == Verdict::kMissing;
         }
-        if (!m_result.error && !names_are_known())
+        const std::optional<std::string> unknown = m_choice.unknown_name(m_result.parts);
+        if (!m_result.error && unknown) {
+            fail("no part has the name '" + *unknown + "'");
             return;
+        }
         if (unreadable != 0)
             fail(std::to_string(unreadable) + " bytes of the target failed to be read");
         if (differs && !m_result.error) {
             name_good_copies(m_result);
             diagnose(m_options.conversion, plan(), m_result);
         }
-        m_result.rest_counts = m_options.strict && !is_ignored("rest") &&
+        m_result.rest_counts = m_options.strict && !m_choice.is_ignored("rest") &&
                                m_result.rest.content == RestOfTarget::Content::kNotEmpty;
         m_result.warnings_count = m_options.strict && !m_result.warnings.empty();
         const bool extra_counts = m_options.strict && !m_result.extra.empty();
@@ -404,6 +371,7 @@ private:
 
     const CheckOptions& m_options;
     const StorageSettings& m_settings;
+    const PartChoice m_choice;
     const CheckProgress& m_progress;
     CheckResult m_result;
     FileIdentity m_firmware;

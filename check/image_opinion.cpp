@@ -322,6 +322,17 @@ void add_remark(SecondOpinion& opinion, const std::string& sentence) {
         opinion.remarks.push_back(sentence);
 }
 
+void add_opinion(SecondOpinion& sum, const SecondOpinion& file) {
+    sum.units += file.units;
+    sum.wrong_units += file.wrong_units;
+    sum.wrong_indexes += file.wrong_indexes;
+    for (const std::string& finding : file.findings)
+        add_finding(sum, finding);
+    sum.findings_found += file.findings_found - file.findings.size();
+    for (const std::string& remark : file.remarks)
+        add_remark(sum, remark);
+}
+
 void judge_gpt(const ReadPart& read, SecondOpinion& opinion) {
     std::vector<uint8_t> table(kGptSectors * kSector);
     if (!read(0, table.size(), table.data())) {

@@ -1,7 +1,7 @@
 #include "part_reader.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <utility>
 
 namespace {
 
@@ -40,14 +40,13 @@ uint64_t data_bytes(const PageLayout& layout, uint64_t bytes) {
     return bytes / layout.page / slices_of(layout) * layout.page_data;
 }
 
-ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout) {
-    return [&target, offset, layout](uint64_t position, std::size_t size, uint8_t* out) {
+ReadPart part_reader(ReadFile read, uint64_t offset, const PageLayout& layout) {
+    return [read = std::move(read), offset, layout](uint64_t position, std::size_t size, uint8_t* out) {
         while (size != 0) {
             uint64_t together = 0;
             const uint64_t place = offset + place_of_data(layout, position, together);
             const auto part = static_cast<std::size_t>(std::min<uint64_t>(size, together));
-            const auto got = target.read(place, part, out);
-            if (got != part)
+            if (!read(place, part, out))
                 return false;
             position += part;
             out += part;
@@ -55,4 +54,10 @@ ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout) 
         }
         return true;
     };
+}
+
+ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout) {
+    return part_reader([&target](uint64_t place, uint64_t size,
+                                 uint8_t* out) { return target.read(place, size, out) == size; },
+                       offset, layout);
 }

@@ -4,6 +4,9 @@
 #include "second_opinion.h"
 #include "target.h"
 
+#include <cstdint>
+#include <functional>
+
 /// Where the bytes of a part's data lie in a target: between the spare areas, and with 2 KB per page only at
 /// the start of each page.
 struct PageLayout {
@@ -13,8 +16,12 @@ struct PageLayout {
     bool two_kb = false;
 };
 
+/// Reads size bytes at an offset in a file of pages. False when they cannot be read.
+using ReadFile = std::function<bool(uint64_t offset, uint64_t size, uint8_t* out)>;
+
 /// Reads a part's data out of a target, which outlives the reader. offset: of the part.
 ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout);
+ReadPart part_reader(ReadFile read, uint64_t offset, const PageLayout& layout);
 
 /// Where byte position of the data lies, from the start of the part; and how many bytes follow it there.
 uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together);

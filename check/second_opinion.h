@@ -25,6 +25,8 @@ public:
 
     /// The next bytes of the file.
     void take(std::span<const uint8_t> bytes);
+    /// The next pages are not judged. The bytes before them end with a page.
+    void pass_over(uint64_t pages);
     /// No more bytes come.
     void finish();
 
@@ -53,3 +55,6 @@ void add_finding(SecondOpinion& opinion, const std::string& sentence);
 
 /// Adds what is odd but comes from the firmware; keeps the first ones.
 void add_remark(SecondOpinion& opinion, const std::string& sentence);
+
+/// Adds what was found in the pages of one file.
+void add_opinion(SecondOpinion& sum, const SecondOpinion& file);

@@ -168,6 +168,14 @@ void SlcOpinion::take(std::span<const uint8_t> bytes) {
     m_state->keep_batch();
 }
 
+void SlcOpinion::pass_over(uint64_t pages) {
+    if (!m_state->is_judged)
+        return;
+    m_state->judge_batch();
+    m_state->page += pages;
+    m_state->first_unit += pages * m_state->units_of_page;
+}
+
 void SlcOpinion::finish() {
     if (!m_state->is_judged)
         return;
