@@ -10,12 +10,16 @@ namespace {
 class Units {
 public:
     explicit Units(const Geometry& geometry)
-        : m_page(std::max<uint64_t>(geometry.page, 1)), m_per_page(geometry.page_data / 1024) {}
+        : m_page(std::max<uint64_t>(geometry.page, 1)), m_per_page(geometry.page_data / 1024),
+          m_header(geometry.header) {}
 
     bool none() const { return m_per_page == 0; }
-    uint64_t start(uint64_t unit) const { return unit / m_per_page * m_page + unit % m_per_page * kUnit; }
+    uint64_t start(uint64_t unit) const {
+        return m_header + unit / m_per_page * m_page + unit % m_per_page * kUnit;
+    }
     /// The unit of a byte, or the next one when the byte comes after the last unit of its page.
     uint64_t at_or_after(uint64_t offset) const {
+        offset -= std::min(offset, m_header);
         return offset / m_page * m_per_page + std::min(offset % m_page / kUnit, m_per_page);
     }
     /// Bytes of the run that lie in the unit.
@@ -28,6 +32,7 @@ public:
 private:
     uint64_t m_page;
     uint64_t m_per_page;
+    uint64_t m_header;
 };
 
 /// Flips of a unit, as far as its runs tell: a run that is in two units has its flips counted as one number.
@@ -111,12 +116,13 @@ Place place_of(uint64_t offset, const Geometry& geometry) {
     const uint64_t page = std::max<uint64_t>(geometry.page, 1);
     const uint64_t block = std::max(geometry.block, page);
     Place place;
+    place.sector = offset / kSector;
+    place.byte_of_sector = offset % kSector;
+    offset -= std::min(offset, geometry.header);
     place.block = offset / block;
     place.page = offset % block / page;
     place.page_of_target = offset / page;
     place.byte_of_page = offset % page;
-    place.sector = offset / kSector;
-    place.byte_of_sector = offset % kSector;
     const uint64_t unit = place.byte_of_page / kUnit;
     if (geometry.spare_areas && unit < geometry.page_data / 1024) {
         place.unit = unit;

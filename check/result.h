@@ -1,5 +1,7 @@
 #pragma once
 
+#include "chip_result.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -36,6 +38,8 @@ struct Geometry {
     uint64_t page = 0;         ///< of a page in the target, with its spare area; not 0
     uint64_t block = 0;        ///< of an erase block in the target, with the spare areas; not 0
     uint64_t page_data = 0;    ///< of a page without its spare area
+    bool chip = false;         ///< the target is the dump of a chip
+    uint64_t header = 0;       ///< of the target, before its erase block 0
 };
 
 constexpr uint64_t kSector = 512;
@@ -43,13 +47,16 @@ constexpr uint64_t kSector = 512;
 constexpr uint64_t kUnit = 1056;
 constexpr uint64_t kUnitData = 1024;  ///< of kUnit, its first bytes
 
-/// Bytes in a row that all differ.
+/// Bytes in a row that all differ. In the dump of a chip: a unit that differs, from its first byte that
+/// differs to its last one.
 struct DifferenceRun {
     uint64_t offset = 0;   ///< of the first one, from the start of the target file
     uint64_t length = 0;   ///< in bytes
     uint64_t flips = 0;    ///< bits that differ in these bytes
     uint8_t expected = 0;  ///< the first byte, as the firmware gives it
     uint8_t actual = 0;    ///< the first byte, as it lies in the target
+    /// What is in a unit of a chip that has too many flips to be what is expected.
+    enum class Holds { kNotKnown, kRuined, kOtherData, kErased } holds = Holds::kNotKnown;
 };
 
 /// One file of a directory, or one part of an image. Offsets are from the start of the target file.
@@ -69,6 +76,13 @@ struct PartResult {
     std::vector<DifferenceRun> runs;  ///< the first ones, up to the limit that was asked for
     Verdict verdict = Verdict::kSame;
     std::string note;  ///< what else is to be said in its row, such as "copy 1 is good"
+
+    // Of a file in the dump of a chip. Its units are those of SLC NAND, or the 1024 bytes that stand for
+    // them.
+    std::optional<uint64_t> found_at;   ///< the erase block of its first bytes
+    std::vector<SkippedBlock> skipped;  ///< erase blocks between its blocks, and before the first one
+    UnitCounts units;
+    std::optional<uint64_t> worst_unit;  ///< offset in the target of a unit with units.worst() flips, not 0
 };
 
 struct Diagnosis {
@@ -95,6 +109,15 @@ struct RestOfTarget {
     enum class Content { kUnknown, kEmpty, kNotEmpty } content = Content::kUnknown;
 };
 
+/// The erase blocks of a chip's dump.
+struct ChipBlocks {
+    uint64_t all = 0;
+    uint64_t used = 0;    ///< hold bytes of a file
+    uint64_t bad = 0;     ///< passed over between them, or known to be bad
+    uint64_t erased = 0;  ///< of the others: 0xFF, but for flips
+    uint64_t other = 0;   ///< of the others: they hold something else
+};
+
 /// The options of the conversion, as they were understood.
 struct ConversionSummary {
     std::string type;  ///< "slc", "spinand", "spinor" or "emmc"; empty: none was given
@@ -111,7 +134,7 @@ struct CheckResult {
     Geometry geometry;
     std::string firmware_path;
     uint64_t firmware_bytes = 0;
-    std::string target_kind;  ///< "directory", "image", "device" or "stream"; empty: not looked at
+    std::string target_kind;  ///< "directory", "image", "device", "stream" or "dump"; empty: not looked at
     std::string target_path;
     bool past_the_cache = false;  ///< a device that was read from the medium and not from the page cache
 
@@ -119,6 +142,9 @@ struct CheckResult {
     std::vector<std::string> missing;  ///< names of files that are not there
     std::vector<std::string> extra;    ///< names of what else is in the directory
     RestOfTarget rest;
+    std::optional<UnitCounts> chip;            ///< of the units of all files in a dump of SLC NAND
+    std::optional<ChipBlocks> blocks_of_chip;  ///< of a dump
+    std::vector<BlockCounts> flipped_blocks;   ///< of a dump; at most kMostListedBlocks
     SecondOpinion opinion;
     std::vector<Diagnosis> diagnoses;
     std::vector<std::string> warnings;
