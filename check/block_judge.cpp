@@ -5,7 +5,6 @@
 #include "places.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 namespace {
@@ -14,34 +13,6 @@ namespace {
 constexpr uint64_t kPiece = 128 * 1024;
 
 constexpr uint64_t kChunk = 1024;  // of a page without units
-
-struct BitFlips {
-    uint64_t cleared = 0;
-    uint64_t set = 0;
-
-    uint64_t all() const { return cleared + set; }
-};
-
-/// Bits of actual that are not as expected. Stops soon after there are more than most.
-BitFlips flips_between(const uint8_t* expected, const uint8_t* actual, uint64_t size, uint64_t most) {
-    BitFlips flips;
-    const auto add = [&](uint64_t right, uint64_t found) {
-        flips.cleared += static_cast<uint64_t>(std::popcount(right & ~found));
-        flips.set += static_cast<uint64_t>(std::popcount(found & ~right));
-    };
-    uint64_t at = 0;
-    for (; at + sizeof(uint64_t) <= size && flips.all() <= most; at += sizeof(uint64_t)) {
-        uint64_t right = 0;
-        uint64_t found = 0;
-        std::memcpy(&right, expected + at, sizeof right);
-        std::memcpy(&found, actual + at, sizeof found);
-        if (right != found)
-            add(right, found);
-    }
-    for (; at < size && flips.all() <= most; ++at)
-        add(expected[at], actual[at]);
-    return flips;
-}
 
 /// True when the bytes are 0xFF, but for a number of flips that can be corrected.
 bool is_erased(const uint8_t* bytes, uint64_t size) {
@@ -72,6 +43,15 @@ UnitLayout unit_layout(const Geometry& geometry) {
     return {.unit = kUnit, .per_page = units, .indexed = true};
 }
 
+bool is_telling(std::span<const uint8_t> page, const UnitLayout& units) {
+    for (uint64_t k = 0; k < units.per_page && k * units.unit < page.size(); ++k) {
+        const std::span<const uint8_t> unit = page.subspan(k * units.unit);
+        if (!holds_only(unit.data(), std::min<uint64_t>(unit.size(), kChunk), page[0]))
+            return true;
+    }
+    return false;
+}
+
 /// A unit of the block, or the bytes of a page after its units.
 struct BlockJudge::Unit {
     const uint8_t* expected;
@@ -80,6 +60,9 @@ struct BlockJudge::Unit {
     uint64_t byte_of_pages;  ///< where it starts, in the pages of the block
     bool has_index;
     bool is_tail;  ///< bytes after the units
+
+    /// The data is not all of one byte.
+    bool is_telling() const { return !holds_only(expected, std::min(size, kChunk), *expected); }
 };
 
 /// Pages that were read, or a part of them.
@@ -140,42 +123,62 @@ void BlockJudge::for_each_unit(const Piece& piece, Use use) const {
     }
 }
 
-/// Counts a unit that is exactly as expected.
-void BlockJudge::count_clean(const Unit& unit, BlockLook& look) {
-    ++look.counts.units;
-    ++look.counts.flips[0];
+/// Counts a unit with so many flips, which are few.
+void BlockJudge::count_fitting(const Unit& unit, uint64_t flips, BlockLook& look) {
     ++look.fitting;
-    look.index_units += unit.has_index ? 1 : 0;
     look.fitting_index += unit.has_index ? 1 : 0;
-    if (*unit.expected == 0xFF && holds_only(unit.expected, unit.size, 0xFF))
-        ++look.counts.erased;
+    look.fitting_telling += unit.is_telling() ? 1 : 0;
+    if (*unit.expected != 0xFF || !holds_only(unit.expected, unit.size, 0xFF))
+        return;
+    ++look.counts.erased;
+    ++look.counts.erased_right;
+    look.counts.erased_flips += flips;
 }
 
 void BlockJudge::count(const Unit& unit, BlockLook& look) const {
+    const bool clean = std::memcmp(unit.expected, unit.actual, unit.size) == 0;
+    const BitFlips flips =
+        clean ? BitFlips() : flips_between(unit.expected, unit.actual, unit.size, kCorrectableFlips);
     if (unit.is_tail) {
-        const BitFlips flips = flips_between(unit.expected, unit.actual, unit.size, kCorrectableFlips);
         look.odd_tails += flips.all() > kCorrectableFlips ? 1 : 0;
         return;
     }
-    if (std::memcmp(unit.expected, unit.actual, unit.size) == 0)
-        return count_clean(unit, look);
-    const BitFlips flips = flips_between(unit.expected, unit.actual, unit.size, kCorrectableFlips);
     ++look.counts.units;
     look.index_units += unit.has_index ? 1 : 0;
+    look.telling += unit.is_telling() ? 1 : 0;
     look.too_many += flips.all() > m_max_flips ? 1 : 0;
     if (flips.all() > kCorrectableFlips) {
         ++look.counts.beyond;
         return;
     }
-    if (flips.all() > look.counts.worst() || !look.worst_unit)
+    if (!clean && (flips.all() > look.counts.worst() || !look.worst_unit))
         look.worst_unit = m_dump.place_of(look.block, unit.byte_of_pages);
     ++look.counts.flips[flips.all()];
     look.counts.cleared += flips.cleared;
     look.counts.set += flips.set;
-    ++look.fitting;
-    look.fitting_index += unit.has_index ? 1 : 0;
-    if (holds_only(unit.expected, unit.size, 0xFF))
-        ++look.counts.erased;
+    count_fitting(unit, flips.all(), look);
+}
+
+void BlockJudge::count_units(const Piece& piece, BlockLook& look) const {
+    for_each_unit(piece, [&](const Unit& unit) {
+        count(unit, look);
+        return true;
+    });
+}
+
+/// Counts the units of a piece that is exactly as expected.
+void BlockJudge::count_clean(const Piece& piece, BlockLook& look) const {
+    for_each_unit(piece, [&](const Unit& unit) {
+        if (unit.is_tail)
+            return true;
+        ++look.counts.units;
+        ++look.counts.flips[0];
+        const uint64_t telling = look.fitting_telling;
+        count_fitting(unit, 0, look);
+        look.index_units += unit.has_index ? 1 : 0;
+        look.telling += look.fitting_telling - telling;
+        return true;
+    });
 }
 
 BlockLook BlockJudge::look(std::span<const uint8_t> expected, uint64_t block, bool until_clear) {
@@ -191,29 +194,27 @@ BlockLook BlockJudge::look(std::span<const uint8_t> expected, uint64_t block, bo
         const Piece piece = read(expected, block, first);
         look.missing += piece.expected.size() - piece.bytes.there;
         look.unreadable += bytes_of(piece.bytes.unreadable);
-        const bool clean = piece.is_clean();
-        for_each_unit(piece, [&](const Unit& unit) {
-            if (!clean)
-                count(unit, look);
-            else if (!unit.is_tail)
-                count_clean(unit, look);
-            return true;
-        });
+        if (piece.is_clean())
+            count_clean(piece, look);
+        else
+            count_units(piece, look);
         if (until_clear && is_clear())
             break;
     }
     return look;
 }
 
-bool BlockJudge::first_page_fits(std::span<const uint8_t> page, uint64_t block, bool whole) {
+bool BlockJudge::page_fits(std::span<const uint8_t> expected, uint64_t block, uint64_t page, bool whole) {
     BlockLook look;
     look.block = block;
-    for_each_unit(read(page, block, 0), [&](const Unit& unit) {
-        count(unit, look);
-        return true;
-    });
-    return look.counts.units != 0 &&
-           (whole ? look.counts.beyond == 0 : 2 * look.fitting >= look.counts.units);
+    const uint64_t first = page * m_dump.format().page;
+    const DumpBytes bytes = m_dump.read(block, first, expected.size(), m_piece.data());
+    for_each_unit({.expected = expected, .actual = m_piece.data(), .first = first, .bytes = bytes},
+                  [&](const Unit& unit) {
+                      count(unit, look);
+                      return true;
+                  });
+    return look.counts.units != 0 && (whole ? look.counts.beyond == 0 : look.belongs());
 }
 
 bool BlockJudge::is_erased(uint64_t block) {
@@ -270,7 +271,7 @@ DifferenceRun::Holds BlockJudge::class_of(const Unit& unit) const {
 }
 
 void BlockJudge::log_differences(std::span<const uint8_t> expected, uint64_t block, uint64_t max_runs,
-                                 PartResult& part, WrongBits& wrong) {
+                                 PartResult& part, BitFlips& wrong) {
     uint64_t last_page = UINT64_MAX;
     const auto log = [&](const Unit& unit) {
         if (unit.is_tail || std::memcmp(unit.expected, unit.actual, unit.size) == 0)

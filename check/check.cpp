@@ -5,6 +5,7 @@
 #include "conversion_run.h"
 #include "conversion_summary.h"
 #include "diagnosis.h"
+#include "dump_check.h"
 #include "firmware_file.h"
 #include "part_choice.h"
 #include "part_reader.h"
@@ -45,6 +46,8 @@ public:
         m_result.warnings = m_options.warnings;
         if (!open_firmware() || !open_target())
             return finished();
+        if (m_result.target_kind == "dump")
+            return run_dump_check(m_options, m_target, m_result, m_progress);
         compare();
         if (!m_result.error) {
             judge_rest();
@@ -90,16 +93,10 @@ private:
             if (m_firmware.is(status))
                 return fail(path + " is the firmware itself");
         }
-        if (!m_result.geometry.whole_image)
-            return fail(m_result.conversion.type +
-                        " gives a file for each partition: the target has to be their directory");
-        const int error = path == "-" ? m_target.open_standard_input() : m_target.open(path);
-        if (error == EINVAL)
-            return fail(path == "-" ? "standard input is a terminal"
-                                    : path + " is not a directory, a file or a block device");
-        if (error != 0)
-            return fail(path + " failed to open: " + error_text(error));
-        m_result.target_kind = m_target.kind() == Target::Kind::kFile     ? "image"
+        if (const auto reason = m_target.open_or_reason(path))
+            return fail(*reason);
+        m_result.target_kind = !m_result.geometry.whole_image             ? "dump"
+                               : m_target.kind() == Target::Kind::kFile   ? "image"
                                : m_target.kind() == Target::Kind::kDevice ? "device"
                                                                           : "stream";
         m_result.past_the_cache = m_target.past_the_cache();

@@ -53,56 +53,6 @@ std::string kilobytes(uint32_t size) {
     return std::to_string(size) + " KB";
 }
 
-/// Another set of options that may have been used.
-struct Candidate {
-    ConversionOptions options;
-    Diagnosis diagnosis;
-};
-
-std::vector<Candidate> candidates_for(const ConversionOptions& given) {
-    std::vector<Candidate> candidates;
-    const StorageSettings& s = given.settings;
-    const auto add = [&](const StorageSettings& settings, const std::string& code, const std::string& text) {
-        candidates.push_back({{.type = given.type, .settings = settings}, {code, text}});
-    };
-    StorageSettings other = s;
-    other.page_2k = !s.page_2k;
-    add(other, "2k-data",
-        std::string("made ") + (s.page_2k ? "without" : "with") + " -2 (2 KB of data in a page)");
-    if (given.type->needs_spare) {
-        other = s;
-        other.page_list = !s.page_list;
-        add(other, "page-list", std::string("made ") + (s.page_list ? "without" : "with") + " --page_list");
-    }
-    for (const uint32_t size : kUsualBlockSizes) {
-        other = s;
-        other.block_size = size;
-        if (size != s.block_size)
-            add(other, "block-size",
-                "made for erase blocks of " + kilobytes(size) + " (-b " + std::to_string(size) + ")");
-    }
-    for (const uint32_t page : kUsualPageSizes) {
-        other = s;
-        other.page_size = page;
-        const std::string text = "made for pages of " + kilobytes(page) + " (-p " + std::to_string(page);
-        if (!given.type->needs_spare && page != s.page_size)
-            add(other, "page-or-spare-size", text + ")");
-        if (!given.type->needs_spare)
-            continue;
-        std::vector<uint32_t> spares(std::begin(kUsualSpareSizes), std::end(kUsualSpareSizes));
-        spares.insert(spares.begin(), s.oob_size);
-        for (const uint32_t spare : spares) {
-            other.oob_size = spare;
-            const bool same = page == s.page_size && spare == s.oob_size;
-            if (!same && spare >= page * 32)
-                add(other, "page-or-spare-size",
-                    text + ") with " + std::to_string(spare) + " bytes of spare area (-s " +
-                        std::to_string(spare) + ")");
-        }
-    }
-    return candidates;
-}
-
 /// Keeps the first bytes of the first boot block and of the partition table that a conversion gives.
 class Capture : public OutputReceiver {
 public:
@@ -300,7 +250,65 @@ void look_at_parts(const ConversionOptions& options, const ComparisonPlan& plan,
                                     "the partitions are unchanged, but one that grows ends with the disk"});
 }
 
-/// True when places that are spread over the target all hold the same byte, and that is 0 or 0xFF.
+bool target_is_blank(const ComparisonPlan& plan, const CheckResult& result) {
+    if (plan.target != nullptr)
+        return is_blank(*plan.target);
+    std::vector<std::string> files;
+    for (const PartResult& part : result.parts)
+        if (part.compared != 0 && std::find(files.begin(), files.end(), part.file) == files.end())
+            files.push_back(part.file);
+    return !files.empty() && std::all_of(files.begin(), files.end(), [&](const std::string& name) {
+        Target file;
+        return file.open(plan.directory + name) == 0 && is_blank(file);
+    });
+}
+
+}  // namespace
+
+std::vector<Candidate> candidates_for(const ConversionOptions& given) {
+    std::vector<Candidate> candidates;
+    const StorageSettings& s = given.settings;
+    const auto add = [&](const StorageSettings& settings, const std::string& code, const std::string& text) {
+        candidates.push_back({{.type = given.type, .settings = settings}, {code, text}});
+    };
+    StorageSettings other = s;
+    other.page_2k = !s.page_2k;
+    add(other, "2k-data",
+        std::string("made ") + (s.page_2k ? "without" : "with") + " -2 (2 KB of data in a page)");
+    if (given.type->needs_spare) {
+        other = s;
+        other.page_list = !s.page_list;
+        add(other, "page-list", std::string("made ") + (s.page_list ? "without" : "with") + " --page_list");
+    }
+    for (const uint32_t size : kUsualBlockSizes) {
+        other = s;
+        other.block_size = size;
+        if (size != s.block_size)
+            add(other, "block-size",
+                "made for erase blocks of " + kilobytes(size) + " (-b " + std::to_string(size) + ")");
+    }
+    for (const uint32_t page : kUsualPageSizes) {
+        other = s;
+        other.page_size = page;
+        const std::string text = "made for pages of " + kilobytes(page) + " (-p " + std::to_string(page);
+        if (!given.type->needs_spare && page != s.page_size)
+            add(other, "page-or-spare-size", text + ")");
+        if (!given.type->needs_spare)
+            continue;
+        std::vector<uint32_t> spares(std::begin(kUsualSpareSizes), std::end(kUsualSpareSizes));
+        spares.insert(spares.begin(), s.oob_size);
+        for (const uint32_t spare : spares) {
+            other.oob_size = spare;
+            const bool same = page == s.page_size && spare == s.oob_size;
+            if (!same && spare >= page * 32)
+                add(other, "page-or-spare-size",
+                    text + ") with " + std::to_string(spare) + " bytes of spare area (-s " +
+                        std::to_string(spare) + ")");
+        }
+    }
+    return candidates;
+}
+
 bool is_blank(Target& target) {
     constexpr uint64_t kPlaces = 256;
     std::vector<uint8_t> bytes(4096);
@@ -320,21 +328,6 @@ bool is_blank(Target& target) {
     }
     return true;
 }
-
-bool is_blank(const ComparisonPlan& plan, const CheckResult& result) {
-    if (plan.target != nullptr)
-        return is_blank(*plan.target);
-    std::vector<std::string> files;
-    for (const PartResult& part : result.parts)
-        if (part.compared != 0 && std::find(files.begin(), files.end(), part.file) == files.end())
-            files.push_back(part.file);
-    return !files.empty() && std::all_of(files.begin(), files.end(), [&](const std::string& name) {
-        Target file;
-        return file.open(plan.directory + name) == 0 && is_blank(file);
-    });
-}
-
-}  // namespace
 
 Geometry geometry_of(const ConversionOptions& options) {
     const StorageSettings& s = options.settings;
@@ -377,7 +370,7 @@ void name_good_copies(CheckResult& result) {
 
 void diagnose(const ConversionOptions& options, const ComparisonPlan& plan, CheckResult& result) {
     const uint64_t wrong = wrong_bytes(result.parts);
-    if (is_blank(plan, result)) {
+    if (target_is_blank(plan, result)) {
         result.diagnoses.push_back(
             {"blank", "nothing was written here: all bytes that were looked at are 0 or 0xFF"});
         return;

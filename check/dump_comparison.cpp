@@ -1,7 +1,5 @@
 #include "dump_comparison.h"
 
-#include "../src/common/byte_run.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -31,16 +29,6 @@ std::string without_suffix(const std::string& file) {
 /// SPI NAND corrects by itself: a bit that differs is a difference.
 uint32_t max_flips(const DumpPlan& plan) {
     return plan.geometry.spare_areas ? plan.chip.max_flips : 0;
-}
-
-/// True when the page says which one it is: it is not all of one byte, apart from what follows its data.
-bool is_telling(std::span<const uint8_t> page, const UnitLayout& units) {
-    for (uint64_t k = 0; k < units.per_page && k * units.unit < page.size(); ++k) {
-        const std::span<const uint8_t> unit = page.subspan(k * units.unit);
-        if (!holds_only(unit.data(), std::min<uint64_t>(unit.size(), 1024), page[0]))
-            return true;
-    }
-    return false;
 }
 
 }  // namespace
@@ -187,17 +175,28 @@ void DumpComparison::start_file(std::span<const uint8_t> expected) {
     const uint64_t blocks = m_used.size();
     std::optional<BlockWindow> window = m_plan.layout.window_of(m_name);
     if (!window)
-        return search(page);
+        return search(expected);
     if (window->first >= blocks)
         return;
     window->last = std::min(window->last, blocks - 1);
     add_candidate(*window);
 }
 
-void DumpComparison::search(std::span<const uint8_t> page) {
+/// By the first page. If that is nowhere, it may be damaged: by the page in the middle of the first block.
+void DumpComparison::search(std::span<const uint8_t> expected) {
+    const uint64_t size = m_plan.geometry.page;
+    const uint64_t middle = expected.size() / size / 2;
+    search_page(expected.first(std::min<uint64_t>(size, expected.size())), 0);
+    const auto page = expected.subspan(middle * size).first(std::min<uint64_t>(size, expected.size()));
+    if (m_candidates.empty() && middle != 0 && is_telling(page, unit_layout(m_plan.geometry)))
+        search_page(page, middle);
+}
+
+void DumpComparison::search_page(std::span<const uint8_t> expected, uint64_t page) {
     const uint64_t blocks = m_used.size();
     for (uint64_t block = 0; block < blocks && m_candidates.size() < kMostCandidates; ++block)
-        if (knowledge_of(block) == BlockKnowledge::kNothing && m_judge.first_page_fits(page, block, false))
+        if (knowledge_of(block) == BlockKnowledge::kNothing &&
+            m_judge.page_fits(expected, block, page, false))
             add_candidate({.first = block, .last = blocks - 1});
 }
 
@@ -222,7 +221,7 @@ void DumpComparison::leave_good_candidates(std::span<const uint8_t> page) {
     const bool telling = is_telling(page, unit_layout(m_plan.geometry));
     std::erase_if(m_candidates, [&](const Candidate& candidate) {
         return some ? !begins_well(candidate)
-                    : !telling || !m_judge.first_page_fits(page, candidate.block, true);
+                    : !telling || !m_judge.page_fits(page, candidate.block, 0, true);
     });
 }
 

@@ -39,8 +39,8 @@ DumpFormat dump_format(const Geometry& geometry, const ChipOptions& options);
 constexpr uint64_t kMostDumpBlocks = 256 * 1024;
 
 /// Compares the files of a conversion, as it gives them, with the dump of a chip. Each file is placed by the
-/// layout or searched by its first page. Holds one erase block of the output, and of the dump one page or
-/// 128 KB.
+/// layout or searched by a page of its first block. Holds one erase block of the output, and of the dump one
+/// page or 128 KB.
 class DumpComparison : public OutputReceiver {
 public:
     explicit DumpComparison(DumpPlan plan);
@@ -58,7 +58,7 @@ public:
     struct File {
         PartResult result;
         std::vector<BlockCounts> flipped_blocks;
-        WrongBits wrong_bits;
+        BitFlips wrong_bits;
         uint64_t odd_tails = 0;  ///< pages with over kCorrectableFlips flips after their units
         /// Of the expected bytes. Empty after the first files of a firmware with very many or large pages.
         std::vector<uint8_t> first_page;
@@ -92,7 +92,8 @@ private:
     int take(const uint8_t* bytes, uint64_t count);
     int take_block(std::span<const uint8_t> expected);
     void start_file(std::span<const uint8_t> expected);
-    void search(std::span<const uint8_t> page);
+    void search(std::span<const uint8_t> expected);
+    void search_page(std::span<const uint8_t> expected, uint64_t page);
     void add_candidate(const BlockWindow& window);
     void leave_good_candidates(std::span<const uint8_t> page);
     void choose_candidate();

@@ -5,6 +5,7 @@
 #include "conversion_run.h"
 #include "conversion_summary.h"
 #include "diagnosis.h"
+#include "dump_check.h"
 #include "extracted_file.h"
 #include "extraction_plan.h"
 #include "extraction_target.h"
@@ -58,13 +59,6 @@ bool lies_in(const std::string& path, const FileIdentity& directory) {
         if (at == "/")
             return false;
     }
-}
-
-/// Until dumps are searched: an SLC or SPI NAND target has to be the directory of a conversion.
-std::optional<std::string> refuse_dump(const CheckOptions& options, Target& /*dump*/,
-                                       std::vector<Placement>& /*placements*/) {
-    return std::string(options.conversion.type->word) +
-           " gives a file for each partition: the target has to be their directory";
 }
 
 /// One extraction from the options to the result.
@@ -394,7 +388,7 @@ private:
 }  // namespace
 
 ExtractionResult run_extraction(const CheckOptions& options, const CheckProgress& progress) {
-    return run_extraction(options, progress, refuse_dump);
+    return run_extraction(options, progress, find_placements);
 }
 
 ExtractionResult run_extraction(const CheckOptions& options, const CheckProgress& progress,

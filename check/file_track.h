@@ -46,7 +46,7 @@ public:
     /// What was found so far, without names and verdict.
     PartResult& result() { return m_result; }
     const std::vector<BlockCounts>& flipped_blocks() const { return m_flipped_blocks; }
-    const WrongBits& wrong_bits() const { return m_wrong_bits; }
+    const BitFlips& wrong_bits() const { return m_wrong_bits; }
     uint64_t odd_tails() const { return m_odd_tails; }
 
 private:
@@ -70,6 +70,6 @@ private:
     uint64_t m_odd_tails = 0;
     std::vector<uint64_t> m_blocks;
     std::vector<BlockCounts> m_flipped_blocks;
-    WrongBits m_wrong_bits;
+    BitFlips m_wrong_bits;
     PartResult m_result;
 };

@@ -161,8 +161,6 @@ int run(const CheckOptions& options) {
             return run_extraction(asked, progress);
         });
     case Action::kCheck:
-    case Action::kEcc:
-    case Action::kExtract:
         break;
     }
     return report_run(options, run_check);

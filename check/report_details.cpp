@@ -2,6 +2,7 @@
 
 #include "places.h"
 #include "report.h"
+#include "report_chip.h"
 #include "report_copies.h"
 #include "report_tally.h"
 #include "words.h"
@@ -48,7 +49,7 @@ std::string run_line(const DifferenceRun& run, Correction correction, const Geom
                bytes_of_run(run, place.byte_of_sector, kSector, "");
     } else {
         text = "  block " + std::to_string(place.block) + ", page " + std::to_string(place.page) + " (page " +
-               std::to_string(place.page_of_target) + " of the file), ";
+               std::to_string(place.page_of_target) + (geometry.chip ? " of the dump), " : " of the file), ");
         text += place.unit
                     ? bytes_of_run(run, place.byte_of_unit, kUnit, " of unit " + std::to_string(*place.unit))
                     : bytes_of_run(run, place.byte_of_page, std::max<uint64_t>(geometry.page, 1), "");
@@ -58,7 +59,7 @@ std::string run_line(const DifferenceRun& run, Correction correction, const Geom
         text += ", correctable";
     else if (correction == Correction::kNotCorrectable)
         text += ", not correctable";
-    return text;
+    return text + held_instead(run);
 }
 
 /// Lines that all listed runs of the part and "and N more" take.

@@ -2,6 +2,7 @@
 
 #include "places.h"
 #include "report.h"
+#include "report_chip.h"
 #include "report_copies.h"
 #include "words.h"
 
@@ -63,12 +64,15 @@ std::string verdict_text(const PartResult& part, bool whole_image, bool color) {
     return facts.empty() ? word : word.append(separator) + joined(facts, "; ");
 }
 
-ReportRow row_of(const PartResult& part, const Geometry& geometry, bool color) {
+ReportRow row_of(const PartResult& part, const Geometry& geometry, bool color, bool verbose) {
     ReportRow row;
     row.verdict = part.verdict;
     row.cells.name = name_for_people(part);
     row.cells.words = verdict_text(part, geometry.whole_image, color);
-    if (geometry.whole_image)
+    if (geometry.chip) {
+        row.cells.numbers = chip_numbers(part, geometry);
+        row.cells.below = skipped_line(part, geometry, verbose);
+    } else if (geometry.whole_image)
         row.cells.numbers = {std::to_string(part.offset / kSector),
                              std::to_string(divided_up(part.bytes, kSector))};
     else
@@ -79,8 +83,8 @@ ReportRow row_of(const PartResult& part, const Geometry& geometry, bool color) {
 }
 
 /// A row for parts of an image that lie side by side: copies of one thing.
-ReportRow row_of(const Alike& copies, const Geometry& geometry, bool color) {
-    ReportRow row = row_of(*copies.front(), geometry, color);
+ReportRow row_of(const Alike& copies, const Geometry& geometry, bool color, bool verbose) {
+    ReportRow row = row_of(*copies.front(), geometry, color, verbose);
     if (copies.size() == 1)
         return row;
     std::vector<uint64_t> numbers;
@@ -107,7 +111,7 @@ std::vector<ReportRow> rows_of_parts(const CheckResult& result, bool color, bool
     Alike together;
     const auto add = [&] {
         if (!together.empty())
-            list.push_back(row_of(together, result.geometry, color));
+            list.push_back(row_of(together, result.geometry, color, each_part));
         together.clear();
     };
     for (const PartResult& part : result.parts) {
@@ -235,9 +239,11 @@ std::string table_of(const CheckResult& result, const std::vector<ReportRow>& ro
     std::vector<TableRow> cells;
     for (const ReportRow& row : shown)
         cells.push_back(row.cells);
-    const TableRow head = result.geometry.whole_image
-                              ? TableRow{"part", {"first sector", "sectors"}, "verdict"}
-                              : TableRow{"file", {"blocks", "pages", "bytes"}, "verdict"};
+    const TableRow head =
+        result.geometry.chip
+            ? TableRow{"file", {"found at", "blocks", "skipped", "flips", "worst unit"}, "verdict"}
+        : result.geometry.whole_image ? TableRow{"part", {"first sector", "sectors"}, "verdict"}
+                                      : TableRow{"file", {"blocks", "pages", "bytes"}, "verdict"};
     std::string text = table_text(head, cells);
     if (shown.size() != rows.size())
         add_line(text, line_of_others(rows, shown));

@@ -17,7 +17,7 @@ struct ReportRow {
 
 /// A row for each part, missing file and extra file, and for the rest of the target. An image that is missing
 /// has one row in place of those of its parts. Copies side by side of which the same is to be said share a
-/// row, unless each part is wanted.
+/// row, unless each part is wanted; then all blocks that were skipped are named too.
 std::vector<ReportRow> rows_of(const CheckResult& result, bool color, bool each_part);
 
 /// The table with at most so many rows, and a line that counts the others. Rows that are not "same" go first.

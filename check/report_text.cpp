@@ -1,4 +1,5 @@
 #include "report.h"
+#include "report_chip.h"
 #include "report_copies.h"
 #include "report_details.h"
 #include "report_rows.h"
@@ -32,8 +33,9 @@ constexpr std::size_t kLeastDetails = 2;
 constexpr std::size_t kUsualDetails = 4;  // for which the table gives way
 
 /// Diagnoses that explain all differences at once.
-constexpr std::array<std::string_view, 7> kExplainingCodes = {
-    "page-list", "2k-data", "rc4-key", "block-size", "page-or-spare-size", "other-firmware", "blank"};
+constexpr std::array<std::string_view, 11> kExplainingCodes = {
+    "page-list", "2k-data",  "rc4-key",        "block-size", "page-or-spare-size", "other-firmware",
+    "blank",     "no-spare", "spare-not-read", "offset",     "byte-swapped"};
 
 bool explains_all(const Diagnosis& diagnosis) {
     return std::find(kExplainingCodes.begin(), kExplainingCodes.end(), diagnosis.code) !=
@@ -76,6 +78,7 @@ public:
 
     std::string text() {
         add_way_of_reading();
+        m_text += chip_lines(m_result);
         add_warnings();
         add_second_opinion();
         add_diagnoses();
@@ -251,7 +254,9 @@ std::string TextReport::why_not_same() const {
     std::vector<std::string> reasons = {""};
     if (opinion_verdict(m_result) == OpinionVerdict::kDiffers)
         reasons.emplace_back("second opinion differs");
-    if (m_result.rest_counts)
+    if (m_result.rest_counts && m_result.blocks_of_chip)
+        reasons.push_back(counted(m_result.blocks_of_chip->other, "other block") + " not erased");
+    else if (m_result.rest_counts)
         reasons.emplace_back("rest not empty");
     if (m_result.warnings_count)
         reasons.push_back(counted(m_result.warnings.size(), "warning"));
@@ -267,7 +272,11 @@ std::string TextReport::closing_line() const {
             compared += part.compared;
     const std::string word =
         m_result.verdict == Verdict::kSame ? paint("same", Color::kGreen) : paint("differs", Color::kRed);
-    return word + ": " + numbers_of_parts() + why_not_same() + "; " + readable_bytes(compared) + " compared";
+    const std::string answer = word + ": " + numbers_of_parts() + why_not_same() + "; ";
+    if (m_result.blocks_of_chip)
+        return answer + counted(m_result.blocks_of_chip->bad + m_result.blocks_of_chip->other, "block") +
+               " bad or foreign";
+    return answer + readable_bytes(compared) + " compared";
 }
 
 }  // namespace

@@ -47,7 +47,10 @@ std::string table_text(const TableRow& head, const std::vector<TableRow>& rows) 
     const Widths widths = widths_of(head, rows);
     std::string text;
     add_line(text, line_of(head, widths));
-    for (const TableRow& row : rows)
+    for (const TableRow& row : rows) {
         add_line(text, line_of(row, widths));
+        if (!row.below.empty())
+            add_line(text, row.below);
+    }
     return text;
 }

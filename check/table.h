@@ -9,6 +9,7 @@ struct TableRow {
     std::string name;
     std::vector<std::string> numbers;  ///< fewer than in the head: the others are empty
     std::string words;
+    std::string below{};  ///< a line after the row; empty: none
 };
 
 /// The head and the rows, a line for each. Columns are as wide as what is in them.
