@@ -28,7 +28,7 @@ public:
             line(dump_line());
             line(flips_per_unit(m_result.units));
             line(directions(m_result.units) + worst_unit());
-            add_hopeless_units();
+            add_lost_units();
             add_list_indexes();
             add_tails();
             if (m_style.verbose)
@@ -52,9 +52,12 @@ private:
             pieces.push_back("1 block of " + counted(m_result.pages_of_last, "page"));
         std::string text =
             "dump             " + enumerated(pieces) + ", " + counted(m_result.units.units, "unit");
+        std::vector<std::string> others;
         if (m_result.erased_blocks != 0)
-            text += "; " + counted(m_result.erased_blocks, "block") + " erased";
-        return text;
+            others.push_back(counted(m_result.erased_blocks, "block") + " erased");
+        if (m_result.passed_blocks != 0)
+            others.push_back(counted(m_result.passed_blocks, "block") + " passed over");
+        return text + (others.empty() ? "" : "; ") + joined(others, ", ");
     }
 
     std::string worst_unit() const {
@@ -64,11 +67,21 @@ private:
                place_text(*m_result.worst);
     }
 
-    void add_hopeless_units() {
-        for (const UnitPlace& place : m_result.beyond)
-            line("not correctable: " + place_text(place));
-        if (m_result.units.beyond > m_result.beyond.size())
-            line("and " + counted(m_result.units.beyond - m_result.beyond.size(), "more unit"));
+    void add_lost_units() {
+        for (const LostUnits& block : m_result.lost)
+            line("not correctable: " + lost_text(block));
+        if (m_result.lost_blocks > m_result.lost.size())
+            line("and units of " + counted(m_result.lost_blocks - m_result.lost.size(), "more block"));
+    }
+
+    static std::string lost_text(const LostUnits& block) {
+        if (block.lost == 1)
+            return place_text(block.first);
+        const std::string text = "block " + std::to_string(block.first.block) + ", ";
+        if (block.lost == block.units)
+            return text + "all " + counted(block.units, "unit");
+        return text + std::to_string(block.lost) + " of " + counted(block.units, "unit") +
+               ", the first in page " + std::to_string(block.first.page);
     }
 
     void add_list_indexes() {
@@ -127,7 +140,7 @@ private:
         std::vector<std::string> reasons;
         if (units.beyond != 0)
             reasons.push_back(std::to_string(units.beyond) + " of " + counted(units.units, "unit") +
-                              " not correctable");
+                              " not correctable, in " + counted(m_result.lost_blocks, "block"));
         if (m_result.over_limit() != 0)
             reasons.push_back(counted(m_result.over_limit(), "unit") + " with more than " +
                               counted(m_result.max_flips, "flip"));
@@ -161,6 +174,7 @@ Json dump_object(const EccResult& result) {
     object["blocks"] = result.blocks;
     object["pages_of_block"] = pages_of_block(result);
     object["erased_blocks"] = result.erased_blocks;
+    object["passed_blocks"] = result.passed_blocks;
     object["tail_bytes"] = result.tail_bytes;
     object["tail_pages"] = result.tail_pages;
     return object;

@@ -21,6 +21,16 @@ struct UnitPlace {
 /// Units that the parity does not correct: their places are kept up to this number.
 constexpr std::size_t kMostListedUnits = 10;
 
+/// A block with units that the parity does not correct.
+struct LostUnits {
+    UnitPlace first;
+    uint64_t lost = 0;
+    uint64_t units = 0;  ///< of the block
+};
+
+/// Blocks with such units are kept up to this number.
+constexpr std::size_t kMostLostBlocks = 10;
+
 struct EccResult {
     ConversionSummary conversion;
     Geometry geometry;        ///< as the command line gives it
@@ -35,11 +45,14 @@ struct EccResult {
     uint64_t blocks = 0;         ///< erase blocks in which they lie
     uint64_t pages_of_last = 0;  ///< pages of the last one, when it is not whole; else 0
     uint64_t erased_blocks = 0;  ///< whole blocks with nothing but erased units
+    uint64_t passed_blocks = 0;  ///< known to be bad, and not judged
     uint64_t tail_bytes = 0;     ///< bytes after the units of a page that are not 0xFF
     uint64_t tail_pages = 0;     ///< pages with such bytes
     std::optional<UnitPlace>
         worst;  ///< the first of the correctable units with the most flips; none: no flips
     std::vector<UnitPlace> beyond;  ///< the first units that are not correctable
+    std::vector<LostUnits> lost;    ///< the first blocks with such units
+    uint64_t lost_blocks = 0;       ///< all blocks with such units
     ListIndexes indexes;
     std::vector<BlockCounts> flipped_blocks;  ///< in their order, up to kMostListedBlocks
     uint64_t flipped_blocks_found = 0;

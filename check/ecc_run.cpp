@@ -155,8 +155,18 @@ private:
             return;
         }
         EccScan scan(m_result.geometry, m_result);
-        for (uint64_t first = 0; first < m_pages; first += together) {
-            const uint64_t count = std::min(together, m_pages - first);
+        const uint64_t pages_of_block = m_result.geometry.block / page;
+        const std::vector<uint64_t>& bad = m_options.chip.bad_blocks;
+        auto next_bad = bad.begin();
+        for (uint64_t first = 0, count = 0; first < m_pages; first += count) {
+            const uint64_t ready = next_bad == bad.end() ? m_pages : *next_bad * pages_of_block;
+            if (first == ready) {
+                scan.pass_block();
+                count = pages_of_block;
+                ++next_bad;
+                continue;
+            }
+            count = std::min({together, m_pages - first, ready - first});
             if (!take_pages(scan, first, count, piece.data()))
                 for (uint64_t i = first; i < first + count; ++i)
                     take_page(scan, i, piece.data());

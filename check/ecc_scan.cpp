@@ -37,6 +37,12 @@ void EccScan::pass_unreadable() {
     end_page();
 }
 
+void EccScan::pass_block() {
+    ++m_result.blocks;
+    ++m_result.passed_blocks;
+    ++m_place.block;
+}
+
 void EccScan::finish() {
     if (m_place.page != 0) {
         m_result.pages_of_last = m_place.page;
@@ -83,7 +89,8 @@ void EccScan::count_flips(const UnitVerdict& verdict) {
 
 void EccScan::count_beyond() {
     ++m_result.units.beyond;
-    ++m_block.beyond;
+    if (m_block.beyond++ == 0)
+        m_first_lost = m_place;
     if (m_result.beyond.size() < kMostListedUnits)
         m_result.beyond.push_back(m_place);
 }
@@ -122,6 +129,9 @@ void EccScan::end_block() {
             m_result.flipped_blocks.push_back(m_block);
         }
     }
+    if (m_block.beyond != 0 && m_result.lost_blocks++ < kMostLostBlocks)
+        m_result.lost.push_back(
+            {.first = m_first_lost, .lost = m_block.beyond, .units = m_place.page * m_units_of_page});
     m_block = {};
     m_erased_of_block = 0;
     ++m_place.block;

@@ -13,6 +13,8 @@ public:
     void take(uint8_t* pages, uint64_t count);
     /// The next page was not readable. Its units are not counted.
     void pass_unreadable();
+    /// The next block is known to be bad. Nothing of it is counted, and the list indexes go on after it.
+    void pass_block();
     /// Adds what is known only at the end.
     void finish();
 
@@ -33,6 +35,7 @@ private:
     ListIndexRuns m_indexes;
     UnitPlace m_place;    // of the next unit
     BlockCounts m_block;  // of the block that is taken
+    UnitPlace m_first_lost;
     uint64_t m_erased_of_block = 0;
     uint32_t m_worst = 0;  // most flips of a unit
 };

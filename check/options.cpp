@@ -196,7 +196,7 @@ private:
         if (const auto wrong = m_chip.take(code, ::optarg))
             return fail(*wrong);
         note_own(name_of(code), m_of_chips);
-        if (code != kMaxFlips && code != kWarnFlips && code != kSkip)
+        if (code != kMaxFlips && code != kWarnFlips && code != kSkip && code != kBadBlocks)
             note_own(name_of(code), m_of_placed_dumps);
     }
 

@@ -109,8 +109,9 @@ TEST(ChipOptions, AreRefusedForWholeImages) {
 
 TEST(EccOption, TakesADumpAlone) {
     const CheckOptions options =
-        parse({"--ecc", "-t", "slc", "-b", "128", "-p", "2", "-s", "64", "chip.bin"});
+        parse({"--ecc", "-t", "slc", "-b", "128", "-p", "2", "-s", "64", "--bad-blocks=9", "chip.bin"});
     EXPECT_EQ(options.error, std::nullopt);
+    EXPECT_EQ(options.chip.bad_blocks, std::vector<uint64_t>{9});
     EXPECT_EQ(options.action, Action::kEcc);
     EXPECT_EQ(options.target, "chip.bin");
     EXPECT_EQ(parse({"--ecc", "-t", "slc", "-b", "128", "-p", "2", "-s", "64"}).error,

@@ -50,6 +50,8 @@ EccResult hopeless_result() {
     result.units.beyond = 12;
     for (uint64_t page = 0; page < kMostListedUnits; ++page)
         result.beyond.push_back({9, page, 1});
+    result.lost = {{{9, 3, 1}, 12, 128}, {{10, 0, 0}, 128, 128}, {{11, 5, 1}, 1, 128}};
+    result.lost_blocks = 5;
     result.flipped_blocks[1].beyond = 12;
     result.indexes.out_of_order = 2;
     result.tail_bytes = 12;
@@ -107,20 +109,23 @@ TEST(EccText, OfFlips) {
 TEST(EccText, OfUnitsBeyond) {
     const std::string text = text_of(hopeless_result());
     EXPECT_EQ(text.substr(text.find("not correctable:")),
-              "not correctable: block 9, page 0, unit 1\n"
-              "not correctable: block 9, page 1, unit 1\n"
-              "not correctable: block 9, page 2, unit 1\n"
-              "not correctable: block 9, page 3, unit 1\n"
-              "not correctable: block 9, page 4, unit 1\n"
-              "not correctable: block 9, page 5, unit 1\n"
-              "not correctable: block 9, page 6, unit 1\n"
-              "not correctable: block 9, page 7, unit 1\n"
-              "not correctable: block 9, page 8, unit 1\n"
-              "not correctable: block 9, page 9, unit 1\n"
-              "and 2 more units\n"
+              "not correctable: block 9, 12 of 128 units, the first in page 3\n"
+              "not correctable: block 10, all 128 units\n"
+              "not correctable: block 11, page 5, unit 1\n"
+              "and units of 2 more blocks\n"
               "list indexes: 3 runs, step 4, 2 pages out of order\n"
               "after the units: 12 bytes not 0xFF, in 1 page\n"
-              "differs: 12 of 16384 units not correctable; 86 bits flipped\n");
+              "differs: 12 of 16384 units not correctable, in 5 blocks; 86 bits flipped\n");
+}
+
+TEST(EccText, BlocksThatArePassedOver) {
+    EccResult result = clean_result();
+    result.passed_blocks = 1;
+    EXPECT_TRUE(text_of(result).starts_with(
+        "dump             128 blocks of 64 pages, 16384 units; 40 blocks erased, 1 block passed over\n"));
+    result.erased_blocks = 0;
+    EXPECT_TRUE(text_of(result).starts_with(
+        "dump             128 blocks of 64 pages, 16384 units; 1 block passed over\n"));
 }
 
 TEST(EccText, OfUnitsOverTheLimit) {
@@ -129,8 +134,9 @@ TEST(EccText, OfUnitsOverTheLimit) {
     result.verdict = Verdict::kDiffers;
     EXPECT_TRUE(text_of(result).ends_with("differs: 3 units with more than 1 flip; 86 bits flipped\n"));
     result.units.beyond = 1;
-    EXPECT_TRUE(text_of(result).ends_with(
-        "differs: 1 of 16384 units not correctable, 3 units with more than 1 flip; 86 bits flipped\n"));
+    result.lost_blocks = 1;
+    EXPECT_TRUE(text_of(result).ends_with("differs: 1 of 16384 units not correctable, in 1 block, 3 units "
+                                          "with more than 1 flip; 86 bits flipped\n"));
 }
 
 TEST(EccText, WarningsThatCount) {
@@ -210,8 +216,9 @@ TEST(EccJson, OfFlips) {
     EXPECT_EQ(document["status"], 0);
     EXPECT_EQ(document["conversion"]["spare"], 64);
     EXPECT_EQ(document["target"].dump(), R"({"kind":"dump","path":"chip.bin"})");
-    EXPECT_EQ(document["dump"].dump(), R"({"pages":8192,"blocks":128,"pages_of_block":64,)"
-                                       R"("erased_blocks":40,"tail_bytes":0,"tail_pages":0})");
+    EXPECT_EQ(document["dump"].dump(),
+              R"({"pages":8192,"blocks":128,"pages_of_block":64,)"
+              R"("erased_blocks":40,"passed_blocks":0,"tail_bytes":0,"tail_pages":0})");
     Json ecc = document["ecc"];
     EXPECT_NEAR(ecc["bit_error_rate"].get<double>(), 86.0 / (11264.0 * 8448), 1e-15);
     ecc.erase("bit_error_rate");

@@ -169,6 +169,56 @@ TEST(EccRun, FewPlacesOfUnitsBeyondAreKept) {
     EXPECT_EQ(result.beyond.size(), kMostListedUnits);
 }
 
+TEST(EccRun, UnitsBeyondAreNamedByBlock) {
+    EccBench bench;
+    bench.dump.add_file(13);
+    for (uint64_t page = 0; page < 64; ++page) {
+        bench.dump.flip(1, page, 0, 30);
+        bench.dump.flip(1, page, 1, 30);
+    }
+    for (uint64_t block = 2; block < 13; ++block)
+        bench.dump.flip(block, 63, 1, 30);
+    const EccResult result = bench.judge();
+    EXPECT_EQ(result.lost_blocks, 12u);
+    ASSERT_EQ(result.lost.size(), kMostLostBlocks);
+    EXPECT_EQ(text_of(result.lost[0].first), "1/0/0");
+    EXPECT_EQ(result.lost[0].lost, 128u);
+    EXPECT_EQ(result.lost[0].units, 128u);
+    EXPECT_EQ(text_of(result.lost[1].first), "2/63/1");
+    EXPECT_EQ(result.lost[1].lost, 1u);
+    EXPECT_EQ(text_of(result.lost[9].first), "10/63/1");
+}
+
+TEST(EccRun, KnownBadBlocksAreNotJudged) {
+    EccBench bench;
+    bench.dump.add_file(2);
+    bench.dump.add_bytes(patterned(bench.dump.block(), 4));
+    bench.dump.add_file(1);
+    bench.dump.add_bytes(patterned(2 * bench.dump.block(), 5));
+    bench.options.chip.bad_blocks = {2, 4, 5, 6, 4294967295};
+    const EccResult result = bench.judge();
+    EXPECT_EQ(result.verdict, Verdict::kSame);
+    EXPECT_EQ(result.passed_blocks, 3u);
+    EXPECT_EQ(result.blocks, 6u);
+    EXPECT_EQ(result.pages, 3u * 64);
+    EXPECT_EQ(result.units.units, 3u * 128);
+    EXPECT_EQ(result.units.beyond, 0u);
+    EXPECT_EQ(result.indexes.runs, 2u);
+    EXPECT_EQ(result.indexes.out_of_order, 0u);
+}
+
+TEST(EccRun, PlacesAfterAKnownBadBlock) {
+    EccBench bench;
+    bench.dump.add_bytes(patterned(bench.dump.block(), 4));
+    bench.dump.add_file(2);
+    bench.dump.flip(2, 7, 1, 3);
+    bench.options.chip.bad_blocks = {0};
+    const EccResult result = bench.judge();
+    ASSERT_TRUE(result.worst);
+    EXPECT_EQ(text_of(*result.worst), "2/7/1");
+    EXPECT_EQ(result.flipped_blocks[0].block, 2u);
+}
+
 TEST(EccRun, MaxFlipsDecides) {
     EccBench bench;
     bench.dump.add_file(1);
