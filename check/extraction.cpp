@@ -298,7 +298,8 @@ private:
             result.note = !part.refusal.empty() ? part.refusal : part.file + " is not in the target";
             return true;
         }
-        PartData data(*target, {result.places, m_layout, part.offset, m_index_step});
+        PartData data(*target,
+                      {result.places, m_layout, part.offset, m_index_step, m_options.max_differences});
         ExtractedFile file(m_output,
                            {.replace = m_options.chip.force, .holes = m_options.chip.holes != When::kNever});
         if (const int error = file.open(part.output); error != 0)

@@ -35,8 +35,8 @@ struct Sums {
     }
 };
 
-Place place_in(const ExtractedPart& part, const DataCounts::BadUnit& unit, const Geometry& geometry) {
-    return part.places.place_in_target(unit.offset, geometry);
+Place place_in(const ExtractedPart& part, const DataCounts::BadUnits& units, const Geometry& geometry) {
+    return part.places.place_in_target(units.offset, geometry);
 }
 
 /// What is wrong with the data of a part, in a row of the table.
@@ -127,7 +127,7 @@ private:
             add_line(m_text, "and " + counted(m_result.parts.size() - rows.size(), "more file"));
     }
 
-    /// A line for each listed unit that could not be corrected.
+    /// A line for each listed place with units that could not be corrected.
     void add_places() {
         std::size_t lines = 0;
         for (const ExtractedPart& part : m_result.parts) {
@@ -136,19 +136,23 @@ private:
                 continue;
             add_line(m_text, escaped(part.file) + ": not corrected, written as read:");
             const std::size_t shown = std::min(units.size(), limit(kMostPlaces) - lines);
-            for (std::size_t i = 0; i < shown; ++i)
+            uint64_t left = part.counts.units.beyond;
+            for (std::size_t i = 0; i < shown; ++i) {
                 add_line(m_text, place_line(part, units[i]));
+                left -= units[i].units;
+            }
             lines += shown;
-            if (shown != part.counts.units.beyond)
-                add_line(m_text, "  and " + counted(part.counts.units.beyond - shown, "more unit"));
+            if (left != 0)
+                add_line(m_text, "  and " + counted(left, "more unit"));
         }
     }
 
-    std::string place_line(const ExtractedPart& part, const DataCounts::BadUnit& unit) const {
-        const Place place = place_in(part, unit, m_result.geometry);
-        return "  byte " + std::to_string(unit.position) + " of the data: block " +
+    std::string place_line(const ExtractedPart& part, const DataCounts::BadUnits& units) const {
+        const Place place = place_in(part, units, m_result.geometry);
+        return "  byte " + std::to_string(units.position) + " of the data: block " +
                std::to_string(place.block) + ", page " + std::to_string(place.page) + ", unit " +
-               std::to_string(place.unit.value_or(0)) + " of the target";
+               std::to_string(place.unit.value_or(0)) + " of the target" +
+               (units.units == 1 ? "" : " and " + counted(units.units - 1, "unit") + " after it");
     }
 
     void add_units() {
@@ -194,11 +198,12 @@ private:
 
 Json bad_units_array(const ExtractedPart& part, const Geometry& geometry) {
     Json list = Json::array();
-    for (const DataCounts::BadUnit& unit : part.counts.bad_units) {
-        const Place place = place_in(part, unit, geometry);
+    for (const DataCounts::BadUnits& units : part.counts.bad_units) {
+        const Place place = place_in(part, units, geometry);
         Json object;
-        object["position"] = unit.position;
-        object["offset"] = unit.offset;
+        object["position"] = units.position;
+        object["offset"] = units.offset;
+        object["units"] = units.units;
         object["block"] = place.block;
         object["page"] = place.page;
         object["unit"] = place.unit.value_or(0);

@@ -185,8 +185,7 @@ void PartData::note(const Unit& unit, const UnitVerdict& verdict) {
     ++units.units;
     if (!verdict.correctable) {
         ++units.beyond;
-        if (m_counts.bad_units.size() < DataCounts::kMostBadUnits)
-            m_counts.bad_units.push_back({unit.position, unit.place});
+        list_bad(unit);
         return;
     }
     ++units.flips[verdict.flips()];
@@ -199,6 +198,18 @@ void PartData::note(const Unit& unit, const UnitVerdict& verdict) {
     }
     if (m_source.index_step != 0 && unit.in_file % m_source.layout.page == 0)
         look_at_index(unit);
+}
+
+/// A bad block is one entry of the list, not one for each of its units.
+void PartData::list_bad(const Unit& unit) {
+    const bool begins_block = unit.in_file % m_source.places.block == 0;
+    if (unit.position == m_next_bad && !begins_block)
+        ++m_counts.bad_units.back().units;
+    else if (m_counts.bad_units.size() < m_source.most_bad_units)
+        m_counts.bad_units.push_back({unit.position, unit.place});
+    else
+        return;
+    m_next_bad = unit.position + kUnitData;
 }
 
 /// The first unit of a page has the list index. An erased page has none.

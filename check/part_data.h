@@ -27,18 +27,18 @@ struct FilePlaces {
 
 /// What was found out about a part's data while it was read.
 struct DataCounts {
-    /// A unit that cannot be corrected.
-    struct BadUnit {
-        uint64_t position = 0;  ///< of its first byte in the data
+    /// Units that cannot be corrected, with no other between them. All lie in one erase block.
+    struct BadUnits {
+        uint64_t position = 0;  ///< of the first byte in the data
         uint64_t offset = 0;    ///< in the target
+        uint64_t units = 1;
     };
-    static constexpr std::size_t kMostBadUnits = 10;
 
-    UnitCounts units;                ///< of SLC NAND
-    std::vector<BadUnit> bad_units;  ///< the first ones; units.beyond counts all
-    uint64_t unreadable = 0;         ///< bytes of data that failed to be read: zeros stand for them
-    uint64_t erased_pages = 0;       ///< of SLC NAND, with data: nothing was written to them
-    uint64_t foreign_pages = 0;      ///< of SLC NAND, with data: they have the list index of another page
+    UnitCounts units;                 ///< of SLC NAND
+    std::vector<BadUnits> bad_units;  ///< the first ones; units.beyond counts all
+    uint64_t unreadable = 0;          ///< bytes of data that failed to be read: zeros stand for them
+    uint64_t erased_pages = 0;        ///< of SLC NAND, with data: nothing was written to them
+    uint64_t foreign_pages = 0;       ///< of SLC NAND, with data: they have the list index of another page
 };
 
 /// Reads a part's data out of a target: without spare areas, and corrected by the parity of SLC NAND. The
@@ -52,6 +52,7 @@ public:
         PageLayout layout;
         uint64_t offset = 0;
         uint32_t index_step = 0;
+        uint64_t most_bad_units = 10;  ///< entries of DataCounts::bad_units
     };
 
     /// The target outlives this. Throws std::bad_alloc without memory.
@@ -81,12 +82,14 @@ private:
     void read_each();
     void correct();
     void note(const Unit& unit, const UnitVerdict& verdict);
+    void list_bad(const Unit& unit);
     void look_at_index(const Unit& unit);
 
     Target& m_target;
     const Source m_source;
     std::optional<UnitCorrector> m_corrector;  // of SLC NAND
     DataCounts m_counts;
+    uint64_t m_next_bad = UINT64_MAX;  // position of the unit that would go on with the last of the bad ones
     ByteBuffer m_raw;
     std::vector<Unit> m_units;  // that are read together
 };

@@ -57,9 +57,10 @@ TEST(ExtractionText, HasARowForEachFile) {
 TEST(ExtractionText, ListsWhatIsNotRight) {
     ExtractedPart boot = extracted("boot", 5000);
     boot.verdict = Verdict::kDiffers;
-    boot.counts.units.beyond = 12;
+    boot.counts.units.beyond = 13;
     for (uint64_t unit = 0; unit < 10; ++unit)
         boot.counts.bad_units.push_back({unit * 2048, 64 * 2112 + unit * 2112});
+    boot.counts.bad_units[1].units = 2;
     boot.counts.erased_pages = 1;
     ExtractionResult result = result_of({boot, left_out("../x", "its name has a '/'")});
     result.verdict = Verdict::kDiffers;
@@ -67,17 +68,17 @@ TEST(ExtractionText, ListsWhatIsNotRight) {
     const std::string text = extraction_text(result, {});
     EXPECT_TRUE(text.starts_with(
         "file       bytes   flips   worst unit   verdict\n"
-        "boot.img    5000       0            0   differs: 12 units not correctable, 1 page erased\n"
+        "boot.img    5000       0            0   differs: 13 units not correctable, 1 page erased\n"
         "../x.img                                not extracted: its name has a '/'\n"
         "boot.img: not corrected, written as read:\n"
         "  byte 0 of the data: block 1, page 0, unit 0 of the target\n"
-        "  byte 2048 of the data: block 1, page 1, unit 0 of the target\n"))
+        "  byte 2048 of the data: block 1, page 1, unit 0 of the target and 1 unit after it\n"))
         << text;
     EXPECT_TRUE(text.ends_with("  and 2 more units\n"
-                               "flips per unit   0: 4   1 to 16: 0   beyond: 12\n"
+                               "flips per unit   0: 4   1 to 16: 0   beyond: 13\n"
                                "1 to 0: 0   0 to 1: 0   bit error rate 0\n"
                                "warning: one\\x0atwo\n"
-                               "differs: 1 of 2 files, 1 not extracted, 12 units not correctable; "
+                               "differs: 1 of 2 files, 1 not extracted, 13 units not correctable; "
                                "4.8 KiB extracted, 0 bits corrected\n"))
         << text;
 }
@@ -135,7 +136,7 @@ TEST(ExtractionJson, HasAllThatWasFound) {
     EXPECT_EQ(first.at("ecc").at("uncorrectable"), 1);
     EXPECT_EQ(first.at("ecc").at("flips").size(), 17U);
     EXPECT_EQ(first.at("uncorrectable").dump(),
-              R"([{"block":0,"offset":3168,"page":1,"position":1024,"unit":1}])");
+              R"([{"block":0,"offset":3168,"page":1,"position":1024,"unit":1,"units":1}])");
     EXPECT_EQ(first.at("overwritten"), true);
     const Json& second = document.at("files").at(1);
     EXPECT_EQ(second.at("name"), "\\xff");

@@ -111,15 +111,38 @@ TEST_P(SlcExtraction, ListsAUnitWith17Flips) {
 INSTANTIATE_TEST_SUITE_P(Geometries, SlcExtraction, testing::ValuesIn(all_nand_geometries()),
                          [](const auto& tested) { return tested.param.name(); });
 
-TEST(Extraction, ListsTheFirst10BadUnitsAndCountsAll) {
-    const ExtractionBench bench(kSlcNand);
+TEST(Extraction, ListsTheFirst10BadPlacesAndCountsAll) {
+    Firmware firmware = sample_firmware();
+    firmware.item("rootfs").data = patterned(12 * 2048, 5);
+    ExtractionBench bench(kSlcNand, firmware);
     Bytes file = bench.output("rootfs.img");
-    for (std::size_t unit = 0; unit < 12; ++unit)
+    for (std::size_t page = 0; page < 12; ++page)
+        flip_bits(file, page * 2112, 40, static_cast<uint32_t>(page));
+    write_file(bench.out("rootfs.img"), file);
+    ExtractedPart part = part_of(bench.extract(), "rootfs");
+    EXPECT_EQ(part.counts.units.beyond, 12U);
+    EXPECT_EQ(part.counts.bad_units.size(), 10U);
+    bench.options.max_differences = 11;
+    bench.options.chip.force = true;
+    part = part_of(bench.extract(), "rootfs");
+    EXPECT_EQ(part.counts.units.beyond, 12U);
+    EXPECT_EQ(part.counts.bad_units.size(), 11U);
+}
+
+TEST(Extraction, BadUnitsSideBySideAreOnePlace) {
+    const ExtractionBench bench(with(kSlcNand, "8", "2", "64"));  // blocks of 4 pages
+    Bytes file = bench.output("rootfs.img");
+    for (std::size_t unit = 6; unit < 11; ++unit)
         flip_bits(file, unit / 2 * 2112 + unit % 2 * kUnit, 40, static_cast<uint32_t>(unit));
     write_file(bench.out("rootfs.img"), file);
     const ExtractedPart part = part_of(bench.extract(), "rootfs");
-    EXPECT_EQ(part.counts.units.beyond, 12U);
-    EXPECT_EQ(part.counts.bad_units.size(), 10U);
+    EXPECT_EQ(part.counts.units.beyond, 5U);
+    ASSERT_EQ(part.counts.bad_units.size(), 2U) << "a place ends with its erase block";
+    EXPECT_EQ(part.counts.bad_units[0].position, 6U * kUnitData);
+    EXPECT_EQ(part.counts.bad_units[0].units, 2U);
+    EXPECT_EQ(part.counts.bad_units[1].position, 8U * kUnitData);
+    EXPECT_EQ(part.counts.bad_units[1].offset, 4U * 2112);
+    EXPECT_EQ(part.counts.bad_units[1].units, 3U);
 }
 
 TEST(Extraction, CountsFlipsByTheirDirection) {
@@ -358,7 +381,7 @@ TEST(Extraction, NamesPlacesOfADumpByItsBlocks) {
     const ExtractionResult result = bench.extract_from_dump({placed_at("boot.img", {2})});
     const Json document = Json::parse(extraction_json(result));
     const Json unit = document.at("files").at(3).at("uncorrectable").at(0);
-    EXPECT_EQ(unit.dump(), R"({"block":2,"offset":273604,"page":1,"position":3072,"unit":1})");
+    EXPECT_EQ(unit.dump(), R"({"block":2,"offset":273604,"page":1,"position":3072,"unit":1,"units":1})");
 }
 
 // ---- without a firmware ----
