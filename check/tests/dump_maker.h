@@ -47,7 +47,7 @@ public:
     void flip(uint64_t block_number, uint64_t page_number, uint64_t unit, uint32_t count,
               uint32_t first_bit = 5) {
         for (uint32_t i = 0; i < count; ++i) {
-            const uint32_t bit = (first_bit + i * 131) % (8 * kUnit);
+            const auto bit = static_cast<uint32_t>((first_bit + i * 131) % (8 * kUnit));
             m_bytes.at(unit_at(block_number, page_number, unit) + bit / 8) ^=
                 static_cast<uint8_t>(1U << bit % 8);
         }
