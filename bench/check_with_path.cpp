@@ -1,6 +1,7 @@
 // Checks as nandsmith-check does, with a BCH path of the caller's choice, and prints nothing.
 
 #include "check/check.h"
+#include "check/ecc_run.h"
 #include "check/options.h"
 #include "named_path.h"
 
@@ -11,14 +12,19 @@
 
 namespace {
 
-// The conversion selects the fastest path before its first bytes come. The progress is told of these, after
-// at most one block of the output.
-int check(const CheckOptions& options, const BchPath& path) {
-    const CheckResult result =
-        run_check(options, [&path](uint64_t /*done*/, uint64_t /*total*/) { bch_select_path(path); });
+template <typename Result>
+int status_of_run(const Result& result) {
     if (result.error)
         std::fprintf(stderr, "check_with_path: %s\n", result.error->c_str());
     return result.status();
+}
+
+// Whoever encodes selects the fastest path before the first bytes come. The progress is told of these, after
+// at most one block of the output or the dump.
+int check(const CheckOptions& options, const BchPath& path) {
+    const auto select = [&path](uint64_t /*done*/, uint64_t /*total*/) { bch_select_path(path); };
+    return options.action == Action::kEcc ? status_of_run(run_ecc(options, select))
+                                          : status_of_run(run_check(options, select));
 }
 
 }  // namespace

@@ -25,6 +25,10 @@ constexpr double kCheckSparseLimit = 1.1;
 constexpr double kCheckSlcCompareLimit = 1.5;
 constexpr double kCheckSlcLimit = 2.0;
 constexpr double kCheckTableLimit = 4.0;
+constexpr double kCheckDumpLimit = 2.0;
+constexpr double kEccRate = 2.0;
+constexpr double kEccTableRate = 1.0;
+constexpr double kEccFlipsRate = 1.0;
 
 Words program_words(const Programs& programs, const Words& options) {
     Words words{programs.nandsmith.string(), "-i", "@firmware", "-o", "@output"};
@@ -94,6 +98,41 @@ Row check_row(const Programs& programs, const std::string& name, InputKind input
     return row;
 }
 
+// Converts, and makes the dump of a chip in place of the files: "$1" the bit error rate.
+constexpr const char* kMakeDump = R"(set -e
+"$2" -i "$4" -o "$5" -t slc -b 128 -p 2 -s 64
+blocks=$(($(cat "$5"/*.img | wc -c) / (64 * 2112) * 105 / 100 + 64))
+"$3" --from "$5" --page 2112 --pages-per-block 64 --blocks $blocks --ber "$1" --out "$6/chip.bin"
+rm "$5"/*
+mv "$6/chip.bin" "$5")";
+
+// The dump of a chip with bits that flipped at this rate. mode: words before those of the geometry.
+Row dump_row(const Programs& programs, const std::string& name, const std::string& rate, const Words& mode) {
+    Row row{.name = name,
+            .words = mode,
+            .preparation = {"sh", "-c", kMakeDump, "make-dump", rate, programs.nandsmith.string(),
+                            programs.make_sample_dump.string(), "@firmware", "@output", "@copy"}};
+    for (const char* word : {"-t", "slc", "-b", "128", "-p", "2", "-s", "64", "@dump"})
+        row.words.emplace_back(word);
+    return row;
+}
+
+void add_dump_rows(const Programs& programs, std::vector<Row>& rows) {
+    const std::string check = programs.nandsmith_check.string();
+    const std::string on_path = programs.check_with_path.string();
+    const auto add = [&](const std::string& name, const std::string& rate, double limit, double least_rate,
+                         const Words& mode) {
+        Row row = dump_row(programs, name, rate, mode);
+        row.limit = limit;
+        row.least_rate = least_rate;
+        rows.push_back(std::move(row));
+    };
+    add("check-dump", "0", kCheckDumpLimit, 0, {check, "-i", "@firmware"});
+    add("check-ecc", "0", 0, kEccRate, {check, "--ecc"});
+    add("check-ecc/flips", "1e-4", 0, kEccFlipsRate, {check, "--ecc"});
+    add("check-ecc/portable", "0", 0, kEccTableRate, {on_path, "portable", "--ecc"});
+}
+
 void add_check_rows(const Programs& programs, std::vector<Row>& rows) {
     const Words emmc{"-t", "emmc", "-b", "512", "-p", "2"};
     const Words nor{"-t", "spinor", "-b", "64", "-p", "2"};
@@ -144,6 +183,10 @@ Command command_of(const Words& words, const Input& input, const WorkDirectory& 
             word = input.firmware.string();
         else if (word == "@output")
             word = work.output().string();
+        else if (word == "@copy")
+            word = work.copy().string();
+        else if (word == "@dump")
+            word = (work.output() / "chip.bin").string();
     return command;
 }
 
@@ -174,6 +217,7 @@ std::vector<Row> comparison_rows(const Programs& programs) {
     };
     add_slc_rows(programs, rows);
     add_check_rows(programs, rows);
+    add_dump_rows(programs, rows);
     return rows;
 }
 

@@ -16,13 +16,15 @@ enum class OtherTool { cat, simg2img, genimage };
 struct Row {
     std::string name{};
     InputKind input = InputKind::dense;
-    double limit = 0;  // of the ratio to cp, or to cmp for a check
-    // "@firmware" and "@output" stand for the input and the output directory.
+    double limit = 0;  // of the ratio to cp, or to cmp for a check; 0: none
+    // "@firmware", "@output", "@copy" and "@dump" stand for the input, the two directories and the file of a
+    // chip's dump in the output directory.
     std::vector<std::string> words{};
     std::vector<OtherTool> others{};
     bool at_largest_size = false;  // also runs alone with a firmware that is too large for pairs
     // Not empty: the row checks what these words have written, beside cmp of the output and its copy.
     std::vector<std::string> preparation{};
+    double least_rate = 0;  // of a dump, in GB for a second of processor time; 0: any
 
     bool is_check() const { return !preparation.empty(); }
 };
@@ -33,6 +35,7 @@ struct Programs {
     std::filesystem::path nandsmith_check{};
     std::filesystem::path convert_with_path{};
     std::filesystem::path check_with_path{};
+    std::filesystem::path make_sample_dump{};
 };
 std::vector<Row> comparison_rows(const Programs& programs);
 

@@ -93,7 +93,8 @@ private:
             comparison_rows({.nandsmith = m_arguments.programs / "nandsmith",
                              .nandsmith_check = check,
                              .convert_with_path = m_arguments.programs / "bench/convert_with_path",
-                             .check_with_path = m_arguments.programs / "bench/check_with_path"});
+                             .check_with_path = m_arguments.programs / "bench/check_with_path",
+                             .make_sample_dump = m_arguments.programs / "tests/make_sample_dump"});
         std::erase_if(rows, [this](const Row& row) { return !is_selected(row.name); });
         const bool can_check = fs::exists(check);
         if (std::erase_if(rows, [&](const Row& row) { return row.is_check() && !can_check; }) != 0)
@@ -133,6 +134,8 @@ private:
         const Command check = command_of(row, input, m_work);
         const Command compare = compare_command(m_work);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit, .is_check = true};
+        result.least_rate = row.least_rate;
+        result.bytes = bytes_in(m_work.output());
         for (int pair = 0; pair <= m_arguments.pairs(); ++pair) {
             const Measurement checked = run_measured(check);
             const Measurement compared = run_measured(compare);

@@ -14,16 +14,34 @@ std::string number(double value, int decimals) {
     return text;
 }
 
+// GB for a second of processor time.
+double rate(const RowResult& row) {
+    return static_cast<double>(row.bytes) / 1e9 /
+           (median(row.program.user_seconds) + median(row.program.system_seconds));
+}
+
+std::string limit_text(const RowResult& row) {
+    return row.limit != 0 && !row.program.ratios.empty() ? number(row.limit, 1) : "-";
+}
+
 // "ok", or what is over.
 std::string verdict(const RowResult& row) {
     std::string over;
-    if (!row.program.ratios.empty() && median(row.program.ratios) > row.limit)
+    const bool over_ratio = row.limit != 0 && median(row.program.ratios) > row.limit;
+    if (over_ratio || (row.least_rate != 0 && rate(row) < row.least_rate))
         over += " time";
     if (row.program.peak_mib > kPeakLimitMib)
         over += " memory";
     if (!row.is_check && row.calls_per_mib.value_or(0) > kCallsLimitPerMib)
         over += " calls";
     return over.empty() ? "ok" : "over:" + over;
+}
+
+// Of a row that is bound by its rate.
+std::string rate_text(const RowResult& row) {
+    if (row.least_rate == 0)
+        return "";
+    return ", " + number(rate(row), 2) + " GB/s, at least " + number(row.least_rate, 1);
 }
 
 }  // namespace
@@ -61,9 +79,10 @@ void ComparisonTable::print_row(const RowResult& row) {
                 number(median(row.program.user_seconds), 3).c_str(),
                 number(median(row.program.system_seconds), 3).c_str(),
                 paired ? number(median(row.copy.seconds), 3).c_str() : "-",
-                paired ? number(median(row.program.ratios), 2).c_str() : "-",
-                paired ? number(row.limit, 1).c_str() : "-", number(row.program.peak_mib, 1).c_str(),
-                row.calls_per_mib ? number(*row.calls_per_mib, 1).c_str() : "-", result.c_str());
+                paired ? number(median(row.program.ratios), 2).c_str() : "-", limit_text(row).c_str(),
+                number(row.program.peak_mib, 1).c_str(),
+                row.calls_per_mib ? number(*row.calls_per_mib, 1).c_str() : "-",
+                (result + rate_text(row)).c_str());
     std::fflush(stdout);
     m_over += result == "ok" ? 0 : 1;
     if (!row.others.empty())

@@ -33,6 +33,8 @@ struct RowResult {
     double limit = 0;
     Timing program{};
     bool is_check = false;                  // beside cmp, by processor time
+    double least_rate = 0;                  // GB for a second of processor time; 0: any
+    uint64_t bytes = 0;                     // that are read, for that rate
     Timing copy{};                          // of cmp for a check; without runs: too large for pairs
     std::optional<double> calls_per_mib{};  // of output
     std::vector<OtherResult> others{};
