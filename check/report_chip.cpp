@@ -23,11 +23,16 @@ constexpr ReasonWords kReasons[] = {
     {SkippedBlock::Reason::kMark, "by their marks"},
 };
 
+/// Bytes of a file that go into an erase block. Files of SPI NAND have no spare areas.
+uint64_t block_of_file(const Geometry& geometry) {
+    return geometry.spare_areas ? geometry.block : geometry.block / geometry.page * geometry.page_data;
+}
+
 }  // namespace
 
 std::vector<std::string> chip_numbers(const PartResult& part, const Geometry& geometry) {
     return {part.found_at ? std::to_string(*part.found_at) : "-",
-            std::to_string(divided_up(part.bytes, geometry.block)),
+            std::to_string(divided_up(part.bytes, block_of_file(geometry))),
             part.skipped.empty() ? "-" : std::to_string(part.skipped.size()),
             std::to_string(part.units.flipped_bits()), std::to_string(part.units.worst())};
 }

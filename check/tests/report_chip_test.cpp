@@ -118,6 +118,18 @@ TEST(ChipReport, NamesWhyBlocksWereSkipped) {
         << text;
 }
 
+TEST(ChipReport, CountsBlocksWithoutTheSpareOfTheDump) {
+    CheckResult result = chip_result();
+    result.geometry.spare_areas = false;  // SPI NAND: its files have pages of 2048 bytes
+    result.chip.reset();
+    result.parts.resize(1);
+    result.parts[0].bytes = uint64_t{64} * 64 * 2048;
+    const std::string text = plain(result);
+    EXPECT_NE(text.find("idblock.img          0       64         -       0            0   same\n"),
+              std::string::npos)
+        << text;
+}
+
 TEST(ChipReport, NamesTwentySkippedBlocks) {
     CheckResult result = chip_result();
     PartResult& rootfs = result.parts[1];
