@@ -12,6 +12,14 @@ namespace {
 constexpr uint64_t kMostInVain = 4;
 constexpr uint64_t kFewTries = 2;
 
+// Blocks after a damaged one that may be the same block of the file, written again. The second of them is
+// for a programmer that met a bad block right after the one that failed.
+constexpr uint64_t kMostWrittenAgain = 2;
+
+uint64_t lost_units(const BlockLook& look) {
+    return look.counts.beyond + look.missing;
+}
+
 }  // namespace
 
 FileTrack::FileTrack(BlockJudge& judge, TrackRules rules)
@@ -38,9 +46,11 @@ uint64_t FileTrack::tries_left() const {
 
 /// The block that belongs, or the next one when none does. Nothing when the window has no more blocks.
 ///
-/// A programmer marks a block that failed and writes its data again into the next one. So a block with ruined
-/// units is held against the block after it, and the better one counts. Without list indexes that block may
-/// belong as well where it is the next one of the same fill, so such a block is not held against another.
+/// A programmer marks a block that failed and writes its data again into the next good one. So a block with
+/// ruined units is held against the blocks after it, and the best one counts. Without list indexes such a
+/// block may belong as well where it is the next one of the same fill, so fill is not held against others,
+/// and other blocks only up to the first one that does not belong: after it another copy of the same may
+/// begin.
 std::optional<FileTrack::Choice> FileTrack::choose(std::span<const uint8_t> expected) {
     const bool comparable =
         m_rules.indexed_units || !holds_only(expected.data(), expected.size(), expected[0]);
@@ -48,15 +58,17 @@ std::optional<FileTrack::Choice> FileTrack::choose(std::span<const uint8_t> expe
     std::optional<Choice> first;
     std::vector<SkippedBlock> passed;
     uint64_t block = m_next;
-    for (uint64_t tries = 0; tries <= tries_left() && pass_known(block, passed); ++tries, ++block) {
+    uint64_t most = tries_left();
+    for (uint64_t tries = 0; tries <= most && pass_known(block, passed); ++tries, ++block) {
         const BlockLook look = m_judge.look(expected, block, true);
         if (look.belongs()) {
-            if (best && look.counts.beyond + look.missing >= best->look.counts.beyond + best->look.missing)
-                break;
-            best = Choice{look, passed};
+            if (!best)
+                most = std::min(most, tries + kMostWrittenAgain);
+            if (!best || lost_units(look) < lost_units(best->look))
+                best = Choice{look, passed};
             if (look.counts.beyond == 0 || !comparable)
                 break;
-        } else if (best) {
+        } else if (best && !m_rules.indexed_units) {
             break;
         }
         if (!first)

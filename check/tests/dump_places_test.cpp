@@ -270,6 +270,36 @@ TEST(DumpSkips, OfABlockThatFailedAndWasWrittenAgain) {
     EXPECT_EQ(result.chip->beyond, 0U);
 }
 
+TEST(DumpSkips, OfABlockThatFailedBeforeABadOne) {
+    ChipBench bench;
+    bench.place_all();
+    bench.place("rootfs.img", 90, {94, 95});
+    bench.put(94, bench.block_of("rootfs.img", 4));
+    bench.flip(94, 7, 1, 40);
+    bench.ruin(95);
+    ChipOptions chip;
+    chip.at = {{"rootfs", 90}};
+    const CheckResult result = bench.result(chip);
+    expect_same(result);
+    EXPECT_EQ(skipped_blocks(part_of(result, "rootfs.img")), (Blocks{94, 95}));
+}
+
+TEST(DumpSkips, OfABlockThatFailedTwiceInARow) {
+    ChipBench bench;
+    bench.place_all();
+    bench.place("rootfs.img", 90, {94, 95});
+    for (const std::size_t block : {94U, 95U}) {
+        bench.put(block, bench.block_of("rootfs.img", 4));
+        bench.flip(block, 7, 1, 40);
+    }
+    bench.flip(95, 6, 0, 40);  // worse than the first of them
+    ChipOptions chip;
+    chip.at = {{"rootfs", 90}};
+    const CheckResult result = bench.result(chip);
+    expect_same(result);
+    EXPECT_EQ(skipped_blocks(part_of(result, "rootfs.img")), (Blocks{94, 95}));
+}
+
 TEST(DumpSkips, OfAFirstBlockThatFailedInASearch) {
     ChipBench bench;
     bench.place_all();
