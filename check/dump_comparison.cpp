@@ -7,8 +7,13 @@
 
 namespace {
 
-// Blocks of a file that are compared with all places where it may lie, before one is chosen.
+// Blocks of a file that are compared with all places where it may lie. From then on places stay only where
+// as few blocks are lost as anywhere.
 constexpr uint64_t kBlocksOfChoice = 4;
+
+// Bytes of a file after which one of the places is chosen, if the file does not end before. Copies of the
+// parameter are alike almost to the end of their file, and it has a few MB.
+constexpr uint64_t kBytesOfChoice = 32 * 1024 * 1024;
 
 // Places that are followed, the lowest ones. Files of nothing but fill look alike.
 constexpr std::size_t kMostCandidates = 16;
@@ -136,7 +141,9 @@ int DumpComparison::take_block(std::span<const uint8_t> expected) {
         there = candidate.track->take(expected) || there;
     if (++m_blocks == 1)
         leave_good_candidates(expected.first(std::min<uint64_t>(m_plan.geometry.page, expected.size())));
-    if (m_blocks == kBlocksOfChoice)
+    if (m_blocks >= kBlocksOfChoice)
+        leave_best_candidates();
+    if (m_blocks >= kBlocksOfChoice && m_blocks >= kBytesOfChoice / m_plan.geometry.block)
         choose_candidate();
     if (m_candidates.empty())
         m_missing += expected.size();
@@ -225,18 +232,29 @@ void DumpComparison::leave_good_candidates(std::span<const uint8_t> page) {
     });
 }
 
-/// The place with the fewest wrong units; of equal ones the first. A place before a block that failed while
-/// it was programmed leads to the same blocks as the one after it, and is not another one.
+void DumpComparison::leave_best_candidates() {
+    uint64_t fewest = UINT64_MAX;
+    for (const Candidate& candidate : m_candidates)
+        fewest = std::min(fewest, candidate.track->lost_blocks());
+    std::erase_if(m_candidates,
+                  [&](const Candidate& candidate) { return candidate.track->lost_blocks() > fewest; });
+}
+
+/// The place with the fewest lost blocks, and of those with the fewest wrong units and then the fewest that
+/// differ; of equal ones the first. A place before a block that failed while it was programmed leads to the
+/// same blocks as the one after it, and is not another one.
 void DumpComparison::choose_candidate() {
     if (m_candidates.size() < 2)
         return;
-    const auto best = std::min_element(m_candidates.begin(), m_candidates.end(),
-                                       [](const Candidate& a, const Candidate& b) {
-                                           return a.track->wrong_units() < b.track->wrong_units();
-                                       });
+    leave_best_candidates();
+    const auto faults = [](const Candidate& candidate) {
+        return std::pair(candidate.track->wrong_units(), candidate.track->differing_units());
+    };
+    const auto best =
+        std::min_element(m_candidates.begin(), m_candidates.end(),
+                         [&](const Candidate& a, const Candidate& b) { return faults(a) < faults(b); });
     for (const Candidate& other : m_candidates)
-        if (other.track->wrong_units() == best->track->wrong_units() &&
-            other.track->blocks().front() != best->track->blocks().front())
+        if (faults(other) == faults(*best) && other.track->blocks().front() != best->track->blocks().front())
             m_placements.back().also_at.push_back(other.track->blocks().front());
     Candidate chosen = std::move(*best);
     m_candidates.clear();

@@ -96,6 +96,7 @@ private:
     void search_page(std::span<const uint8_t> expected, uint64_t page);
     void add_candidate(const BlockWindow& window);
     void leave_good_candidates(std::span<const uint8_t> page);
+    void leave_best_candidates();
     void choose_candidate();
     uint64_t missing_bytes() const;
     void finish_file();

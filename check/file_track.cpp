@@ -84,6 +84,7 @@ bool FileTrack::take(std::span<const uint8_t> expected) {
     if (!choice) {
         m_result.missing += expected.size();
         ++m_wrong_units;
+        ++m_lost_blocks;
         return false;
     }
     return settle(*choice, expected);
@@ -94,6 +95,7 @@ bool FileTrack::settle(Choice& choice, std::span<const uint8_t> expected) {
     const bool belongs = look.belongs();
     m_begins_well = m_begins_well || (belongs && m_blocks.empty());
     m_in_vain = belongs ? 0 : m_in_vain + 1;
+    m_lost_blocks += belongs ? 0 : 1;
     if (!belongs)
         look = m_judge.look(expected, look.block, false);
     for (const SkippedBlock& skipped : choice.passed)

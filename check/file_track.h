@@ -41,6 +41,10 @@ public:
     const std::vector<uint64_t>& blocks() const { return m_blocks; }
     /// Units that are beyond, or not in the dump.
     uint64_t wrong_units() const { return m_wrong_units; }
+    /// Units in the dump with more flips than are allowed.
+    uint64_t differing_units() const { return m_result.runs_found; }
+    /// Blocks of the file so far that no block of the dump belonged to.
+    uint64_t lost_blocks() const { return m_lost_blocks; }
     /// True when a block of the dump belonged to the first block of the file.
     bool begins_well() const { return m_begins_well; }
     /// What was found so far, without names and verdict.
@@ -65,6 +69,7 @@ private:
     uint64_t m_next;         // block of the dump
     uint64_t m_passed = 0;   // because of what they hold
     uint64_t m_in_vain = 0;  // blocks of the file in a row that no block of the dump belonged to
+    uint64_t m_lost_blocks = 0;
     bool m_begins_well = false;
     uint64_t m_wrong_units = 0;
     uint64_t m_odd_tails = 0;

@@ -118,6 +118,64 @@ TEST(DumpPlaces, OfFilesThatDifferInALaterBlock) {
     EXPECT_EQ(result.warnings, std::vector<std::string>());
 }
 
+/// Eight copies of a record, one block apart, in blocks of fill.
+Firmware with_parameter_copies() {
+    Firmware firmware = chip_firmware();
+    firmware.item("parameter") = sample_firmware({.gpt = false}).item("parameter");
+    firmware.item("parameter").part_size = 8 * 2 * 32;  // a copy in every second block
+    return firmware;
+}
+
+TEST(DumpPlaces, OfEqualCopiesInOneFileAreNotMany) {
+    for (const Conversion& conversion : {kSmallSlc, kSmallSpiNand}) {
+        ChipBench bench(conversion, with_parameter_copies());
+        ASSERT_EQ(bench.blocks_of("parameter.img"), 16U);
+        bench.place("idblock.img", 0);
+        bench.place("parameter.img", 40);
+        bench.place("boot.img", 60);
+        bench.place("misc.img", 70);
+        bench.place("rootfs.img", 80);
+        const CheckResult result = bench.result();
+        expect_same(result);
+        EXPECT_EQ(part_of(result, "parameter.img").found_at, 40U);
+        EXPECT_EQ(result.warnings, std::vector<std::string>());
+    }
+}
+
+TEST(DumpPlaces, OfEqualCopiesTheFirstOfThemDamaged) {
+    ChipBench bench(kSmallSpiNand, with_parameter_copies());
+    bench.place("parameter.img", 40);
+    bench.flip(40, 6, 1, 20);  // in the fill after the record: the copies after it are better
+    const CheckResult result = bench.result();
+    const PartResult& parameter = part_of(result, "parameter.img");
+    EXPECT_EQ(parameter.found_at, 40U);
+    EXPECT_EQ(parameter.units.beyond, 1U);
+    EXPECT_EQ(parameter.missing, 0U);
+}
+
+TEST(DumpPlaces, OfFilesThatDifferAfterManyBlocks) {
+    Firmware firmware = chip_firmware();
+    Item other = firmware.item("rootfs");
+    other.name = "rootfs_b";
+    other.file = "rootfs_b.img";
+    other.flash_offset = 0x8000;
+    other.data.at(100000) ^= 1;  // in block 6
+    firmware.items.push_back(other);
+    for (const Conversion& conversion : {kSmallSlc, kSmallSpiNand}) {
+        ChipBench bench(conversion, firmware);
+        bench.place("gpt.img", bench.place("idblock.img", 0).back() + 1);
+        bench.place("rootfs_b.img", 50);
+        bench.place("rootfs.img", 70);
+        bench.place("misc.img", 90);
+        bench.place("boot.img", 100);
+        const CheckResult result = bench.result();
+        EXPECT_EQ(part_of(result, "rootfs.img").found_at, 70U);
+        EXPECT_EQ(part_of(result, "rootfs_b.img").found_at, 50U);
+        EXPECT_EQ(result.verdict, Verdict::kSame);
+        EXPECT_EQ(result.warnings, std::vector<std::string>());
+    }
+}
+
 TEST(DumpPlaces, OfTwinsByTheLayout) {
     ChipBench bench(kSmallSlc, with_two_slots(true));
     bench.place_all();
