@@ -90,6 +90,14 @@ void BlockMaker::write_over(const Bytes& old) {
                    [](uint8_t before, uint8_t now) { return static_cast<uint8_t>(before & now); });
 }
 
+// The block is good: the bytes for the mark of a bad block are 0xFF, where they are not data.
+void BlockMaker::clear_marks(Bytes& bytes) const {
+    if (m_geometry.is_slc() || m_geometry.spare == 0)
+        return;
+    for (uint64_t at = m_geometry.page_data; at < bytes.size(); at += m_geometry.page())
+        bytes[static_cast<std::size_t>(at)] = 0xFF;
+}
+
 void BlockMaker::program(const BlockRole& role, WriteFault fault) {
     Bytes& bytes = m_states.programmed;
     Bytes old(bytes.size());
@@ -99,6 +107,7 @@ void BlockMaker::program(const BlockRole& role, WriteFault fault) {
         break;
     case WriteFault::over_random:
         dice(DicePurpose::old_data).fill(old);
+        clear_marks(old);
         write_over(old);
         break;
     case WriteFault::over_other_block:

@@ -31,6 +31,7 @@ private:
     void make_used(const BlockRole& role, const BlockDamage* damage);
     void program(const BlockRole& role, WriteFault fault);
     void write_over(const Bytes& old);
+    void clear_marks(Bytes& bytes) const;
 
     void age(double rate, uint32_t first_page, uint32_t end_page);
     void apply(const BlockDamage& damage);

@@ -295,6 +295,16 @@ TEST(ChipWriteFault, OverRandomBitsHalfOfThemAreCleared) {
     EXPECT_NEAR(bits.cleared, ones / 2, 4 * std::sqrt(ones / 4));
 }
 
+TEST(ChipWriteFault, OverRandomBitsABlockHasNoMark) {
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
+        OneFile file(kSpiNandWithSpare, {.seed = seed});
+        file.chip().spoil(1, WriteFault::over_random);
+        const Bytes block = block_of(file.make().dump, kSpiNandWithSpare, 1);
+        for (std::size_t mark = 2048; mark < block.size(); mark += 2048 + 64)
+            EXPECT_EQ(block[mark], 0xFF);
+    }
+}
+
 TEST(ChipWriteFault, AnotherBlockOfTheFileIsForeign) {
     const Bytes bytes = slc_flash_pages(patterned(8 * 2048, 9), {.page_size = 2048, .spare = 70});
     ChipSimulator simulator(kSlc, {chip_file("a.img", bytes)});
