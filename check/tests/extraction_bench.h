@@ -4,7 +4,7 @@
 
 #include "check/extraction.h"
 #include "check_bench.h"
-#include "support/sparse_builder.h"
+#include "support/plain_data.h"
 
 #include <algorithm>
 #include <optional>
@@ -31,27 +31,6 @@ inline CheckOptions options_of(const Conversion& conversion, const fs::path& fir
                                    conversion.two_kilobytes_data,
                                    conversion.page_list};
     return options;
-}
-
-/// What a sparse image expands to, without the rest of its last page.
-inline Bytes expanded(const Bytes& sparse) {
-    Bytes image = expand_sparse(sparse, 2048).image;
-    image.resize(static_cast<std::size_t>(declared_size(sparse)));
-    return image;
-}
-
-/// The files that the extraction gives, but for the GPT, whose GUIDs are random.
-inline Files plain_data(const Firmware& firmware) {
-    Files files;
-    for (const BootEntry& entry : firmware.boot.loader.entries)
-        files[entry.name] = entry.data;
-    for (const Item& item : firmware.items)
-        if (item.data.size() >= sparse_field::kHeaderBytes &&
-            get32(item.data, 0) == test_support::kSparseMagic)
-            files[item.name + ".img"] = expanded(item.data);
-        else if (!item.data.empty() && item.flash_offset != kNotPlaced)
-            files[item.name + ".img"] = item.data;
-    return files;
 }
 
 /// The sample with a sparse item, scrambled stages and stages of odd lengths.
