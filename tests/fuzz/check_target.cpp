@@ -4,16 +4,13 @@
 #include "check/comparison.h"
 #include "check/conversion_run.h"
 #include "check/diagnosis.h"
-#include "common/messages.h"
 #include "fuzz_target.h"
-#include "scratch_storage.h"
+#include "right_target.h"
 #include "small_firmware.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace robustness {
 
@@ -55,17 +52,8 @@ private:
         const auto found = std::ranges::find(storage_types(), type, &StorageType::word);
         const ConversionOptions options{&*found,
                                         {block_kb, page_kb, spare_bytes, path, directory, false, false}};
-        write_output(options);
+        convert_to_files(options);
         m_cases.push_back({options, geometry_of(options), files_in(directory), directory});
-    }
-
-    static void write_output(const ConversionOptions& options) {
-        send_messages_to([](const std::string&) {});
-        std::srand(1);  // like a process of its own
-        const auto storage = options.type->make(options.settings);
-        const bool done = storage->storage_init() && storage->create_image();
-        send_messages_to({});
-        require(done, "a case does not convert");
     }
 
     TemporaryDirectory m_top{memory_directory()};
@@ -106,26 +94,6 @@ Bytes bent(Bytes image, const Bytes& changes) {
     }
     return image;
 }
-
-class MemoryFile {
-public:
-    MemoryFile() : m_descriptor(::memfd_create("target", MFD_CLOEXEC)) {
-        require(m_descriptor >= 0, "no file in memory");
-    }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-    ~MemoryFile() { ::close(m_descriptor); }
-
-    void fill(const Bytes& bytes) const {
-        require(::ftruncate(m_descriptor, 0) == 0 && ::pwrite(m_descriptor, bytes.data(), bytes.size(), 0) ==
-                                                         static_cast<ssize_t>(bytes.size()),
-                "the file in memory does not take the target");
-    }
-    std::string path() const { return "/proc/self/fd/" + std::to_string(m_descriptor); }
-
-private:
-    int m_descriptor;
-};
 
 // ---- the plain comparison ----
 
