@@ -32,6 +32,7 @@ const std::vector<FuzzTarget>& fuzz_targets() {
         {"conversion", run_conversion, conversion_structure, conversion_seeds},
 #ifdef NANDSMITH_CHECK
         {"check", run_check, nothing_to_bend, check_seeds},
+        {"dump", run_dump, nothing_to_bend, dump_seeds},
 #endif
     };
     return targets;

@@ -50,7 +50,9 @@ void run_update_image(const test_support::Bytes& input);
 void run_parameter_text(const test_support::Bytes& input);
 void run_sparse_expansion(const test_support::Bytes& input);
 void run_conversion(const test_support::Bytes& input);
-void run_check(const test_support::Bytes& input);  // only where nandsmith-check is built
+// Only where nandsmith-check is built.
+void run_check(const test_support::Bytes& input);
+void run_dump(const test_support::Bytes& input);
 
 // How far a conversion is followed. A firmware can make it print a million lines; the fuzzer sets this lower,
 // because they say nothing new. The replay of findings follows each to its end.
@@ -66,6 +68,7 @@ std::vector<NamedInput> parameter_text_seeds();
 std::vector<NamedInput> sparse_expansion_seeds();
 std::vector<NamedInput> conversion_seeds();
 std::vector<NamedInput> check_seeds();
+std::vector<NamedInput> dump_seeds();
 
 // ---- control bytes: the last bytes of an input choose how it is run ----
 
