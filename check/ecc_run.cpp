@@ -75,8 +75,7 @@ private:
         const uint64_t bytes = m_target.size() - std::min(m_skip, m_target.size());
         m_pages = bytes / g.page;
         if (m_pages == 0)
-            return fail("the dump has " + counted(bytes, "byte") + (m_skip != 0 ? " after its header" : "") +
-                        ", which is less than a page of " + std::to_string(g.page));
+            return fail(less_than_a_page(bytes, m_skip != 0, g.page));
         const uint64_t pages_of_block = g.block / g.page;
         if (bytes % g.page != 0)
             m_result.warnings.push_back("the dump ends inside a page: its last " +

@@ -10,6 +10,7 @@
 #include "extraction_plan.h"
 #include "extraction_target.h"
 #include "read_listing.h"
+#include "words.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -187,11 +188,16 @@ private:
     bool plan_dump() {
         if (m_geometry.whole_image)
             return fail("firmware is none; give it with -i");
+        if (m_geometry.page_data % kUnitData != 0)
+            return fail("page size is out of range");
         if (!open_target({}))
             return false;
         if (m_target.is_directory())
             return fail(m_options.target + " is a directory: without a firmware the target is one file");
         const uint64_t pages = m_target.dump_bytes() / m_target.dump_page();
+        if (pages == 0)
+            return fail(
+                less_than_a_page(m_target.dump_bytes(), m_options.chip.skip != 0, m_target.dump_page()));
         const std::string name = m_options.target == "-" ? "stdin" : last_name(m_options.target);
         m_parts.push_back({.name = name,
                            .choice = name,

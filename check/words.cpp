@@ -138,6 +138,11 @@ std::string counted(uint64_t number, std::string_view noun) {
     return text;
 }
 
+std::string less_than_a_page(uint64_t bytes, bool has_header, uint64_t page) {
+    return "the dump has " + counted(bytes, "byte") + (has_header ? " after its header" : "") +
+           ", which is less than a page of " + std::to_string(page);
+}
+
 std::string readable_bytes(uint64_t bytes) {
     constexpr std::array<std::string_view, 4> kUnits = {"KiB", "MiB", "GiB", "TiB"};
     if (bytes < 1024)

@@ -21,6 +21,9 @@ std::size_t characters(std::string_view escaped_text);
 /// Number and noun: "1 page", "2 pages".
 std::string counted(uint64_t number, std::string_view noun);
 
+/// Says that the dump of a chip does not have one page. bytes: after its header, if it has one.
+std::string less_than_a_page(uint64_t bytes, bool has_header, uint64_t page);
+
 /// Bytes as people read them: "512 bytes", "37.0 MiB". One digit after the point, cut off.
 std::string readable_bytes(uint64_t bytes);
 

@@ -436,6 +436,34 @@ TEST(Extraction, SaysWhatIsNoWholePageOfADump) {
     expect_data(bench.into(), {{"chip.bin.data", Bytes(2 * 2048, 0xFF)}});
 }
 
+TEST(Extraction, OfLessThanAPageIsTrouble) {
+    const ExtractionBench bench(kSlcNand);
+    const fs::path path = bench.directory() / "chip.bin";
+    write_file(path, Bytes(2112, 0xFF));
+    const std::vector<std::pair<uint64_t, std::string>> headers{
+        {1, "the dump has 2111 bytes after its header, which is less than a page of 2112"},
+        {2112, "the dump has 0 bytes after its header, which is less than a page of 2112"},
+        {INT64_MAX, "the dump has 0 bytes after its header, which is less than a page of 2112"}};
+    for (const auto& [header, reason] : headers) {
+        const ExtractionResult result = extract_pages(bench, path, header);
+        EXPECT_EQ(result.verdict, Verdict::kTrouble);
+        EXPECT_EQ(result.error, reason);
+    }
+    write_file(path, {});
+    EXPECT_EQ(extract_pages(bench, path).error, "the dump has 0 bytes, which is less than a page of 2112");
+    EXPECT_FALSE(fs::exists(bench.into()));
+}
+
+TEST(Extraction, OfPagesWhoseSizeWrapsIsTrouble) {
+    ExtractionBench bench(kSpiNand);
+    const fs::path path = bench.directory() / "chip.bin";
+    write_file(path, Bytes(10000, 0xFF));
+    bench.options.conversion.settings.page_size = uint32_t{4} << 20;  // KB: 2 to the power of 32 bytes
+    const ExtractionResult result = extract_pages(bench, path, 0, 1);
+    EXPECT_EQ(result.verdict, Verdict::kTrouble);
+    EXPECT_EQ(result.error, "page size is out of range");
+}
+
 TEST(Extraction, TakesTheSpareAreaOffASpiNandDump) {
     const ExtractionBench bench(kSpiNand);
     const fs::path path = bench.directory() / "chip.bin";
