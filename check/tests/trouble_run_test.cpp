@@ -3,6 +3,7 @@
 
 #include "chip_bench.h"
 #include "failing_run.h"
+#include "trouble.h"
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -12,30 +13,6 @@
 namespace {
 
 using namespace check_test;
-
-/// Text, document and silence of one trouble.
-void expect_trouble(const Arguments& arguments, const std::string& reason, const std::string& shell_line = {},
-                    const RunOptions& options = {}) {
-    const auto run = [&](const std::string& option) {
-        Arguments all = arguments;
-        if (!option.empty())
-            all.push_back(option);
-        return shell_line.empty() ? run_check_program(all, options)
-                                  : run_check_in_shell(shell_line, all, options);
-    };
-    const RunResult text = run("");
-    EXPECT_FALSE(text.timed_out);
-    EXPECT_EQ(text.exit_status, kTrouble) << text.out;
-    EXPECT_EQ(last_line(text.out).substr(0, 9), "trouble: ") << text.out;
-    EXPECT_NE(last_line(text.out).find(reason), std::string::npos) << text.out;
-    const Json document = parsed(run("--json"));
-    EXPECT_EQ(document.at("verdict"), "trouble");
-    EXPECT_NE(document.at("error").get<std::string>().find(reason), std::string::npos) << document.dump(1);
-    const RunResult quiet = run("-q");
-    EXPECT_EQ(quiet.exit_status, kTrouble);
-    EXPECT_EQ(quiet.out, "");
-    EXPECT_EQ(quiet.err, "");
-}
 
 // ---- targets ----
 
@@ -352,16 +329,8 @@ TEST_P(UnreadableSectors, ThatStaySoLeaveTheOthersCompared) {
     for (const uint64_t place : damaged)
         bench.damage(file, place);
     const TemporaryDirectory reports(memory_directory());
-    RunOptions options;
-    options.environment = {
-        {"LD_PRELOAD", FAILING_CALLS_LIBRARY},
-        {"FAILING_CALLS_CLASS", "read"},
-        {"FAILING_CALLS_AT", "0"},
-        {"FAILING_CALLS_FILE", bench.out(file)},
-        {"FAILING_CALLS_BYTES", std::to_string(sector * test_support::kSectorSize + 100) + " 1"},
-        {"FAILING_CALLS_REPORT", reports / "report"}};
-    if (kSanitized)
-        options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
+    const RunOptions options =
+        with_unreadable_byte(bench.out(file), sector * test_support::kSectorSize + 100, reports / "report");
     const Json document = parsed(run_check_program(bench.arguments({"--json"}), options));
     EXPECT_EQ(document.at("error"), "512 bytes of the target failed to be read");
     EXPECT_EQ(sum_of(document, "unreadable_bytes"), test_support::kSectorSize);
