@@ -457,7 +457,9 @@ void run_dump(const Bytes& input) {
         if (is_known)
             expect_data(result, files, chip.data);
         options.conversion.settings.in_firmware.clear();
-        extract(options, files);  // all pages
+        const ExtractionResult pages = extract(options, files);
+        require(pages.verdict != Verdict::kSame || (files.size() == 1 && !files.begin()->second.empty()),
+                "an extraction of nothing succeeds");
     }
 }
 
