@@ -194,17 +194,18 @@ private:
             return false;
         if (m_target.is_directory())
             return fail(m_options.target + " is a directory: without a firmware the target is one file");
-        const uint64_t pages = m_target.dump_bytes() / m_target.dump_page();
-        if (pages == 0)
-            return fail(
-                less_than_a_page(m_target.dump_bytes(), m_options.chip.skip != 0, m_target.dump_page()));
+        const uint64_t together = pages_together(m_layout);
+        const uint64_t whole = m_target.dump_bytes() / (together * m_target.dump_page());
+        if (whole == 0)
+            return fail(less_than_a_page(m_target.dump_bytes(), m_options.chip.skip != 0,
+                                         together * m_target.dump_page()));
         const std::string name = m_options.target == "-" ? "stdin" : last_name(m_options.target);
         m_parts.push_back({.name = name,
                            .choice = name,
                            .output = name + ".data",
                            .file = {},
-                           .bytes = data_bytes(m_layout, pages * m_geometry.page)});
-        m_surplus = m_target.dump_bytes() % m_target.dump_page();
+                           .bytes = whole * m_layout.page_data});
+        m_surplus = m_target.dump_bytes() % (together * m_target.dump_page());
         refuse_names(m_parts);
         return true;
     }

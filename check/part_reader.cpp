@@ -7,14 +7,13 @@ namespace {
 
 constexpr uint64_t kDataPerPage = 2048;  // of a page with 2 KB of data
 
-/// Pages of the target that hold a page as the conversion counts it.
-uint64_t slices_of(const PageLayout& layout) {
+}  // namespace
+
+uint64_t pages_together(const PageLayout& layout) {
     return layout.two_kb && layout.page_data > kDataPerPage
                ? (layout.page_data + kDataPerPage - 1) / kDataPerPage
                : 1;
 }
-
-}  // namespace
 
 uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together) {
     if (!layout.spare_areas && !(layout.two_kb && layout.page_data > kDataPerPage)) {
@@ -25,7 +24,7 @@ uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& to
     uint64_t within = position % layout.page_data;
     together = layout.page_data - within;
     if (layout.two_kb && layout.page_data > kDataPerPage) {
-        page = page * slices_of(layout) + within / kDataPerPage;
+        page = page * pages_together(layout) + within / kDataPerPage;
         within %= kDataPerPage;
         together = std::min(together, kDataPerPage - within);
     }
@@ -37,7 +36,7 @@ uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& to
 }
 
 uint64_t data_bytes(const PageLayout& layout, uint64_t bytes) {
-    return bytes / layout.page / slices_of(layout) * layout.page_data;
+    return bytes / layout.page / pages_together(layout) * layout.page_data;
 }
 
 ReadPart part_reader(ReadFile read, uint64_t offset, const PageLayout& layout) {

@@ -23,6 +23,10 @@ using ReadFile = std::function<bool(uint64_t offset, uint64_t size, uint8_t* out
 ReadPart part_reader(Target& target, uint64_t offset, const PageLayout& layout);
 ReadPart part_reader(ReadFile read, uint64_t offset, const PageLayout& layout);
 
+/// Pages of the target that hold a page of data as the conversion counts it. With 2 KB per page it is more
+/// than one.
+uint64_t pages_together(const PageLayout& layout);
+
 /// Where byte position of the data lies, from the start of the part; and how many bytes follow it there.
 uint64_t place_of_data(const PageLayout& layout, uint64_t position, uint64_t& together);
 

@@ -454,6 +454,21 @@ TEST(Extraction, OfLessThanAPageIsTrouble) {
     EXPECT_FALSE(fs::exists(bench.into()));
 }
 
+TEST(Extraction, SaysWhatIsNoWholePageOf2kPages) {
+    ExtractionBench bench(kSlcNand);
+    bench.options.conversion.settings.page_size = 4;
+    bench.options.conversion.settings.oob_size = 128;
+    bench.options.conversion.settings.page_2k = true;  // a page of 4 KB takes two pages
+    const fs::path path = bench.directory() / "chip.bin";
+    write_file(path, Bytes(3 * 4224, 0xFF));
+    const ExtractionResult result = extract_pages(bench, path);
+    EXPECT_EQ(result.verdict, Verdict::kDiffers);
+    EXPECT_EQ(part_of(result, "chip.bin").surplus, 4224U);
+    expect_data(bench.into(), {{"chip.bin.data", Bytes(4096, 0xFF)}});
+    write_file(path, Bytes(4224, 0xFF));
+    EXPECT_EQ(extract_pages(bench, path).error, "the dump has 4224 bytes, which is less than a page of 8448");
+}
+
 TEST(Extraction, OfPagesWhoseSizeWrapsIsTrouble) {
     ExtractionBench bench(kSpiNand);
     const fs::path path = bench.directory() / "chip.bin";
