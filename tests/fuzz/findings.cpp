@@ -33,11 +33,28 @@ NamedInput image_of_four_tebibytes_after_a_failure() {
             firmware.build() + Bytes{emmc, 0, pages_of_1_kilobyte, 0}};
 }
 
+#ifdef NANDSMITH_CHECK
+// Pages with 2 KB of data hold larger pages together: fewer than one of those were extracted as nothing, and
+// that was "same".
+NamedInput chip_of_less_than_a_page_of_2k_pages() {
+    constexpr uint8_t slc_2k = 2;
+    constexpr uint8_t pages_of_64_kilobytes = 9;
+    const Bytes without_the_first_block = {2, 0, 0,
+                                           0};  // so that nothing is left after the last page of 64 KB
+    return {"chip-of-less-than-a-page-of-2k-pages",
+            without_the_first_block + Bytes{slc_2k, 0, 0, 0, 0, pages_of_64_kilobytes, 0, 0}};
+}
+#endif
+
 }  // namespace
 
 std::vector<NamedInput> findings_of(const FuzzTarget& target) {
     if (target.run == run_conversion)
         return {refused_padding_of_two_tebibytes(), image_of_four_tebibytes_after_a_failure()};
+#ifdef NANDSMITH_CHECK
+    if (target.run == run_dump)
+        return {chip_of_less_than_a_page_of_2k_pages()};
+#endif
     return {};
 }
 
