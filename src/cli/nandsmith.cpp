@@ -1,5 +1,6 @@
 #include "../io/retry.h"
 #include "../options/conversion_options.h"
+#include "program_options.h"
 
 #include <csignal>
 #include <cstdio>
@@ -98,11 +99,8 @@ Ending apply_option(int code, const char* long_name, ConversionOptions& options)
 
 Ending parse_options(int argc, char* argv[], ConversionOptions& options) {
     // With "-" the parser returns arguments that are not options, in order. With ":" it prints nothing.
-    const std::string short_options = "-:" + std::string(kConversionLetters) + "vh";
-    const std::vector<option> long_options = with_conversion_options({
-        {"version", no_argument, nullptr, 'v'},
-        {"help", no_argument, nullptr, 'h'},
-    });
+    const std::string short_options = "-:" + program_letters();
+    const std::vector<option> long_options = program_options();
     for (;;) {
         int index = 0;
         const int code = ::getopt_long(argc, argv, short_options.c_str(), long_options.data(), &index);
