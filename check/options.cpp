@@ -97,7 +97,7 @@ public:
     Parser(int argc, char* argv[]) : m_argc(argc), m_argv(argv) {}
 
     CheckOptions parse() {
-        const std::string letters = "-:" + std::string(kConversionLetters) + kOwnLetters;
+        const std::string letters = "-:" + check_letters();
         ::opterr = 0;
         ::optind = 0;  // the parser starts again, also in the middle of a group of letters
         while (!m_ended) {
@@ -378,6 +378,14 @@ private:
 };
 
 }  // namespace
+
+std::string check_letters() {
+    return std::string(kConversionLetters) + kOwnLetters;
+}
+
+std::vector<option> check_long_options() {
+    return long_options();
+}
 
 CheckOptions parse_check_options(int argc, char* argv[]) {
     return Parser(argc, argv).parse();

@@ -34,5 +34,12 @@ struct CheckOptions {
 /// Reads the command line. What is wrong with it is in error; the rest is then as far as it was read.
 CheckOptions parse_check_options(int argc, char* argv[]);
 
+/// The letters of the options, for getopt_long.
+std::string check_letters();
+
+/// The table of the long options, for getopt_long, with the row of zeros at its end. Rows for the beginnings
+/// of a name come after the row of the whole name and have its code.
+std::vector<option> check_long_options();
+
 /// The help text, with four examples.
 std::string check_help();
