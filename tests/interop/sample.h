@@ -4,6 +4,7 @@
 // and what a test needs to know of it. It is read from the firmware file itself.
 
 #include "support/boot_rom.h"
+#include "support/require_tool.h"
 #include "support/workbench.h"
 
 #include <filesystem>
@@ -14,13 +15,6 @@
 #include <tuple>
 #include <utility>
 #include <vector>
-
-// Skips a test whose judge is not installed.
-#define REQUIRE_TOOL(name)                                                                                   \
-    if (test_support::find_program(name).empty()) {                                                          \
-        GTEST_SKIP() << "missing tool: " << (name);                                                          \
-    }                                                                                                        \
-    static_assert(true)
 
 // Skips a test when the sample cannot be made here.
 #define REQUIRE_SAMPLE_TOOLS()                                                                               \
