@@ -1,8 +1,8 @@
 // Checks as nandsmith-check does, with a BCH path of the caller's choice, and prints nothing.
 
 #include "check/check.h"
-#include "check/ecc_run.h"
-#include "check/options.h"
+#include "check/chip/ecc_run.h"
+#include "check/options/options.h"
 #include "named_path.h"
 
 #include <cstdint>

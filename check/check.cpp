@@ -1,14 +1,14 @@
 #include "check.h"
 
 #include "../src/io/retry.h"
-#include "comparison.h"
-#include "conversion_run.h"
-#include "conversion_summary.h"
-#include "diagnosis.h"
-#include "dump_check.h"
-#include "firmware_file.h"
-#include "part_choice.h"
-#include "part_reader.h"
+#include "chip/dump_check.h"
+#include "comparison/comparison.h"
+#include "comparison/conversion_run.h"
+#include "comparison/diagnosis.h"
+#include "firmware/firmware_file.h"
+#include "judge/part_reader.h"
+#include "options/conversion_summary.h"
+#include "options/part_choice.h"
 
 #include <algorithm>
 #include <cerrno>

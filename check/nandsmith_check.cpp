@@ -1,13 +1,14 @@
 #include "../src/io/retry.h"
 #include "check.h"
-#include "ecc_report.h"
-#include "ecc_run.h"
-#include "extraction.h"
-#include "listing.h"
-#include "options.h"
-#include "progress_line.h"
-#include "read_listing.h"
-#include "report.h"
+#include "chip/ecc_run.h"
+#include "extraction/extraction.h"
+#include "firmware/read_listing.h"
+#include "options/options.h"
+#include "report/ecc_report.h"
+#include "report/extraction_report.h"
+#include "report/listing_report.h"
+#include "report/progress_line.h"
+#include "report/report.h"
 
 #include <cerrno>
 #include <csignal>

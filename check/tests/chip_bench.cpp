@@ -1,6 +1,6 @@
 #include "chip_bench.h"
 
-#include "check/options.h"
+#include "check/options/options.h"
 
 #include <stdexcept>
 

@@ -2,8 +2,8 @@
 
 // The dump of a chip with the files of a conversion, put together block by block, and checks of it.
 
+#include "check/base/chip_result.h"
 #include "check/check.h"
-#include "check/chip_result.h"
 #include "check_bench.h"
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // What the command line says of chips and of extraction.
 
-#include "check/options.h"
+#include "check/options/options.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,4 +1,4 @@
-#include "check/comparison.h"
+#include "check/comparison/comparison.h"
 
 #include "support/bytes.h"
 

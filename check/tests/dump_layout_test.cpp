@@ -1,4 +1,4 @@
-#include "check/dump_layout.h"
+#include "check/chip/dump_layout.h"
 
 #include "support/bytes.h"
 

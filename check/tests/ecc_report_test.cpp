@@ -1,4 +1,4 @@
-#include "check/ecc_report.h"
+#include "check/report/ecc_report.h"
 
 #include "results.h"
 

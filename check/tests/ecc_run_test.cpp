@@ -1,4 +1,4 @@
-#include "check/ecc_run.h"
+#include "check/chip/ecc_run.h"
 
 #include "check_bench.h"
 #include "dump_maker.h"

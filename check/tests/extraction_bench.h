@@ -2,7 +2,7 @@
 
 // Runs of the extraction, and what has to come out of them.
 
-#include "check/extraction.h"
+#include "check/extraction/extraction.h"
 #include "check_bench.h"
 #include "support/plain_data.h"
 

@@ -1,6 +1,6 @@
 // What the extraction writes, and what it never touches.
 
-#include "check/extracted_file.h"
+#include "check/extraction/extracted_file.h"
 #include "extraction_bench.h"
 
 #include <sys/stat.h>

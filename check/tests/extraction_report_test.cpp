@@ -1,5 +1,6 @@
 // What the reports of an extraction say.
 
+#include "check/report/extraction_report.h"
 #include "extraction_bench.h"
 #include "results.h"
 

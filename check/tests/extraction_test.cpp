@@ -1,5 +1,6 @@
 // What comes out of targets of all kinds is the data that went into them.
 
+#include "check/report/extraction_report.h"
 #include "extraction_bench.h"
 #include "support/nand_geometries.h"
 

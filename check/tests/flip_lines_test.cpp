@@ -1,4 +1,4 @@
-#include "check/flip_lines.h"
+#include "check/report/flip_lines.h"
 
 #include <gtest/gtest.h>
 

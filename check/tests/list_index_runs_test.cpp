@@ -1,4 +1,4 @@
-#include "check/list_index_runs.h"
+#include "check/chip/list_index_runs.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,5 @@
-#include "check/listing.h"
+#include "check/firmware/listing.h"
+#include "check/report/listing_report.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,6 +1,6 @@
 // The options of nandsmith-check in its manual page and in the completions of shells.
 
-#include "check/options.h"
+#include "check/options/options.h"
 #include "support/option_names.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The command line of nandsmith-check: what it takes, warns of and refuses.
 
-#include "check/options.h"
+#include "check/options/options.h"
 
 #include <gtest/gtest.h>
 #include <sstream>

@@ -1,4 +1,4 @@
-#include "check/places.h"
+#include "check/base/places.h"
 
 #include "results.h"
 

@@ -1,4 +1,4 @@
-#include "check/progress_line.h"
+#include "check/report/progress_line.h"
 
 #include "check_bench.h"
 

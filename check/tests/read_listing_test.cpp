@@ -1,6 +1,6 @@
 // What --list finds in a firmware, also in one that is damaged.
 
-#include "check/read_listing.h"
+#include "check/firmware/read_listing.h"
 
 #include "support/firmware_builder.h"
 #include "support/sparse_builder.h"

@@ -1,6 +1,6 @@
 // Reports of the dump of a chip.
 
-#include "check/report.h"
+#include "check/report/report.h"
 
 #include "results.h"
 

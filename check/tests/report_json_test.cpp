@@ -1,4 +1,5 @@
-#include "check/report.h"
+#include "check/base/words.h"
+#include "check/report/report.h"
 
 #include "results.h"
 

@@ -1,4 +1,4 @@
-#include "check/report.h"
+#include "check/report/report.h"
 
 #include "results.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "check/result.h"
+#include "check/base/result.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 // Hundreds of simulated chips: what the checker says of each is what was done to it, exactly.
 
-#include "check/ecc_run.h"
+#include "check/chip/ecc_run.h"
 #include "extraction_bench.h"
 #include "simulated_chip.h"
 

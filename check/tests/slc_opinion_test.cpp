@@ -1,4 +1,4 @@
-#include "check/second_opinion.h"
+#include "check/judge/second_opinion.h"
 
 #include "support/bytes.h"
 #include "support/conversion.h"

@@ -1,6 +1,6 @@
-#include "check/unit_corrector.h"
+#include "check/chip/unit_corrector.h"
 
-#include "check/result.h"
+#include "check/base/result.h"
 #include "dump_maker.h"
 #include "support/bch_judge.h"
 

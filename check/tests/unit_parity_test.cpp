@@ -1,4 +1,4 @@
-#include "check/unit_parity.h"
+#include "check/judge/unit_parity.h"
 
 #include "support/bch_judge.h"
 #include "support/bytes.h"

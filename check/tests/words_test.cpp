@@ -1,6 +1,6 @@
-#include "check/words.h"
+#include "check/base/words.h"
 
-#include "check/report.h"
+#include "check/report/report.h"
 
 #include <gtest/gtest.h>
 

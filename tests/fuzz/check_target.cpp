@@ -1,9 +1,9 @@
 // The comparison of nandsmith-check: a target that an input bends from the right image, and the results held
 // against a plain comparison of the same bytes.
 
-#include "check/comparison.h"
-#include "check/conversion_run.h"
-#include "check/diagnosis.h"
+#include "check/comparison/comparison.h"
+#include "check/comparison/conversion_run.h"
+#include "check/comparison/diagnosis.h"
 #include "fuzz_target.h"
 #include "right_target.h"
 #include "small_firmware.h"

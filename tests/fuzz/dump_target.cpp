@@ -3,11 +3,12 @@
 // bits.
 
 #include "check/check.h"
-#include "check/dump_layout.h"
-#include "check/ecc_report.h"
-#include "check/ecc_run.h"
-#include "check/extraction.h"
-#include "check/report.h"
+#include "check/chip/dump_layout.h"
+#include "check/chip/ecc_run.h"
+#include "check/extraction/extraction.h"
+#include "check/report/ecc_report.h"
+#include "check/report/extraction_report.h"
+#include "check/report/report.h"
 #include "fuzz_target.h"
 #include "right_target.h"
 #include "small_firmware.h"

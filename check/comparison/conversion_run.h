@@ -1,0 +1,22 @@
+#pragma once
+
+#include "../../src/options/conversion_options.h"
+
+#include <string>
+
+class Comparison;
+class OutputReceiver;
+
+/// How a conversion ended whose output went to a receiver.
+struct ConversionRun {
+    bool done = false;   ///< with all bytes handed over
+    std::string reason;  ///< when not done: the conversion's own lines, without colours
+};
+
+/// Runs the conversion silently. Writes nothing: all bytes go to the receiver, under names without a
+/// directory.
+ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& receiver);
+
+/// Runs the conversion into a comparison; a second time, as far as it is needed, where places are written
+/// several times.
+ConversionRun compare_conversion(const ConversionOptions& options, Comparison& comparison);

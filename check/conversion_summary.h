@@ -1,8 +1,0 @@
-#pragma once
-
-#include "result.h"
-
-#include "../src/options/conversion_options.h"
-
-/// The options of a conversion as the reports repeat them.
-ConversionSummary summary_of(const ConversionOptions& options);
