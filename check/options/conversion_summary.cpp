@@ -1,14 +1,6 @@
 #include "conversion_summary.h"
 
-namespace {
-
-#ifdef NANDSMITH_RC4_KEY
-constexpr const char* kKeyKind = "own";
-#else
-constexpr const char* kKeyKind = "development";
-#endif
-
-}  // namespace
+#include "../src/common/rc4_key.h"
 
 ConversionSummary summary_of(const ConversionOptions& options) {
     const StorageSettings& s = options.settings;
@@ -18,5 +10,5 @@ ConversionSummary summary_of(const ConversionOptions& options) {
             .spare = s.oob_size,
             .two_kb = s.page_2k,
             .page_list = s.page_list,
-            .key = kKeyKind};
+            .key = build_key_kind()};
 }

@@ -19,15 +19,6 @@ Bytes from_hex(std::string_view text) {
     return bytes;
 }
 
-// The key that this build scrambles with, as sixteen characters.
-std::string build_key() {
-#ifdef NANDSMITH_RC4_KEY
-    return test_support::to_text(from_hex(NANDSMITH_RC4_KEY));
-#else
-    return "nandsmith-devkey";
-#endif
-}
-
 Bytes scrambled(Bytes bytes) {
     rc4(bytes.data(), static_cast<uint32_t>(bytes.size()));
     return bytes;
@@ -85,11 +76,11 @@ TEST(Rc4WithKey, TakesKeysOfOneTo256Bytes) {
 
 // Every call starts the keystream afresh.
 TEST(Rc4, ScramblesUnderTheKeyOfTheBuild) {
-    ASSERT_EQ(build_key().size(), 16U);
+    const std::string build_key(kDeviceRc4Key);
     for (const uint32_t length : {1U, 2U, 255U, 256U, 257U, 511U, 512U}) {
         const Bytes sector = patterned(length, length);
-        EXPECT_EQ(scrambled(sector), test_support::rc4_scrambled(sector, build_key())) << length;
-        EXPECT_EQ(scrambled(sector), scrambled_with(to_bytes(build_key()), sector)) << length;
+        EXPECT_EQ(scrambled(sector), test_support::rc4_scrambled(sector, build_key)) << length;
+        EXPECT_EQ(scrambled(sector), scrambled_with(to_bytes(build_key), sector)) << length;
         EXPECT_EQ(scrambled(scrambled(sector)), sector) << length;
     }
 }
