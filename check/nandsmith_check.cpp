@@ -1,3 +1,4 @@
+#include "../src/common/rc4_key.h"
 #include "../src/io/retry.h"
 #include "check.h"
 #include "chip/ecc_run.h"
@@ -24,7 +25,9 @@
 
 namespace {
 
-constexpr const char* kVersion = "nandsmith-check 1.0\n";
+std::string version_text() {
+    return std::string("nandsmith-check 1.0\nRC4 key: ") + build_key_kind() + "\n";
+}
 
 /// Writes all of text. False, with errno set, when that failed.
 bool write_all(int descriptor, const std::string& text) {
@@ -150,7 +153,7 @@ int run(const CheckOptions& options) {
         warn(options, warning);
     switch (options.action) {
     case Action::kVersion:
-        return put(options, kVersion) ? kStatusSame : kStatusTrouble;
+        return put(options, version_text()) ? kStatusSame : kStatusTrouble;
     case Action::kHelp:
         return put(options, check_help()) ? kStatusSame : kStatusTrouble;
     case Action::kList:

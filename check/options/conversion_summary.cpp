@@ -1,6 +1,6 @@
 #include "conversion_summary.h"
 
-#include "../src/common/rc4_key.h"
+#include "../../src/common/rc4_key.h"
 
 ConversionSummary summary_of(const ConversionOptions& options) {
     const StorageSettings& s = options.settings;
