@@ -73,9 +73,8 @@ set(CPACK_PACKAGE_CONTACT "nandsmith developers <nandsmith@nandsmith.invalid>"
 )
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "converter of packed firmware update images into flash images")
 set(CPACK_STRIP_FILES ON)
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
-    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE
-)
+set(CPACK_PRE_BUILD_SCRIPTS "${package_directory}/debian_layout.cmake" "${package_directory}/any_umask.cmake")
+set(CPACK_POST_BUILD_SCRIPTS "${package_directory}/any_umask_deb.cmake")
 
 set(NANDSMITH_SOURCE_DIR "${PROJECT_SOURCE_DIR}")
 configure_file("${package_directory}/cpack_options.cmake.in" "${PROJECT_BINARY_DIR}/package/cpack_options.cmake" @ONLY)
@@ -112,7 +111,6 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "${description}")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "android-sdk-libsparse-utils, dosfstools, e2fsprogs, mtools")
-set(CPACK_PRE_BUILD_SCRIPTS "${package_directory}/debian_layout.cmake")
 
 # ---- the sources ----
 
