@@ -4,6 +4,8 @@
 #include "chip/ecc_run.h"
 #include "extraction/extraction.h"
 #include "firmware/read_listing.h"
+#include "manifest/manifest_run.h"
+#include "options/conversion_summary.h"
 #include "options/options.h"
 #include "report/ecc_report.h"
 #include "report/extraction_report.h"
@@ -114,6 +116,26 @@ int report(const CheckOptions& options, const ExtractionResult& result) {
         [&] { return extraction_json(result); });
 }
 
+/// A list in place of a report. What the trouble is goes to standard error, unless a document says it.
+int report(const CheckOptions& options, const Manifest& manifest) {
+    const ManifestForm form = options.manifest_form;
+    if (form != ManifestForm::kJson && manifest.error) {
+        warn(options, escaped(*manifest.error));
+        return kStatusTrouble;
+    }
+    const std::string text = form == ManifestForm::kCsv    ? manifest_csv(manifest)
+                             : form == ManifestForm::kJson ? manifest_json(manifest)
+                                                           : manifest_sums(manifest);
+    return put(options, text) ? manifest.status() : kStatusTrouble;
+}
+
+Manifest manifest_trouble(const CheckOptions& options) {
+    Manifest manifest;
+    manifest.conversion = summary_of(options.conversion);
+    manifest.error = options.error;
+    return manifest;
+}
+
 CheckResult trouble(const CheckOptions& options, const std::string& reason) {
     CheckResult result;
     result.firmware_path = options.conversion.settings.in_firmware;
@@ -147,6 +169,8 @@ int report_run(const CheckOptions& options, Run run) {
 }
 
 int run(const CheckOptions& options) {
+    if (options.error && options.action == Action::kManifest && !options.json)
+        return report(options, manifest_trouble(options));
     if (options.error)
         return report(options, trouble(options, *options.error));
     for (const std::string& warning : options.warnings)
@@ -164,6 +188,8 @@ int run(const CheckOptions& options) {
         return report_run(options, [](const CheckOptions& asked, const CheckProgress& progress) {
             return run_extraction(asked, progress);
         });
+    case Action::kManifest:
+        return report_run(options, run_manifest);
     case Action::kCheck:
         break;
     }

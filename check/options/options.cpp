@@ -25,6 +25,7 @@ enum OwnCode : int {
     kExtract,
     kForce,
     kHoles,
+    kManifest,
 };
 
 constexpr char kOwnLetters[] = "lqvh";
@@ -46,6 +47,7 @@ std::vector<option> long_options() {
         {"extract", required_argument, nullptr, kExtract},
         {"force", no_argument, nullptr, kForce},
         {"holes", optional_argument, nullptr, kHoles},
+        {"manifest", required_argument, nullptr, kManifest},
         {"at", required_argument, nullptr, kAt},
         {"layout", required_argument, nullptr, kLayout},
         {"bad-blocks", required_argument, nullptr, kBadBlocks},
@@ -126,6 +128,8 @@ private:
     void take(int code, bool letter) {
         if (code >= kFirstChipOption && code <= kLastChipOption)
             return take_chip_option(code);
+        if (code >= kOnly && code <= kVerbose && code != kProgress)
+            note_own(name_of(code), m_of_reports);
         switch (code) {
         case 1:
             return take_target(::optarg);
@@ -168,6 +172,9 @@ private:
         case kHoles:
             take_when("--holes", m_options.chip.holes);
             return note_own("--holes", m_of_extraction);
+        case kManifest:
+            take_manifest_form();
+            return act(Action::kManifest);
         case 'v':
             return end_with(Action::kVersion);
         case 'h':
@@ -183,7 +190,7 @@ private:
 
     void act(Action action) {
         if (m_options.action != Action::kCheck && m_options.action != action)
-            fail("--list, --ecc and --extract exclude each other");
+            fail("--list, --ecc, --extract and --manifest exclude each other");
         m_options.action = action;
     }
 
@@ -216,6 +223,10 @@ private:
             fail("--dump-spare is for spinand");
         if (m_options.action == Action::kEcc && type != nullptr && word != "slc")
             fail("--ecc is for slc: only its pages hold parity");
+        if (m_options.action == Action::kManifest)
+            for (const std::string& name : {m_of_reports, m_of_chips})
+                if (!name.empty())
+                    fail(name + " is of no use with --manifest");
     }
 
     /// As in nandsmith, later options are then not read and earlier errors count.
@@ -297,6 +308,18 @@ private:
             fail(name + " takes auto, always or never, not " + quoted(word));
     }
 
+    void take_manifest_form() {
+        const std::string_view word = ::optarg;
+        if (word == "csv")
+            m_options.manifest_form = ManifestForm::kCsv;
+        else if (word == "json")
+            m_options.manifest_form = ManifestForm::kJson;
+        else if (word == "sums")
+            m_options.manifest_form = ManifestForm::kSums;
+        else
+            fail("--manifest takes csv, json or sums, not " + quoted(word));
+    }
+
     void take_target(const char* target) {
         if (m_target)
             fail("more than one target: " + quoted(*m_target) + " and " + quoted(target));
@@ -315,6 +338,7 @@ private:
             m_options.target = "./-";  // for -o it is a directory of that name
         else
             m_options.target = named(m_output.value_or(""));
+        m_options.has_target = m_target || m_output;
     }
 
     void check_completeness() {
@@ -372,6 +396,7 @@ private:
     std::string m_of_chips;         // the first option of this kind
     std::string m_of_placed_dumps;  // likewise
     std::string m_of_extraction;    // likewise
+    std::string m_of_reports;       // likewise, of what is compared and how it is reported
     std::optional<std::string> m_target;
     std::optional<std::string> m_output;  // of -o
     bool m_ended = false;                 // by --help or --version
@@ -395,6 +420,7 @@ std::string check_help() {
     return R"(Usage: nandsmith-check -i FIRMWARE -t TYPE -b KB -p KB [-s BYTES] [OPTION]... [TARGET]
        nandsmith-check --ecc -t slc -b KB -p KB -s BYTES [OPTION]... DUMP
        nandsmith-check --extract=DIR [-i FIRMWARE] -t TYPE -b KB -p KB [-s BYTES] [OPTION]... TARGET
+       nandsmith-check --manifest=FORMAT -i FIRMWARE -t TYPE -b KB -p KB [-s BYTES] [TARGET]
        nandsmith-check --list -i FIRMWARE [--json[=FILE]]
 
 Says whether TARGET holds what nandsmith makes of FIRMWARE with the same options. Writes nothing to it.
@@ -434,6 +460,10 @@ Back to plain data:
       --extract=DIR        the items of TARGET, without spare areas, corrected, into DIR
       --force              existing files are replaced
       --holes[=WHEN]       auto or always: holes in place of long runs of zeros; never
+
+For who programs the chips:
+      --manifest=FORMAT    sizes, places and checksums of the files, as csv, json or sums;
+                           without TARGET those that the conversion would give
 
 What is reported:
       --max-differences=N  places listed for each part (10); 0 lists all, and all are always counted

@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
-enum class Action { kCheck, kEcc, kExtract, kList, kVersion, kHelp };
+enum class Action { kCheck, kEcc, kExtract, kList, kManifest, kVersion, kHelp };
+
+enum class ManifestForm { kCsv, kJson, kSums };
 
 /// The command line of nandsmith-check.
 struct CheckOptions {
@@ -16,6 +18,8 @@ struct CheckOptions {
     ChipOptions chip;
     Action action = Action::kCheck;
     std::string target;  ///< directory, file, device or "-"; never empty after parsing: "." is the default
+    bool has_target = false;  ///< the command line names one
+    ManifestForm manifest_form = ManifestForm::kCsv;
     std::vector<std::string> only;    ///< names of parts; empty: all
     std::vector<std::string> ignore;  ///< names of parts
     bool strict = false;

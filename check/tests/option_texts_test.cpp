@@ -9,8 +9,7 @@ using namespace test_support;
 
 OptionNames options_of_checker() {
     OptionNames names = options_of_tables(check_letters(), check_long_options());
-    names.erase("-l");           // is taken and ignored: not for use
-    names.insert("--manifest");  // is not in the table yet
+    names.erase("-l");  // is taken and ignored: not for use
     return names;
 }
 
