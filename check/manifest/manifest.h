@@ -19,8 +19,8 @@ struct ManifestFile {
     std::string name;  ///< without its suffix: any bytes
     std::string file;
     uint64_t bytes = 0;
-    std::optional<ManifestRange> sectors;  ///< of NAND: of the partition, by the firmware's table
-    std::optional<ManifestRange> blocks;   ///< of NAND: the erase blocks of these sectors
+    std::optional<ManifestRange> sectors{};  ///< of NAND: of the partition, by the firmware's table
+    std::optional<ManifestRange> blocks{};   ///< of NAND: the erase blocks of these sectors
     uint32_t sum32 = 0;
     uint32_t crc32 = 0;
     std::string sha256;  ///< 64 hexadecimal digits
