@@ -26,6 +26,7 @@ constexpr double kCheckSlcCompareLimit = 1.5;
 constexpr double kCheckSlcLimit = 2.0;
 constexpr double kCheckTableLimit = 4.0;
 constexpr double kCheckDumpLimit = 2.0;
+constexpr double kManifestLimit = 1.3;  // to openssl
 constexpr double kEccRate = 2.0;
 constexpr double kEccTableRate = 1.0;
 constexpr double kEccFlipsRate = 1.0;
@@ -153,6 +154,10 @@ void add_check_rows(const Programs& programs, std::vector<Row>& rows) {
     std::vector<std::string>& portable = rows.back().words;
     portable[0] = programs.check_with_path.string();
     portable.insert(portable.begin() + 1, "portable");
+    add("manifest-emmc", InputKind::dense, kManifestLimit, emmc, {"--manifest=json"});
+    rows.back().is_manifest = true;
+    add("manifest-slc", InputKind::dense, kManifestLimit, slc, {"--manifest=json"});
+    rows.back().is_manifest = true;
 }
 
 void write_genimage_config(const fs::path& path, const Input& input, uint64_t mib) {
@@ -245,6 +250,13 @@ Command compare_command(const WorkDirectory& work) {
                      work.copy().string()},
                     {}};
     for (const fs::path& file : files)
+        command.words.push_back(file.string());
+    return command;
+}
+
+Command digest_command(const WorkDirectory& work) {
+    Command command{{"openssl", "dgst", "-sha256"}, {}};
+    for (const fs::path& file : files_in(work.output()))
         command.words.push_back(file.string());
     return command;
 }

@@ -16,7 +16,7 @@ enum class OtherTool { cat, simg2img, genimage };
 struct Row {
     std::string name{};
     InputKind input = InputKind::dense;
-    double limit = 0;  // of the ratio to cp, or to cmp for a check; 0: none
+    double limit = 0;  // of the ratio to cp, or to cmp or openssl for a check; 0: none
     // "@firmware", "@output", "@copy" and "@dump" stand for the input, the two directories and the file of a
     // chip's dump in the output directory.
     std::vector<std::string> words{};
@@ -24,7 +24,8 @@ struct Row {
     bool at_largest_size = false;  // also runs alone with a firmware that is too large for pairs
     // Not empty: the row checks what these words have written, beside cmp of the output and its copy.
     std::vector<std::string> preparation{};
-    double least_rate = 0;  // of a dump, in GB for a second of processor time; 0: any
+    double least_rate = 0;     // of a dump, in GB for a second of processor time; 0: any
+    bool is_manifest = false;  // the row runs beside openssl, which makes the SHA-256 of the output, not cmp
 
     bool is_check() const { return !preparation.empty(); }
 };
@@ -46,6 +47,8 @@ Command preparation_of(const Row& row, const Input& input, const WorkDirectory& 
 Command copy_command(const WorkDirectory& work);
 // cmp of each file in the output directory with its copy.
 Command compare_command(const WorkDirectory& work);
+// openssl with the SHA-256 of each file in the output directory.
+Command digest_command(const WorkDirectory& work);
 
 std::string name_of(OtherTool tool);
 // Writes to the copy directory, which is empty, what the tool makes of the same contents. mib: size of the

@@ -124,7 +124,8 @@ private:
         return result;
     }
 
-    // Checks of one output, in turn with cmp of it and its copy. Nothing is written meanwhile.
+    // Checks of one output, in turn with cmp of it and its copy, or with openssl. Nothing is written
+    // meanwhile.
     RowResult run_checks(const Row& row, uint64_t mib) {
         const Input input = input_of(row, mib, false);
         clear();
@@ -132,13 +133,14 @@ private:
         run_measured(copy_command(m_work));
         m_work.settle();
         const Command check = command_of(row, input, m_work);
-        const Command compare = compare_command(m_work);
+        const Command beside = row.is_manifest ? digest_command(m_work) : compare_command(m_work);
         RowResult result{.name = row.name, .mib = mib, .limit = row.limit, .is_check = true};
+        result.is_manifest = row.is_manifest;
         result.least_rate = row.least_rate;
         result.bytes = bytes_in(m_work.output());
         for (int pair = 0; pair <= m_arguments.pairs(); ++pair) {
             const Measurement checked = run_measured(check);
-            const Measurement compared = run_measured(compare);
+            const Measurement compared = run_measured(beside);
             if (pair == 0)  // it warms up
                 continue;
             result.program.add(checked);

@@ -61,17 +61,18 @@ double median(std::vector<double> values) {
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-void ComparisonTable::print_header(bool is_check) {
-    if (m_header_is_of_checks == is_check)
+void ComparisonTable::print_header(const RowResult& row) {
+    const std::string beside = row.is_manifest ? "openssl" : row.is_check ? "cmp" : "cp";
+    if (m_beside == beside)
         return;
-    m_header_is_of_checks = is_check;
+    m_beside = beside;
     std::printf("\n%-20s %6s %9s %8s %8s %9s %7s %6s %9s %9s  %s\n", "row", "MiB", "seconds", "user s",
-                "system s", is_check ? "cmp s" : "cp s", "ratio", "limit", "peak MiB", "calls/MiB",
-                is_check ? "(ratio of processor time)" : "");
+                "system s", (beside + " s").c_str(), "ratio", "limit", "peak MiB", "calls/MiB",
+                row.is_check ? "(ratio of processor time)" : "");
 }
 
 void ComparisonTable::print_row(const RowResult& row) {
-    print_header(row.is_check);
+    print_header(row);
     const bool paired = !row.program.ratios.empty();
     const std::string result = verdict(row);
     std::printf("%-20s %6llu %9s %8s %8s %9s %7s %6s %9s %9s  %s\n", row.name.c_str(),

@@ -32,10 +32,11 @@ struct RowResult {
     uint64_t mib = 0;
     double limit = 0;
     Timing program{};
-    bool is_check = false;                  // beside cmp, by processor time
-    double least_rate = 0;                  // GB for a second of processor time; 0: any
-    uint64_t bytes = 0;                     // that are read, for that rate
-    Timing copy{};                          // of cmp for a check; without runs: too large for pairs
+    bool is_check = false;     // beside cmp, by processor time
+    bool is_manifest = false;  // a check beside openssl
+    double least_rate = 0;     // GB for a second of processor time; 0: any
+    uint64_t bytes = 0;        // that are read, for that rate
+    Timing copy{};             // of cmp or openssl for a check; without runs: too large for pairs
     std::optional<double> calls_per_mib{};  // of output
     std::vector<OtherResult> others{};
 };
@@ -56,9 +57,9 @@ public:
     int rows_over() const { return m_over; }
 
 private:
-    void print_header(bool is_check);
+    void print_header(const RowResult& row);
 
-    std::optional<bool> m_header_is_of_checks{};
+    std::string m_beside{};  // the command in the header that was printed last
     int m_over = 0;
     std::vector<RowResult> m_with_others{};
 };
