@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -42,7 +43,8 @@ public:
         m_manifest.conversion = summary_of(m_options.conversion);
         m_manifest.geometry = geometry_of(m_options.conversion);
         m_manifest.firmware_name = without_directories(m_firmware_path);
-        if (!open_firmware() || !(m_options.has_target ? take_target() : take_conversion()))
+        if (!can_make_sums() || !open_firmware() ||
+            !(m_options.has_target ? take_target() : take_conversion()))
             m_manifest.files.clear();
         else
             add_places();
@@ -53,6 +55,16 @@ private:
     bool fail(const std::string& reason) {
         m_manifest.error = reason;
         return false;
+    }
+
+    /// The settings of a machine can forbid the library a checksum. That is not to end a conversion half way.
+    bool can_make_sums() {
+        try {
+            const ManifestSums tried;
+            return true;
+        } catch (const std::runtime_error& refusal) {
+            return fail(refusal.what());
+        }
     }
 
     bool open_firmware() {

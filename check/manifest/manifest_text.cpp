@@ -46,7 +46,7 @@ std::string csv_settings(const Geometry& geometry) {
 /// A name as sha256sum writes it. changed is set when that is another one: the line then says so.
 std::string sums_name(const std::string& name, bool& changed) {
     std::string text;
-    for (const char character : name) {
+    for (const char character : name)
         if (character == '\\')
             text += "\\\\";
         else if (character == '\n')
@@ -55,7 +55,6 @@ std::string sums_name(const std::string& name, bool& changed) {
             text += "\\r";
         else
             text += character;
-    }
     changed = text != name;
     return text;
 }

@@ -95,7 +95,8 @@ TEST(ChipOptions, ThatAreWrongAreSentences) {
         EXPECT_EQ(error_of({word}), reason) << word;
     EXPECT_EQ(error_of({"--at=a=1", "--at=a=2"}), "'a' is in --at twice");
     EXPECT_EQ(error_of({"--max-flips=4", "--warn-flips=5"}), "--warn-flips is more than --max-flips");
-    EXPECT_EQ(error_of({"--list", "--extract=d"}), "--list, --ecc, --extract and --manifest exclude each other");
+    EXPECT_EQ(error_of({"--list", "--extract=d"}),
+              "--list, --ecc, --extract and --manifest exclude each other");
 }
 
 TEST(ChipOptions, AreRefusedForWholeImages) {

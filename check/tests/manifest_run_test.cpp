@@ -226,10 +226,10 @@ TEST(ManifestPlaces, OfAnImageAreInSectors) {
         EXPECT_EQ(range(document.at("files").at(0), "sector"), "0-" + std::to_string(sectors - 1));
         EXPECT_EQ(document.at("partitions").size(), 4U);
         EXPECT_EQ(document.at("partitions").at(0).at("name"), gpt ? "gpt" : "parameter");
+        std::map<std::string, std::string> places;
         for (const Json& partition : document.at("partitions"))
-            if (partition.at("name") == "misc") {
-                EXPECT_EQ(range(partition, "sector"), gpt ? "12288-12291" : "20480-20483");
-            }
+            places[partition.at("name")] = range(partition, "sector");
+        EXPECT_EQ(places.at("misc"), gpt ? "12288-12291" : "20480-20483");
         EXPECT_EQ(document_of(bench, {bench.out_dir()}), document);
     }
 }
@@ -330,6 +330,21 @@ TEST(ManifestTrouble, IsAWrongOption) {
     expect_no_manifest({"-t", "emmc", "-b", "512", "-p", "2"}, "firmware is none; give it with -i");
     expect_no_manifest({"-i", "fw", "-t", "emmc", "-b", "512", "-p", "2", "--strict"},
                        "--strict is of no use with --manifest");
+}
+
+TEST(ManifestTrouble, IsALibraryThatMayNotMakeASum) {
+    const CheckBench bench(kSpiNand);
+    const fs::path settings = bench.directory() / "openssl.cnf";
+    const std::string text = "openssl_conf = init\n[init]\nalg_section = algorithms\n"
+                             "[algorithms]\ndefault_properties = provider=none\n";
+    write_file(settings, Bytes(text.begin(), text.end()));
+    for (const Arguments& arguments : {bench.arguments(), bench.arguments_without_target()}) {
+        Arguments all = arguments;
+        all.emplace_back("--manifest=json");
+        const RunResult run = run_check_program(all, {.environment = {{"OPENSSL_CONF", settings.string()}}});
+        EXPECT_EQ(run.exit_status, kTrouble) << run.err;
+        EXPECT_EQ(Json::parse(run.out).at("error"), "libcrypto failed to make a SHA-256");
+    }
 }
 
 TEST(ManifestTrouble, IsOutputThatDoesNotArrive) {
