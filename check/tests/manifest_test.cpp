@@ -123,7 +123,7 @@ TEST(ManifestFileSums, HaveZerosWhereNothingIsWritten) {
 TEST(ManifestFileSums, LetSixteenMibWait) {
     const uint64_t part = 8 * kMib;
     std::vector<Write> writes;
-    for (const uint64_t number : {3, 2, 1, 0})  // the last bytes come first
+    for (const uint64_t number : {3U, 2U, 1U, 0U})  // the last bytes come first
         writes.push_back({number * part, patterned(part, static_cast<uint32_t>(number))});
     EXPECT_EQ(expect_sums_of(writes, 4 * part), 3);
     writes.erase(writes.begin());
