@@ -1,5 +1,6 @@
 #include "../src/common/rc4_key.h"
 #include "../src/io/retry.h"
+#include "base/words.h"
 #include "check.h"
 #include "chip/ecc_run.h"
 #include "extraction/extraction.h"

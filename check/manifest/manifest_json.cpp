@@ -1,7 +1,7 @@
-#include "../report/json_parts.h"
-#include "manifest.h"
 #include "../base/places.h"
 #include "../base/words.h"
+#include "../report/json_parts.h"
+#include "manifest.h"
 
 namespace {
 

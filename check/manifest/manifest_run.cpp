@@ -1,13 +1,13 @@
 #include "manifest_run.h"
 
 #include "../../src/io/retry.h"
+#include "../base/target.h"
 #include "../comparison/conversion_run.h"
-#include "../options/conversion_summary.h"
 #include "../comparison/diagnosis.h"
 #include "../firmware/firmware_file.h"
-#include "manifest_output.h"
 #include "../firmware/read_listing.h"
-#include "../base/target.h"
+#include "../options/conversion_summary.h"
+#include "manifest_output.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "../check.h"
+#include "../base/progress.h"
+#include "../options/options.h"
 #include "manifest.h"
 
 /// The manifest of what the conversion would give, or of the files of the target when one is named. The

@@ -1,7 +1,6 @@
 #include "manifest.h"
 
 #include "../base/places.h"
-#include "../report/report.h"
 #include "../base/words.h"
 
 #include <string_view>

@@ -1,7 +1,7 @@
 // The manifest of what a conversion would give, held against the files that it writes, and of files that are
 // there.
 
-#include "check/options.h"
+#include "check/options/options.h"
 #include "check_bench.h"
 #include "support/require_tool.h"
 #include "support/sparse_builder.h"

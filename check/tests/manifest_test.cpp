@@ -1,7 +1,7 @@
 // The sums of files whose bytes come in any order, and the texts of a manifest.
 
-#include "check/manifest.h"
-#include "check/manifest_file_sums.h"
+#include "check/manifest/manifest.h"
+#include "check/manifest/manifest_file_sums.h"
 
 #include "support/bytes.h"
 
