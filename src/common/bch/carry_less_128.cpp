@@ -3,10 +3,13 @@
 #define BCH_TARGET "avx2,pclmul"
 #include "carry_less.inc"
 
+#include <immintrin.h>
+
 namespace {
 
 struct Lanes128 {
     using Vector = __m128i;
+    using Row = WholeRow;
 
     [[BCH_INLINE]] static inline Vector low_products(Vector a, Vector b) {
         return _mm_clmulepi64_si128(a, b, 0x00);

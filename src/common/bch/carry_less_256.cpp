@@ -3,10 +3,13 @@
 #define BCH_TARGET "avx2,pclmul,vpclmulqdq"
 #include "carry_less.inc"
 
+#include <immintrin.h>
+
 namespace {
 
 struct Lanes256 {
     using Vector = __m256i;
+    using Row = WholeRow;
 
     [[BCH_INLINE]] static inline Vector low_products(Vector a, Vector b) {
         return _mm256_clmulepi64_epi128(a, b, 0x00);

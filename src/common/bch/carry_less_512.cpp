@@ -3,11 +3,14 @@
 #define BCH_TARGET "avx2,pclmul,vpclmulqdq,avx512f"
 #include "carry_less.inc"
 
+#include <immintrin.h>
+
 namespace {
 
 /// Shuffles with the builtins of the compiler: gcc 12 warns of uninitialised values in the intrinsics.
 struct Lanes512 {
     using Vector = __m512i;
+    using Row = WholeRow;
 
     [[BCH_INLINE]] static inline Vector low_products(Vector a, Vector b) {
         return _mm512_clmulepi64_epi128(a, b, 0x00);

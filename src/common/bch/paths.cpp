@@ -6,6 +6,8 @@
 // The paths, fastest first. Each is defined in the source of its name.
 #if defined(__x86_64__)
 #define BCH_PATHS kBchCarryLess512, kBchCarryLess256, kBchCarryLess128, kBchPortable
+#elif defined(__aarch64__) && defined(__linux__)
+#define BCH_PATHS kBchCarryLessArm128, kBchPortable
 #else
 #define BCH_PATHS kBchPortable
 #endif

@@ -7,6 +7,9 @@
 #include <set>
 #include <string_view>
 #include <vector>
+#if defined(__linux__)
+#include <sys/auxv.h>
+#endif
 
 namespace {
 
@@ -46,6 +49,9 @@ Names expected_names() {
         names.push_back("carry_less_256");
     if (multiplies_128)
         names.push_back("carry_less_128");
+#elif defined(__aarch64__) && defined(__linux__)
+    if ((getauxval(AT_HWCAP) & HWCAP_PMULL) != 0)
+        names.push_back("carry_less_arm_128");
 #endif
     names.push_back("portable");
     return names;
@@ -53,7 +59,8 @@ Names expected_names() {
 
 // Paths that this test does not know may stand between the others.
 TEST(BchPathTable, OffersWhatThisProcessorHas) {
-    const Names known = {"carry_less_512", "carry_less_256", "carry_less_128", "portable"};
+    const Names known = {"carry_less_512", "carry_less_256", "carry_less_128", "carry_less_arm_128",
+                         "portable"};
     Names offered;
     for (const BchPath& path : available_bch_paths())
         if (std::ranges::find(known, path.name) != known.end())
