@@ -27,7 +27,8 @@ std::optional<uint64_t> BlockReader::read(uint64_t offset, uint64_t size, uint8_
                 return copied;
         }
         const uint64_t count = std::min(size - copied, m_block_offset + m_block_size - position);
-        std::memcpy(out + copied, m_block.data() + (position - m_block_offset), count);
+        std::memcpy(out + copied, m_block.data() + (position - m_block_offset),
+                    static_cast<std::size_t>(count));
         copied += count;
     }
     return copied;
@@ -51,7 +52,8 @@ std::optional<uint64_t> BlockReader::read_directly(uint64_t offset, uint64_t siz
     uint64_t total = 0;
     while (total < size) {
         const ssize_t count = retry_interrupted([&] {
-            return ::pread(m_descriptor, out + total, size - total, static_cast<off_t>(offset + total));
+            return ::pread(m_descriptor, out + total, static_cast<std::size_t>(size - total),
+                           static_cast<off_t>(offset + total));
         });
         if (count < 0)
             return std::nullopt;

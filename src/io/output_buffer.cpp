@@ -89,7 +89,7 @@ bool OutputBuffer::append(const uint8_t* bytes, uint64_t count) {
         const uint64_t capacity = block_capacity();
         const uint64_t part = std::min(count, capacity - m_block_used);
         if (bytes != m_block.data() + m_block_used)  // else they were put into the room
-            std::memcpy(m_block.data() + m_block_used, bytes, part);
+            std::memcpy(m_block.data() + m_block_used, bytes, static_cast<std::size_t>(part));
         m_block_used += part;
         bytes += part;
         count -= part;
@@ -113,7 +113,7 @@ bool OutputBuffer::append_fill(uint8_t value, uint64_t count) {
     while (count != 0) {
         const std::span<uint8_t> free = room();
         const uint64_t part = std::min<uint64_t>(count, free.size());
-        std::memset(free.data(), value, part);
+        std::memset(free.data(), value, static_cast<std::size_t>(part));
         if (!append(free.data(), part))
             return false;
         count -= part;

@@ -107,9 +107,10 @@ int PositionedFile::bytes(uint64_t offset, const uint8_t* bytes, uint64_t count)
     if (const int error = move_to(offset); error != 0)
         return error;
     while (count != 0) {
+        const auto in_memory = static_cast<std::size_t>(count);
         const ssize_t written = retry_interrupted([&] {
-            return m_regular ? ::pwrite(m_descriptor, bytes, count, static_cast<off_t>(offset))
-                             : ::write(m_descriptor, bytes, count);
+            return m_regular ? ::pwrite(m_descriptor, bytes, in_memory, static_cast<off_t>(offset))
+                             : ::write(m_descriptor, bytes, in_memory);
         });
         if (written <= 0)
             return written == 0 ? EIO : errno;

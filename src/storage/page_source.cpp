@@ -44,6 +44,6 @@ std::span<uint8_t> PageSource::pages(uint32_t number, uint32_t limit) {
 /// Reads the size bytes of whole pages at position into the buffer, with fill bytes after the image.
 bool PageSource::read_pages(uint64_t position, uint64_t size) {
     const uint64_t data = std::min(size, m_image_size > position ? m_image_size - position : 0);
-    std::memset(m_buffer.data() + data, m_fill_byte, size - data);
+    std::memset(m_buffer.data() + data, m_fill_byte, static_cast<std::size_t>(size - data));
     return m_read(position, static_cast<uint32_t>(data), m_buffer.data());
 }

@@ -131,7 +131,7 @@ bool CSlcStorage::prepare_buffers() {
         return false;
 
     uint8_t* page = m_fill_page.data();
-    std::memset(page, kErased, size);
+    std::memset(page, kErased, static_cast<std::size_t>(size));
     std::memset(page + kUnitData, 0, sizeof(m_bch_list_index));
     WaitingUnits waiting;
     for (uint32_t k = 0; k < units(); ++k) {
@@ -180,5 +180,5 @@ void CSlcStorage::lay_out_flash_page(const uint8_t* data, uint32_t size, uint8_t
     // The units after the data, with their parity, and the erased bytes after them are those of the fill
     // page.
     const uint64_t end = uint64_t{data_units} * kUnitStride;
-    std::memcpy(page + end, m_fill_page.data() + end, flash_page_size() - end);
+    std::memcpy(page + end, m_fill_page.data() + end, static_cast<std::size_t>(flash_page_size() - end));
 }

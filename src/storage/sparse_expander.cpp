@@ -78,13 +78,13 @@ std::span<uint8_t> SparseExpander::read_raw(uint64_t count) {
     const uint64_t whole_pages = std::min<uint64_t>(count, room.size()) / m_page.size() * m_page.size();
     if (!m_by_pages && whole_pages != 0) {
         if (m_read(m_position, static_cast<uint32_t>(whole_pages), room.data()))
-            return room.first(whole_pages);
+            return room.first(static_cast<std::size_t>(whole_pages));
         m_by_pages = true;  // the pages before the one that cannot be read are still appended
     }
     const uint64_t size = std::min<uint64_t>(count, m_page.size());
     if (!m_read(m_position, static_cast<uint32_t>(size), m_page.data()))
         return {};
-    return m_page.first(size);
+    return m_page.first(static_cast<std::size_t>(size));
 }
 
 int SparseExpander::expand_fill(const chunk_header_t& chunk) {
@@ -112,7 +112,7 @@ void SparseExpander::expand_pattern(uint64_t length) {
     }
     std::memset(m_page.data() + length / kChunkValueSize * kChunkValueSize, m_fill_byte,
                 length % kChunkValueSize);
-    append(m_page.first(length));
+    append(m_page.first(static_cast<std::size_t>(length)));
 }
 
 /// Bytes that are written at most. After a failure of the file the size of the output does not count.

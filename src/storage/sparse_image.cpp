@@ -87,7 +87,7 @@ public:
     int bytes(uint64_t /*offset*/, const uint8_t* bytes, uint64_t count) override {
         while (count != 0 && m_passed != m_limit) {
             const uint64_t part = std::min(count, m_page.size() - m_gathered);
-            std::memcpy(m_page.data() + m_gathered, bytes, part);
+            std::memcpy(m_page.data() + m_gathered, bytes, static_cast<std::size_t>(part));
             m_gathered += part;
             bytes += part;
             count -= part;
