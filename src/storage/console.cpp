@@ -2,15 +2,6 @@
 
 #include "../common/messages.h"
 
-#include <algorithm>
-
-namespace {
-
-// Holds a hundred times any size.
-__extension__ using Wide = unsigned __int128;
-
-}  // namespace
-
 void print_line(const std::string& text) {
     put_message(text + "\n");
 }
@@ -35,8 +26,17 @@ uint64_t percent_of(uint64_t done, uint64_t total) {
     if (total == 0)
         return 100;
     if (done <= UINT64_MAX / 100)
-        return done * 100 / total;  // needed for each page; the wide division is several times slower
-    return static_cast<uint64_t>(Wide{done} * 100 / total);
+        return done * 100 / total;
+    // A hundred times this size does not fit 64 bits, so its fraction of the total is added up.
+    uint64_t percent = done / total * 100;
+    uint64_t rest = 0;
+    for (uint32_t i = 0; i < 100; ++i) {
+        const uint64_t missing = total - done % total;  // of the fraction to the whole
+        const bool is_whole = rest >= missing;
+        rest = is_whole ? rest - missing : rest + done % total;
+        percent += is_whole ? 1 : 0;
+    }
+    return percent;
 }
 
 void Progress::show(uint64_t done, uint64_t total) {
@@ -58,7 +58,14 @@ void Progress::show_steps(uint64_t done, uint64_t end, uint64_t step, uint64_t t
 uint64_t Progress::steps_until_change(uint64_t done, uint64_t total) const {
     if (percent_of(done + 1, total) != m_shown)
         return 1;
-    // With a total of 0 the percentage is always 100.
-    const Wide next_change = total == 0 ? Wide{UINT64_MAX} : (Wide{m_shown + 1} * total + 99) / 100;
-    return static_cast<uint64_t>(std::min<Wide>(next_change, UINT64_MAX)) - done;
+    if (total == 0)
+        return UINT64_MAX - done;  // the percentage is always 100
+    // That many percent of the total, rounded up. The products of their hundreds and their remainders fit 64
+    // bits each; that with the hundreds of the total may not.
+    const uint64_t percent = m_shown + 1;
+    const uint64_t of_remainder = percent / 100 * (total % 100) + (percent % 100 * (total % 100) + 99) / 100;
+    const uint64_t hundredth = total / 100;
+    if (hundredth != 0 && percent > (UINT64_MAX - of_remainder) / hundredth)
+        return UINT64_MAX - done;
+    return percent * hundredth + of_remainder - done;
 }
