@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <sys/types.h>
 #include <type_traits>
 
@@ -13,7 +14,7 @@ TEST(RetryInterrupted, RepeatsInterruptedCallsAlone) {
         const char* situation;
         int interruptions;
         // What the call gives then, and leaves in errno.
-        ssize_t result;
+        int64_t result;
         int error;
     } rows[] = {
         {"nothing interrupts", 0, 42, 0},
@@ -24,7 +25,7 @@ TEST(RetryInterrupted, RepeatsInterruptedCallsAlone) {
         {"success with a stale code of an interruption", 0, 7, EINTR},
         {"a result below -1", 0, -2, EINTR},
         {"interrupted as often as it may be", 1000, 42, 0},
-        {"a count beyond 31 bits", 0, ssize_t{1} << 33, 0},
+        {"a count beyond 31 bits", 0, int64_t{1} << 33, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.situation);
@@ -32,7 +33,7 @@ TEST(RetryInterrupted, RepeatsInterruptedCallsAlone) {
         EXPECT_EQ(retry_interrupted([&] {
                       const bool interrupted = ++calls <= row.interruptions;
                       errno = interrupted ? EINTR : row.error;
-                      return interrupted ? ssize_t{-1} : row.result;
+                      return interrupted ? int64_t{-1} : row.result;
                   }),
                   row.result);
         EXPECT_EQ(errno, row.error);
