@@ -66,7 +66,7 @@ TEST(Program, EndsIn1ForAFirmwarePathOf256Characters) {
 
 TEST(Program, FailsWithoutMemoryForAPage) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "the address sanitizer needs the address space";
+        GTEST_SKIP() << "the address sanitizer or an emulator needs the address space";
     const Workbench bench(sample_firmware());
     bench.expect({"emmc", "1048576", "1048576"}, kCreationFailed,
                  line("writing idblock...") + error_line("failed to write idblock,ret=-5"), By::program,

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -20,9 +21,6 @@ inline constexpr bool kSanitized = __has_feature(address_sanitizer);
 #else
 inline constexpr bool kSanitized = false;
 #endif
-
-// The sanitizer reserves the address space for its shadow memory.
-inline constexpr bool kMemoryCanBeLimited = !kSanitized;
 
 class SoftLimit {
 public:
@@ -57,6 +55,17 @@ private:
         return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     }
 };
+
+// An emulator of another processor may take no limit from the program that it runs.
+inline bool memory_limit_holds() {
+    constexpr std::size_t size = std::size_t{1} << 30;
+    const MemoryLimit limit(size / 2);
+    void* memory = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return memory == MAP_FAILED || munmap(memory, size) != 0;
+}
+
+// The sanitizer reserves the address space for its shadow memory.
+inline const bool kMemoryCanBeLimited = !kSanitized && memory_limit_holds();
 
 // A write beyond `bytes` fails with EFBIG, as on a disk that is full half way through.
 class FileSizeLimit : SoftLimit {

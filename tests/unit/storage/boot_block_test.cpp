@@ -201,7 +201,7 @@ TEST_F(BootBlockTest, EachMissingOrUnreadableStageHasItsCode) {
 
 TEST_F(BootBlockTest, WildSizeIsRefusedBeforeAnyMemory) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     constexpr uint32_t kWild = 33000000;
     for (const std::size_t index : {0U, 1U}) {
         use(with_entry(index, [&](auto& entry) { entry.data_size = kWild; }));

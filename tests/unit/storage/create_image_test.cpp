@@ -91,7 +91,7 @@ TEST_F(CreateImageTest, EndsWithTheStepThatRefusesOrFails) {
 
 TEST_F(CreateImageTest, BootBlockBeyondTheMemoryHasItsCode) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     write_firmware(sample_firmware());
     const auto storage = make<Exposed<CEmmcStorage>>({.block_kb = 2097152});
     const MemoryLimit limit(256 * kMib);

@@ -225,7 +225,7 @@ TEST_F(GptPartition, MayHave128Partitions) {
 
 TEST_F(GptPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     load_text("mtdparts=x:0x1@0x2(a)");
     m_storage->m_page_size = kHugePageKb * 1024;
     m_storage->m_page_size_sector = kHugePageKb * 2;

@@ -231,7 +231,7 @@ TEST_F(SlcNand, EndingAPartitionClosesAndStartsAfresh) {
 
 TEST_F(SlcNand, FillPageThatNoMemoryHoldsFailsTheFile) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     const auto storage = make_slc({.page_kb = kHugePageKb, .spare = 32 * kHugePageKb});
     EXPECT_TRUE(storage->prepare_write_idblock());
     storage->m_idb_fill_page_num = 1;

@@ -107,7 +107,7 @@ TEST_F(PageSourceTest, OffsetsBeyond4GiBAreExact) {
 
 TEST_F(PageSourceTest, NoMemoryForAPageIsTold) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     const MemoryLimit limit(256 * 1024 * 1024);
     EXPECT_FALSE(source(1024 * 1024 * 1024));
 }

@@ -256,7 +256,7 @@ TEST_F(PageWriterTest, FailedPageDoesNotFailTheCall) {
 
 TEST_F(PageWriterTest, PageThatNoMemoryHoldsFailsWhatNeedsIt) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     use({.page_kb = kHugePageKb}, 100);
     const MemoryLimit limit(256 * 1024 * 1024);
     EXPECT_FALSE(m_storage->fill_output_file(200));

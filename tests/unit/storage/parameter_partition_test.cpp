@@ -120,7 +120,7 @@ TEST_F(ParameterRecord, LargeItemMarksDoNotCount) {
 
 TEST_F(ParameterRecord, PageThatNoMemoryHoldsLeavesTheEarlierRecord) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     use({{.name = "parameter", .data = Bytes(100, 1)}});
     ASSERT_TRUE(load_record(m_item));
     m_storage->m_page_size = kHugePageKb * 1024;
@@ -201,7 +201,7 @@ TEST_F(ParameterPartition, LengthIsNotTheItemsButTheLoadedRecords) {
 
 TEST_F(ParameterPartition, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     m_storage = make<Recorder>({.page_kb = kHugePageKb});
     uint8_t empty_record = 0;
     m_storage->m_paramBuffer = &empty_record;

@@ -205,7 +205,7 @@ TEST_F(RawImageTest, PageCountHas32Bits) {
 
 TEST_F(RawImageTest, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     use(FLASH_EMMC, {.page_kb = kHugePageKb}, patterned(10, 1), 16);
     const MemoryLimit limit(256 * 1024 * 1024);
     expect_no_pages(line("writing boot..."), -3);

@@ -156,7 +156,7 @@ TEST_F(SlcPage, PaddingStopsAfter1048576Refusals) {
 
 TEST_F(SlcPage, ThatNoMemoryHoldsFailsTheFile) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     const auto storage = open({.page_kb = kHugePageKb, .spare = 32 * kHugePageKb});
     uint8_t byte = 0;
     const MemoryLimit limit(256 * 1024 * 1024);
@@ -168,7 +168,7 @@ TEST_F(SlcPage, ThatNoMemoryHoldsFailsTheFile) {
 
 TEST_F(SlcPage, MissingMemoryIsAskedForAgain) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     const SlcCase chip{.page_kb = 65536, .spare = 65536 * 32};
     Bytes data(chip.page_size(), 0);
     data[0] = 1;

@@ -109,7 +109,7 @@ TEST_F(SparseFailure, WildNumbersEndAfterTheLastWholePiece) {
 
 TEST_F(SparseFailure, PageThatNoMemoryHoldsHasACodeOfItsOwn) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     prepare(image_of_all_kinds().build(), {.type = FLASH_SPI_NAND, .page_kb = kHugePageKb});
     const MemoryLimit limit(256 * 1024 * 1024);
     write_item();

@@ -171,7 +171,7 @@ TEST_F(StorageObjectTest, PlacesPartitionsByTheirSector) {
 
 TEST_F(StorageObjectTest, GapThatNoMemoryFillsIsRefused) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     const auto storage = make<Exposed<CNorStorage>>({.page_kb = kHugePageKb});
     storage->m_fout.open(out_path("out.img"));
     STRUCT_QZIMAGE_ITEM item{};

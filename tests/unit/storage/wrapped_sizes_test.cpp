@@ -30,7 +30,7 @@ TEST_F(WrappedSizes, GptIsMadeInMoreRoomThanItsPages) {
 // -p 4067204 -s 64: the units take 4 GiB and 128 bytes, more than the page and its spare area.
 TEST_F(WrappedSizes, SpareAreaIsTooSmallForUnitsOf4Gib) {
     if (!kMemoryCanBeLimited)
-        GTEST_SKIP() << "needs a build without sanitizers";
+        GTEST_SKIP() << "needs a build without sanitizers or emulator";
     const auto storage = make<Exposed<CSlcStorage>>({.page_kb = 4067204, .oob_bytes = 64}, false);
     storage->m_fout.open(out_path("pages.img").string());
     Bytes data = patterned(1024, 1);  // not looked at
