@@ -1,5 +1,22 @@
 include(GoogleTest)
 
+# nandsmith_program_of_tests(<variable> <suite> <target>): the path at which a suite finds a program. A cross
+# build with an emulator has a script there, because what a test starts does not run in the emulator of the test.
+function(nandsmith_program_of_tests variable suite target)
+    if(CMAKE_CROSSCOMPILING AND CMAKE_CROSSCOMPILING_EMULATOR)
+        set(script "${PROJECT_BINARY_DIR}/emulated/${suite}/${target}")
+        list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+        file(
+            GENERATE OUTPUT "${script}"
+            CONTENT "#!/bin/sh\nexec ${emulator} '$<TARGET_FILE:${target}>' \"$@\"\n"
+            FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+        )
+        set(${variable} "${script}" PARENT_SCOPE)
+    else()
+        set(${variable} "$<TARGET_FILE:${target}>" PARENT_SCOPE)
+    endif()
+endfunction()
+
 # nandsmith_add_test_suite(<target> LABEL <label> SOURCES <file>... [LIBRARIES <target>...])
 #
 # One GoogleTest executable. ctest runs its tests one by one, under the given label. Its sources may use
@@ -33,11 +50,14 @@ function(nandsmith_add_test_suite target)
     target_precompile_headers(
         ${target} PRIVATE <gtest/gtest.h> <algorithm> <filesystem> <fstream> <random> <string> <vector>
     )
+    nandsmith_program_of_tests(program ${target} nandsmith)
+    nandsmith_program_of_tests(firmware_maker ${target} make_sample_firmware)
+    nandsmith_program_of_tests(dump_maker ${target} make_sample_dump)
     target_compile_definitions(
         ${target}
-        PRIVATE NANDSMITH_PROGRAM="$<TARGET_FILE:nandsmith>"
-                MAKE_SAMPLE_FIRMWARE="$<TARGET_FILE:make_sample_firmware>"
-                MAKE_SAMPLE_DUMP="$<TARGET_FILE:make_sample_dump>"
+        PRIVATE NANDSMITH_PROGRAM="${program}"
+                MAKE_SAMPLE_FIRMWARE="${firmware_maker}"
+                MAKE_SAMPLE_DUMP="${dump_maker}"
                 NANDSMITH_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
                 $<$<BOOL:${NANDSMITH_COVERAGE}>:NANDSMITH_COVERAGE>
     )
