@@ -211,7 +211,8 @@ TEST(ManifestPlaces, OfNandAreThoseOfTheTable) {
 
 TEST(ManifestPlaces, HaveNoBlocksWithTwoKbInAPage) {
     const CheckBench bench(with_two_kb(with(kSpiNand, "256", "4")), with_places());
-    for (const Json& file : document_of(bench).at("files"))
+    const Json document = document_of(bench);
+    for (const Json& file : document.at("files"))
         EXPECT_EQ(range(file, "block"), "null-null");
 }
 
