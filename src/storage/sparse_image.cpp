@@ -97,7 +97,8 @@ public:
                 ++m_passed;
             }
         }
-        return m_has_failed() ? EIO : 0;
+        // Nothing takes what follows the last page, so the expansion need not make it: it can be terabytes.
+        return m_has_failed() || m_passed == m_limit ? EIO : 0;
     }
     int zeros(uint64_t /*offset*/, uint64_t /*count*/) override { return EINVAL; }
     uint64_t zeros_from() const override { return kNoZeros; }
