@@ -33,6 +33,21 @@ NamedInput image_of_four_tebibytes_after_a_failure() {
             firmware.build() + Bytes{emmc, 0, pages_of_1_kilobyte, 0}};
 }
 
+// A sparse image of 256 TiB: its count of pages wraps to 0. Without a temporary file the bytes were made all the
+// same, and dropped.
+NamedInput sparse_image_of_256_tebibytes() {
+    SparseImage image = small_sparse_image();
+    image.block_size = 1U << 29;
+    image.total_blocks = 1U << 19;
+    image.chunks = {SparseChunk::raw(patterned(512, 31), image.block_size),
+                    SparseChunk::fill(0x12345678, 60), SparseChunk::dont_care(6764)};
+    Firmware firmware = small_firmware();
+    firmware.item("rootfs").data = image.build();
+    constexpr uint8_t spinand = 2;
+    constexpr uint8_t like_a_file = 1 << 6;
+    return {"sparse-image-of-256-tebibytes", firmware.build() + Bytes{spinand | like_a_file, 0, 0, 0}};
+}
+
 #ifdef NANDSMITH_CHECK
 // Pages with 2 KB of data hold larger pages together: fewer than one of those were extracted as nothing, and
 // that was "same".
@@ -50,7 +65,8 @@ NamedInput chip_of_less_than_a_page_of_2k_pages() {
 
 std::vector<NamedInput> findings_of(const FuzzTarget& target) {
     if (target.run == run_conversion)
-        return {refused_padding_of_two_tebibytes(), image_of_four_tebibytes_after_a_failure()};
+        return {refused_padding_of_two_tebibytes(), image_of_four_tebibytes_after_a_failure(),
+                sparse_image_of_256_tebibytes()};
 #ifdef NANDSMITH_CHECK
     if (target.run == run_dump)
         return {chip_of_less_than_a_page_of_2k_pages()};
