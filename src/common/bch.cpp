@@ -44,17 +44,17 @@ constexpr uint32_t kPrimitivePolynomials[] = {0x7,     0xB,     0x13,    0x25,  
 
 /// Exponents of the roots, in increasing order: the cyclotomic cosets of 1 to 2t.
 std::vector<uint32_t> generator_roots() {
-    std::vector<bool> is_root(DubCodeBitsNum);
+    std::vector<uint8_t> is_root(DubCodeBitsNum);
     for (uint32_t i = 1; i <= 2 * MaxBitsNum; ++i) {
         uint32_t exponent = i % DubCodeBitsNum;
         for (uint32_t j = 0; j < mm; ++j) {
-            is_root[exponent] = true;
+            is_root[exponent] = 1;
             exponent = exponent * 2 % DubCodeBitsNum;
         }
     }
     std::vector<uint32_t> roots;
     for (uint32_t exponent = 0; exponent < DubCodeBitsNum; ++exponent)
-        if (is_root[exponent])
+        if (is_root[exponent] != 0)
             roots.push_back(exponent);
     return roots;
 }

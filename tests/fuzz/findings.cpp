@@ -33,14 +33,14 @@ NamedInput image_of_four_tebibytes_after_a_failure() {
             firmware.build() + Bytes{emmc, 0, pages_of_1_kilobyte, 0}};
 }
 
-// A sparse image of 256 TiB: its count of pages wraps to 0. Without a temporary file the bytes were made all the
-// same, and dropped.
+// A sparse image of 256 TiB: its count of pages wraps to 0. Without a temporary file the bytes were made all
+// the same, and dropped.
 NamedInput sparse_image_of_256_tebibytes() {
     SparseImage image = small_sparse_image();
     image.block_size = 1U << 29;
     image.total_blocks = 1U << 19;
-    image.chunks = {SparseChunk::raw(patterned(512, 31), image.block_size),
-                    SparseChunk::fill(0x12345678, 60), SparseChunk::dont_care(6764)};
+    image.chunks = {SparseChunk::raw(patterned(512, 31), image.block_size), SparseChunk::fill(0x12345678, 60),
+                    SparseChunk::dont_care(6764)};
     Firmware firmware = small_firmware();
     firmware.item("rootfs").data = image.build();
     constexpr uint8_t spinand = 2;
