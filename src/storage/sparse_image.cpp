@@ -206,8 +206,10 @@ int CStorage::pass_sparse_pages(STRUCT_QZIMAGE_ITEM& entry, const sparse_header_
     };
     SparseExpander expander(header, read, uint64_t{pages} * m_page_size, {page.data(), m_page_size},
                             m_fill_byte, expanded, progress);
-    if (const int result = expander.expand(); result != kDone)
+    if (const int result = expander.expand(); result != kDone) {
+        expanded.give_up(ECANCELED);  // the run ends, so nothing needs what is still gathered
         return result;
+    }
     const uint64_t excess = expander.written() % m_page_size;
     expanded.write_fill(m_fill_byte, 1, excess != 0 ? m_page_size - excess : 0);
     expanded.close();
