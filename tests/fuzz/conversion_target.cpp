@@ -52,7 +52,8 @@ class Messages {
 public:
     Messages() {
         send_messages_to([this](const std::string& text) {
-            if (++m_count > conversion_patience().messages)
+            // Once, because what unwinds may print again.
+            if (++m_count == conversion_patience().messages + 1)
                 throw EnoughSaid();
             m_last = text;
         });
