@@ -92,7 +92,8 @@ public:
             bytes += part;
             count -= part;
             if (m_gathered == m_page.size()) {
-                m_storage.write_page(m_page.data(), static_cast<uint32_t>(m_page.size()));
+                if (!m_storage.write_page(m_page.data(), static_cast<uint32_t>(m_page.size())))
+                    return EIO;  // so it would each of the following pages
                 m_gathered = 0;
                 ++m_passed;
             }

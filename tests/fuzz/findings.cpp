@@ -48,6 +48,19 @@ NamedInput sparse_image_of_256_tebibytes() {
     return {"sparse-image-of-256-tebibytes", firmware.build() + Bytes{spinand | like_a_file, 0, 0, 0}};
 }
 
+// With a spare area that is too small every page of a sparse image was refused with a line, and the next one
+// was made: 256 GiB of them.
+NamedInput refused_pages_of_a_sparse_image() {
+    SparseImage image = small_sparse_image();
+    image.block_size = 1U << 30;
+    image.chunks = {SparseChunk::fill(0x12345678, 256)};
+    Firmware firmware = small_firmware();
+    firmware.item("rootfs").data = image.build();
+    constexpr uint8_t slc = 3;
+    constexpr uint8_t spare_of_33_bytes = 5;
+    return {"refused-pages-of-a-sparse-image", firmware.build() + Bytes{slc, 0, 0, spare_of_33_bytes}};
+}
+
 #ifdef NANDSMITH_CHECK
 // Pages with 2 KB of data hold larger pages together: fewer than one of those were extracted as nothing, and
 // that was "same".
@@ -66,7 +79,7 @@ NamedInput chip_of_less_than_a_page_of_2k_pages() {
 std::vector<NamedInput> findings_of(const FuzzTarget& target) {
     if (target.run == run_conversion)
         return {refused_padding_of_two_tebibytes(), image_of_four_tebibytes_after_a_failure(),
-                sparse_image_of_256_tebibytes()};
+                sparse_image_of_256_tebibytes(), refused_pages_of_a_sparse_image()};
 #ifdef NANDSMITH_CHECK
     if (target.run == run_dump)
         return {chip_of_less_than_a_page_of_2k_pages()};
