@@ -202,13 +202,7 @@ Json ecc_object(const EccResult& result) {
     if (!result.judged)
         return {};
     const std::optional<double> rate = bit_error_rate(result.units);
-    Json object;
-    object["units"] = result.units.units;
-    object["flips"] = result.units.flips;
-    object["uncorrectable"] = result.units.beyond;
-    object["erased"] = result.units.erased;
-    object["set"] = result.units.set;
-    object["cleared"] = result.units.cleared;
+    Json object = units_object(result.units);
     object["over_limit"] = result.over_limit();
     object["worst"] = worst_object(result);
     object["bit_error_rate"] = rate ? Json(*rate) : Json();
@@ -217,19 +211,6 @@ Json ecc_object(const EccResult& result) {
     for (const UnitPlace& place : result.beyond)
         object["uncorrectable_units"].push_back(place_object(place));
     return object;
-}
-
-Json blocks_array(const EccResult& result) {
-    Json list = Json::array();
-    for (const BlockCounts& block : result.flipped_blocks) {
-        Json object;
-        object["block"] = block.block;
-        object["flipped_bits"] = block.flipped_bits;
-        object["worst"] = block.worst;
-        object["uncorrectable"] = block.beyond;
-        list.push_back(std::move(object));
-    }
-    return list;
 }
 
 }  // namespace
@@ -248,7 +229,7 @@ std::string ecc_json(const EccResult& result) {
     document["target"] = target_object(result.target_kind, result.target_path, result.past_the_cache);
     document["dump"] = dump_object(result);
     document["ecc"] = ecc_object(result);
-    document["blocks"] = blocks_array(result);
+    document["blocks"] = blocks_array(result.flipped_blocks, "flipped_bits");
     document["blocks_found"] = result.flipped_blocks_found;
     document["diagnoses"] = diagnoses_array(result.diagnoses);
     document["warnings"] = json_strings(result.warnings);

@@ -212,17 +212,6 @@ Json bad_units_array(const ExtractedPart& part, const Geometry& geometry) {
     return list;
 }
 
-Json units_object(const UnitCounts& units) {
-    Json object;
-    object["units"] = units.units;
-    object["flips"] = units.flips;
-    object["uncorrectable"] = units.beyond;
-    object["erased"] = units.erased;
-    object["set"] = units.set;
-    object["cleared"] = units.cleared;
-    return object;
-}
-
 Json part_object(const ExtractedPart& part, const ExtractionResult& result) {
     const bool extracted = part.verdict == Verdict::kSame || part.verdict == Verdict::kDiffers;
     Json object;

@@ -58,3 +58,29 @@ Json diagnoses_array(const std::vector<Diagnosis>& diagnoses) {
     }
     return list;
 }
+
+Json units_object(const UnitCounts& units, bool with_foreign) {
+    Json object;
+    object["units"] = units.units;
+    object["flips"] = units.flips;
+    object["uncorrectable"] = units.beyond;
+    if (with_foreign)
+        object["foreign"] = units.foreign;
+    object["erased"] = units.erased;
+    object["set"] = units.set;
+    object["cleared"] = units.cleared;
+    return object;
+}
+
+Json blocks_array(const std::vector<BlockCounts>& blocks, const std::string& key_of_flips) {
+    Json list = Json::array();
+    for (const BlockCounts& block : blocks) {
+        Json object;
+        object["block"] = block.block;
+        object[key_of_flips] = block.flipped_bits;
+        object["worst"] = block.worst;
+        object["uncorrectable"] = block.beyond;
+        list.push_back(std::move(object));
+    }
+    return list;
+}

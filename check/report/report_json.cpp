@@ -67,33 +67,13 @@ std::string reason_word(SkippedBlock::Reason reason) {
     return "content";
 }
 
-/// Units with 0, 1, 2 and so on flips, up to the most that are corrected.
-Json flips_array(const UnitCounts& units) {
-    Json list = Json::array();
-    for (const uint64_t number : units.flips)
-        list.push_back(number);
-    return list;
-}
-
-Json units_object(const UnitCounts& units) {
-    Json object;
-    object["units"] = units.units;
-    object["flips"] = flips_array(units);
-    object["uncorrectable"] = units.beyond;
-    object["foreign"] = units.foreign;
-    object["erased"] = units.erased;
-    object["set"] = units.set;
-    object["cleared"] = units.cleared;
-    return object;
-}
-
 /// Keys that only files in a dump have.
 void add_chip_facts(const PartResult& part, const Geometry& geometry, Json& object) {
     Json reasons = Json::array();
     for (const SkippedBlock& skipped : part.skipped)
         reasons.push_back(reason_word(skipped.reason));
     object["skipped_because"] = reasons;
-    object["units"] = units_object(part.units);
+    object["units"] = units_object(part.units, true);
     Json worst;
     if (part.worst_unit) {
         const Place place = place_of(*part.worst_unit, geometry);
@@ -159,7 +139,7 @@ Json rest_object(const RestOfTarget& rest) {
 Json ecc_object(const CheckResult& result) {
     const SecondOpinion& opinion = result.opinion;
     if (result.chip) {
-        Json object = units_object(*result.chip);
+        Json object = units_object(*result.chip, true);
         object["wrong_units"] = opinion.wrong_units;
         object["wrong_indexes"] = opinion.wrong_indexes;
         return object;
@@ -188,20 +168,6 @@ Json dump_object(const CheckResult& result) {
     object["erased"] = blocks.erased;
     object["other"] = blocks.other;
     return object;
-}
-
-/// Erase blocks of a dump with flipped bits.
-Json blocks_array(const CheckResult& result) {
-    Json list = Json::array();
-    for (const BlockCounts& block : result.flipped_blocks) {
-        Json object;
-        object["block"] = block.block;
-        object["flips"] = block.flipped_bits;
-        object["worst"] = block.worst;
-        object["uncorrectable"] = block.beyond;
-        list.push_back(std::move(object));
-    }
-    return list;
 }
 
 Json opinion_object(const CheckResult& result) {
@@ -245,7 +211,7 @@ std::string json_report(const CheckResult& result) {
     document["ecc"] = ecc_object(result);
     if (result.geometry.chip) {
         document["dump"] = dump_object(result);
-        document["blocks"] = blocks_array(result);
+        document["blocks"] = blocks_array(result.flipped_blocks, "flips");
     }
     document["second_opinion"] = opinion_object(result);
     document["diagnoses"] = diagnoses_array(result.diagnoses);
