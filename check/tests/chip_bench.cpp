@@ -1,6 +1,6 @@
 #include "chip_bench.h"
 
-#include "check/options/options.h"
+#include "parse.h"
 
 #include <stdexcept>
 
@@ -62,12 +62,8 @@ void ChipBench::ruin(std::size_t block, uint32_t seed) {
 CheckResult ChipBench::result(const ChipOptions& chip, const Arguments& more) const {
     write_file(dump(), m_bytes);
     Arguments all = arguments_without_target(more);
-    all.insert(all.begin(), "nandsmith-check");
     all.push_back(dump());
-    std::vector<char*> argv;
-    for (std::string& argument : all)
-        argv.push_back(argument.data());
-    CheckOptions options = parse_check_options(static_cast<int>(argv.size()), argv.data());
+    CheckOptions options = parse(all);
     if (options.error)
         throw std::runtime_error(*options.error);
     options.chip = chip;

@@ -1,6 +1,6 @@
 // What the command line says of chips and of extraction.
 
-#include "check/options/options.h"
+#include "parse.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -9,17 +9,7 @@
 
 namespace {
 
-using Words = std::vector<std::string>;
-
-CheckOptions parse(Words words) {
-    words.insert(words.begin(), "nandsmith-check");
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    return parse_check_options(static_cast<int>(words.size()), argv.data());
-}
+using namespace check_test;
 
 CheckOptions parse_of(const std::string& type, const Words& more) {
     Words words{"-i", "fw", "-t", type, "-b", "128", "-p", "2", "-s", "64", "dump"};

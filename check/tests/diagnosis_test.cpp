@@ -1,5 +1,6 @@
 #include "check/check.h"
 
+#include "parse.h"
 #include "support/bytes.h"
 #include "support/conversion.h"
 #include "support/firmware_builder.h"
@@ -22,15 +23,9 @@ std::vector<std::string> codes_of(const std::function<void(Bytes&)>& change) {
     change(image);
     write_file(directory / "out" / "out_image.img", image);
 
-    Arguments arguments = emmc.arguments(directory / "fw.img", directory / "out");
-    arguments.insert(arguments.begin(), "nandsmith-check");
-    std::vector<char*> words;
-    for (std::string& argument : arguments)
-        words.push_back(argument.data());
-    words.push_back(nullptr);
+    const CheckOptions options = check_test::parse(emmc.arguments(directory / "fw.img", directory / "out"));
     std::vector<std::string> codes;
-    for (const Diagnosis& diagnosis :
-         run_check(parse_check_options(static_cast<int>(arguments.size()), words.data()), {}).diagnoses)
+    for (const Diagnosis& diagnosis : run_check(options, {}).diagnoses)
         codes.push_back(diagnosis.code);
     return codes;
 }

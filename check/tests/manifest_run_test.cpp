@@ -1,8 +1,8 @@
 // The manifest of what a conversion would give, held against the files that it writes, and of files that are
 // there.
 
-#include "check/options/options.h"
 #include "check_bench.h"
+#include "parse.h"
 #include "support/require_tool.h"
 #include "support/sparse_builder.h"
 
@@ -359,30 +359,20 @@ TEST(ManifestTrouble, IsOutputThatDoesNotArrive) {
 
 // ---- options ----
 
-CheckOptions parse(Arguments words) {
-    const Arguments before{"nandsmith-check", "-i", "fw", "-t", "slc", "-b", "128", "-p", "2", "-s", "64"};
-    words.insert(words.begin(), before.begin(), before.end());
-    std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    return parse_check_options(static_cast<int>(words.size()), argv.data());
-}
-
 TEST(ManifestOption, TakesAForm) {
-    EXPECT_EQ(parse({"--manifest=csv"}).manifest_form, ManifestForm::kCsv);
-    EXPECT_EQ(parse({"--manifest", "json"}).manifest_form, ManifestForm::kJson);
-    EXPECT_EQ(parse({"--manifest=sums", "-q", "--progress=never"}).manifest_form, ManifestForm::kSums);
-    EXPECT_EQ(parse({"--manifest=sums"}).action, Action::kManifest);
-    EXPECT_EQ(parse({"--manifest=sums"}).error, std::nullopt);
-    EXPECT_EQ(parse({"--manifest=xml"}).error, "--manifest takes csv, json or sums, not 'xml'");
-    EXPECT_EQ(parse({"--manifest"}).error, "option --manifest needs a value");
+    EXPECT_EQ(parse_with({"--manifest=csv"}).manifest_form, ManifestForm::kCsv);
+    EXPECT_EQ(parse_with({"--manifest", "json"}).manifest_form, ManifestForm::kJson);
+    EXPECT_EQ(parse_with({"--manifest=sums", "-q", "--progress=never"}).manifest_form, ManifestForm::kSums);
+    EXPECT_EQ(parse_with({"--manifest=sums"}).action, Action::kManifest);
+    EXPECT_EQ(parse_with({"--manifest=sums"}).error, std::nullopt);
+    EXPECT_EQ(parse_with({"--manifest=xml"}).error, "--manifest takes csv, json or sums, not 'xml'");
+    EXPECT_EQ(parse_with({"--manifest"}).error, "option --manifest needs a value");
 }
 
 TEST(ManifestOption, TellsWhetherATargetIsNamed) {
-    EXPECT_FALSE(parse({"--manifest=csv"}).has_target);
-    EXPECT_TRUE(parse({"--manifest=csv", "."}).has_target);
-    EXPECT_TRUE(parse({"--manifest=csv", "-o", "out"}).has_target);
+    EXPECT_FALSE(parse_with({"--manifest=csv"}).has_target);
+    EXPECT_TRUE(parse_with({"--manifest=csv", "."}).has_target);
+    EXPECT_TRUE(parse_with({"--manifest=csv", "-o", "out"}).has_target);
 }
 
 TEST(ManifestOption, RefusesOptionsThatAreOfNoUse) {
@@ -390,10 +380,10 @@ TEST(ManifestOption, RefusesOptionsThatAreOfNoUse) {
          {"--only=misc", "--ignore=misc", "--strict", "--max-differences=3", "--no-second-opinion",
           "--verbose", "--color", "--json", "--at=misc=3", "--max-flips=3", "--bad-blocks=3"}) {
         const std::string name = word.substr(0, word.find('=', 2));
-        EXPECT_EQ(parse({"--manifest=csv", word}).error, name + " is of no use with --manifest");
+        EXPECT_EQ(parse_with({"--manifest=csv", word}).error, name + " is of no use with --manifest");
     }
-    EXPECT_EQ(parse({"--manifest=csv", "--force"}).error, "--force is for --extract");
-    EXPECT_EQ(parse({"--manifest=csv", "--list"}).error,
+    EXPECT_EQ(parse_with({"--manifest=csv", "--force"}).error, "--force is for --extract");
+    EXPECT_EQ(parse_with({"--manifest=csv", "--list"}).error,
               "--list, --ecc, --extract and --manifest exclude each other");
 }
 

@@ -1,6 +1,6 @@
 // The command line of nandsmith-check: what it takes, warns of and refuses.
 
-#include "check/options/options.h"
+#include "parse.h"
 
 #include <gtest/gtest.h>
 #include <sstream>
@@ -9,24 +9,7 @@
 
 namespace {
 
-using Words = std::vector<std::string>;
-
-CheckOptions parse(Words words) {
-    words.insert(words.begin(), "nandsmith-check");
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    return parse_check_options(static_cast<int>(words.size()), argv.data());
-}
-
-/// A complete command line, and more words after it.
-CheckOptions parse_with(const Words& more) {
-    Words words{"-i", "fw", "-t", "slc", "-b", "128", "-p", "2", "-s", "64"};
-    words.insert(words.end(), more.begin(), more.end());
-    return parse(words);
-}
+using namespace check_test;
 
 TEST(CheckOptions, OfTheConversionAreReadAsItReadsThem) {
     const std::vector<Words> spellings{
