@@ -1,5 +1,7 @@
 #include "check_bench.h"
 
+#include "support/sparse_builder.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,6 +104,80 @@ void CheckBench::bend(const std::string& name, uint64_t offset, const Bytes& byt
     if (close(file) != 0 || written != static_cast<ssize_t>(bytes.size()))
         throw std::runtime_error("cannot bend " + name);
 }
+
+// ---- all kinds of conversions ----
+
+Firmware with_gpt() {
+    return sample_firmware({.gpt = true});
+}
+
+Firmware without_gpt() {
+    return sample_firmware();
+}
+
+Firmware with_scrambled_stages() {
+    return sample_firmware({.gpt = true, .scramble_stages = true});
+}
+
+Firmware with_sparse_item() {
+    Firmware firmware = with_gpt();
+    SparseImage image;
+    image.chunks = {SparseChunk::raw(patterned(4096, 7)), SparseChunk::dont_care(40),
+                    SparseChunk::fill(0x12345678, 3), SparseChunk::raw(patterned(8192, 8))};
+    firmware.item("misc").data = image.build();
+    firmware.item("misc").part_size = 0x200;
+    firmware.item("misc").flash_offset = 0x3000;
+    firmware.item("rootfs").flash_offset = 0x4000;
+    return firmware;
+}
+
+Firmware with_two_of_one_name() {
+    Firmware firmware = with_gpt();
+    firmware.items.insert(firmware.items.begin() + 3,
+                          partition_item("misc", 0x3000, 0x40, patterned(3000, 9)));
+    return firmware;
+}
+
+Firmware with_overlaps() {
+    Firmware firmware = with_gpt();
+    firmware.items.push_back(partition_item("late", 0x9000, 0x40, patterned(20000, 3)));
+    firmware.items.push_back(partition_item("over", 0x8FF0, 0x20, patterned(9000, 4)));
+    firmware.items.push_back(partition_item("early", 0x7000, 0x40, patterned(5000, 5)));
+    firmware.items.push_back(partition_item("empty", 0x7800, 0x40, {}));
+    return firmware;
+}
+
+std::vector<Made> all_made() {
+    std::vector<Made> all;
+    for (const Conversion& type : kFourTypes) {
+        const std::string& word = type.type;
+        all.push_back({word, type, with_gpt});
+        all.push_back({word + "_parameter", type, without_gpt});
+        all.push_back({word + "_scrambled", type, with_scrambled_stages});
+        all.push_back({word + "_sparse", type, with_sparse_item});
+        all.push_back({word + "_two_of_one_name", type, with_two_of_one_name});
+        all.push_back({word + "_overlaps", type, with_overlaps});
+        all.push_back({word + "_loader_alone", type, with_gpt, true});
+        const std::string spare = type.spare_bytes.empty() ? "" : "512";
+        all.push_back({word + "_two_kb", with_two_kb(with(type, type.block_kb, "4", spare)), with_gpt});
+        all.push_back({word + "_block_below_page", with(type, "4", "16", spare), with_gpt});
+        all.push_back({word + "_block_below_page_parameter", with(type, "4", "16", spare), without_gpt});
+        all.push_back({word + "_large_page", with(type, "512", "16", spare), with_gpt});
+        all.push_back({word + "_large_page_parameter", with(type, "512", "16", spare), without_gpt});
+    }
+    all.push_back({"slc_page_list", with_page_list(kSlcNand), with_gpt});
+    all.push_back(
+        {"slc_page_list_two_kb", with_page_list(with_two_kb(with(kSlcNand, "256", "4", "128"))), with_gpt});
+    return all;
+}
+
+CheckBench bench_of(const Made& made) {
+    if (made.loader_alone)
+        return {made.conversion, made.firmware().boot.build(), "loader.bin"};
+    return CheckBench(made.conversion, made.firmware());
+}
+
+// ---- documents ----
 
 Json parsed(const RunResult& run) {
     EXPECT_TRUE(run.exited) << "ended by signal " << run.signal;

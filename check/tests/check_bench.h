@@ -8,7 +8,9 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace check_test {
 
@@ -126,6 +128,29 @@ private:
 
     Conversion m_conversion;
 };
+
+// ---- all kinds of conversions ----
+
+Firmware with_gpt();
+Firmware without_gpt();
+Firmware with_scrambled_stages();
+Firmware with_sparse_item();
+Firmware with_two_of_one_name();
+/// Items that lie over each other and in descending order, with gaps, and one without data.
+Firmware with_overlaps();
+
+/// A conversion of a firmware, or of its boot container alone.
+struct Made {
+    std::string name;  ///< of letters, digits and underscores
+    Conversion conversion;
+    std::function<Firmware()> firmware;
+    bool loader_alone = false;
+};
+
+std::vector<Made> all_made();
+CheckBench bench_of(const Made& made);
+
+// ---- documents ----
 
 /// The document that a run printed, and nothing else.
 Json parsed(const RunResult& run);

@@ -2,7 +2,6 @@
 // numbers are compared with those of a comparison byte by byte.
 
 #include "check_bench.h"
-#include "support/sparse_builder.h"
 
 #include <bit>
 #include <sys/stat.h>
@@ -10,25 +9,6 @@
 namespace {
 
 using namespace check_test;
-
-Firmware with_sparse_item() {
-    Firmware firmware = sample_firmware({.gpt = true});
-    SparseImage image;
-    image.chunks = {SparseChunk::raw(patterned(4096, 7)), SparseChunk::dont_care(40),
-                    SparseChunk::fill(0x12345678, 3), SparseChunk::raw(patterned(8192, 8))};
-    firmware.item("misc").data = image.build();
-    firmware.item("misc").part_size = 0x200;
-    firmware.item("misc").flash_offset = 0x3000;
-    firmware.item("rootfs").flash_offset = 0x4000;
-    return firmware;
-}
-
-Firmware with_two_of_one_name() {
-    Firmware firmware = sample_firmware({.gpt = true});
-    Item again = partition_item("misc", 0x3000, 0x40, patterned(3000, 9));
-    firmware.items.insert(firmware.items.begin() + 3, again);
-    return firmware;
-}
 
 // ---- a comparison byte by byte ----
 
@@ -82,53 +62,6 @@ std::vector<ByteRun> runs_in_all(const Json& document) {
         }
     }
     return joined;
-}
-
-// ---- all kinds of conversions ----
-
-struct Made {
-    std::string name;
-    Conversion conversion;
-    std::function<Firmware()> firmware;
-    bool loader_alone = false;
-};
-
-Firmware with_gpt() {
-    return sample_firmware({.gpt = true});
-}
-Firmware without_gpt() {
-    return sample_firmware();
-}
-Firmware with_scrambled_stages() {
-    return sample_firmware({.gpt = true, .scramble_stages = true});
-}
-
-std::vector<Made> all_made() {
-    std::vector<Made> all;
-    for (const Conversion& type : kFourTypes) {
-        const std::string& word = type.type;
-        all.push_back({word, type, with_gpt});
-        all.push_back({word + "_parameter", type, without_gpt});
-        all.push_back({word + "_scrambled", type, with_scrambled_stages});
-        all.push_back({word + "_sparse", type, with_sparse_item});
-        all.push_back({word + "_two_of_one_name", type, with_two_of_one_name});
-        all.push_back({word + "_loader_alone", type, with_gpt, true});
-        const std::string spare = type.spare_bytes.empty() ? "" : "512";
-        all.push_back({word + "_two_kb", with_two_kb(with(type, type.block_kb, "4", spare)), with_gpt});
-        all.push_back({word + "_block_below_page", with(type, "4", "16", spare), with_gpt});
-        all.push_back({word + "_block_below_page_parameter", with(type, "4", "16", spare), without_gpt});
-        all.push_back({word + "_large_page", with(type, "512", "16", spare), with_gpt});
-    }
-    all.push_back({"slc_page_list", with_page_list(kSlcNand), with_gpt});
-    all.push_back(
-        {"slc_page_list_two_kb", with_page_list(with_two_kb(with(kSlcNand, "256", "4", "128"))), with_gpt});
-    return all;
-}
-
-CheckBench bench_of(const Made& made) {
-    if (made.loader_alone)
-        return {made.conversion, made.firmware().boot.build(), "loader.bin"};
-    return CheckBench(made.conversion, made.firmware());
 }
 
 class Comparing : public testing::TestWithParam<Made> {

@@ -4,50 +4,10 @@
 #include "check_bench.h"
 #include "parse.h"
 #include "support/require_tool.h"
-#include "support/sparse_builder.h"
 
 namespace {
 
 using namespace check_test;
-
-// ---- firmware ----
-
-Firmware with_gpt() {
-    return sample_firmware({.gpt = true});
-}
-
-Firmware without_gpt() {
-    return sample_firmware();
-}
-
-Firmware with_sparse_item() {
-    Firmware firmware = with_gpt();
-    SparseImage image;
-    image.chunks = {SparseChunk::raw(patterned(4096, 7)), SparseChunk::dont_care(40),
-                    SparseChunk::fill(0x12345678, 3), SparseChunk::raw(patterned(8192, 8))};
-    firmware.item("misc").data = image.build();
-    firmware.item("misc").part_size = 0x200;
-    firmware.item("misc").flash_offset = 0x3000;
-    firmware.item("rootfs").flash_offset = 0x4000;
-    return firmware;
-}
-
-Firmware with_two_of_one_name() {
-    Firmware firmware = with_gpt();
-    firmware.items.insert(firmware.items.begin() + 3,
-                          partition_item("misc", 0x3000, 0x40, patterned(3000, 9)));
-    return firmware;
-}
-
-/// Items that lie over each other and in descending order, with gaps, and one without data.
-Firmware with_overlaps() {
-    Firmware firmware = with_gpt();
-    firmware.items.push_back(partition_item("late", 0x9000, 0x40, patterned(20000, 3)));
-    firmware.items.push_back(partition_item("over", 0x8FF0, 0x20, patterned(9000, 4)));
-    firmware.items.push_back(partition_item("early", 0x7000, 0x40, patterned(5000, 5)));
-    firmware.items.push_back(partition_item("empty", 0x7800, 0x40, {}));
-    return firmware;
-}
 
 Firmware with_odd_names() {
     Firmware firmware = with_gpt();
@@ -57,37 +17,13 @@ Firmware with_odd_names() {
     return firmware;
 }
 
-struct Made {
-    std::string name;
-    Conversion conversion;
-    std::function<Firmware()> firmware;
-    bool loader_alone = false;
-};
-
-std::vector<Made> all_made() {
-    std::vector<Made> all;
-    for (const Conversion& type : kFourTypes) {
-        const std::string& word = type.type;
-        all.push_back({word, type, with_gpt});
-        all.push_back({word + "_parameter", type, without_gpt});
-        all.push_back({word + "_sparse", type, with_sparse_item});
-        all.push_back({word + "_two_of_one_name", type, with_two_of_one_name});
-        all.push_back({word + "_overlaps", type, with_overlaps});
-        all.push_back({word + "_odd_names", type, with_odd_names});
-        all.push_back({word + "_loader_alone", type, with_gpt, true});
-        const std::string spare = type.spare_bytes.empty() ? "" : "512";
-        all.push_back({word + "_two_kb", with_two_kb(with(type, type.block_kb, "4", spare)), with_gpt});
-        all.push_back({word + "_block_below_page", with(type, "4", "16", spare), with_gpt});
-        all.push_back({word + "_large_page", with(type, "512", "16", spare), without_gpt});
-    }
-    all.push_back({"slc_page_list", with_page_list(kSlcNand), with_gpt});
+/// Also with names that are not UTF-8. The tests of a comparison take names from its document, where such
+/// names are escaped.
+std::vector<Made> made_for_manifests() {
+    std::vector<Made> all = all_made();
+    for (const Conversion& type : kFourTypes)
+        all.push_back({type.type + "_odd_names", type, with_odd_names});
     return all;
-}
-
-CheckBench bench_of(const Made& made) {
-    if (made.loader_alone)
-        return {made.conversion, made.firmware().boot.build(), "loader.bin"};
-    return CheckBench(made.conversion, made.firmware());
 }
 
 // ---- judges ----
@@ -173,7 +109,7 @@ TEST_P(ManifestOf, AConversionIsReadBySha256sum) {
     EXPECT_NE(manifest("sums", {m_bench.out_dir()}), text);
 }
 
-INSTANTIATE_TEST_SUITE_P(Made, ManifestOf, testing::ValuesIn(all_made()),
+INSTANTIATE_TEST_SUITE_P(Made, ManifestOf, testing::ValuesIn(made_for_manifests()),
                          [](const auto& made) { return made.param.name; });
 
 // ---- places ----
