@@ -338,7 +338,7 @@ private:
             unreadable += part.unreadable;
             differs = differs || part.verdict == Verdict::kDiffers || part.verdict == Verdict::kMissing;
         }
-        const std::optional<std::string> unknown = m_choice.unknown_name(m_result.parts);
+        const std::optional<std::string> unknown = m_choice.unknown_name(option_words(m_result.parts));
         if (!m_result.error && unknown) {
             fail("no part has the name '" + *unknown + "'");
             return;

@@ -119,10 +119,11 @@ private:
     }
 
     void check_names() {
-        if (const auto unknown = m_choice.unknown_name(m_result.parts))
+        const std::vector<std::string> words = option_words(m_result.parts);
+        if (const auto unknown = m_choice.unknown_name(words))
             fail("no part has the name '" + *unknown + "'");
         for (const std::string& name : m_placed_names)
-            if (!is_name_of_part(name, m_result.parts))
+            if (!is_name_of_part(name, words))
                 fail("no part has the name '" + name + "', which has a place in the dump");
     }
 

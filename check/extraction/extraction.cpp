@@ -7,6 +7,7 @@
 #include "../comparison/diagnosis.h"
 #include "../firmware/read_listing.h"
 #include "../options/conversion_summary.h"
+#include "../options/part_choice.h"
 #include "boot_stages.h"
 #include "extracted_file.h"
 #include "extraction_plan.h"
@@ -26,10 +27,6 @@ constexpr uint64_t kDataAtOnce = 480 * 1024;  // whole sectors, so that each chu
 
 std::string error_text(int error) {
     return std::generic_category().message(error);
-}
-
-bool contains(const std::vector<std::string>& names, const std::string& name) {
-    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 std::string without_slashes_at_end(std::string path) {
@@ -67,7 +64,7 @@ class Extraction {
 public:
     Extraction(const CheckOptions& options, const CheckProgress& progress,
                const FindPlacements& find_placements)
-        : m_options(options), m_progress(progress), m_find_placements(find_placements),
+        : m_options(options), m_choice(options), m_progress(progress), m_find_placements(find_placements),
           m_geometry(geometry_of(options.conversion)),
           m_target(m_geometry, options.chip.dump_spare, options.chip.skip) {}
 
@@ -131,7 +128,7 @@ private:
     void plan_stages(const OutputMap& map, const std::vector<ListedLoaderEntry>& entries) {
         std::vector<PlannedPart> plan;
         for (const OutputMap::Extent& extent : map.extents()) {
-            if (extent.part.kind != OutputPart::Kind::kBootBlock || !is_chosen("idblock"))
+            if (extent.part.kind != OutputPart::Kind::kBootBlock || m_choice.is_ignored("idblock"))
                 continue;
             std::vector<PlannedPart> parts = stages_in(map, extent, entries);
             const bool whole = !parts.empty() && std::ranges::none_of(parts, &PlannedPart::overwritten);
@@ -261,19 +258,14 @@ private:
 
     // ---- extracting ----
 
-    bool is_chosen(const std::string& choice) const {
-        return !contains(m_options.ignore, choice) &&
-               (m_options.only.empty() || contains(m_options.only, choice));
-    }
-    bool is_wanted(const PlannedPart& part) const { return is_chosen(part.choice); }
+    bool is_wanted(const PlannedPart& part) const { return !m_choice.is_ignored(part.choice); }
 
     bool names_are_known() {
-        for (const auto* names : {&m_options.only, &m_options.ignore})
-            for (const std::string& name : *names)
-                if (!contains({"idblock", "gpt", "parameter", "gaps", "rest"}, name) &&
-                    std::ranges::find(m_parts, name, &PlannedPart::choice) == m_parts.end())
-                    return fail("no part has the name '" + name + "'");
-        return true;
+        std::vector<std::string> words;
+        for (const PlannedPart& part : m_parts)
+            words.push_back(part.choice);
+        const auto unknown = m_choice.unknown_name(words);
+        return !unknown || fail("no part has the name '" + *unknown + "'");
     }
 
     void extract_all() {
@@ -377,6 +369,7 @@ private:
     }
 
     const CheckOptions& m_options;
+    const PartChoice m_choice;
     const CheckProgress& m_progress;
     const FindPlacements& m_find_placements;
     const Geometry m_geometry;

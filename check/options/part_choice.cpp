@@ -18,20 +18,26 @@ std::string option_word(const PartResult& part) {
     return part.name;
 }
 
+std::vector<std::string> option_words(const std::vector<PartResult>& parts) {
+    std::vector<std::string> words;
+    words.reserve(parts.size());
+    for (const PartResult& part : parts)
+        words.push_back(option_word(part));
+    return words;
+}
+
 bool PartChoice::is_ignored(const std::string& word) const {
     return contains(m_options.ignore, word) || (!m_options.only.empty() && !contains(m_options.only, word));
 }
 
-std::optional<std::string> PartChoice::unknown_name(const std::vector<PartResult>& parts) const {
+std::optional<std::string> PartChoice::unknown_name(const std::vector<std::string>& words) const {
     for (const auto* names : {&m_options.only, &m_options.ignore})
         for (const std::string& name : *names)
-            if (!is_name_of_part(name, parts))
+            if (!is_name_of_part(name, words))
                 return name;
     return std::nullopt;
 }
 
-bool is_name_of_part(const std::string& name, const std::vector<PartResult>& parts) {
-    return contains({"idblock", "gpt", "parameter", "gaps", "rest"}, name) ||
-           std::any_of(parts.begin(), parts.end(),
-                       [&](const PartResult& part) { return option_word(part) == name; });
+bool is_name_of_part(const std::string& name, const std::vector<std::string>& words) {
+    return contains({"idblock", "gpt", "parameter", "gaps", "rest"}, name) || contains(words, name);
 }

@@ -10,18 +10,21 @@
 /// The word for a part in --only and --ignore.
 std::string option_word(const PartResult& part);
 
+std::vector<std::string> option_words(const std::vector<PartResult>& parts);
+
 /// Which parts matter, by --only and --ignore. The options outlive it.
 class PartChoice {
 public:
     explicit PartChoice(const CheckOptions& options) : m_options(options) {}
 
     bool is_ignored(const std::string& word) const;
-    /// A name in --only or --ignore that no part has; nothing when all are known.
-    std::optional<std::string> unknown_name(const std::vector<PartResult>& parts) const;
+    /// A name in --only or --ignore that no part has, given the words for the parts; nothing when all are
+    /// known.
+    std::optional<std::string> unknown_name(const std::vector<std::string>& words) const;
 
 private:
     const CheckOptions& m_options;
 };
 
-/// True when a part has this name, or parts of all firmwares do.
-bool is_name_of_part(const std::string& name, const std::vector<PartResult>& parts);
+/// True when the name is one of these words for parts, or parts of all firmwares have it.
+bool is_name_of_part(const std::string& name, const std::vector<std::string>& words);
