@@ -6,6 +6,7 @@
 #include "comparison/conversion_run.h"
 #include "comparison/diagnosis.h"
 #include "firmware/firmware_file.h"
+#include "firmware/read_listing.h"
 #include "judge/part_reader.h"
 #include "options/conversion_summary.h"
 #include "options/part_choice.h"
@@ -48,6 +49,8 @@ public:
             return finished();
         if (m_result.target_kind == "dump")
             return run_dump_check(m_options, m_target, m_result, m_progress);
+        if (!names_are_in_firmware())
+            return finished();
         compare();
         if (!m_result.error) {
             judge_rest();
@@ -101,6 +104,20 @@ private:
                                                                           : "stream";
         m_result.past_the_cache = m_target.past_the_cache();
         return true;
+    }
+
+    /// Before the target is read, which may take long. What is wrong with the firmware is said by the
+    /// conversion.
+    bool names_are_in_firmware() {
+        if (!m_choice.has_names())
+            return true;
+        const auto names = names_of_written_items(m_settings.in_firmware);
+        return !names || are_known(*names);
+    }
+
+    bool are_known(const std::vector<std::string>& words) {
+        const std::optional<std::string> unknown = m_choice.unknown_name(words);
+        return !unknown || fail("no part has the name '" + *unknown + "'");
     }
 
     ComparisonPlan plan() {
@@ -338,11 +355,9 @@ private:
             unreadable += part.unreadable;
             differs = differs || part.verdict == Verdict::kDiffers || part.verdict == Verdict::kMissing;
         }
-        const std::optional<std::string> unknown = m_choice.unknown_name(option_words(m_result.parts));
-        if (!m_result.error && unknown) {
-            fail("no part has the name '" + *unknown + "'");
+        // Where the target is much too short, the conversion is given up, and items after that have no part.
+        if (!m_result.error && !are_known(option_words(m_result.parts)))
             return;
-        }
         if (unreadable != 0)
             fail(std::to_string(unreadable) + " bytes of the target failed to be read");
         if (differs && !m_result.error) {

@@ -94,6 +94,7 @@ private:
         if (const auto wrong = fill_plan(m_options, m_target, plan))
             fail(*wrong);
         m_placed_names = plan.layout.names();
+        check_names_by_firmware();
         if (m_output.spare_areas && m_options.second_opinion)
             plan.watch = [this](const std::string& file, std::span<const uint8_t> bytes, bool there) {
                 judge_pages(file, bytes, there);
@@ -110,7 +111,7 @@ private:
             m_result.parts.push_back(file.result);
         if (!run.done && !ended_early(run, comparison))
             return fail(run.reason);
-        check_names();
+        check_names(option_words(m_result.parts));
         choose_parts();
         count(comparison);
         add_warnings(comparison);
@@ -118,8 +119,16 @@ private:
         settle(comparison);
     }
 
-    void check_names() {
-        const std::vector<std::string> words = option_words(m_result.parts);
+    /// Before the dump is read, which may take long. What is wrong with the firmware is said by the
+    /// conversion.
+    void check_names_by_firmware() {
+        if (!m_choice.has_names() && m_placed_names.empty())
+            return;
+        if (const auto names = names_of_written_items(m_options.conversion.settings.in_firmware))
+            check_names(*names);
+    }
+
+    void check_names(const std::vector<std::string>& words) {
         if (const auto unknown = m_choice.unknown_name(words))
             fail("no part has the name '" + *unknown + "'");
         for (const std::string& name : m_placed_names)

@@ -235,3 +235,14 @@ std::optional<std::string> read_listing(const std::string& firmware_path, Listin
     listing.error = reason.value_or("");
     return reason;
 }
+
+std::optional<std::vector<std::string>> names_of_written_items(const std::string& firmware_path) {
+    Listing listing;
+    if (read_listing(firmware_path, listing))
+        return std::nullopt;
+    std::vector<std::string> names;
+    for (const ListedItem& item : listing.items)
+        if (item.kind != ItemKind::kEmpty && item.kind != ItemKind::kNotPlaced)
+            names.push_back(item.name);
+    return names;
+}

@@ -18,6 +18,8 @@ public:
     explicit PartChoice(const CheckOptions& options) : m_options(options) {}
 
     bool is_ignored(const std::string& word) const;
+    /// False without --only and --ignore.
+    bool has_names() const { return !m_options.only.empty() || !m_options.ignore.empty(); }
     /// A name in --only or --ignore that no part has, given the words for the parts; nothing when all are
     /// known.
     std::optional<std::string> unknown_name(const std::vector<std::string>& words) const;

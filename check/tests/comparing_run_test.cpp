@@ -113,6 +113,15 @@ TEST_P(Comparing, FindsAnOutputTheSame) {
     }
 }
 
+TEST_P(Comparing, KnowsTheNamesOfItsParts) {
+    std::string names = "idblock";
+    for (const Json& part : m_bench.document().at("parts"))
+        if (const std::string name = part.at("name"); name.find(", copy ") == std::string::npos)
+            names += "," + name;
+    const Json document = m_bench.document({"--only=" + names});
+    EXPECT_EQ(document.at("verdict"), "same") << names << document.at("error");
+}
+
 TEST_P(Comparing, FindsDamageAtAnyPlace) {
     const std::string file = m_bench.main_file();
     const Bytes expected = m_bench.output(file);
@@ -435,6 +444,35 @@ INSTANTIATE_TEST_SUITE_P(
         Chosen{"FilesUnknownIgnored", kSpiNand, "misc.img", 5, "--ignore=misc.img", kTrouble},
         Chosen{"SlcIgnoresTheFile", kSlcNand, "misc.img", 5, "--ignore=misc", kSame}),
     [](const auto& made) { return made.param.name; });
+
+class UnknownName : public testing::TestWithParam<Conversion> {};
+
+TEST_P(UnknownName, IsTroubleBeforeTheTargetIsRead) {
+    const CheckBench bench(GetParam(), with_overlaps());
+    bench.damage(bench.main_file(), 0);
+    for (const std::string option : {"--only=", "--ignore="})
+        for (const std::string name : {"bot", "empty", "misc.img"}) {
+            const RunResult run = bench.check({option + "misc," + name});
+            EXPECT_EQ(run.exit_status, kTrouble);
+            EXPECT_EQ(run.out, "trouble: no part has the name '" + name + "'\n");
+            const Json document = bench.document({option + name});
+            EXPECT_EQ(document.at("error"), "no part has the name '" + name + "'");
+            EXPECT_EQ(document.at("parts"), Json::array());
+        }
+}
+
+TEST_P(UnknownName, GivesWayToWhatIsWrongWithTheFirmware) {
+    Firmware firmware = with_gpt();
+    const CheckBench bench(GetParam(), firmware);
+    firmware.items.clear();
+    firmware.write(bench.firmware());
+    const Json document = bench.document({"--only=bot"});
+    EXPECT_EQ(document.at("error"), bench.document().at("error"));
+    EXPECT_EQ(document.at("error"), "not found any of partition items in the firmware");
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, UnknownName, testing::ValuesIn(kFourTypes),
+                         [](const auto& made) { return made.param.type; });
 
 TEST(ChosenFiles, AMissingOneThatIsIgnoredIsSame) {
     const CheckBench bench(kSpiNand);

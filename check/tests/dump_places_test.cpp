@@ -195,7 +195,9 @@ TEST(DumpPlaces, OfANameThatThereIsNot) {
     bench.place_all();
     ChipOptions chip;
     chip.at = {{"bot", 10}};
-    EXPECT_EQ(bench.result(chip).error, "no part has the name 'bot', which has a place in the dump");
+    const CheckResult result = bench.result(chip);
+    EXPECT_EQ(result.error, "no part has the name 'bot', which has a place in the dump");
+    EXPECT_TRUE(result.parts.empty()) << "the dump is not read";
 }
 
 TEST(DumpPlaces, OfAFileThatOneOfTheSameNameReplaces) {

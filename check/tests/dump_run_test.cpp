@@ -286,7 +286,14 @@ TEST(DumpParts, ThatAreIgnored) {
     EXPECT_EQ(bench.result({}, {"--ignore=rootfs"}).verdict, Verdict::kSame);
     EXPECT_EQ(bench.result({}, {"--only=boot,idblock"}).verdict, Verdict::kSame);
     EXPECT_EQ(bench.result({}, {"--only=rootfs"}).verdict, Verdict::kDiffers);
-    EXPECT_EQ(bench.result({}, {"--only=rots"}).error, "no part has the name 'rots'");
+}
+
+TEST(DumpParts, OfAnUnknownNameAreNotLookedFor) {
+    ChipBench bench;
+    bench.place_all();
+    const RunResult run = bench.run({"--only=rots"});
+    EXPECT_EQ(run.exit_status, kTrouble);
+    EXPECT_EQ(run.out, "trouble: no part has the name 'rots'\n");
 }
 
 }  // namespace
