@@ -157,13 +157,6 @@ TEST(DiagnosisOfBootBlock, NamesAnotherKeyInAFile) {
 constexpr std::size_t kHeader = kSectorSize;
 constexpr std::size_t kEntries = 2 * kSectorSize;
 constexpr std::size_t kEntryBytes = 128;
-constexpr std::size_t kEntryCount = 128;
-
-void repair_gpt_checksums(Bytes& image) {
-    put32_at(image, kHeader + 88, crc32_standard(slice(image, kEntries, kEntryCount * kEntryBytes)));
-    put32_at(image, kHeader + 16, 0);
-    put32_at(image, kHeader + 16, crc32_standard(slice(image, kHeader, 92)));
-}
 
 TEST(DiagnosisOfGpt, NamesOtherGuids) {
     for (const Conversion& conversion : {kEmmc, kSpiNand, kSpiNor}) {

@@ -68,21 +68,11 @@ Findings gpt_findings(const Bytes& table) {
     return findings_of([&](SecondOpinion& opinion) { judge_gpt(reader(table), opinion); });
 }
 
-void repair_header_checksum(Bytes& table) {
-    put32_at(table, kHeader + 16, 0);
-    put32_at(table, kHeader + 16, crc32_standard(slice(table, kHeader, 92)));
-}
-
-void repair_checksums(Bytes& table) {
-    put32_at(table, kHeader + 88, crc32_standard(slice(table, kEntries, 128 * 128)));
-    repair_header_checksum(table);
-}
-
 // The sample's table after a change, with checksums that are right.
 Findings gpt_findings_after(const std::function<void(Bytes&)>& change) {
     Bytes table = gpt_table(sample_gpt());
     change(table);
-    repair_checksums(table);
+    repair_gpt_checksums(table);
     return gpt_findings(table);
 }
 
@@ -211,7 +201,7 @@ TEST(JudgeGpt, EveryFieldOfEveryEntryIsNamed) {
         const auto expect = [&](std::size_t offset, const Bytes& value, const std::string& finding) {
             Bytes table = right;
             put_bytes_at(table, entry_at(number) + offset, value);
-            repair_checksums(table);
+            repair_gpt_checksums(table);
             EXPECT_TRUE(has(gpt_findings(table), "gpt entry " + std::to_string(number) + ": " + finding))
                 << number << ": " << finding;
         };

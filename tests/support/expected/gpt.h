@@ -88,4 +88,12 @@ inline Bytes gpt_table(const std::vector<GptEntry>& entries, uint64_t disk_secto
     return protective_mbr() + zero_padded(header, kSectorSize) + array;
 }
 
+// Makes both checksums right after a change. The table begins at the first byte.
+inline void repair_gpt_checksums(Bytes& image) {
+    constexpr std::size_t header = kSectorSize;
+    put32_at(image, header + 88, crc32_standard(slice(image, 2 * kSectorSize, 128 * 128)));
+    put32_at(image, header + 16, 0);
+    put32_at(image, header + 16, crc32_standard(slice(image, header, 92)));
+}
+
 }  // namespace test_support
