@@ -24,7 +24,8 @@ struct BentRuns {
 };
 
 // What is asked of every run: an exit status that fits its messages, at most a second of processor time,
-// the firmware as it was, nothing beside firmware and output directory, and at most 64 MB of memory.
+// the firmware as it was, nothing beside firmware and output directory, and at most 64 MB of memory. With
+// sanitizers every third run is made.
 void expect_orderly_ends(const std::string& type, BentRuns runs);
 
 }  // namespace robustness
