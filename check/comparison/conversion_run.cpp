@@ -133,6 +133,10 @@ ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& r
     return run;
 }
 
+bool failed_to_write(const ConversionRun& run, const std::string& file, int error) {
+    return !run.done && run.reason == "failed to write " + file + ",err=" + std::to_string(error);
+}
+
 ConversionRun compare_conversion(const ConversionOptions& options, Comparison& comparison) {
     ConversionRun run = run_conversion(options, comparison);
     if (!run.done || !comparison.needs_second_pass())

@@ -4,6 +4,7 @@
 #include "conversion_run.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <set>
@@ -13,6 +14,9 @@
 namespace {
 
 constexpr uint64_t kUnitData = 1024;
+
+// Bytes of a file after the end of the target that are waited for. A firmware can ask for terabytes.
+constexpr uint64_t kMostAfterEnd = 256 * 1024 * 1024;
 
 /// Takes a conversion and counts, for each item, the pages that hold data and those of them that differ from
 /// the target.
@@ -25,6 +29,8 @@ public:
     int open(const std::string& path, OpenMode /*mode*/, uint64_t& size) override {
         size = 0;
         end_part();
+        m_name = path;
+        m_after_end = 0;
         if (m_plan.target == nullptr)
             m_there = m_file.open(m_plan.directory + path) == 0;
         if (!m_plan.geometry.whole_image)
@@ -32,6 +38,8 @@ public:
         return 0;
     }
     int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) override {
+        if (is_too_far(offset, count))
+            return ENOSPC;
         if (m_counted == nullptr || !m_there)
             return 0;
         if (offset != m_offset + m_page.size())
@@ -46,7 +54,7 @@ public:
         }
         return 0;
     }
-    int zeros(uint64_t /*offset*/, uint64_t /*count*/) override { return 0; }  // no data
+    int zeros(uint64_t offset, uint64_t count) override { return is_too_far(offset, count) ? ENOSPC : 0; }
     uint64_t zeros_from() const override { return 0; }
     int end(uint64_t /*size*/) override { return 0; }
     int close() override {
@@ -61,6 +69,9 @@ public:
         if (part.kind == OutputPart::Kind::kItem)
             count(part.name);
     }
+
+    /// The first file whose rest was refused with ENOSPC, far after the end of the target; empty: none.
+    const std::string& refused_file() const { return m_refused_file; }
 
     /// Of the items of which a page with data was there.
     bool most_differ() const {
@@ -78,6 +89,19 @@ private:
         uint64_t all = 0;
         uint64_t differ = 0;
     };
+
+    Target& target() { return m_plan.target != nullptr ? *m_plan.target : m_file; }
+
+    bool is_too_far(uint64_t offset, uint64_t count) {
+        if (m_there && offset < target().size())
+            return false;
+        m_after_end += count;
+        if (m_after_end < kMostAfterEnd)
+            return false;
+        if (m_refused_file.empty())
+            m_refused_file = m_name;
+        return true;
+    }
 
     void count(const std::string& item) {
         if (m_items.contains(item))
@@ -98,8 +122,7 @@ private:
 
     void count_page() {
         m_actual.resize(m_page.size());
-        Target& target = m_plan.target != nullptr ? *m_plan.target : m_file;
-        if (target.read(m_offset, m_actual.size(), m_actual.data()) != m_actual.size())
+        if (target().read(m_offset, m_actual.size(), m_actual.data()) != m_actual.size())
             return;
         ++m_counted->all;
         m_counted->differ += m_actual != m_page ? 1 : 0;
@@ -124,6 +147,9 @@ private:
     Pages* m_counted = nullptr;  // of the item that is taken
     Target m_file;               // the open file of the directory
     bool m_there = true;
+    std::string m_name;        // of the open file
+    uint64_t m_after_end = 0;  // bytes of it
+    std::string m_refused_file;
     std::vector<uint8_t> m_page;
     std::vector<uint8_t> m_actual;
     uint64_t m_offset = 0;  // of m_page
@@ -146,5 +172,6 @@ bool is_other_firmware(const ConversionOptions& options, const ComparisonPlan& p
     if (differ * 2 <= there)
         return false;
     ItemPages pages(plan, std::move(items));
-    return run_conversion(options, pages).done && pages.most_differ();
+    const ConversionRun run = run_conversion(options, pages);
+    return (run.done || failed_to_write(run, pages.refused_file(), ENOSPC)) && pages.most_differ();
 }

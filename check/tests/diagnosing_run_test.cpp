@@ -3,6 +3,7 @@
 #include "check_bench.h"
 #include "support/bch_judge.h"
 #include "support/boot_rom.h"
+#include "support/sparse_builder.h"
 
 namespace {
 
@@ -364,6 +365,24 @@ TEST(DiagnosisOfContent, OfAllParameterCopiesFitsAScreen) {
     EXPECT_LE(split(run.out, '\n').size(), kMostLines) << run.out;
     EXPECT_NE(run.out.find("; the same in copies 2 to 8\n"), std::string::npos) << run.out;
     EXPECT_TRUE(last_line(run.out).starts_with("differs: 8 of ")) << run.out;
+}
+
+TEST(DiagnosisOfContent, EndsSoonForAFirmwareOfTerabytes) {
+    SparseImage terabyte;
+    terabyte.chunks = {SparseChunk::fill(0x12345678, 0x10000000)};
+    Firmware firmware = with_gpt();
+    firmware.item("rootfs").data = terabyte.build();
+    for (const Conversion& conversion : {kEmmc, kSpiNand}) {
+        SCOPED_TRACE(conversion.type);
+        const CheckBench bench(conversion);
+        firmware.write(bench.firmware());
+        for (const auto& entry : fs::directory_iterator(bench.out_dir()))
+            write_file(entry.path(), patterned(entry.file_size(), 99));
+        const RunResult run = bench.check();
+        EXPECT_FALSE(run.timed_out);
+        EXPECT_EQ(run.exit_status, kDiffers) << run.out;
+        EXPECT_NE(run.out.find("[other-firmware]\n"), std::string::npos) << run.out;
+    }
 }
 
 TEST(DiagnosisOfContent, IsSilentAboutOneWrongByte) {
