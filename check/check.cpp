@@ -136,6 +136,9 @@ private:
             watched.watch = [this](const std::string& file, std::span<const uint8_t> bytes) {
                 judge_pages(file, bytes);
             };
+        watched.is_ignored = [this](const OutputPart& part) {
+            return m_choice.is_ignored(option_word(part));
+        };
         if (m_progress)
             watched.progress = [this](uint64_t bytes) { m_progress(m_done += bytes, expected_total()); };
         m_comparison = std::make_unique<Comparison>(watched);
@@ -144,9 +147,8 @@ private:
         add_page_opinions();
         m_result.parts = m_comparison->results();
         // The conversion takes a file that was given up for one that it failed to write.
-        const bool given_up = m_comparison->gave_up() && run.reason.starts_with("failed to write ") &&
-                              run.reason.find(",err=") != std::string::npos;
-        if (!run.done && !given_up)
+        m_given_up = failed_to_write(run, m_comparison->given_up_file(), ENOSPC);
+        if (!run.done && !m_given_up)
             fail(run.reason);
     }
 
@@ -324,14 +326,7 @@ private:
     }
 
     bool is_ignored_extent(const Comparison::Extent& extent) const {
-        std::string word = extent.part.name;
-        if (extent.part.kind == OutputPart::Kind::kBootBlock)
-            word = "idblock";
-        else if (extent.part.kind == OutputPart::Kind::kGpt)
-            word = "gpt";
-        else if (extent.part.kind == OutputPart::Kind::kParameter)
-            word = "parameter";
-        return m_choice.is_ignored(word);
+        return m_choice.is_ignored(option_word(extent.part));
     }
 
     // ---- the answer ----
@@ -348,15 +343,19 @@ private:
             if (!is_ignored_file(file))
                 m_result.missing.push_back(file);
         for (PartResult& part : m_result.parts) {
-            if (m_choice.is_ignored(option_word(part))) {
+            const bool hides_others = m_given_up && m_result.geometry.whole_image && !part.ended;
+            const bool ignored = m_choice.is_ignored(option_word(part));
+            if (ignored && !hides_others) {
                 part.verdict = Verdict::kIgnored;
                 continue;
             }
+            if (ignored)
+                part.note = "the parts after it were not compared";
             unreadable += part.unreadable;
             differs = differs || part.verdict == Verdict::kDiffers || part.verdict == Verdict::kMissing;
         }
-        // Where the target is much too short, the conversion is given up, and items after that have no part.
-        if (!m_result.error && !are_known(option_words(m_result.parts)))
+        // The items of an image after a part that was given up have no part.
+        if (!m_result.error && !m_given_up && !are_known(option_words(m_result.parts)))
             return;
         if (unreadable != 0)
             fail(std::to_string(unreadable) + " bytes of the target failed to be read");
@@ -371,6 +370,8 @@ private:
         differs = differs || m_result.rest_counts || m_result.warnings_count || extra_counts ||
                   m_result.opinion.findings_found != 0;
         m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
+        if (const auto reason = not_compared(m_result); reason && !differs)
+            fail(*reason);
         if (!m_result.geometry.whole_image)
             return;
         for (PartResult& part : m_result.parts)
@@ -393,6 +394,7 @@ private:
     std::unique_ptr<SlcOpinion> m_judge;
     std::map<std::string, SecondOpinion> m_page_opinions;  // by the names of the files
     uint64_t m_done = 0;
+    bool m_given_up = false;  // a file or the image, because so much of it is missing
 };
 
 }  // namespace

@@ -61,19 +61,21 @@ struct DifferenceRun {
 
 /// One file of a directory, or one part of an image. Offsets are from the start of the target file.
 struct PartResult {
-    std::string name;         ///< item name as the firmware has it: any bytes
-    bool item = false;        ///< false: a boot block, GPT, parameter or gap
-    std::string file;         ///< name in the directory; empty when the target is an image or a device
-    uint64_t offset = 0;      ///< where the part starts
-    uint64_t bytes = 0;       ///< its length by the firmware
-    uint64_t compared = 0;    ///< bytes that were read and compared
-    uint64_t missing = 0;     ///< bytes after the end of a target that is too short
-    uint64_t surplus = 0;     ///< bytes of the file after its last expected one
-    uint64_t unreadable = 0;  ///< bytes that could not be read
-    uint64_t differing = 0;   ///< bytes that differ, without missing and surplus ones
+    std::string name;            ///< item name as the firmware has it: any bytes
+    bool item = false;           ///< false: a boot block, GPT, parameter or gap
+    std::string file;            ///< name in the directory; empty when the target is an image or a device
+    uint64_t offset = 0;         ///< where the part starts
+    uint64_t bytes = 0;          ///< its length by the firmware
+    uint64_t compared = 0;       ///< bytes that were read and compared
+    uint64_t missing = 0;        ///< bytes after the end of a target that is too short
+    uint64_t surplus = 0;        ///< bytes of the file after its last expected one
+    uint64_t unreadable = 0;     ///< bytes that could not be read
+    uint64_t written_again = 0;  ///< bytes that were left out: a later part writes them again
+    uint64_t differing = 0;      ///< bytes that differ, without missing and surplus ones
     uint64_t differing_pages = 0;
     uint64_t runs_found = 0;          ///< runs of differing bytes
     std::vector<DifferenceRun> runs;  ///< the first ones, up to the limit that was asked for
+    bool ended = false;               ///< the conversion handed over all bytes of the part
     Verdict verdict = Verdict::kSame;
     std::string note;  ///< what else is to be said in its row, such as "copy 1 is good"
 
@@ -83,6 +85,9 @@ struct PartResult {
     std::vector<SkippedBlock> skipped;  ///< erase blocks between its blocks, and before the first one
     UnitCounts units;
     std::optional<uint64_t> worst_unit;  ///< offset in the target of a unit with units.worst() flips, not 0
+
+    /// True when each byte of the part was compared with the target.
+    bool is_compared() const { return ended && compared + written_again == bytes; }
 };
 
 struct Diagnosis {
@@ -155,3 +160,7 @@ struct CheckResult {
 
     Status status() const { return status_of(verdict); }
 };
+
+/// Why a check in which nothing differs has no answer: a part with the verdict "same" was not compared to its
+/// end. Nothing when all of them were.
+std::optional<std::string> not_compared(const CheckResult& result);

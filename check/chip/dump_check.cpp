@@ -12,6 +12,7 @@
 #include "dump_diagnosis.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <memory>
 #include <optional>
@@ -54,10 +55,10 @@ std::optional<std::string> fill_plan(const CheckOptions& options, Target& target
     return std::nullopt;
 }
 
-/// True when the conversion ended because the dump is so much too short that the rest was given up. The
+/// True when the conversion failed because so much of a file is missing that its rest was given up. The
 /// conversion takes that for a failed write.
 bool ended_early(const ConversionRun& run, const DumpComparison& comparison) {
-    return comparison.gave_up() && run.reason.starts_with("failed to write ");
+    return failed_to_write(run, comparison.given_up_file(), ENOSPC);
 }
 
 class DumpCheck {
@@ -332,6 +333,8 @@ private:
         differs = differs || m_result.rest_counts || m_result.warnings_count ||
                   m_result.opinion.findings_found != 0;
         m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
+        if (const auto reason = not_compared(m_result); reason && !differs)
+            fail(*reason);
     }
 
     const CheckOptions& m_options;

@@ -59,6 +59,7 @@ int DumpComparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& s
     m_placements.emplace_back();
     m_placements.back().file = path;
     m_filled = m_position = m_blocks = m_missing = 0;
+    m_ended = false;
     m_others.assign(m_used.size(), false);
     m_plan.layout.mark_others(m_name, m_others);
     begin_part({});
@@ -108,6 +109,7 @@ int DumpComparison::zeros(uint64_t offset, uint64_t count) {
 /// An erase block that is whole in the bytes is compared where it lies.
 int DumpComparison::take(const uint8_t* bytes, uint64_t count) {
     const uint64_t block = m_plan.geometry.block;
+    m_ended = false;
     m_position += count;
     m_extents.back().bytes += count;
     if (m_plan.progress)
@@ -149,8 +151,11 @@ int DumpComparison::take_block(std::span<const uint8_t> expected) {
         m_missing += expected.size();
     if (m_plan.watch)
         m_plan.watch(m_files.back().result.file, expected, there);
-    m_gave_up = m_gave_up || missing_bytes() >= kMostMissing;
-    return m_gave_up ? ENOSPC : 0;
+    if (missing_bytes() < kMostMissing)
+        return 0;
+    if (m_given_up_file.empty())
+        m_given_up_file = m_files.back().result.file;
+    return ENOSPC;
 }
 
 /// Of the open file, at the place where the fewest are missing.
@@ -162,6 +167,7 @@ uint64_t DumpComparison::missing_bytes() const {
 }
 
 int DumpComparison::end(uint64_t /*size*/) {
+    m_ended = true;
     return 0;
 }
 
@@ -301,6 +307,7 @@ void DumpComparison::finish_file() {
     track.result().file = result.file;
     track.result().name = result.name;
     result = std::move(track.result());
+    result.ended = m_ended;
     file.flipped_blocks = track.flipped_blocks();
     file.wrong_bits = track.wrong_bits();
     file.odd_tails = track.odd_tails();

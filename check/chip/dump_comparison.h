@@ -79,9 +79,9 @@ public:
 
     /// Counts the blocks of the dump. Reads those that no file uses.
     ChipBlocks count_blocks();
-    /// True when so much of a file is missing that the rest of it was not compared. The conversion then ends
-    /// as after a failure.
-    bool gave_up() const { return m_gave_up; }
+    /// The first file of which so much is missing that the rest of it was not compared; empty: there is none.
+    /// The conversion then ends as after a write to it that failed with ENOSPC.
+    const std::string& given_up_file() const { return m_given_up_file; }
     Dump& dump() { return m_dump; }
 
 private:
@@ -114,6 +114,7 @@ private:
     std::vector<Placement> m_placements;
     std::vector<Extent> m_extents;
     uint64_t m_first_page_bytes = 0;  // of all files
+    std::string m_given_up_file;
 
     // Of the open file:
     std::string m_name;       // without ".img"
@@ -123,5 +124,5 @@ private:
     uint64_t m_blocks = 0;    // that were taken
     uint64_t m_missing = 0;   // bytes of a file that was not found
     std::vector<Candidate> m_candidates;
-    bool m_gave_up = false;
+    bool m_ended = false;  // as far as it was handed over
 };

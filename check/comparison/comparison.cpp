@@ -19,6 +19,13 @@ constexpr uint64_t kStep = 64;
 // Bytes of a part that are looked for after the end of the target. A firmware can ask for terabytes.
 constexpr uint64_t kMostMissing = 256 * 1024 * 1024;
 
+// What the missing bytes of ignored parts of an image may cost. The conversion has to make them, at some GB a
+// second, before it comes to the next part.
+constexpr uint64_t kMostPassedOver = 8ULL * 1024 * 1024 * 1024;
+
+// A run of zeros is not made, however long it is. It costs no more than this.
+constexpr uint64_t kCostOfZeros = 512 * 1024;
+
 // A range that is expected to be zeros is compared with these.
 constexpr uint8_t kZeros[kPiece] = {};
 
@@ -38,6 +45,9 @@ int Comparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& size)
     if (!m_second_pass)
         m_file->first_run = m_run;
     m_file->watched = static_cast<bool>(m_plan.watch);
+    m_ended = false;
+    if (!m_second_pass)
+        m_file->ended = false;
     // An item of the same name replaces the file.
     std::erase_if(m_logs, [&](const Log& log) { return log.result.file == path; });
     m_wrong = 0;
@@ -62,6 +72,10 @@ int Comparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& size)
 }
 
 int Comparison::close() {
+    if (!m_second_pass)
+        m_file->ended = m_ended;
+    else if (!m_ended && !m_reached_last_rewrite)
+        m_cut_before_last_rewrite = true;
     Log& last = log();
     if (m_plan.target == nullptr && m_file->there && m_own_target.size() > m_file->size)
         last.result.surplus = m_own_target.size() - m_file->size;
@@ -71,6 +85,7 @@ int Comparison::close() {
 
 int Comparison::end(uint64_t size) {
     m_file->size = size;
+    m_ended = true;
     m_image_size = size;
     return 0;
 }
@@ -95,6 +110,7 @@ Comparison::Log& Comparison::log() {
         next.part = m_part;
         next.serial = m_serial;
         next.run = m_run;
+        next.ignored = m_plan.is_ignored && m_plan.is_ignored(m_part);
         next.result.file = m_file->name;
         next.result.offset = m_file->next;
         m_logs.push_back(next);
@@ -149,13 +165,24 @@ void Comparison::cover(uint64_t offset, uint64_t count) {
     covered[begin] = joined;
 }
 
+/// True when nothing more of the file is to be compared. The files of a directory do not wait for each other,
+/// but the parts of an image do.
+bool Comparison::is_too_short(const Log& log) const {
+    const bool passed_over = m_plan.geometry.whole_image && log.ignored && m_passed_over < kMostPassedOver;
+    return log.result.missing >= kMostMissing && !passed_over;
+}
+
 /// Compares what no later run of the conversion writes again. bytes is null for zeros.
 int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     note_place(offset, count);
-    if (m_second_pass && m_run >= m_last_rewrite)
+    m_ended = false;
+    if (m_second_pass && m_run >= m_last_rewrite) {
+        m_reached_last_rewrite = true;
         return ECANCELED;
+    }
     Log& current = log();
     const uint64_t wrong_before = wrong_bytes_of(current);
+    const uint64_t missing_before = current.result.missing;
     uint64_t done = 0;
     while (done < count) {
         // The next place that a later run writes again ends this range, or is passed over.
@@ -173,7 +200,9 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
             }
         }
         if (skip_to > at) {
-            done = std::min(count, skip_to - offset);
+            const uint64_t skipped_to = std::min(count, skip_to - offset);
+            current.result.written_again += skipped_to - done;
+            done = skipped_to;
             continue;
         }
         compare_range(at, bytes == nullptr ? nullptr : bytes + done, range_end - at);
@@ -181,8 +210,13 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     }
     if (m_plan.progress)
         m_plan.progress(count);
-    if (current.result.missing >= kMostMissing) {
-        m_gave_up = true;
+    if (current.ignored) {
+        const uint64_t missing = current.result.missing - missing_before;
+        m_passed_over += bytes != nullptr ? missing : std::min(missing, kCostOfZeros);
+    }
+    if (is_too_short(current)) {
+        if (m_given_up_file.empty())
+            m_given_up_file = m_file->name;
         return ENOSPC;
     }
     m_wrong += wrong_bytes_of(current) - wrong_before;
@@ -191,7 +225,7 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
 
 void Comparison::compare_range(uint64_t offset, const uint8_t* bytes, uint64_t count) {
     Log& current = log();
-    if (!m_file->there) {
+    if (!m_file->there || (current.ignored && offset >= target().size())) {
         current.result.missing += count;
         return;
     }
@@ -293,6 +327,7 @@ void add(PartResult& sum, const PartResult& piece, uint64_t max_runs) {
     sum.missing += piece.missing;
     sum.surplus += piece.surplus;
     sum.unreadable += piece.unreadable;
+    sum.written_again += piece.written_again;
     sum.differing += piece.differing;
     sum.differing_pages += piece.differing_pages;
     sum.runs_found += piece.runs_found;
@@ -329,8 +364,8 @@ std::string without_suffix(const std::string& file) {
 std::vector<PartResult> Comparison::results() const {
     std::vector<PartResult> parts;
     std::map<std::string, std::size_t> place;  // of a part in parts
+    const bool whole = m_plan.geometry.whole_image;
     for (const Log& log : m_logs) {
-        const bool whole = m_plan.geometry.whole_image;
         if (whole && log.result.bytes == 0 && log.result.surplus == 0)
             continue;
         const bool gap = log.part.kind == OutputPart::Kind::kGap;
@@ -345,6 +380,8 @@ std::vector<PartResult> Comparison::results() const {
         const bool item = log.part.kind == OutputPart::Kind::kItem || (!whole && gap);
         parts[at->second].item = item && (fresh || parts[at->second].item);
         add(parts[at->second], log.result, m_plan.max_runs);
+        // In an image a part begins when the one before it has ended.
+        parts[at->second].ended = m_files.at(log.result.file).ended || (whole && &log != &m_logs.back());
     }
     for (PartResult& part : parts) {
         const auto file = m_files.find(part.file);
@@ -411,7 +448,7 @@ void Comparison::start_second_pass() {
     m_logs.clear();
     m_plan.watch = {};
     m_plan.progress = {};
-    m_run = m_serial = m_wrong = 0;
+    m_run = m_serial = m_wrong = m_passed_over = 0;
     m_file = nullptr;
     for (auto& [name, file] : m_files) {
         file.covered.clear();
@@ -420,7 +457,7 @@ void Comparison::start_second_pass() {
 }
 
 bool Comparison::finish_second_pass() {
-    const bool complete = m_run >= m_last_rewrite;
+    const bool complete = m_reached_last_rewrite && !m_cut_before_last_rewrite;
     std::erase_if(m_logs, [&](const Log& log) {
         return log.run >= m_last_rewrite || log.run < m_files.at(log.result.file).first_run;
     });

@@ -27,6 +27,9 @@ struct ComparisonPlan {
     /// Is passed the bytes of the target's file in their order, as far as they are there, after a call with
     /// no bytes. A file that is written again starts with such a call again. May be empty.
     std::function<void(const std::string& file, std::span<const uint8_t> bytes)> watch;
+    /// True for a part that does not matter. Of an image, what is missing of it is passed over, so that the
+    /// parts after it are compared. May be empty.
+    std::function<bool(const OutputPart& part)> is_ignored;
     /// Is told the bytes that were dealt with. May be empty.
     std::function<void(uint64_t bytes)> progress;
 };
@@ -77,9 +80,9 @@ public:
     std::vector<Extent> extents() const;
     /// Length of the image that the conversion gives.
     uint64_t image_size() const { return m_image_size; }
-    /// True when the target is so much too short that the rest of a file was not compared. The conversion
-    /// then ends as after a failure.
-    bool gave_up() const { return m_gave_up; }
+    /// The first file whose rest was not compared because the target is so much too short; empty: there is
+    /// none. The conversion then ends as after a write to it that failed with ENOSPC.
+    const std::string& given_up_file() const { return m_given_up_file; }
 
 private:
     /// What is known of a file or a part while it is compared.
@@ -90,6 +93,7 @@ private:
         uint64_t last_page = UINT64_MAX;
         uint64_t serial = 0;  // of its part; a part that goes on at another place has several logs
         uint64_t run = 0;     // of consecutive writes; those of all files are counted together
+        bool ignored = false;
     };
     /// Bytes that are written again, in which run of consecutive writes.
     struct Rewrite {
@@ -106,12 +110,14 @@ private:
         uint64_t size = 0;           // of the output
         bool there = false;
         bool watched = false;
+        bool ended = false;  // all its bytes were handed over, in the first pass
     };
 
     static uint64_t wrong_bytes_of(const Log& log);
     Log& log();
     void note_place(uint64_t offset, uint64_t count);
     void cover(uint64_t offset, uint64_t count);
+    bool is_too_short(const Log& log) const;
     int take(uint64_t offset, const uint8_t* bytes, uint64_t count);
     void compare_range(uint64_t offset, const uint8_t* bytes, uint64_t count);
     void compare_piece(uint64_t offset, const uint8_t* bytes, uint64_t count);
@@ -134,6 +140,10 @@ private:
     uint64_t m_last_rewrite = 0;  // the run that is the last to write places again
     uint64_t m_wrong = 0;
     uint64_t m_image_size = 0;
+    bool m_ended = false;        // the open file, as far as it was handed over
+    uint64_t m_passed_over = 0;  // what the missing bytes of ignored parts cost, in bytes
+    std::string m_given_up_file;
     bool m_second_pass = false;
-    bool m_gave_up = false;
+    bool m_reached_last_rewrite = false;  // by the second pass
+    bool m_cut_before_last_rewrite = false;
 };

@@ -18,6 +18,22 @@ std::string option_word(const PartResult& part) {
     return part.name;
 }
 
+std::string option_word(const OutputPart& part) {
+    switch (part.kind) {
+    case OutputPart::Kind::kGap:
+        return "gaps";
+    case OutputPart::Kind::kBootBlock:
+        return "idblock";
+    case OutputPart::Kind::kGpt:
+        return "gpt";
+    case OutputPart::Kind::kParameter:
+        return "parameter";
+    case OutputPart::Kind::kItem:
+        break;
+    }
+    return part.name;
+}
+
 std::vector<std::string> option_words(const std::vector<PartResult>& parts) {
     std::vector<std::string> words;
     words.reserve(parts.size());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "../../src/io/output_receiver.h"
 #include "../base/result.h"
 #include "options.h"
 
@@ -9,6 +10,9 @@
 
 /// The word for a part in --only and --ignore.
 std::string option_word(const PartResult& part);
+
+/// The same of a part that the conversion begins.
+std::string option_word(const OutputPart& part);
 
 std::vector<std::string> option_words(const std::vector<PartResult>& parts);
 

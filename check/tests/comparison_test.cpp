@@ -258,6 +258,7 @@ TEST(ComparisonOverlap, LastWriterIsTheOneThatCounts) {
         const PartResult part = part_after_both_passes(image, name);
         EXPECT_EQ(part.verdict, Verdict::kSame) << name;
         EXPECT_EQ(part.compared, bytes) << name;
+        EXPECT_TRUE(part.is_compared()) << name;
     }
 }
 
@@ -305,6 +306,82 @@ TEST(ComparisonFiles, SecondPassLeavesOutAReplacedFile) {
     EXPECT_EQ(driven.part("misc").verdict, Verdict::kSame);
     EXPECT_EQ(driven.part("misc").bytes, 700U);
     EXPECT_EQ(driven.part("boot").verdict, Verdict::kSame);
+}
+
+// ---- what was compared to its end ----
+
+TEST(ComparisonEnd, OfFilesIsKnownByEachOfThem) {
+    Driven driven(Files{{"boot.img", of(5, 100)}, {"misc.img", of(2, 700)}});
+    uint64_t size = 0;
+    EXPECT_EQ(driven.compared().open("boot.img", {}, size), 0);
+    EXPECT_EQ(driven.compared().bytes(0, of(5, 50).data(), 50), 0);
+    EXPECT_EQ(driven.compared().close(), 0);  // not all was handed over
+    EXPECT_EQ(driven.write("misc.img", {{0, of(2, 700), item("misc")}}), 0);
+    EXPECT_FALSE(driven.part("boot").is_compared());
+    EXPECT_TRUE(driven.part("misc").is_compared());
+}
+
+TEST(ComparisonEnd, OfAnImageIsInItsLastPart) {
+    Driven driven(of(5, 200));
+    uint64_t size = 0;
+    EXPECT_EQ(driven.compared().open("out_image.img", {}, size), 0);
+    for (const uint64_t offset : {0U, 100U}) {
+        driven.compared().begin_part(item(offset == 0 ? "boot" : "misc"));
+        EXPECT_EQ(driven.compared().bytes(offset, of(5, 100).data(), 100), 0);
+    }
+    EXPECT_EQ(driven.compared().close(), 0);
+    EXPECT_TRUE(driven.part("boot").is_compared());
+    EXPECT_FALSE(driven.part("misc").is_compared());
+}
+
+TEST(ComparisonEnd, BytesAfterItTakeItBack) {
+    Driven driven(Files{{"boot.img", of(5, 100)}});
+    uint64_t size = 0;
+    EXPECT_EQ(driven.compared().open("boot.img", {}, size), 0);
+    EXPECT_EQ(driven.compared().bytes(0, of(5, 50).data(), 50), 0);
+    EXPECT_EQ(driven.compared().end(50), 0);
+    EXPECT_EQ(driven.compared().bytes(50, of(5, 50).data(), 50), 0);
+    EXPECT_EQ(driven.compared().close(), 0);
+    EXPECT_FALSE(driven.part("boot").is_compared());
+}
+
+TEST(ComparisonEnd, SecondPassNeedsThatOfEarlierFiles) {
+    Driven driven(Files{{"misc.img", of(2, 700)}, {"boot.img", of(5, 100)}});
+    const Writes misc{{0, of(2, 700), item("misc")}};
+    const Writes boot{{0, of(4, 100), item("boot")}, {0, of(5, 100)}};
+    EXPECT_EQ(driven.write("misc.img", misc), 0);
+    EXPECT_EQ(driven.write("boot.img", boot), 0);
+    ASSERT_TRUE(driven.compared().needs_second_pass());
+    driven.compared().start_second_pass();
+    uint64_t size = 0;
+    EXPECT_EQ(driven.compared().open("misc.img", {}, size), 0);
+    EXPECT_EQ(driven.compared().bytes(0, of(2, 50).data(), 50), 0);
+    EXPECT_EQ(driven.compared().close(), 0);
+    EXPECT_EQ(driven.write("boot.img", boot), ECANCELED);
+    EXPECT_FALSE(driven.compared().finish_second_pass());
+}
+
+TEST(NotCompared, NamesAPartThatIsSameAndHasNoEnd) {
+    CheckResult result;
+    for (const std::string name : {"boot", "misc", "rootfs", "data"}) {
+        PartResult part;
+        part.name = name;
+        part.bytes = 5;
+        part.ended = true;
+        result.parts.push_back(part);
+    }
+    result.parts[0].compared = 5;
+    result.parts[1].compared = 3;
+    result.parts[1].written_again = 2;
+    result.parts[2].verdict = Verdict::kIgnored;
+    result.parts[3].verdict = Verdict::kMissing;
+    EXPECT_EQ(not_compared(result), std::nullopt);
+    result.parts[1].compared = 2;
+    EXPECT_EQ(not_compared(result), "misc was not compared to its end");
+    result.parts[1].compared = 3;
+    result.parts[0].ended = false;
+    result.parts[0].file = "boot.img";
+    EXPECT_EQ(not_compared(result), "boot.img was not compared to its end");
 }
 
 // ---- giving up ----
