@@ -363,8 +363,11 @@ private:
             name_good_copies(m_result);
             diagnose(m_options.conversion, plan(), m_result);
         }
-        m_result.rest_counts = m_options.strict && !m_choice.is_ignored("rest") &&
-                               m_result.rest.content == RestOfTarget::Content::kNotEmpty;
+        const RestOfTarget& rest = m_result.rest;
+        const bool rest_matters = m_options.strict && !m_choice.is_ignored("rest");
+        if (rest_matters && rest.bytes != 0 && rest.content == RestOfTarget::Content::kUnknown)
+            fail("the rest of the target failed to be read");
+        m_result.rest_counts = rest_matters && rest.content == RestOfTarget::Content::kNotEmpty;
         m_result.warnings_count = m_options.strict && !m_result.warnings.empty();
         const bool extra_counts = m_options.strict && !m_result.extra.empty();
         differs = differs || m_result.rest_counts || m_result.warnings_count || extra_counts ||

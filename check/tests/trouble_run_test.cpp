@@ -378,6 +378,25 @@ TEST_P(UnreadableSectors, AndOtherFailedCallsAreNeverSame) {
     }
 }
 
+TEST(UnreadableRest, IsTroubleWhereItCounts) {
+    const CheckBench bench(kEmmc);
+    const fs::path image = bench.out("out_image.img");
+    const uint64_t end = fs::file_size(image);
+    Bytes padded = bench.output("out_image.img");
+    padded.resize(end + 100000, 0xFF);
+    write_file(image, padded);
+    const TemporaryDirectory reports(memory_directory());
+    const RunOptions options = with_unreadable_byte(image, end + 70000, reports / "report");
+    Arguments arguments = bench.arguments_without_target({image.string()});
+    EXPECT_EQ(run_check_program(arguments, options).exit_status, kSame);
+    arguments.emplace_back("--strict");
+    const RunResult run = run_check_program(arguments, options);
+    EXPECT_EQ(run.exit_status, kTrouble);
+    EXPECT_EQ(last_line(run.out), "trouble: the rest of the target failed to be read") << run.out;
+    arguments.emplace_back("--ignore=rest");
+    EXPECT_EQ(run_check_program(arguments, options).exit_status, kSame);
+}
+
 TEST(UnreadableDump, IsTroubleAndTheRestIsCounted) {
     for (const Conversion& conversion : {kSmallSlc, kSmallSpiNand}) {
         ChipBench bench(conversion);
