@@ -80,10 +80,14 @@ function(nandsmith_add_test_suite target)
         endforeach()
         return()
     endif()
+    set(seconds 300)
+    if(CMAKE_CROSSCOMPILING_EMULATOR)
+        set(seconds 3000)
+    endif()
     gtest_discover_tests(
         ${target}
         DISCOVERY_TIMEOUT 60
         NO_PRETTY_VALUES
-        PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 300
+        PROPERTIES LABELS "${arg_LABEL}" TIMEOUT ${seconds}
     )
 endfunction()
