@@ -2,6 +2,7 @@
 // numbers are compared with those of a comparison byte by byte.
 
 #include "check_bench.h"
+#include "support/sparse_builder.h"
 
 #include <bit>
 #include <sys/stat.h>
@@ -544,6 +545,31 @@ TEST(ReportOfARun, SaysWhereAFlippedBitIs) {
               std::string::npos)
         << run.out;
     EXPECT_NE(run.out.find("second opinion: 1 of "), std::string::npos) << run.out;
+}
+
+// ---- sparse images that fill their partition ----
+
+// The header declares one block, so 64 MiB more than the partition's size is the most that is expanded.
+Firmware with_last_item(std::vector<SparseChunk> chunks) {
+    Firmware firmware = sample_firmware();
+    SparseImage image;
+    image.total_blocks = 1;
+    image.chunks = std::move(chunks);
+    firmware.items.push_back(partition_item("last", 0x20000, 100 * 2048, image.build()));
+    return firmware;
+}
+
+TEST(FullPartition, OfAFillChunkIsTheSame) {
+    const CheckBench bench(kEmmc, with_last_item({SparseChunk::fill(0x11223344, 100 * 256)}));
+    EXPECT_EQ(bench.check().exit_status, kSame);
+}
+
+TEST(FullPartition, OfARawChunkThatIsTooLongIsTheSame) {
+    const CheckBench bench(
+        kEmmc, with_last_item({SparseChunk::fill(0, 99 * 256), SparseChunk::raw(patterned(2 * kMib, 3))}));
+    EXPECT_EQ(bench.check().exit_status, kSame);
+    bench.damage("out_image.img", fs::file_size(bench.out("out_image.img")) - 1);
+    EXPECT_EQ(bench.check().exit_status, kDiffers);
 }
 
 }  // namespace

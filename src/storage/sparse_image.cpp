@@ -79,13 +79,15 @@ public:
         : m_storage(storage), m_page(page_size), m_limit(limit), m_has_failed(std::move(has_failed)) {}
 
     explicit operator bool() const { return static_cast<bool>(m_page); }
+    /// Every page was passed, so nothing of the expansion is missing.
+    bool is_full() const { return m_passed == m_limit; }
 
     int open(const std::string& /*path*/, OpenMode /*mode*/, uint64_t& size) override {
         size = 0;
         return 0;
     }
     int bytes(uint64_t /*offset*/, const uint8_t* bytes, uint64_t count) override {
-        while (count != 0 && m_passed != m_limit) {
+        while (count != 0 && !is_full()) {
             const uint64_t part = std::min(count, m_page.size() - m_gathered);
             std::memcpy(m_page.data() + m_gathered, bytes, static_cast<std::size_t>(part));
             m_gathered += part;
@@ -99,7 +101,7 @@ public:
             }
         }
         // Nothing takes what follows the last page, so the expansion need not make it: it can be terabytes.
-        return m_has_failed() || m_passed == m_limit ? EIO : 0;
+        return m_has_failed() || is_full() ? EIO : 0;
     }
     int zeros(uint64_t /*offset*/, uint64_t /*count*/) override { return EINVAL; }
     uint64_t zeros_from() const override { return kNoZeros; }
@@ -215,7 +217,9 @@ int CStorage::pass_sparse_pages(STRUCT_QZIMAGE_ITEM& entry, const sparse_header_
     expanded.write_fill(m_fill_byte, 1, excess != 0 ? m_page_size - excess : 0);
     expanded.close();
 
-    const uint32_t passed = std::min(page_count(expander.written(), m_page_size), pages);
+    // After the last page the expander counts what it failed to append as not written.
+    const uint32_t passed =
+        receiver.is_full() ? pages : std::min(page_count(expander.written(), m_page_size), pages);
     write_partition_rest(page.data(), passed, pages, progress);
     m_image_fill_page_num = pages;
     return kDone;
