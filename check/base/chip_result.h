@@ -71,7 +71,7 @@ struct SkippedBlock {
 /// Where the erase blocks of a file of the conversion lie in a dump.
 struct Placement {
     std::string file;              ///< such as "rootfs.img"
-    bool placed = false;           ///< false: it was found nowhere
+    bool placed = false;           ///< false: it was found nowhere; a file of no bytes needs no block
     std::vector<uint64_t> blocks;  ///< block i of the file is this block of the dump
     std::vector<SkippedBlock> skipped;
     std::vector<uint64_t>

@@ -300,7 +300,11 @@ void DumpComparison::finish_file() {
     PartResult& result = file.result;
     if (m_candidates.empty()) {
         result.bytes = result.missing = m_missing;
-        result.verdict = Verdict::kMissing;
+        result.ended = m_ended;
+        // A file of no bytes takes no block, and nothing of it can be missing.
+        placement.placed = m_missing == 0;
+        if (!placement.placed)
+            result.verdict = Verdict::kMissing;
         return;
     }
     FileTrack& track = *m_candidates.front().track;

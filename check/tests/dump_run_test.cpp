@@ -1,6 +1,7 @@
 // What is said of the units and blocks in the dump of a chip beside its firmware, and of the dump as a file.
 
 #include "chip_bench.h"
+#include "support/sparse_builder.h"
 
 namespace {
 
@@ -221,6 +222,33 @@ TEST(DumpFile, IsEmpty) {
     EXPECT_EQ(result.verdict, Verdict::kDiffers);
     EXPECT_EQ(result.missing.size(), 5U);
     EXPECT_EQ(result.blocks_of_chip->all, 0U);
+}
+
+/// The bench's firmware and an item whose sparse image expands to nothing.
+Firmware with_file_of_no_bytes() {
+    Firmware firmware = chip_firmware();
+    SparseImage nothing;
+    nothing.total_blocks = 0;
+    firmware.items.push_back(partition_item("zero", 0x20000, 0x800, nothing.build()));
+    return firmware;
+}
+
+TEST(DumpFile, ThatTheConversionLeavesEmpty) {
+    for (const Conversion& conversion : {kSmallSlc, kSmallSpiNand}) {
+        SCOPED_TRACE(conversion.type);
+        ChipBench bench(conversion, with_file_of_no_bytes());
+        ASSERT_EQ(bench.output("zero.img").size(), 0U);
+        bench.place_all();
+        const CheckResult result = bench.result();
+        expect_same(result);
+        EXPECT_EQ(part_of(result, "zero.img").bytes, 0U);
+        EXPECT_EQ(part_of(result, "zero.img").found_at, std::nullopt);
+        EXPECT_EQ(result.missing, std::vector<std::string>());
+        const fs::path data = bench.directory() / "data";
+        const RunResult run = bench.run({"--extract=" + data.string()});
+        EXPECT_EQ(run.exit_status, kSame) << run.out;
+        EXPECT_EQ(fs::file_size(data / "zero.img"), 0U);
+    }
 }
 
 TEST(DumpFile, ComesFromAPipe) {
