@@ -373,15 +373,15 @@ private:
         differs = differs || m_result.rest_counts || m_result.warnings_count || extra_counts ||
                   m_result.opinion.findings_found != 0;
         m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
-        if (const auto reason = not_compared(m_result); reason && !differs)
+        if (const auto reason = not_compared(m_result, rest_matters); reason && !differs)
             fail(*reason);
         if (!m_result.geometry.whole_image)
             return;
         for (PartResult& part : m_result.parts)
             part.file.clear();  // there is but one
-        // Without differences a gap is not worth a row.
-        std::erase_if(m_result.parts, [](const PartResult& part) {
-            return part.name == "gaps" && part.verdict == Verdict::kSame;
+        // Without differences a gap is not worth a row, unless somebody asks for it.
+        std::erase_if(m_result.parts, [&](const PartResult& part) {
+            return part.name == "gaps" && part.verdict == Verdict::kSame && !m_choice.is_asked_for("gaps");
         });
     }
 

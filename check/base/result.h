@@ -162,5 +162,6 @@ struct CheckResult {
 };
 
 /// Why a check in which nothing differs has no answer: a part with the verdict "same" was not compared to its
-/// end. Nothing when all of them were.
-std::optional<std::string> not_compared(const CheckResult& result);
+/// end, or no byte of any part was compared. A rest that counts and was looked at is an answer without parts.
+/// Nothing when there is an answer.
+std::optional<std::string> not_compared(const CheckResult& result, bool rest_matters);

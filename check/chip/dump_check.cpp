@@ -113,6 +113,7 @@ private:
         if (!run.done && !ended_early(run, comparison))
             return fail(run.reason);
         check_names(option_words(m_result.parts));
+        check_placed_names(option_words(m_result.parts));
         choose_parts();
         count(comparison);
         add_warnings(comparison);
@@ -125,15 +126,24 @@ private:
     void check_names_by_firmware() {
         if (!m_choice.has_names() && m_placed_names.empty())
             return;
-        if (const auto names = names_of_written_items(m_options.conversion.settings.in_firmware))
-            check_names(*names);
+        auto names = names_of_written_items(m_options.conversion.settings.in_firmware);
+        if (!names)
+            return;
+        check_names(*names);
+        // Which of these files there are is known after the conversion.
+        names->insert(names->end(), {"idblock", "gpt", "parameter"});
+        check_placed_names(*names);
     }
 
     void check_names(const std::vector<std::string>& words) {
         if (const auto unknown = m_choice.unknown_name(words))
             fail("no part has the name '" + *unknown + "'");
+    }
+
+    /// A place is that of a file. One for another name would keep its blocks from the files that there are.
+    void check_placed_names(const std::vector<std::string>& files) {
         for (const std::string& name : m_placed_names)
-            if (!is_name_of_part(name, words))
+            if (std::find(files.begin(), files.end(), name) == files.end())
                 fail("no part has the name '" + name + "', which has a place in the dump");
     }
 
@@ -327,13 +337,13 @@ private:
             fail(std::to_string(unreadable) + " bytes of the target failed to be read");
         if (differs && !m_result.error)
             diagnose_dump(m_options.conversion, m_options.chip, m_target, comparison, m_result);
-        m_result.rest_counts =
-            m_options.strict && m_result.blocks_of_chip->other != 0 && !m_choice.is_ignored("rest");
+        const bool rest_matters = m_options.strict && !m_choice.is_ignored("rest");
+        m_result.rest_counts = rest_matters && m_result.blocks_of_chip->other != 0;
         m_result.warnings_count = m_options.strict && !m_result.warnings.empty();
         differs = differs || m_result.rest_counts || m_result.warnings_count ||
                   m_result.opinion.findings_found != 0;
         m_result.verdict = differs ? Verdict::kDiffers : Verdict::kSame;
-        if (const auto reason = not_compared(m_result); reason && !differs)
+        if (const auto reason = not_compared(m_result, rest_matters); reason && !differs)
             fail(*reason);
     }
 

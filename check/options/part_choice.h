@@ -22,6 +22,8 @@ public:
     explicit PartChoice(const CheckOptions& options) : m_options(options) {}
 
     bool is_ignored(const std::string& word) const;
+    /// True for a word in --only.
+    bool is_asked_for(const std::string& word) const;
     /// False without --only and --ignore.
     bool has_names() const { return !m_options.only.empty() || !m_options.ignore.empty(); }
     /// A name in --only or --ignore that no part has, given the words for the parts; nothing when all are
@@ -31,6 +33,3 @@ public:
 private:
     const CheckOptions& m_options;
 };
-
-/// True when the name is one of these words for parts, or parts of all firmwares have it.
-bool is_name_of_part(const std::string& name, const std::vector<std::string>& words);

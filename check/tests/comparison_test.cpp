@@ -375,13 +375,13 @@ TEST(NotCompared, NamesAPartThatIsSameAndHasNoEnd) {
     result.parts[1].written_again = 2;
     result.parts[2].verdict = Verdict::kIgnored;
     result.parts[3].verdict = Verdict::kMissing;
-    EXPECT_EQ(not_compared(result), std::nullopt);
+    EXPECT_EQ(not_compared(result, false), std::nullopt);
     result.parts[1].compared = 2;
-    EXPECT_EQ(not_compared(result), "misc was not compared to its end");
+    EXPECT_EQ(not_compared(result, false), "misc was not compared to its end");
     result.parts[1].compared = 3;
     result.parts[0].ended = false;
     result.parts[0].file = "boot.img";
-    EXPECT_EQ(not_compared(result), "boot.img was not compared to its end");
+    EXPECT_EQ(not_compared(result, false), "boot.img was not compared to its end");
 }
 
 // ---- giving up ----

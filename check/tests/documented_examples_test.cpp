@@ -132,6 +132,7 @@ TEST_F(DocumentedExamples, OfTrouble) {
         {"missing.img failed to access: No such file or directory",
          "-i missing.img -t emmc -b 512 -p 2 emmc"},
         {"no part has the name 'bot'", kSlc + "--only=bot slc"},
+        {"nothing is left to compare", kSlc + "--only=gpt slc"},
         {"unknown option '--ignroe'", kGpt + "--ignroe=gpt emmc"}};
     std::string listed;
     for (const auto& [reason, arguments] : cases) {

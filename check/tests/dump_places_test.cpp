@@ -200,6 +200,21 @@ TEST(DumpPlaces, OfANameThatThereIsNot) {
     EXPECT_TRUE(result.parts.empty()) << "the dump is not read";
 }
 
+TEST(DumpPlaces, OfFilesThatThisFirmwareDoesNotGive) {
+    ChipBench bench;
+    bench.place_all();
+    for (const std::string name : {"parameter", "gaps", "rest"}) {
+        ChipOptions chip;
+        chip.at = {{name, 1}};  // where the GPT is
+        const CheckResult result = bench.result(chip);
+        EXPECT_EQ(result.verdict, Verdict::kTrouble) << name;
+        EXPECT_EQ(result.error, "no part has the name '" + name + "', which has a place in the dump");
+    }
+    ChipOptions chip;
+    chip.at = {{"idblock", 0}, {"gpt", part_of(bench.result(), "gpt.img").found_at.value()}};
+    expect_same(bench.result(chip));
+}
+
 TEST(DumpPlaces, OfAFileThatOneOfTheSameNameReplaces) {
     Firmware firmware = chip_firmware();
     Item again = firmware.item("boot");

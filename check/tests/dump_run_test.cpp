@@ -316,6 +316,26 @@ TEST(DumpParts, ThatAreIgnored) {
     EXPECT_EQ(bench.result({}, {"--only=rootfs"}).verdict, Verdict::kDiffers);
 }
 
+TEST(DumpParts, ThatAreNotThereLeaveNothing) {
+    ChipBench bench;
+    bench.place_all();
+    for (const std::string option : {"--only=parameter", "--only=gaps", "--only=rest"}) {
+        const RunResult run = bench.run({option});
+        EXPECT_EQ(run.exit_status, kTrouble) << option;
+        EXPECT_EQ(last_line(run.out), "trouble: nothing is left to compare") << option;
+    }
+    EXPECT_EQ(bench.run({"--only=rest", "--strict"}).exit_status, kSame) << "the other blocks are erased";
+    bench.ruin(120);
+    EXPECT_EQ(bench.run({"--only=rest", "--strict"}).exit_status, kDiffers);
+}
+
+TEST(DumpParts, OfNoBytesAloneLeaveNothing) {
+    ChipBench bench(kSmallSlc, with_file_of_no_bytes());
+    bench.place_all();
+    EXPECT_EQ(last_line(bench.run({"--only=zero"}).out), "trouble: nothing is left to compare");
+    EXPECT_EQ(bench.run({"--only=zero,misc"}).exit_status, kSame);
+}
+
 TEST(DumpParts, OfAnUnknownNameAreNotLookedFor) {
     ChipBench bench;
     bench.place_all();
