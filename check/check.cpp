@@ -344,7 +344,7 @@ private:
                 m_result.missing.push_back(file);
         for (PartResult& part : m_result.parts) {
             const bool hides_others = m_given_up && m_result.geometry.whole_image && !part.ended;
-            const bool ignored = m_choice.is_ignored(option_word(part));
+            const bool ignored = m_choice.is_ignored(part.choice);
             if (ignored && !hides_others) {
                 part.verdict = Verdict::kIgnored;
                 continue;
@@ -381,7 +381,8 @@ private:
             part.file.clear();  // there is but one
         // Without differences a gap is not worth a row, unless somebody asks for it.
         std::erase_if(m_result.parts, [&](const PartResult& part) {
-            return part.name == "gaps" && part.verdict == Verdict::kSame && !m_choice.is_asked_for("gaps");
+            return !part.item && part.name == "gaps" && part.verdict == Verdict::kSame &&
+                   !m_choice.is_asked_for("gaps");
         });
     }
 

@@ -62,6 +62,7 @@ struct DifferenceRun {
 /// One file of a directory, or one part of an image. Offsets are from the start of the target file.
 struct PartResult {
     std::string name;            ///< item name as the firmware has it: any bytes
+    std::string choice;          ///< its word in --only and --ignore
     bool item = false;           ///< false: a boot block, GPT, parameter or gap
     std::string file;            ///< name in the directory; empty when the target is an image or a device
     uint64_t offset = 0;         ///< where the part starts

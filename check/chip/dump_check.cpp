@@ -149,7 +149,7 @@ private:
 
     void choose_parts() {
         for (PartResult& part : m_result.parts)
-            if (m_choice.is_ignored(option_word(part)))
+            if (m_choice.is_ignored(part.choice))
                 part.verdict = Verdict::kIgnored;
             else if (part.verdict == Verdict::kMissing)
                 m_result.missing.push_back(part.file);

@@ -55,7 +55,7 @@ int DumpComparison::open(const std::string& path, OpenMode /*mode*/, uint64_t& s
     forget(path);
     m_files.emplace_back();
     m_files.back().result.file = path;
-    m_files.back().result.name = m_name = without_suffix(path);
+    m_files.back().result.name = m_files.back().result.choice = m_name = without_suffix(path);
     m_placements.emplace_back();
     m_placements.back().file = path;
     m_filled = m_position = m_blocks = m_missing = 0;
@@ -310,6 +310,7 @@ void DumpComparison::finish_file() {
     FileTrack& track = *m_candidates.front().track;
     track.result().file = result.file;
     track.result().name = result.name;
+    track.result().choice = result.choice;
     result = std::move(track.result());
     result.ended = m_ended;
     file.flipped_blocks = track.flipped_blocks();

@@ -1,6 +1,7 @@
 #include "comparison.h"
 
 #include "../../src/common/byte_run.h"
+#include "../options/part_choice.h"
 
 #include <algorithm>
 #include <bit>
@@ -375,6 +376,7 @@ std::vector<PartResult> Comparison::results() const {
             parts.emplace_back();
             parts.back().file = m_plan.target == nullptr ? log.result.file : "";
             parts.back().name = whole ? name_of(log.part) : without_suffix(log.result.file);
+            parts.back().choice = whole ? option_word(log.part) : parts.back().name;
         }
         // All of a file is the item's, unless one of its parts is something else.
         const bool item = log.part.kind == OutputPart::Kind::kItem || (!whole && gap);

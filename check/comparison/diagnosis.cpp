@@ -346,7 +346,7 @@ void name_good_copies(CheckResult& result) {
     const auto copies_of = [&](const std::string& prefix) {
         std::vector<PartResult*> copies;
         for (PartResult& part : result.parts)
-            if (part.name.starts_with(prefix) && part.verdict != Verdict::kIgnored)
+            if (!part.item && part.name.starts_with(prefix) && part.verdict != Verdict::kIgnored)
                 copies.push_back(&part);
         return copies;
     };

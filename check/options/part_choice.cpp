@@ -15,14 +15,6 @@ bool is_name_of_part(const std::string& name, const std::vector<std::string>& wo
 
 }  // namespace
 
-std::string option_word(const PartResult& part) {
-    if (part.name.starts_with("boot block, copy "))
-        return "idblock";
-    if (part.name.starts_with("parameter, copy "))
-        return "parameter";
-    return part.name;
-}
-
 std::string option_word(const OutputPart& part) {
     switch (part.kind) {
     case OutputPart::Kind::kGap:
@@ -43,7 +35,7 @@ std::vector<std::string> option_words(const std::vector<PartResult>& parts) {
     std::vector<std::string> words;
     words.reserve(parts.size());
     for (const PartResult& part : parts)
-        words.push_back(option_word(part));
+        words.push_back(part.choice);
     return words;
 }
 

@@ -8,10 +8,7 @@
 #include <string>
 #include <vector>
 
-/// The word for a part in --only and --ignore.
-std::string option_word(const PartResult& part);
-
-/// The same of a part that the conversion begins.
+/// The word in --only and --ignore for a part of an image that the conversion begins.
 std::string option_word(const OutputPart& part);
 
 std::vector<std::string> option_words(const std::vector<PartResult>& parts);

@@ -30,6 +30,8 @@ bool are_alike(const PartResult& a, const PartResult& b) {
 }  // namespace
 
 std::optional<CopyName> copy_name(const PartResult& part) {
+    if (part.item)  // its name is its own
+        return std::nullopt;
     const std::string_view name = part.name;
     const std::size_t at = name.rfind(kCopy);
     if (at == std::string_view::npos)

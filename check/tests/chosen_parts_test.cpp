@@ -70,4 +70,35 @@ TEST(ChosenRest, IsAnAnswerWhereItCounts) {
     EXPECT_EQ(status("--strict"), kDiffers);
 }
 
+// ---- items with names of other parts ----
+
+TEST(ChosenItems, NamedLikeACopyOfSomethingElse) {
+    const std::string boot = "boot block, copy 1";
+    const std::string parameter = "parameter, copy 3";
+    Firmware firmware = with_gpt();
+    firmware.items.push_back(partition_item(boot, 0x9000, 0x40, patterned(20000, 1)));
+    firmware.items.push_back(partition_item(parameter, 0x9040, 0x40, patterned(20000, 2)));
+    const CheckBench image(kEmmc, firmware);
+    image.damage("out_image.img", 0x9000 * kSectorSize + 100);
+    image.damage("out_image.img", 0x9040 * kSectorSize + 100);
+    const CheckBench files(kSpiNand, firmware);
+    files.damage(boot + ".img", 100);
+    files.damage(parameter + ".img", 100);
+    for (const CheckBench* bench : {&image, &files}) {
+        EXPECT_EQ(bench->check({"--ignore=idblock,parameter"}).exit_status, kDiffers);
+        EXPECT_EQ(bench->check({"--only=idblock"}).exit_status, kSame);
+        EXPECT_EQ(bench->document({"--ignore=idblock,parameter"}).at("diagnoses"), Json::array());
+        for (const std::string name : {"misc", "rootfs"})
+            EXPECT_EQ(bench->check({"--ignore=" + name}).exit_status, kDiffers);
+    }
+}
+
+TEST(ChosenItems, NamedLikeTheGapsHaveARow) {
+    Firmware firmware = with_gpt();
+    firmware.items.push_back(partition_item("gaps", 0x9000, 0x40, patterned(20000, 1)));
+    const CheckBench bench(kEmmc, firmware);
+    const Json document = bench.document();
+    EXPECT_EQ(part_of(document, "gaps").at("bytes"), 0x40 * kSectorSize) << document.dump(1);
+}
+
 }  // namespace

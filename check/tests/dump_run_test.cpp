@@ -329,6 +329,19 @@ TEST(DumpParts, ThatAreNotThereLeaveNothing) {
     EXPECT_EQ(bench.run({"--only=rest", "--strict"}).exit_status, kDiffers);
 }
 
+TEST(DumpParts, NamedLikeACopyOfTheBootBlock) {
+    const std::string name = "boot block, copy 1";
+    Firmware firmware = chip_firmware();
+    firmware.items.push_back(partition_item(name, 0x20000, 0x40, patterned(20000, 1)));
+    ChipBench bench(kSmallSlc, firmware);
+    bench.place_all();
+    const uint64_t at = bench.place(name + ".img", 100).front();
+    EXPECT_EQ(bench.run().exit_status, kSame);
+    bench.flip(at, 1, 0, 17);
+    EXPECT_EQ(bench.run({"--ignore=idblock"}).exit_status, kDiffers);
+    EXPECT_EQ(bench.run({"--only=idblock"}).exit_status, kSame);
+}
+
 TEST(DumpParts, OfNoBytesAloneLeaveNothing) {
     ChipBench bench(kSmallSlc, with_file_of_no_bytes());
     bench.place_all();
