@@ -257,7 +257,7 @@ void Comparison::compare_piece(uint64_t offset, const uint8_t* bytes, uint64_t c
     Log& current = log();
     current.result.missing += count - *got;
     current.result.compared += *got;
-    if (m_file->watched)
+    if (m_file->watched && *got != 0)  // a call without bytes starts a file
         m_plan.watch(m_file->name, {m_piece.data(), static_cast<std::size_t>(*got)});
     note_differences(offset, bytes, *got);
 }

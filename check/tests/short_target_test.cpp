@@ -118,6 +118,20 @@ TEST(ShortFiles, AreIgnoredWithoutThoseAfterThem) {
     }
 }
 
+TEST(ShortFiles, KeepTheSecondOpinionOnWhatIsThere) {
+    const CheckBench bench(kSlcNand, chip_firmware());
+    const std::string rootfs = bench.out("rootfs.img");
+    bench.damage("rootfs.img", 3000, 4);
+    const Json whole = bench.document();
+    ASSERT_EQ(whole.at("ecc").at("wrong_units"), 1) << whole.dump(1);
+    // A block and a page: whole pages are left, and more than is read at once is missing.
+    fs::resize_file(rootfs, fs::file_size(rootfs) - 64 * 2112 - 2112);
+    const Json cut = bench.document();
+    EXPECT_EQ(cut.at("ecc").at("wrong_units"), 1);
+    EXPECT_EQ(cut.at("ecc").at("units"), whole.at("ecc").at("units").get<uint64_t>() - 2 * 65);
+    EXPECT_EQ(cut.at("second_opinion").at("findings"), whole.at("second_opinion").at("findings"));
+}
+
 // ---- dumps ----
 
 class ShortDumps : public testing::TestWithParam<Conversion> {
