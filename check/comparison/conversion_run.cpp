@@ -2,6 +2,7 @@
 
 #include "../../src/common/messages.h"
 #include "../../src/io/output_receiver.h"
+#include "../../src/storage/console.h"
 #include "comparison.h"
 
 #include <cerrno>
@@ -28,6 +29,7 @@ std::string without_escapes(const std::string& text) {
 class Reason {
 public:
     void take(const std::string& text) {
+        m_last_message = text;
         const std::string line = without_escapes(text);
         if (line == "size of oob is not enough")
             m_refused = line;
@@ -44,11 +46,13 @@ public:
     }
     /// The line with which pages were refused. The conversion goes on after it and ends in success.
     const std::string& refused() const { return m_refused; }
+    const std::string& last_message() const { return m_last_message; }
 
 private:
     std::string m_before;
     std::string m_last;
     std::string m_refused;
+    std::string m_last_message;
 };
 
 /// Takes the messages as long as it lives, which may end by an exception.
@@ -124,6 +128,7 @@ ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& r
         storage->send_output_to(guarded);
         run.done = storage->storage_init() && storage->create_image();
     }
+    run.last_message = reason.last_message();
     if (run.done && !reason.refused().empty()) {
         run.done = false;
         run.reason = reason.refused();
@@ -134,7 +139,8 @@ ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& r
 }
 
 bool failed_to_write(const ConversionRun& run, const std::string& file, int error) {
-    return !run.done && run.reason == "failed to write " + file + ",err=" + std::to_string(error);
+    // The reason is of no use here: it drops bytes of names that have line feeds or escape sequences.
+    return !run.done && run.last_message == error_message("failed to write " + file + error_suffix(error));
 }
 
 ConversionRun compare_conversion(const ConversionOptions& options, Comparison& comparison) {

@@ -11,6 +11,8 @@ class OutputReceiver;
 struct ConversionRun {
     bool done = false;   ///< with all bytes handed over
     std::string reason;  ///< when not done: the conversion's own lines, without colours
+    /// The last message as the conversion sent it: with colours, and with all bytes of a name.
+    std::string last_message;
 };
 
 /// Runs the conversion silently. Writes nothing: all bytes go to the receiver, under names without a

@@ -132,6 +132,31 @@ TEST(ShortFiles, KeepTheSecondOpinionOnWhatIsThere) {
     EXPECT_EQ(cut.at("second_opinion").at("findings"), whole.at("second_opinion").at("findings"));
 }
 
+/// After rootfs comes an item with this name, in a hole of the firmware.
+Firmware with_long_item(const std::string& name, uint64_t mib) {
+    Firmware firmware = with_gpt();
+    Item item = partition_item(name, kAfterRootfs, static_cast<uint32_t>(mib * 2048), patterned(4096, 9));
+    item.size = mib * kMib;
+    item.reserve_size = true;
+    firmware.items.push_back(item);
+    firmware.items.push_back(partition_item("last", 0x400000, 0x200, patterned(100000, 3)));
+    return firmware;
+}
+
+TEST(ShortFiles, HaveAnyBytesInTheirNames) {
+    for (const std::string name : {"plain", "x\ny", "e\033[1mq", "a\033q"}) {
+        SCOPED_TRACE(testing::PrintToString(name));
+        const CheckBench bench(kSpiNand, with_long_item(name, 1));
+        with_long_item(name, 300).write(bench.firmware());
+        const Json document = bench.document();
+        EXPECT_EQ(document.at("verdict"), "differs") << document.at("error");
+        EXPECT_EQ(verdict_of(document, "last"), "same");
+        EXPECT_EQ(bench.check({"--ignore=" + name}).exit_status, kSame);
+        bench.damage("last.img", 5);
+        EXPECT_EQ(bench.check({"--ignore=" + name}).exit_status, kDiffers);
+    }
+}
+
 // ---- dumps ----
 
 class ShortDumps : public testing::TestWithParam<Conversion> {

@@ -6,8 +6,12 @@ void print_line(const std::string& text) {
     put_message(text + "\n");
 }
 
+std::string error_message(const std::string& text) {
+    return "\033[30;41m" + text + "\033[37;40m\n";
+}
+
 void print_error_line(const std::string& text) {
-    put_message("\033[30;41m" + text + "\033[37;40m\n");
+    put_message(error_message(text));
 }
 
 void redraw_line(const std::string& text) {

@@ -9,7 +9,10 @@
 /// Prints text and a newline.
 void print_line(const std::string& text);
 
-/// Prints text in the colours of an error (black on red), returns to white on black, and prints a newline.
+/// The message of an error: text in black on red, white on black after it, and a newline.
+std::string error_message(const std::string& text);
+
+/// Prints the message of an error.
 void print_error_line(const std::string& text);
 
 /// Replaces the line above the cursor by text.
