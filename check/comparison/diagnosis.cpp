@@ -60,7 +60,7 @@ public:
         size = 0;
         m_file = path;
         m_kind = OutputPart::Kind::kGap;
-        return 0;
+        return is_complete() ? ECANCELED : 0;
     }
     int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) override {
         Captured* part = current();
@@ -85,6 +85,7 @@ public:
     void begin_part(const OutputPart& part) override {
         m_kind = part.kind;
         m_copy = part.copy;
+        m_has_parameter = m_has_parameter || part.kind == OutputPart::Kind::kParameter;
     }
 
     struct Captured {
@@ -103,13 +104,12 @@ private:
     }
 
     /// Nothing more is wanted. A firmware has a table or parameter copies.
-    bool is_complete() const {
-        return !boot_block.bytes.empty() && (!gpt.bytes.empty() || m_kind == OutputPart::Kind::kParameter);
-    }
+    bool is_complete() const { return !boot_block.bytes.empty() && (!gpt.bytes.empty() || m_has_parameter); }
 
     std::string m_file;
     OutputPart::Kind m_kind = OutputPart::Kind::kGap;
     uint32_t m_copy = 0;
+    bool m_has_parameter = false;
 };
 
 /// The bytes of the target at the place of what was captured; fewer where the target ends.

@@ -385,6 +385,24 @@ TEST(DiagnosisOfContent, EndsSoonForAFirmwareOfTerabytes) {
     }
 }
 
+/// rootfs takes terabytes, which its file does not have.
+void expect_end_without_them(const Conversion& conversion, Firmware firmware) {
+    SCOPED_TRACE(conversion.type);
+    const CheckBench bench(conversion, firmware);
+    SparseImage terabyte;
+    terabyte.chunks = {SparseChunk::fill(0x12345678, 0x10000000)};
+    firmware.item("rootfs").data = terabyte.build();
+    firmware.write(bench.firmware());
+    const RunResult run = bench.check();
+    EXPECT_FALSE(run.timed_out);
+    EXPECT_EQ(run.exit_status, kDiffers) << run.out;
+}
+
+TEST(DiagnosisOfContent, EndsSoonForTerabytesWithoutAGpt) {
+    for (const Conversion& conversion : {kSpiNand, kSlcNand})
+        expect_end_without_them(conversion, without_gpt());
+}
+
 TEST(DiagnosisOfContent, IsSilentAboutOneWrongByte) {
     for (const Conversion& conversion : kFourTypes) {
         SCOPED_TRACE(conversion.type);
