@@ -26,6 +26,9 @@ constexpr uint64_t kMostLeft = 4 * 1024 * 1024;
 // Bytes of the boot block and of the table that are looked at for a key and for another tool's changes.
 constexpr std::size_t kMostCaptured = 4 * 1024 * 1024;
 
+// Bytes of other parts that are waited for before these. A firmware can have terabytes before its table.
+constexpr uint64_t kMostBefore = 1024 * 1024 * 1024;
+
 /// Bytes that are not what the firmware gives, those that are missing or too many included.
 uint64_t wrong_bytes(const std::vector<PartResult>& parts) {
     uint64_t wrong = 0;
@@ -64,8 +67,10 @@ public:
     }
     int bytes(uint64_t offset, const uint8_t* bytes, uint64_t count) override {
         Captured* part = current();
-        if (part == nullptr)
-            return is_complete() ? ECANCELED : 0;
+        if (part == nullptr) {
+            m_others += count;
+            return is_complete() || m_others > kMostBefore ? ECANCELED : 0;
+        }
         if (part->bytes.empty()) {
             part->file = m_file;
             part->offset = offset;
@@ -110,6 +115,7 @@ private:
     OutputPart::Kind m_kind = OutputPart::Kind::kGap;
     uint32_t m_copy = 0;
     bool m_has_parameter = false;
+    uint64_t m_others = 0;  // bytes of parts that are not wanted
 };
 
 /// The bytes of the target at the place of what was captured; fewer where the target ends.

@@ -403,6 +403,15 @@ TEST(DiagnosisOfContent, EndsSoonForTerabytesWithoutAGpt) {
         expect_end_without_them(conversion, without_gpt());
 }
 
+TEST(DiagnosisOfContent, EndsSoonForTerabytesBeforeTheTable) {
+    for (Firmware firmware : {with_gpt(), without_gpt()}) {
+        std::swap(firmware.items.front(), firmware.item("rootfs"));
+        ASSERT_EQ(firmware.items.front().name, "rootfs");
+        for (const Conversion& conversion : kFourTypes)
+            expect_end_without_them(conversion, firmware);
+    }
+}
+
 TEST(DiagnosisOfContent, IsSilentAboutOneWrongByte) {
     for (const Conversion& conversion : kFourTypes) {
         SCOPED_TRACE(conversion.type);
