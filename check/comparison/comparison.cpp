@@ -78,7 +78,8 @@ int Comparison::close() {
     else if (!m_ended && !m_reached_last_rewrite)
         m_cut_before_last_rewrite = true;
     Log& last = log();
-    if (m_plan.target == nullptr && m_file->there && m_own_target.size() > m_file->size)
+    // What is after the end is known only when the end was reached.
+    if (m_plan.target == nullptr && m_file->there && m_ended && m_own_target.size() > m_file->size)
         last.result.surplus = m_own_target.size() - m_file->size;
     m_own_target.close();
     return 0;

@@ -157,6 +157,16 @@ TEST(ShortFiles, HaveAnyBytesInTheirNames) {
     }
 }
 
+TEST(ShortFiles, HaveNoBytesAfterTheEnd) {
+    const CheckBench bench(kSpiNand, with_long_item("long", 1));
+    with_long_item("long", 300).write(bench.firmware());
+    const Json part = part_of(bench.document(), "long");
+    EXPECT_EQ(part.at("verdict"), "differs");
+    EXPECT_EQ(part.at("missing_bytes"), 256 * kMib);
+    EXPECT_EQ(part.at("surplus_bytes"), 0);
+    EXPECT_EQ(bench.check().out.find("longer by"), std::string::npos);
+}
+
 // ---- dumps ----
 
 class ShortDumps : public testing::TestWithParam<Conversion> {
