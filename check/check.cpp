@@ -185,6 +185,8 @@ private:
             find_extra_files();
             return;
         }
+        if (m_given_up)
+            return;  // the image that the firmware gives ends after the target
         m_result.rest.offset = m_comparison->image_size();
         if (m_target.size() <= m_result.rest.offset)
             return;

@@ -91,6 +91,20 @@ TEST(ShortImages, AreGivenUpInAPartThatMatters) {
     EXPECT_EQ(verdict_of(document, "data"), "none");
 }
 
+TEST(ShortImages, HaveNoRestWhenTheyAreGivenUp) {
+    const ShortImage bench(of_fill(300));
+    for (const std::string option : {"--ignore=gpt", "--strict"}) {
+        const std::string image = bench.out("out_image.img");
+        const Json document =
+            parsed(run_check_program(bench.arguments_without_target({option, "--json", image})));
+        EXPECT_EQ(document.at("verdict"), "differs");
+        EXPECT_EQ(document.at("rest"), nullptr);
+        const RunResult run = run_check_program(bench.arguments_without_target({option, image}));
+        EXPECT_EQ(run.exit_status, kDiffers);
+        EXPECT_EQ(run.out.find("rest of the image"), std::string::npos) << run.out;
+    }
+}
+
 TEST(ShortImages, OfTerabytesDifferInSeconds) {
     for (const SparseChunk& chunk : {of_zeros(uint64_t{1024} * 1024), of_fill(uint64_t{1024} * 1024)}) {
         const ShortImage bench(chunk);
