@@ -216,13 +216,14 @@ int Comparison::take(uint64_t offset, const uint8_t* bytes, uint64_t count) {
         const uint64_t missing = current.result.missing - missing_before;
         m_passed_over += bytes != nullptr ? missing : std::min(missing, kCostOfZeros);
     }
-    if (is_too_short(current)) {
-        if (m_given_up_file.empty())
-            m_given_up_file = m_file->name;
-        return ENOSPC;
-    }
     m_wrong += wrong_bytes_of(current) - wrong_before;
-    return m_wrong >= m_plan.give_up_at ? ECANCELED : 0;
+    if (m_wrong >= m_plan.give_up_at)
+        return ECANCELED;
+    if (!is_too_short(current))
+        return 0;
+    if (m_given_up_file.empty())
+        m_given_up_file = m_file->name;
+    return ENOSPC;
 }
 
 void Comparison::compare_range(uint64_t offset, const uint8_t* bytes, uint64_t count) {

@@ -145,7 +145,9 @@ bool failed_to_write(const ConversionRun& run, const std::string& file, int erro
 
 ConversionRun compare_conversion(const ConversionOptions& options, Comparison& comparison) {
     ConversionRun run = run_conversion(options, comparison);
-    if (!run.done || !comparison.needs_second_pass())
+    // What was written before a file was given up is perhaps written again as well.
+    const bool given_up = failed_to_write(run, comparison.given_up_file(), ENOSPC);
+    if ((!run.done && !given_up) || !comparison.needs_second_pass())
         return run;
     comparison.start_second_pass();
     const ConversionRun second = run_conversion(options, comparison);

@@ -105,6 +105,32 @@ TEST(ShortImages, HaveNoRestWhenTheyAreGivenUp) {
     }
 }
 
+/// Two items at one place, and after them one of that length.
+Firmware with_overlap_before(uint32_t mib) {
+    Firmware firmware = with_gpt();
+    firmware.items.push_back(partition_item("first", 0x8000, 0x200, patterned(100000, 1)));
+    firmware.items.push_back(partition_item("second", 0x8010, 0x20, patterned(16384, 2)));
+    SparseImage image;
+    image.chunks = {of_fill(mib)};
+    firmware.items.push_back(partition_item("long", 0x9000, mib * 2048, image.build()));
+    return firmware;
+}
+
+TEST(ShortImages, ThatAreGivenUpKnowWhatIsWrittenAgain) {
+    const CheckBench bench(kEmmc, with_overlap_before(1));
+    with_overlap_before(300).write(bench.firmware());
+    const Json document = bench.document({"--ignore=gpt"});
+    EXPECT_EQ(document.at("verdict"), "differs") << document.dump(1);
+    for (const std::string part : {"boot", "first", "second"})
+        EXPECT_EQ(verdict_of(document, part), "same") << part;
+    EXPECT_EQ(verdict_of(document, "long"), "differs");
+    EXPECT_EQ(part_of(document, "long").at("missing_bytes"), 256 * kMib);
+    bench.damage("out_image.img", 0x8000 * kSector + 5);
+    const Json damaged = bench.document({"--ignore=gpt"});
+    EXPECT_EQ(part_of(damaged, "first").at("differing_bytes"), 1);
+    EXPECT_EQ(verdict_of(damaged, "second"), "same");
+}
+
 TEST(ShortImages, OfTerabytesDifferInSeconds) {
     for (const SparseChunk& chunk : {of_zeros(uint64_t{1024} * 1024), of_fill(uint64_t{1024} * 1024)}) {
         const ShortImage bench(chunk);
