@@ -19,8 +19,8 @@ struct ConversionRun {
 /// directory.
 ConversionRun run_conversion(const ConversionOptions& options, OutputReceiver& receiver);
 
-/// True when nothing but this errno, with which the receiver refused bytes of the file, made the conversion
-/// fail at first. It then went through all its steps, and handed over the files after that one.
+/// True when the conversion failed because the receiver refused bytes of this file with this errno, and for
+/// no other reason. It still handed over the files after that one.
 bool failed_to_write(const ConversionRun& run, const std::string& file, int error);
 
 /// Runs the conversion into a comparison; a second time, as far as it is needed, where places are written

@@ -26,7 +26,7 @@ constexpr uint64_t kMostLeft = 4 * 1024 * 1024;
 // Bytes of the boot block and of the table that are looked at for a key and for another tool's changes.
 constexpr std::size_t kMostCaptured = 4 * 1024 * 1024;
 
-// Bytes of other parts that are waited for before these. A firmware can have terabytes before its table.
+// Most bytes of other parts that are taken before these come. A firmware can have terabytes before its table.
 constexpr uint64_t kMostBefore = 1024 * 1024 * 1024;
 
 /// Bytes that are not what the firmware gives, those that are missing or too many included.

@@ -95,7 +95,7 @@ public:
             count -= part;
             if (m_gathered == m_page.size()) {
                 if (!m_storage.write_page(m_page.data(), static_cast<uint32_t>(m_page.size())))
-                    return EIO;  // so it would each of the following pages
+                    return EIO;  // the following pages would be refused too
                 m_gathered = 0;
                 ++m_passed;
             }

@@ -53,8 +53,8 @@ class Messages {
 public:
     Messages() {
         send_messages_to([this](const std::string& text) {
-            // A stream may swallow it, so it is thrown again; not while something unwinds, which ends the
-            // process.
+            // A stream may swallow it, so each further message throws again. While another exception is
+            // under way it would end the process.
             if (++m_count > conversion_patience().messages && std::uncaught_exceptions() == 0)
                 throw EnoughSaid();
             m_last = text;
